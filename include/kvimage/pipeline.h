@@ -1,0 +1,170 @@
+#ifndef KVIMAGE_PIPELINE_H
+#define KVIMAGE_PIPELINE_H
+
+#include <exception>
+#include <tr1/memory>
+
+#include <kvimage/export.h>
+#include <kvimage/image.h>
+#include <kvimage/support.h>
+#include <kvimage/types.h>
+
+namespace kvo {
+
+// Maps an exception to a result code by its exact dynamic type: bad_alloc 8,
+// runtime_error 2, logic_error 3, invalid_argument 4, out_of_range 7, anything
+// else (derived classes included) defaultCode.
+KVIMAGE_EXPORT int ConvertExceptionToKVerr(std::exception& e, int defaultCode);
+
+namespace image {
+
+// An effect or keying stage. Setup runs once per render in the calling thread;
+// Render runs concurrently on threadCount threads, each writing only its own
+// share of the destination.
+class KVIMAGE_EXPORT AbstractRenderer {
+ public:
+  virtual ~AbstractRenderer();
+  virtual unsigned int Type() const = 0;
+  virtual void Setup(KVAbstractImage* source) = 0;
+  virtual int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                     unsigned char threadCount) = 0;
+};
+
+// A compositing stage: works in place on the background.
+class KVIMAGE_EXPORT AbstractCompositor {
+ public:
+  virtual ~AbstractCompositor();
+  virtual unsigned int Type() const = 0;
+  virtual void Setup(KVAbstractImage* background) = 0;
+  virtual int Render(KVAbstractImage* background, unsigned char threadIndex, unsigned char threadCount) = 0;
+};
+
+// One render thread's work for one stage of a processor or keyer.
+struct RenderThreadData {
+  unsigned char threadIndex;
+  unsigned char threadCount;
+  KVAbstractImage* source;
+  KVAbstractImage* destination;
+  std::tr1::shared_ptr<AbstractRenderer> renderer;
+};
+
+// One render thread's work for one stage of a compositor.
+struct CompositeThreadData {
+  unsigned char threadIndex;
+  unsigned char threadCount;
+  KVAbstractImage* background;
+  std::tr1::shared_ptr<AbstractCompositor> compositor;
+};
+
+// Thread entries. Each returns 0, or the code of the std::exception the stage
+// threw (ConvertExceptionToKVerr with default 1001), as the thread's result.
+KVIMAGE_EXPORT void* ProcessorRenderWorkerThread(void* data);
+KVIMAGE_EXPORT void* KeyRenderWorkerThread(void* data);
+KVIMAGE_EXPORT void* CompositeRenderWorkerThread(void* data);
+
+class KVIMAGE_EXPORT KVAbstractImageProcessor {
+ public:
+  virtual ~KVAbstractImageProcessor();
+  virtual KVAbstractImage* SourceImage() const = 0;
+  virtual unsigned short RenderQueueCount() const = 0;
+  virtual int ClearRenderQueue() = 0;
+  virtual int Render() = 0;
+};
+
+struct KVImageProcessor_Private;
+
+// The effects pipeline. Neither constructor takes ownership: the caller keeps
+// both images and the tables alive for the processor's lifetime. Each setter
+// validates, appends one stage and returns 0, or a result code and queues
+// nothing.
+class KVIMAGE_EXPORT KVImageProcessor : public KVAbstractImageProcessor {
+ public:
+  KVImageProcessor(KVAbstractImage* source, KVAbstractImage* destination, kvo::KVLookupTables& tables,
+                   KVDownsampleFactor factor);
+  KVImageProcessor(std::tr1::shared_ptr<KVAbstractImage> source, std::tr1::shared_ptr<KVAbstractImage> destination,
+                   kvo::KVLookupTables& tables, KVDownsampleFactor factor);
+  ~KVImageProcessor() override;
+  KVImageProcessor(const KVImageProcessor&) = delete;
+  KVImageProcessor& operator=(const KVImageProcessor&) = delete;
+
+  KVAbstractImage* SourceImage() const override;
+  unsigned short RenderQueueCount() const override;
+  int ClearRenderQueue() override;
+  int Render() override;
+
+  int SetOpacity(double opacity);
+  int SetMirror(bool first, bool second);
+  int SetSilhouette(KVPixel8_RGB colour);
+  int SetMatteView();
+
+ private:
+  KVImageProcessor_Private* m_private;
+};
+
+class KVIMAGE_EXPORT KVAbstractImageKeyer {
+ public:
+  virtual ~KVAbstractImageKeyer();
+  virtual KVAbstractImage* SourceImage() const = 0;
+  virtual unsigned short RenderQueueCount() const = 0;
+  virtual int ClearRenderQueue() = 0;
+  virtual int Render() = 0;
+};
+
+struct KVImageKeyer_Private;
+
+// The keying pipeline: the processor's queue with the keying and matte stages.
+class KVIMAGE_EXPORT KVImageKeyer : public KVAbstractImageKeyer {
+ public:
+  KVImageKeyer(KVAbstractImage* source, KVAbstractImage* destination, kvo::KVLookupTables& tables,
+               KVDownsampleFactor factor);
+  KVImageKeyer(std::tr1::shared_ptr<KVAbstractImage> source, std::tr1::shared_ptr<KVAbstractImage> destination,
+               kvo::KVLookupTables& tables, KVDownsampleFactor factor);
+  ~KVImageKeyer() override;
+  KVImageKeyer(const KVImageKeyer&) = delete;
+  KVImageKeyer& operator=(const KVImageKeyer&) = delete;
+
+  KVAbstractImage* SourceImage() const override;
+  unsigned short RenderQueueCount() const override;
+  int ClearRenderQueue() override;
+  int Render() override;
+
+ private:
+  KVImageKeyer_Private* m_private;
+};
+
+class KVIMAGE_EXPORT KVAbstractImageCompositor {
+ public:
+  virtual ~KVAbstractImageCompositor();
+  virtual KVAbstractImage* BackgroundLayer() const = 0;
+  virtual unsigned short RenderQueueCount() const = 0;
+  virtual int ClearRenderQueue() = 0;
+  virtual int Render() = 0;
+};
+
+struct KVImageCompositor_Private;
+
+// The layering pipeline: every stage works in place on the background. An
+// opacity below 1.0 fades the background once, at construction.
+class KVIMAGE_EXPORT KVImageCompositor : public KVAbstractImageCompositor {
+ public:
+  KVImageCompositor(KVAbstractImage* background, double opacity, kvo::KVLookupTables& tables,
+                    KVDownsampleFactor factor);
+  KVImageCompositor(std::tr1::shared_ptr<KVAbstractImage> background, double opacity, kvo::KVLookupTables& tables,
+                    KVDownsampleFactor factor);
+  ~KVImageCompositor() override;
+  KVImageCompositor(const KVImageCompositor&) = delete;
+  KVImageCompositor& operator=(const KVImageCompositor&) = delete;
+
+  KVAbstractImage* BackgroundLayer() const override;
+  unsigned short RenderQueueCount() const override;
+  int ClearRenderQueue() override;
+  int Render() override;
+
+ private:
+  KVImageCompositor_Private* m_private;
+};
+
+}  // namespace image
+}  // namespace kvo
+
+#endif

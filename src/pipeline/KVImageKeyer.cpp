@@ -1,0 +1,39 @@
+#include <kvimage/pipeline.h>
+
+#include "pipeline/RendererQueue.h"
+#include "pipeline/ResultCodes.h"
+#include "support/CPUExtensions.h"
+
+namespace kvo {
+namespace image {
+
+struct KVImageKeyer_Private : RendererQueue {
+  using RendererQueue::RendererQueue;
+};
+
+KVImageKeyer::KVImageKeyer(KVAbstractImage* source, KVAbstractImage* destination, kvo::KVLookupTables& tables,
+                           KVDownsampleFactor factor)
+    : m_private(new KVImageKeyer_Private(source, destination, tables, factor)) {}
+
+KVImageKeyer::KVImageKeyer(std::tr1::shared_ptr<KVAbstractImage> source,
+                           std::tr1::shared_ptr<KVAbstractImage> destination, kvo::KVLookupTables& tables,
+                           KVDownsampleFactor factor)
+    : m_private(new KVImageKeyer_Private(source.get(), destination.get(), tables, factor)) {}
+
+KVImageKeyer::~KVImageKeyer() {
+  try {
+    m_private->queue.clear();
+  } catch (std::exception&) {
+  }
+  delete m_private;
+}
+
+KVAbstractImage* KVImageKeyer::SourceImage() const { return m_private->source; }
+unsigned short KVImageKeyer::RenderQueueCount() const { return m_private->Count(); }
+int KVImageKeyer::ClearRenderQueue() { return m_private->Clear(); }
+int KVImageKeyer::Render() { return m_private->Render(KeyRenderWorkerThread); }
+
+void* KeyRenderWorkerThread(void* data) { return RunRenderThreadData(static_cast<RenderThreadData*>(data)); }
+
+}  // namespace image
+}  // namespace kvo

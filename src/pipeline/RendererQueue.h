@@ -1,0 +1,44 @@
+#ifndef KVIMAGE_SRC_PIPELINE_RENDERERQUEUE_H
+#define KVIMAGE_SRC_PIPELINE_RENDERERQUEUE_H
+
+#include <tr1/memory>
+#include <vector>
+
+#include <kvimage/pipeline.h>
+
+#include "support/Threads.h"
+
+namespace kvo {
+namespace image {
+
+// The state and queue algorithm shared by the image processor and the keyer.
+struct RendererQueue {
+  RendererQueue(KVAbstractImage* sourceImage, KVAbstractImage* destinationImage, kvo::KVLookupTables& lookupTables,
+                KVDownsampleFactor downsampleFactor)
+      : source(sourceImage), destination(destinationImage), tables(lookupTables), factor(downsampleFactor) {}
+
+  KVAbstractImage* source;
+  KVAbstractImage* destination;
+  kvo::KVLookupTables& tables;
+  KVDownsampleFactor factor;
+  std::vector<std::tr1::shared_ptr<AbstractRenderer> > queue;
+
+  // Takes ownership of stage and appends it; returns 0.
+  int Append(AbstractRenderer* stage);
+  unsigned short Count() const;
+  int Clear();
+  // Runs every stage in order: stage 0 reads the source, each stage but the
+  // last writes a fresh zero-filled image that the next one reads and that is
+  // released one stage later, and the last writes the destination. Returns
+  // the last non-zero thread code; thread failures and exceptions from Setup
+  // become result codes.
+  int Render(ThreadEntry workerEntry);
+};
+
+// The body of both renderer worker entries.
+void* RunRenderThreadData(RenderThreadData* data);
+
+}  // namespace image
+}  // namespace kvo
+
+#endif

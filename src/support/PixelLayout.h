@@ -1,0 +1,28 @@
+#ifndef KVIMAGE_SRC_SUPPORT_PIXELLAYOUT_H
+#define KVIMAGE_SRC_SUPPORT_PIXELLAYOUT_H
+
+#include <kvimage/image.h>
+
+namespace kvo {
+namespace image {
+
+// Byte positions within a pixel of channel order 1 (blue, green, red, alpha),
+// the order every stage processes.
+enum : unsigned int {
+  kBlueByte = 0,
+  kGreenByte = 1,
+  kRedByte = 2,
+  kAlphaByte = 3,
+  kBytesPerPixel = 4
+};
+
+// Stages treat every image as a KVImage8 to reach its bytes.
+inline unsigned char* PixelBytes(KVAbstractImage* image) { return static_cast<KVImage8*>(image)->Buffer(); }
+
+// In channel order 2 (alpha, red, green, blue) alpha is byte 0.
+enum : unsigned int { kAlphaByteARGB = 0 };
+
+}  // namespace image
+}  // namespace kvo
+
+#endif

@@ -1,0 +1,73 @@
+#include "support/ThreadShare.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+
+#include "support/Conversions.h"
+#include "support/PixelLayout.h"
+
+namespace kvo {
+namespace image {
+
+namespace {
+
+// The documented share arithmetic, in 32-bit unsigned values: every thread but
+// the last gets `share`, the last what remains of `total` (wrapping when there
+// are more threads than units).
+void ShareOf(uint32_t total, uint32_t share, unsigned char threadIndex, unsigned char threadCount,
+             unsigned long& start, unsigned long& count) {
+  start = static_cast<uint32_t>(share * threadIndex);
+  count = share;
+  if (threadIndex == threadCount - 1 && static_cast<uint64_t>(total) < static_cast<uint64_t>(share) * (threadIndex + 1u)) {
+    count = static_cast<uint32_t>(total - share * threadIndex);
+  }
+}
+
+uint32_t PixelsPerShare(uint32_t totalPixels, unsigned char threadCount) {
+  return SaturateToUInt32(std::ceil(static_cast<double>(totalPixels) / static_cast<double>(threadCount)));
+}
+
+ShareRun Cut(unsigned long start, unsigned long count, size_t limit) {
+  ShareRun run = {0, 0};
+  if (start >= limit) return run;
+  run.start = start;
+  run.count = std::min<size_t>(count, limit - start);
+  return run;
+}
+
+}  // namespace
+
+void GetPixelsPerThread(unsigned int width, unsigned int height, unsigned char threadIndex, unsigned char threadCount,
+                        unsigned long& start, unsigned long& count) {
+  const uint32_t total = width * height;
+  ShareOf(total, PixelsPerShare(total, threadCount), threadIndex, threadCount, start, count);
+}
+
+void GetBufferSizePerThread(unsigned int width, unsigned int height, unsigned char threadIndex,
+                            unsigned char threadCount, unsigned long& start, unsigned long& count) {
+  const uint32_t total = width * height;
+  ShareOf(total * kBytesPerPixel, PixelsPerShare(total, threadCount) * kBytesPerPixel, threadIndex, threadCount, start,
+          count);
+}
+
+ShareRun PixelShare(unsigned int width, unsigned int height, unsigned char threadIndex, unsigned char threadCount,
+                    size_t limitPixels) {
+  unsigned long start = 0, count = 0;
+  GetPixelsPerThread(width, height, threadIndex, threadCount, start, count);
+  return Cut(start, count, limitPixels);
+}
+
+ShareRun ByteShare(unsigned int width, unsigned int height, unsigned char threadIndex, unsigned char threadCount,
+                   size_t limitBytes) {
+  unsigned long start = 0, count = 0;
+  GetBufferSizePerThread(width, height, threadIndex, threadCount, start, count);
+  return Cut(start, count, limitBytes);
+}
+
+size_t CommonByteSize(const KVAbstractImage* a, const KVAbstractImage* b) {
+  return std::min(a->BufferByteSize(), b->BufferByteSize());
+}
+
+}  // namespace image
+}  // namespace kvo
