@@ -1,0 +1,84 @@
+#ifndef KVIMAGE_TESTS_TESTSUPPORT_H
+#define KVIMAGE_TESTS_TESTSUPPORT_H
+
+// Helpers shared by the test files: fixed thread counts, images with guard
+// bytes behind them at a chosen alignment, and repeatable pixel patterns.
+#include <kvimage/kvimage.h>
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace kvtest {
+
+using kvo::image::KVImage8;
+
+// Fixes KVSystem's core count for one scope.
+class ScopedCoreCount {
+ public:
+  explicit ScopedCoreCount(unsigned int count) { kvo::KVSystem::SetCPUCoreCount(count); }
+  ~ScopedCoreCount() { kvo::KVSystem::SetCPUCoreCount(0); }
+  ScopedCoreCount(const ScopedCoreCount&) = delete;
+  ScopedCoreCount& operator=(const ScopedCoreCount&) = delete;
+};
+
+// Extension records that force a stage's plain or vector path.
+const kvtl::CPUExtensions kPlainPath = {true, true, false, false};
+const kvtl::CPUExtensions kVectorPath = {true, true, true, false};
+
+// A BGRA image whose pixels start `offset` bytes past a 64-byte boundary
+// (offset 1 reaches the unaligned branches of vector code), followed by guard
+// bytes that must survive every render.
+class GuardedImage {
+ public:
+  static const size_t kGuardBytes = 64;
+  static const unsigned char kGuardValue = 0xA5;
+
+  GuardedImage(unsigned int width, unsigned int height, size_t offset = 0,
+               kvo::image::KVPixelChannelOrder order = kvo::image::kPixelOrderBGRA)
+      : m_bytes(static_cast<size_t>(width) * height * 4),
+        m_storage(m_bytes + offset + kGuardBytes + 64, kGuardValue) {
+    uintptr_t base = reinterpret_cast<uintptr_t>(m_storage.data());
+    size_t lead = (64 - base % 64) % 64;
+    m_pixels = m_storage.data() + lead + offset;
+    std::memset(m_pixels, 0, m_bytes);
+    m_image.reset(new KVImage8(m_pixels, width, height, order));
+  }
+
+  KVImage8* image() { return m_image.get(); }
+  unsigned char* pixels() { return m_pixels; }
+  size_t bytes() const { return m_bytes; }
+  unsigned char& at(unsigned int x, unsigned int y, unsigned int channel) {
+    return m_pixels[(static_cast<size_t>(y) * m_image->Width() + x) * 4 + channel];
+  }
+  std::vector<unsigned char> contents() const { return std::vector<unsigned char>(m_pixels, m_pixels + m_bytes); }
+  void fill(const std::vector<unsigned char>& bytes) { std::memcpy(m_pixels, bytes.data(), m_bytes); }
+  bool guardsIntact() const {
+    for (size_t i = 0; i < kGuardBytes; ++i) {
+      if (m_pixels[m_bytes + i] != kGuardValue) return false;
+    }
+    return true;
+  }
+
+ private:
+  size_t m_bytes;
+  std::vector<unsigned char> m_storage;
+  unsigned char* m_pixels;
+  std::unique_ptr<KVImage8> m_image;
+};
+
+// A repeatable pseudo-random byte pattern.
+inline std::vector<unsigned char> PatternBytes(size_t count, uint32_t seed) {
+  std::vector<unsigned char> bytes(count);
+  uint32_t state = seed * 2654435761u + 12345u;
+  for (size_t i = 0; i < count; ++i) {
+    state = state * 1664525u + 1013904223u;
+    bytes[i] = static_cast<unsigned char>(state >> 24);
+  }
+  return bytes;
+}
+
+}  // namespace kvtest
+
+#endif
