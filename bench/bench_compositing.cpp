@@ -23,7 +23,9 @@ void BM_LayerCompositor(benchmark::State& state) {
   compositor.AddLayer(layer.image(), 0.8, mode, type);
   for (auto _ : state) benchmark::DoNotOptimize(compositor.Render());
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * background.bytes());
-  const char* modeName = mode == kvo::image::kBlendNormal ? "normal" : (mode == kvo::image::kBlendMultiply ? "multiply" : "screen");
+  const char* modeName = mode == kvo::image::kBlendNormal     ? "normal"
+                         : mode == kvo::image::kBlendMultiply ? "multiply"
+                                                              : "screen";
   state.SetLabel(std::string(modeName) + (type == kvo::image::kCompositeColorOnly ? " colour-only" : " alpha"));
 }
 BENCHMARK(BM_LayerCompositor)

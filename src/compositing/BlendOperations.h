@@ -64,8 +64,8 @@ int DispatchBlendMode(KVBlendMode mode, Action& action) {
 // opacity of 255 stops one short of result. Computed in wrapping 32-bit
 // arithmetic so that out-of-range host values cannot overflow.
 inline int BlendTowards(int bottom, int result, int opacity) {
-  const int32_t product =
-      static_cast<int32_t>((static_cast<uint32_t>(result) - static_cast<uint32_t>(bottom)) * static_cast<uint32_t>(opacity));
+  const uint32_t step = static_cast<uint32_t>(result) - static_cast<uint32_t>(bottom);
+  const int32_t product = static_cast<int32_t>(step * static_cast<uint32_t>(opacity));
   return static_cast<int32_t>(static_cast<uint32_t>(bottom) + static_cast<uint32_t>(product >> 8));
 }
 
