@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <limits>
 #include <string>
@@ -71,21 +72,20 @@ void ReferenceComposite(Bytes& background, const Bytes& layer, double opacity, i
   }
 }
 
-// A 1 x 1 composite through the compositor, one thread.
-struct OnePixel {
-  unsigned char b[4];
-};
-OnePixel CompositeOnePixel(const unsigned char (&background)[4], const unsigned char (&layer)[4], double opacity,
-                           KVBlendMode mode, KVCompositeType type) {
+// A 1 x 1 composite through the compositor, one thread, as (b, g, r, a).
+typedef std::array<int, 4> Pixel;
+Pixel CompositeOnePixel(const Pixel& background, const Pixel& layer, double opacity, KVBlendMode mode,
+                        KVCompositeType type) {
   KVLookupTables tables;
   ScopedCoreCount cores(1);
-  OnePixel out = {{background[0], background[1], background[2], background[3]}};
-  unsigned char top[4] = {layer[0], layer[1], layer[2], layer[3]};
-  KVImage8 canvas(out.b, 1, 1, kPixelOrderBGRA), over(top, 1, 1, kPixelOrderBGRA);
+  unsigned char bottom[4], top[4];
+  for (int c = 0; c < 4; ++c) bottom[c] = static_cast<unsigned char>(background[c]);
+  for (int c = 0; c < 4; ++c) top[c] = static_cast<unsigned char>(layer[c]);
+  KVImage8 canvas(bottom, 1, 1, kPixelOrderBGRA), over(top, 1, 1, kPixelOrderBGRA);
   KVImageCompositor compositor(&canvas, 1.0, tables, kDownsampleNone);
   EXPECT_EQ(0, compositor.AddLayer(&over, opacity, mode, type));
   EXPECT_EQ(0, compositor.Render());
-  return out;
+  return Pixel{bottom[0], bottom[1], bottom[2], bottom[3]};
 }
 
 std::string Escaped(const std::string& text) {
@@ -273,39 +273,20 @@ TEST(LayerCompositorColourOnly, ContractExample) {
 }
 
 TEST(LayerCompositorColourOnly, OpaqueLayerAtFullOpacityStopsOneShort) {
-  const unsigned char bg[4] = {0, 255, 10, 77}, fg[4] = {255, 0, 10, 255};
-  const OnePixel out = CompositeOnePixel(bg, fg, 1.0, kBlendNormal, kCompositeColorOnly);
-  EXPECT_EQ(254, out.b[0]);
-  // Downwards the shift rounds toward minus infinity and does reach the top:
-  // 255 + ((-255 * 255) >> 8) = 255 + floor(-254.004) = 0.
-  EXPECT_EQ(0, out.b[1]);
-  EXPECT_EQ(10, out.b[2]);
-  EXPECT_EQ(77, out.b[3]);
+  // Upwards 255 stops one short: (255 * 255) >> 8 = 254. Downwards the shift
+  // rounds toward minus infinity and reaches the top: 255 + floor(-254.004).
+  EXPECT_EQ(Pixel({254, 0, 10, 77}),
+            CompositeOnePixel({0, 255, 10, 77}, {255, 0, 10, 255}, 1.0, kBlendNormal, kCompositeColorOnly));
 }
 
-TEST(LayerCompositorColourOnly, ClearLayerOrZeroOpacityChangesNothingButReplace) {
-  const unsigned char bg[4] = {10, 20, 30, 40}, clear[4] = {200, 150, 100, 0}, opaque[4] = {200, 150, 100, 255};
+TEST(LayerCompositorColourOnly, ClearLayerZeroOrNaNOpacityChangeNothingButReplace) {
+  const Pixel bg = {10, 20, 30, 40}, clear = {200, 150, 100, 0}, opaque = {200, 150, 100, 255};
   for (int mode : kEveryMode) {
-    SCOPED_TRACE(mode);
-    const bool replace = mode == kBlendReplace;
-    for (const auto* fg : {&clear, &opaque}) {
-      const double opacity = fg == &clear ? 1.0 : 0.0;
-      const OnePixel out = CompositeOnePixel(bg, *fg, opacity, KVBlendMode(mode), kCompositeColorOnly);
-      EXPECT_EQ(replace ? 200 : 10, out.b[0]);
-      EXPECT_EQ(replace ? 150 : 20, out.b[1]);
-      EXPECT_EQ(replace ? 100 : 30, out.b[2]);
-      EXPECT_EQ(40, out.b[3]);
-    }
+    const Pixel expected = mode == kBlendReplace ? Pixel{200, 150, 100, 40} : bg;
+    EXPECT_EQ(expected, CompositeOnePixel(bg, clear, 1.0, KVBlendMode(mode), kCompositeColorOnly)) << mode;
+    EXPECT_EQ(expected, CompositeOnePixel(bg, opaque, 0.0, KVBlendMode(mode), kCompositeColorOnly)) << mode;
+    EXPECT_EQ(expected, CompositeOnePixel(bg, opaque, std::nan(""), KVBlendMode(mode), kCompositeColorOnly)) << mode;
   }
-}
-
-TEST(LayerCompositorColourOnly, NaNOpacityCompositesAsZero) {
-  const unsigned char bg[4] = {10, 20, 30, 40}, fg[4] = {200, 150, 100, 255};
-  const OnePixel out = CompositeOnePixel(bg, fg, std::nan(""), kBlendScreen, kCompositeColorOnly);
-  EXPECT_EQ(10, out.b[0]);
-  EXPECT_EQ(20, out.b[1]);
-  EXPECT_EQ(30, out.b[2]);
-  EXPECT_EQ(40, out.b[3]);
 }
 
 // ---------------------------------------------------------------- alpha path
@@ -316,13 +297,9 @@ TEST(LayerCompositorColourOnly, NaNOpacityCompositesAsZero) {
 // Green: (255 * 200 + 0) / 228 = 223.68 -> 223
 // Red:   (0 + 255 * k) / 228 = 7040 / 228 = 30.88 -> 30
 TEST(LayerCompositorAlpha, NormalPixelByHand) {
-  const unsigned char bg[4] = {50, 0, 255, 128}, fg[4] = {100, 255, 0, 200};
   for (KVCompositeType type : {kCompositeAlphaFill, kCompositeAlpha, KVCompositeType(7)}) {
-    const OnePixel out = CompositeOnePixel(bg, fg, 1.0, kBlendNormal, type);
-    EXPECT_EQ(93, out.b[0]);
-    EXPECT_EQ(223, out.b[1]);
-    EXPECT_EQ(30, out.b[2]);
-    EXPECT_EQ(228, out.b[3]);
+    EXPECT_EQ(Pixel({93, 223, 30, 228}),
+              CompositeOnePixel({50, 0, 255, 128}, {100, 255, 0, 200}, 1.0, kBlendNormal, type));
   }
 }
 
@@ -331,74 +308,41 @@ TEST(LayerCompositorAlpha, NormalPixelByHand) {
 // raw background would give 157. oA = 255 and k = 0: 78 * 255 / 255 = 78.
 // Replace takes the top value like normal on this path.
 TEST(LayerCompositorAlpha, BlendOperandIsAlphaWeighted) {
-  const unsigned char bg[4] = {200, 200, 200, 128}, fg[4] = {200, 0, 255, 255};
-  OnePixel out = CompositeOnePixel(bg, fg, 1.0, kBlendMultiply, kCompositeAlpha);
-  EXPECT_EQ(78, out.b[0]);
-  EXPECT_EQ(0, out.b[1]);
-  EXPECT_EQ(100, out.b[2]);
-  EXPECT_EQ(255, out.b[3]);
-  out = CompositeOnePixel(bg, fg, 1.0, kBlendReplace, kCompositeAlpha);
-  EXPECT_EQ(200, out.b[0]);
-  EXPECT_EQ(0, out.b[1]);
-  EXPECT_EQ(255, out.b[2]);
-  EXPECT_EQ(255, out.b[3]);
+  const Pixel bg = {200, 200, 200, 128}, fg = {200, 0, 255, 255};
+  EXPECT_EQ(Pixel({78, 0, 100, 255}), CompositeOnePixel(bg, fg, 1.0, kBlendMultiply, kCompositeAlpha));
+  EXPECT_EQ(Pixel({200, 0, 255, 255}), CompositeOnePixel(bg, fg, 1.0, kBlendReplace, kCompositeAlpha));
 }
 
 // At opacity 0 the colour is b * (bA / 255 * 255) * (1 / bA) in single
 // precision. For bA 41 that product lands just below the integer
 // (1 -> 0.99999994), so truncation moves such colours down by one; bA 128
-// gives them back exactly.
+// gives them back exactly. A NaN opacity composites as 0.
 TEST(LayerCompositorAlpha, ZeroOpacityUnpremultipliesInSinglePrecision) {
-  const unsigned char fg[4] = {255, 255, 255, 255};
-  const unsigned char bg41[4] = {1, 2, 3, 41};
-  OnePixel out = CompositeOnePixel(bg41, fg, 0.0, kBlendNormal, kCompositeAlpha);
-  EXPECT_EQ(0, out.b[0]);
-  EXPECT_EQ(1, out.b[1]);
-  EXPECT_EQ(3, out.b[2]);
-  EXPECT_EQ(41, out.b[3]);
-  const OnePixel nan = CompositeOnePixel(bg41, fg, std::nan(""), kBlendNormal, kCompositeAlpha);
-  EXPECT_EQ(0, std::memcmp(out.b, nan.b, 4));
-  const unsigned char bg128[4] = {1, 2, 3, 128};
-  out = CompositeOnePixel(bg128, fg, 0.0, kBlendNormal, kCompositeAlpha);
-  EXPECT_EQ(1, out.b[0]);
-  EXPECT_EQ(2, out.b[1]);
-  EXPECT_EQ(3, out.b[2]);
-  EXPECT_EQ(128, out.b[3]);
+  const Pixel fg = {255, 255, 255, 255};
+  EXPECT_EQ(Pixel({0, 1, 3, 41}), CompositeOnePixel({1, 2, 3, 41}, fg, 0.0, kBlendNormal, kCompositeAlpha));
+  EXPECT_EQ(Pixel({0, 1, 3, 41}), CompositeOnePixel({1, 2, 3, 41}, fg, std::nan(""), kBlendNormal, kCompositeAlpha));
+  EXPECT_EQ(Pixel({1, 2, 3, 128}), CompositeOnePixel({1, 2, 3, 128}, fg, 0.0, kBlendNormal, kCompositeAlpha));
 }
 
+// Opacity 0 makes fa 0; type 1 still copies the layer's own alpha.
 TEST(LayerCompositorAlpha, CombinedAlphaZeroFillsOrKeeps) {
-  const unsigned char bg[4] = {10, 20, 30, 0}, fg[4] = {200, 150, 100, 77};
-  // Opacity 0 makes fa 0; type 1 still copies the layer's own alpha.
-  OnePixel out = CompositeOnePixel(bg, fg, 0.0, kBlendMultiply, kCompositeAlphaFill);
-  EXPECT_EQ(0, std::memcmp(out.b, fg, 4));
-  out = CompositeOnePixel(bg, fg, 0.0, kBlendMultiply, kCompositeAlpha);
-  EXPECT_EQ(0, std::memcmp(out.b, bg, 4));
-  out = CompositeOnePixel(bg, fg, 0.0, kBlendMultiply, KVCompositeType(-3));
-  EXPECT_EQ(0, std::memcmp(out.b, bg, 4));
-  const unsigned char clearLayer[4] = {200, 150, 100, 0};
-  out = CompositeOnePixel(bg, clearLayer, 1.0, kBlendNormal, kCompositeAlphaFill);
-  EXPECT_EQ(0, std::memcmp(out.b, clearLayer, 4));
+  const Pixel bg = {10, 20, 30, 0}, fg = {200, 150, 100, 77}, clearFg = {200, 150, 100, 0};
+  EXPECT_EQ(fg, CompositeOnePixel(bg, fg, 0.0, kBlendMultiply, kCompositeAlphaFill));
+  EXPECT_EQ(bg, CompositeOnePixel(bg, fg, 0.0, kBlendMultiply, kCompositeAlpha));
+  EXPECT_EQ(bg, CompositeOnePixel(bg, fg, 0.0, kBlendMultiply, KVCompositeType(-3)));
+  EXPECT_EQ(clearFg, CompositeOnePixel(bg, clearFg, 1.0, kBlendNormal, kCompositeAlphaFill));
 }
 
 // Background alpha 0 under a layer: p = 0 and k = 0, so the colour is the
-// blend with a black operand, un-premultiplied by fa; a clear layer over an
-// opaque background keeps the background (k = 255 / 255 * 255, inv = 1/255).
+// blend with a black operand, un-premultiplied by fa. A clear layer over an
+// opaque background keeps it (k = 255 / 255 * 255, inv = 1 / 255).
 TEST(LayerCompositorAlpha, AlphaZeroOnEitherSide) {
-  const unsigned char clearBg[4] = {90, 90, 90, 0}, fg[4] = {200, 255, 0, 255};
-  OnePixel out = CompositeOnePixel(clearBg, fg, 1.0, kBlendNormal, kCompositeAlpha);
-  EXPECT_EQ(200, out.b[0]);
-  EXPECT_EQ(255, out.b[1]);
-  EXPECT_EQ(0, out.b[2]);
-  EXPECT_EQ(255, out.b[3]);
-  out = CompositeOnePixel(clearBg, fg, 1.0, kBlendMultiply, kCompositeAlpha);  // multiply with 0
-  EXPECT_EQ(0, out.b[0]);
-  EXPECT_EQ(0, out.b[1]);
-  EXPECT_EQ(0, out.b[2]);
-  out = CompositeOnePixel(clearBg, fg, 1.0, kBlendScreen, kCompositeAlpha);  // screen with 0
-  EXPECT_EQ(200, out.b[0]);
-  const unsigned char opaqueBg[4] = {1, 128, 254, 255}, clearFg[4] = {200, 0, 100, 0};
-  out = CompositeOnePixel(opaqueBg, clearFg, 1.0, kBlendDifference, kCompositeAlpha);
-  EXPECT_EQ(0, std::memcmp(out.b, opaqueBg, 4));
+  const Pixel clearBg = {90, 90, 90, 0}, fg = {200, 255, 0, 255};
+  EXPECT_EQ(Pixel({200, 255, 0, 255}), CompositeOnePixel(clearBg, fg, 1.0, kBlendNormal, kCompositeAlpha));
+  EXPECT_EQ(Pixel({0, 0, 0, 255}), CompositeOnePixel(clearBg, fg, 1.0, kBlendMultiply, kCompositeAlpha));
+  EXPECT_EQ(Pixel({200, 255, 0, 255}), CompositeOnePixel(clearBg, fg, 1.0, kBlendScreen, kCompositeAlpha));
+  const Pixel opaqueBg = {1, 128, 254, 255};
+  EXPECT_EQ(opaqueBg, CompositeOnePixel(opaqueBg, {200, 0, 100, 0}, 1.0, kBlendDifference, kCompositeAlpha));
 }
 
 // ---------------------------------------------------------------- whole images
