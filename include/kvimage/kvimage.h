@@ -9,5 +9,6 @@
 #include <kvimage/image.h>
 #include <kvimage/pipeline.h>
 #include <kvimage/colour.h>
+#include <kvimage/compositing.h>
 
 #endif

@@ -160,6 +160,15 @@ class KVIMAGE_EXPORT KVImageCompositor : public KVAbstractImageCompositor {
   int ClearRenderQueue() override;
   int Render() override;
 
+  // Queues a LayerCompositor laying layer over the background: 1000 when the
+  // layer does not match the background (checked first), 7 when opacity is
+  // outside 0 .. 1 (NaN passes and composites as 0), else 0. The mode and the
+  // type are not checked. The layer is not owned: keep it alive until the
+  // last render.
+  int AddLayer(KVAbstractImage* layer, double opacity, KVBlendMode blendMode, KVCompositeType compositeType);
+  int AddLayer(std::tr1::shared_ptr<KVAbstractImage> layer, double opacity, KVBlendMode blendMode,
+               KVCompositeType compositeType);
+
  private:
   KVImageCompositor_Private* m_private;
 };

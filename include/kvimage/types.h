@@ -36,6 +36,34 @@ struct KVPixel8_RGB {
 KVIMAGE_EXPORT double DownsampleValue(KVDownsampleFactor factor);
 KVIMAGE_EXPORT unsigned int NumberOfChannels(KVPixelChannelOrder order);
 
+// How a top (layer) value is combined with a bottom (background) value. The
+// underlying type is fixed so that a host may pass any 32-bit value: every
+// value above kBlendReplace behaves as kBlendNormal.
+enum KVBlendMode : int {
+  kBlendAdd = 0,          // min(top + bottom, 255)
+  kBlendColorBurn = 1,
+  kBlendColorDodge = 2,
+  kBlendDarken = 3,
+  kBlendDifference = 4,
+  kBlendExclusion = 5,
+  kBlendHardLight = 6,
+  kBlendLighten = 7,
+  kBlendMultiply = 8,
+  kBlendNormal = 9,       // top
+  kBlendOverlay = 10,
+  kBlendScreen = 11,
+  kBlendSoftLight = 12,
+  kBlendReplace = 13      // top, whatever the opacity
+};
+
+// How the background's alpha takes part in a layer composite. Every value
+// other than 0 and 1 behaves as kCompositeAlpha.
+enum KVCompositeType : int {
+  kCompositeColorOnly = 0,  // colour blended by layer alpha x opacity; background alpha kept
+  kCompositeAlphaFill = 1,  // over-composite; where the combined alpha is 0 the layer pixel is copied
+  kCompositeAlpha = 2       // over-composite; where the combined alpha is 0 the background is kept
+};
+
 }  // namespace image
 }  // namespace kvo
 

@@ -2,6 +2,7 @@
 #include <vector>
 
 #include <kvimage/colour.h>
+#include <kvimage/compositing.h>
 #include <kvimage/pipeline.h>
 
 #include "pipeline/ResultCodes.h"
@@ -87,6 +88,21 @@ int KVImageCompositor::Render() {
     }
     return result;
   });
+}
+
+int KVImageCompositor::AddLayer(KVAbstractImage* layer, double opacity, KVBlendMode blendMode,
+                                KVCompositeType compositeType) {
+  return GuardedCall([&] {
+    if (!DoKVAbstractImagesMatch(layer, m_private->background)) return static_cast<int>(kResultImagesDoNotMatch);
+    // NaN passes: the stage clamps the weighted alpha it makes of it to 0.
+    if (opacity < 0.0 || opacity > 1.0) return static_cast<int>(kResultOutOfRange);
+    return m_private->Append(new LayerCompositor(layer, opacity, compositeType, blendMode, m_private->tables));
+  });
+}
+
+int KVImageCompositor::AddLayer(std::tr1::shared_ptr<KVAbstractImage> layer, double opacity, KVBlendMode blendMode,
+                                KVCompositeType compositeType) {
+  return AddLayer(layer.get(), opacity, blendMode, compositeType);
 }
 
 void* CompositeRenderWorkerThread(void* data) {

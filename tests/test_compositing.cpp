@@ -1,0 +1,506 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+
+using namespace kvo::image;
+using kvo::KVLookupTables;
+using kvtest::GuardedImage;
+using kvtest::PatternBytes;
+using kvtest::ScopedCoreCount;
+
+namespace {
+
+typedef std::vector<unsigned char> Bytes;
+
+// The straightforward form of the layer composite, pixel by pixel, written
+// from the documented formulas: the oracle for the stage's mode-specialised
+// loops.
+int ReferenceWeightedAlpha(unsigned char alpha, double opacity) {
+  const double product = alpha * opacity;
+  if (std::isnan(product) || product <= 0.0) return 0;
+  return product >= 255.0 ? 255 : static_cast<int>(product);
+}
+
+int ReferenceAlphaPathColour(int mode, int top, int operand, KVLookupTables& t) {
+  const unsigned char f = static_cast<unsigned char>(top), p = static_cast<unsigned char>(operand);
+  switch (mode) {
+    case kBlendAdd: return top + operand > 255 ? 255 : top + operand;
+    case kBlendColorBurn: return t.ColorBurnBlend(f, p);
+    case kBlendColorDodge: return t.ColorDodgeBlend(f, p);
+    case kBlendDarken: return t.DarkenBlend(f, p);
+    case kBlendDifference: return t.DifferenceBlend(f, p);
+    case kBlendExclusion: return t.ExclusionBlend(f, p);
+    case kBlendHardLight: return t.HardLightBlend(f, p);
+    case kBlendLighten: return t.LightenBlend(f, p);
+    case kBlendMultiply: return t.MultiplyBlend(f, p);
+    case kBlendOverlay: return t.OverlayBlend(f, p);
+    case kBlendScreen: return t.ScreenBlend(f, p);
+    case kBlendSoftLight: return t.SoftLightBlend(f, p);
+    default: return top;
+  }
+}
+
+void ReferenceComposite(Bytes& background, const Bytes& layer, double opacity, int type, int mode,
+                        KVLookupTables& t) {
+  for (size_t i = 0; i + 4 <= background.size(); i += 4) {
+    unsigned char* b = &background[i];
+    const unsigned char* f = &layer[i];
+    const int fa = ReferenceWeightedAlpha(f[3], opacity);
+    if (type == kCompositeColorOnly) {
+      for (int c = 0; c < 3; ++c) b[c] = static_cast<unsigned char>(BlendPixel(b[c], f[c], KVBlendMode(mode), fa, t));
+      continue;
+    }
+    const unsigned char oA = t.AlphaChannelBlend(b[3], static_cast<unsigned char>(fa));
+    if (oA == 0) {
+      if (type == kCompositeAlphaFill) std::copy(f, f + 4, b);
+      continue;
+    }
+    const float inv = t.Invert(oA);
+    const float k = t.DivideBy255(b[3]) * (255 - fa);
+    for (int c = 0; c < 3; ++c) {
+      const int colour = ReferenceAlphaPathColour(mode, f[c], t.AlphaBlend(b[c], b[3]), t);
+      const float value = ((float)(colour * fa) + (float)b[c] * k) * inv;
+      b[c] = static_cast<unsigned char>(value >= 255.0f ? 255 : static_cast<int>(value));
+    }
+    b[3] = oA;
+  }
+}
+
+// A 1 x 1 composite through the compositor, one thread, as (b, g, r, a).
+typedef std::array<int, 4> Pixel;
+Pixel CompositeOnePixel(const Pixel& background, const Pixel& layer, double opacity, KVBlendMode mode,
+                        KVCompositeType type) {
+  KVLookupTables tables;
+  ScopedCoreCount cores(1);
+  unsigned char bottom[4], top[4];
+  for (int c = 0; c < 4; ++c) bottom[c] = static_cast<unsigned char>(background[c]);
+  for (int c = 0; c < 4; ++c) top[c] = static_cast<unsigned char>(layer[c]);
+  KVImage8 canvas(bottom, 1, 1, kPixelOrderBGRA), over(top, 1, 1, kPixelOrderBGRA);
+  KVImageCompositor compositor(&canvas, 1.0, tables, kDownsampleNone);
+  EXPECT_EQ(0, compositor.AddLayer(&over, opacity, mode, type));
+  EXPECT_EQ(0, compositor.Render());
+  return Pixel{bottom[0], bottom[1], bottom[2], bottom[3]};
+}
+
+std::string Escaped(const std::string& text) {
+  std::string out;
+  for (char ch : text) {
+    if (std::string("\\^$.|?*+()[]{}").find(ch) != std::string::npos) out += '\\';
+    out += ch;
+  }
+  return out;
+}
+
+// An image of another depth; only its description is ever read.
+class DeepImage : public KVAbstractImage {
+ public:
+  DeepImage(unsigned int width, unsigned int height, unsigned int depth)
+      : m_width(width), m_height(height), m_depth(depth) {}
+  KVPixelChannelOrder PixelChannelOrder() const override { return kPixelOrderBGRA; }
+  unsigned int BitsPerChannel() const override { return m_depth; }
+  unsigned int Width() const override { return m_width; }
+  unsigned int Height() const override { return m_height; }
+  unsigned int BufferSize() const override { return m_width * m_height * 4; }
+  unsigned int BufferByteSize() const override { return m_width * m_height * 4; }
+
+ private:
+  unsigned int m_width, m_height, m_depth;
+};
+
+const int kEveryMode[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 200, -1};
+
+}  // namespace
+
+// ---------------------------------------------------------------- lookup tables
+
+TEST(CompositingTables, PropertiesTheBlendModesRelyOn) {
+  KVLookupTables t;
+  for (int a = 0; a < 256; ++a) {
+    const unsigned char x = static_cast<unsigned char>(a);
+    EXPECT_EQ(a, t.MultiplyBlend(x, 255));
+    EXPECT_EQ(a, t.MultiplyBlend(255, x));
+    EXPECT_EQ(a, t.ScreenBlend(x, 0));
+    EXPECT_EQ(a, t.ScreenBlend(0, x));
+    EXPECT_EQ(a, t.AlphaChannelBlend(x, 0));
+    EXPECT_EQ(a, t.AlphaBlend(x, 255));
+    for (int b = 0; b < 256; b += 5) {
+      const unsigned char y = static_cast<unsigned char>(b);
+      EXPECT_EQ(std::min(a, b), t.DarkenBlend(x, y));
+      EXPECT_EQ(std::max(a, b), t.LightenBlend(x, y));
+      EXPECT_EQ(std::abs(a - b), t.DifferenceBlend(x, y));
+    }
+  }
+  EXPECT_EQ(0.0f, t.Invert(0));
+  EXPECT_EQ(1.0f / 228.0f, t.Invert(228));
+  EXPECT_EQ(128.0f / 255.0f, t.DivideBy255(128));
+}
+
+// ---------------------------------------------------------------- BlendPixel
+
+// Top 200 over bottom 100. r is the mode's result before opacity, worked out
+// from the table curves: burn 255 - round((155 * 255) / 200) = 57; dodge
+// 100 * 255 / 55 > 255; exclusion round((300 * 255 - 40000) / 255) = 143;
+// hard light screens with 2 * 200 - 255 = 145: round((245 * 255 - 14500) /
+// 255) = 188; multiply round(20000 / 255) = 78; overlay is hard light with the
+// operands swapped: round(2 * 100 * 200 / 255) = 157; screen round((300 * 255
+// - 20000) / 255) = 222; soft light 0.392 + 0.569 * (sqrt(0.392) - 0.392) =
+// 0.525 -> 134. The weighted step is 100 + (((r - 100) * opacity) >> 8),
+// rounding a negative step down (burn at 128: -43 * 128 >> 8 = -22).
+TEST(BlendPixel, EveryModeAtOpacity0_128_255_256) {
+  struct Row {
+    KVBlendMode mode;
+    int at0, at128, at255, at256;
+  };
+  const Row rows[] = {
+      {kBlendAdd, 100, 177, 254, 255},       {kBlendColorBurn, 100, 78, 57, 57},
+      {kBlendColorDodge, 100, 177, 254, 255}, {kBlendDarken, 100, 100, 100, 100},
+      {kBlendDifference, 100, 100, 100, 100}, {kBlendExclusion, 100, 121, 142, 143},
+      {kBlendHardLight, 100, 144, 187, 188},  {kBlendLighten, 100, 150, 199, 200},
+      {kBlendMultiply, 100, 89, 78, 78},      {kBlendNormal, 100, 150, 199, 200},
+      {kBlendOverlay, 100, 128, 156, 157},    {kBlendScreen, 100, 161, 221, 222},
+      {kBlendSoftLight, 100, 117, 133, 134},  {kBlendReplace, 200, 200, 200, 200},
+  };
+  KVLookupTables t;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.mode);
+    EXPECT_EQ(row.at0, BlendPixel(100, 200, row.mode, 0, t));
+    EXPECT_EQ(row.at128, BlendPixel(100, 200, row.mode, 128, t));
+    EXPECT_EQ(row.at255, BlendPixel(100, 200, row.mode, 255, t));
+    EXPECT_EQ(row.at256, BlendPixel(100, 200, row.mode, 256, t));
+  }
+}
+
+TEST(BlendPixel, DocumentedExamples) {
+  KVLookupTables t;
+  EXPECT_EQ(254, BlendPixel(0, 255, kBlendNormal, 255, t));  // 255 never quite reaches the top
+  EXPECT_EQ(255, BlendPixel(100, 200, kBlendAdd, 256, t));
+  EXPECT_EQ(127, BlendPixel(255, 0, kBlendNormal, 128, t));  // 255 + (-32640 >> 8)
+  EXPECT_EQ(99, BlendPixel(10, 99, kBlendReplace, 0, t));
+  EXPECT_EQ(0, BlendPixel(255, 0, kBlendReplace, 1, t));
+  EXPECT_EQ(255, BlendPixel(100, 155, kBlendAdd, 256, t));  // a sum of exactly 256 is limited
+  EXPECT_EQ(254, BlendPixel(100, 154, kBlendAdd, 256, t));
+  EXPECT_EQ(254, BlendPixel(255, 254, kBlendNormal, 1, t));  // -1 * 1 >> 8 is -1, not 0
+}
+
+TEST(BlendPixel, UnknownModesBehaveAsNormal) {
+  KVLookupTables t;
+  const int unknown[] = {14, 15, 200, -1, std::numeric_limits<int>::min()};
+  for (int mode : unknown) {
+    for (int bottom = 0; bottom < 256; bottom += 17) {
+      for (int top = 0; top < 256; top += 15) {
+        for (int opacity : {0, 1, 128, 255, 256}) {
+          ASSERT_EQ(BlendPixel(bottom, top, kBlendNormal, opacity, t),
+                    BlendPixel(bottom, top, KVBlendMode(mode), opacity, t))
+              << mode;
+        }
+      }
+    }
+  }
+  EXPECT_EQ(150, BlendPixel(100, 200, KVBlendMode(14), 128, t));
+}
+
+TEST(BlendPixel, TableModesUseTheLowBytesOfOutOfRangeValues) {
+  KVLookupTables t;
+  // 356 & 255 = 100 and 456 & 255 = 200: multiply gives 78, weighted against
+  // the unmasked bottom.
+  EXPECT_EQ(356 + (((78 - 356) * 256) >> 8), BlendPixel(356, 456, kBlendMultiply, 256, t));
+}
+
+// ---------------------------------------------------------------- AddLayer
+
+TEST(AddLayer, MismatchIsCheckedBeforeOpacityAndQueuesNothing) {
+  KVLookupTables tables;
+  GuardedImage background(4, 3), wide(5, 3), tall(4, 4), argb(4, 3, 0, kPixelOrderARGB), layer(4, 3);
+  const Bytes before = PatternBytes(background.bytes(), 1);
+  background.fill(before);
+  KVImageCompositor compositor(background.image(), 1.0, tables, kDownsampleNone);
+  EXPECT_EQ(1000, compositor.AddLayer(wide.image(), 0.5, kBlendNormal, kCompositeColorOnly));
+  EXPECT_EQ(1000, compositor.AddLayer(tall.image(), 1.5, kBlendNormal, kCompositeAlpha));
+  EXPECT_EQ(1000, compositor.AddLayer(argb.image(), -1.0, kBlendNormal, kCompositeAlpha));
+  const double outOfRange[] = {-0.001, 1.0000001, 1.5, std::numeric_limits<double>::infinity(),
+                               -std::numeric_limits<double>::infinity()};
+  for (double opacity : outOfRange) {
+    EXPECT_EQ(7, compositor.AddLayer(layer.image(), opacity, kBlendNormal, kCompositeColorOnly)) << opacity;
+  }
+  std::tr1::shared_ptr<KVAbstractImage> shared = CreateImage(wide.pixels(), 5, 3, kPixelOrderBGRA);
+  EXPECT_EQ(1000, compositor.AddLayer(shared, 1.5, kBlendNormal, kCompositeColorOnly));
+  std::tr1::shared_ptr<KVAbstractImage> sharedLayer = CreateImage(layer.pixels(), 4, 3, kPixelOrderBGRA);
+  EXPECT_EQ(7, compositor.AddLayer(sharedLayer, 2.0, kBlendNormal, kCompositeColorOnly));
+  EXPECT_EQ(0, compositor.RenderQueueCount());
+  EXPECT_EQ(0, compositor.Render());
+  EXPECT_EQ(before, background.contents());
+  EXPECT_TRUE(background.guardsIntact());
+}
+
+TEST(AddLayer, AcceptsTheRangeNaNAndAnyModeOrType) {
+  KVLookupTables tables;
+  GuardedImage background(2, 2), layer(2, 2);
+  KVImageCompositor compositor(background.image(), 1.0, tables, kDownsampleNone);
+  EXPECT_EQ(0, compositor.AddLayer(layer.image(), 0.0, kBlendNormal, kCompositeColorOnly));
+  EXPECT_EQ(0, compositor.AddLayer(layer.image(), 1.0, KVBlendMode(99), KVCompositeType(7)));
+  EXPECT_EQ(0, compositor.AddLayer(layer.image(), std::nan(""), kBlendReplace, kCompositeAlpha));
+  std::tr1::shared_ptr<KVAbstractImage> shared = CreateImage(layer.pixels(), 2, 2, kPixelOrderBGRA);
+  EXPECT_EQ(0, compositor.AddLayer(shared, 0.5, kBlendScreen, kCompositeAlphaFill));
+  EXPECT_EQ(1, shared.use_count());  // the compositor keeps no reference
+  EXPECT_EQ(4, compositor.RenderQueueCount());
+}
+
+// ---------------------------------------------------------------- colour-only path
+
+TEST(LayerCompositorColourOnly, ContractExample) {
+  KVLookupTables tables;
+  GuardedImage background(6, 3), layer(6, 3);
+  background.fill(Bytes(background.bytes(), 100));
+  layer.fill(Bytes(layer.bytes(), 200));
+  KVImageCompositor compositor(background.image(), 1.0, tables, kDownsampleNone);
+  ASSERT_EQ(0, compositor.AddLayer(layer.image(), 1.0, kBlendNormal, kCompositeColorOnly));
+  ASSERT_EQ(0, compositor.Render());
+  // fa = 200: 100 + ((100 * 200) >> 8) = 178; the background alpha is kept.
+  for (size_t i = 0; i < background.bytes(); i += 4) {
+    ASSERT_EQ(178, background.pixels()[i]);
+    ASSERT_EQ(178, background.pixels()[i + 1]);
+    ASSERT_EQ(178, background.pixels()[i + 2]);
+    ASSERT_EQ(100, background.pixels()[i + 3]);
+  }
+  EXPECT_EQ(Bytes(layer.bytes(), 200), layer.contents());
+  EXPECT_TRUE(background.guardsIntact());
+}
+
+TEST(LayerCompositorColourOnly, OpaqueLayerAtFullOpacityStopsOneShort) {
+  // Upwards 255 stops one short: (255 * 255) >> 8 = 254. Downwards the shift
+  // rounds toward minus infinity and reaches the top: 255 + floor(-254.004).
+  EXPECT_EQ(Pixel({254, 0, 10, 77}),
+            CompositeOnePixel({0, 255, 10, 77}, {255, 0, 10, 255}, 1.0, kBlendNormal, kCompositeColorOnly));
+}
+
+TEST(LayerCompositorColourOnly, ClearLayerZeroOrNaNOpacityChangeNothingButReplace) {
+  const Pixel bg = {10, 20, 30, 40}, clear = {200, 150, 100, 0}, opaque = {200, 150, 100, 255};
+  for (int mode : kEveryMode) {
+    const Pixel expected = mode == kBlendReplace ? Pixel{200, 150, 100, 40} : bg;
+    EXPECT_EQ(expected, CompositeOnePixel(bg, clear, 1.0, KVBlendMode(mode), kCompositeColorOnly)) << mode;
+    EXPECT_EQ(expected, CompositeOnePixel(bg, opaque, 0.0, KVBlendMode(mode), kCompositeColorOnly)) << mode;
+    EXPECT_EQ(expected, CompositeOnePixel(bg, opaque, std::nan(""), KVBlendMode(mode), kCompositeColorOnly)) << mode;
+  }
+}
+
+// ---------------------------------------------------------------- alpha path
+
+// bA 128 under fA 200 at opacity 1: fa = 200, oA = 128 + 200 - round(128 *
+// 200 / 255) = 228, k = (128 / 255) * 55 = 27.6078, inv = 1 / 228.
+// Blue:  (100 * 200 + 50 * k) / 228 = 21380.39 / 228 = 93.77 -> 93
+// Green: (255 * 200 + 0) / 228 = 223.68 -> 223
+// Red:   (0 + 255 * k) / 228 = 7040 / 228 = 30.88 -> 30
+TEST(LayerCompositorAlpha, NormalPixelByHand) {
+  for (KVCompositeType type : {kCompositeAlphaFill, kCompositeAlpha, KVCompositeType(7)}) {
+    EXPECT_EQ(Pixel({93, 223, 30, 228}),
+              CompositeOnePixel({50, 0, 255, 128}, {100, 255, 0, 200}, 1.0, kBlendNormal, type));
+  }
+}
+
+// The blend operand is the background weighted by its alpha, p = round(200 *
+// 128 / 255) = 100, so multiply gives round(200 * 100 / 255) = 78 where the
+// raw background would give 157. oA = 255 and k = 0: 78 * 255 / 255 = 78.
+// Replace takes the top value like normal on this path.
+TEST(LayerCompositorAlpha, BlendOperandIsAlphaWeighted) {
+  const Pixel bg = {200, 200, 200, 128}, fg = {200, 0, 255, 255};
+  EXPECT_EQ(Pixel({78, 0, 100, 255}), CompositeOnePixel(bg, fg, 1.0, kBlendMultiply, kCompositeAlpha));
+  EXPECT_EQ(Pixel({200, 0, 255, 255}), CompositeOnePixel(bg, fg, 1.0, kBlendReplace, kCompositeAlpha));
+}
+
+// At opacity 0 the colour is b * (bA / 255 * 255) * (1 / bA) in single
+// precision. For bA 41 that product lands just below the integer
+// (1 -> 0.99999994), so truncation moves such colours down by one; bA 128
+// gives them back exactly. A NaN opacity composites as 0.
+TEST(LayerCompositorAlpha, ZeroOpacityUnpremultipliesInSinglePrecision) {
+  const Pixel fg = {255, 255, 255, 255};
+  EXPECT_EQ(Pixel({0, 1, 3, 41}), CompositeOnePixel({1, 2, 3, 41}, fg, 0.0, kBlendNormal, kCompositeAlpha));
+  EXPECT_EQ(Pixel({0, 1, 3, 41}), CompositeOnePixel({1, 2, 3, 41}, fg, std::nan(""), kBlendNormal, kCompositeAlpha));
+  EXPECT_EQ(Pixel({1, 2, 3, 128}), CompositeOnePixel({1, 2, 3, 128}, fg, 0.0, kBlendNormal, kCompositeAlpha));
+}
+
+// Opacity 0 makes fa 0; type 1 still copies the layer's own alpha.
+TEST(LayerCompositorAlpha, CombinedAlphaZeroFillsOrKeeps) {
+  const Pixel bg = {10, 20, 30, 0}, fg = {200, 150, 100, 77}, clearFg = {200, 150, 100, 0};
+  EXPECT_EQ(fg, CompositeOnePixel(bg, fg, 0.0, kBlendMultiply, kCompositeAlphaFill));
+  EXPECT_EQ(bg, CompositeOnePixel(bg, fg, 0.0, kBlendMultiply, kCompositeAlpha));
+  EXPECT_EQ(bg, CompositeOnePixel(bg, fg, 0.0, kBlendMultiply, KVCompositeType(-3)));
+  EXPECT_EQ(clearFg, CompositeOnePixel(bg, clearFg, 1.0, kBlendNormal, kCompositeAlphaFill));
+}
+
+// Background alpha 0 under a layer: p = 0 and k = 0, so the colour is the
+// blend with a black operand, un-premultiplied by fa. A clear layer over an
+// opaque background keeps it (k = 255 / 255 * 255, inv = 1 / 255).
+TEST(LayerCompositorAlpha, AlphaZeroOnEitherSide) {
+  const Pixel clearBg = {90, 90, 90, 0}, fg = {200, 255, 0, 255};
+  EXPECT_EQ(Pixel({200, 255, 0, 255}), CompositeOnePixel(clearBg, fg, 1.0, kBlendNormal, kCompositeAlpha));
+  EXPECT_EQ(Pixel({0, 0, 0, 255}), CompositeOnePixel(clearBg, fg, 1.0, kBlendMultiply, kCompositeAlpha));
+  EXPECT_EQ(Pixel({200, 255, 0, 255}), CompositeOnePixel(clearBg, fg, 1.0, kBlendScreen, kCompositeAlpha));
+  const Pixel opaqueBg = {1, 128, 254, 255};
+  EXPECT_EQ(opaqueBg, CompositeOnePixel(opaqueBg, {200, 0, 100, 0}, 1.0, kBlendDifference, kCompositeAlpha));
+}
+
+// ---------------------------------------------------------------- whole images
+
+TEST(LayerCompositor, MatchesTheReferenceOnEveryModeTypeAndOpacity) {
+  KVLookupTables tables;
+  const double opacities[] = {0.0, 0.3, 0.5, 1.0, std::nan("")};
+  const int types[] = {0, 1, 2, 7};
+  const unsigned int width = 13, height = 7;
+  Bytes bgBytes = PatternBytes(width * height * 4, 11), fgBytes = PatternBytes(width * height * 4, 12);
+  // Some exact alpha values, including clear pixels on either side.
+  for (size_t i = 3; i < bgBytes.size(); i += 16) bgBytes[i] = 0;
+  for (size_t i = 7; i < fgBytes.size(); i += 20) fgBytes[i] = 0;
+  for (size_t i = 11; i < fgBytes.size(); i += 24) fgBytes[i] = 255;
+  for (size_t offset : {0u, 1u}) {
+    for (int mode : kEveryMode) {
+      for (int type : types) {
+        for (double opacity : opacities) {
+          GuardedImage background(width, height, offset), layer(width, height, offset);
+          background.fill(bgBytes);
+          layer.fill(fgBytes);
+          KVImageCompositor compositor(background.image(), 1.0, tables, kDownsampleNone);
+          ASSERT_EQ(0, compositor.AddLayer(layer.image(), opacity, KVBlendMode(mode), KVCompositeType(type)));
+          ASSERT_EQ(0, compositor.Render());
+          Bytes expected = bgBytes;
+          ReferenceComposite(expected, fgBytes, opacity, type, mode, tables);
+          ASSERT_EQ(expected, background.contents()) << "mode " << mode << " type " << type << " opacity "
+                                                     << opacity << " offset " << offset;
+          ASSERT_EQ(fgBytes, layer.contents());
+          ASSERT_TRUE(background.guardsIntact());
+        }
+      }
+    }
+  }
+}
+
+TEST(LayerCompositor, EveryThreadCountGivesTheSameBytes) {
+  KVLookupTables tables;
+  const struct {
+    unsigned int width, height;
+  } sizes[] = {{7, 5}, {1, 1}, {3, 1}, {17, 3}};
+  for (const auto& size : sizes) {
+    const Bytes bgBytes = PatternBytes(size.width * size.height * 4, 21);
+    const Bytes fgBytes = PatternBytes(size.width * size.height * 4, 22);
+    for (int type : {0, 2}) {
+      Bytes expected = bgBytes;
+      ReferenceComposite(expected, fgBytes, 0.75, type, kBlendOverlay, tables);
+      for (unsigned int threads = 1; threads <= 16; ++threads) {
+        ScopedCoreCount cores(threads);
+        GuardedImage background(size.width, size.height), layer(size.width, size.height);
+        background.fill(bgBytes);
+        layer.fill(fgBytes);
+        KVImageCompositor compositor(background.image(), 1.0, tables, kDownsampleNone);
+        ASSERT_EQ(0, compositor.AddLayer(layer.image(), 0.75, kBlendOverlay, KVCompositeType(type)));
+        ASSERT_EQ(0, compositor.Render());
+        ASSERT_EQ(expected, background.contents())
+            << size.width << "x" << size.height << " type " << type << " threads " << threads;
+        ASSERT_TRUE(background.guardsIntact());
+      }
+    }
+  }
+}
+
+TEST(LayerCompositor, ALayerQueuedTwiceOrRenderedTwiceCompositesTwice) {
+  KVLookupTables tables;
+  const Bytes bgBytes = PatternBytes(5 * 3 * 4, 31), fgBytes = PatternBytes(5 * 3 * 4, 32);
+  Bytes twice = bgBytes;
+  ReferenceComposite(twice, fgBytes, 0.6, kCompositeAlpha, kBlendScreen, tables);
+  ReferenceComposite(twice, fgBytes, 0.6, kCompositeAlpha, kBlendScreen, tables);
+  ASSERT_NE(bgBytes, twice);
+
+  GuardedImage queued(5, 3), rendered(5, 3), layer(5, 3);
+  queued.fill(bgBytes);
+  rendered.fill(bgBytes);
+  layer.fill(fgBytes);
+  KVImageCompositor doubleQueue(queued.image(), 1.0, tables, kDownsampleNone);
+  ASSERT_EQ(0, doubleQueue.AddLayer(layer.image(), 0.6, kBlendScreen, kCompositeAlpha));
+  ASSERT_EQ(0, doubleQueue.AddLayer(layer.image(), 0.6, kBlendScreen, kCompositeAlpha));
+  ASSERT_EQ(0, doubleQueue.Render());
+  EXPECT_EQ(twice, queued.contents());
+
+  KVImageCompositor single(rendered.image(), 1.0, tables, kDownsampleNone);
+  ASSERT_EQ(0, single.AddLayer(layer.image(), 0.6, kBlendScreen, kCompositeAlpha));
+  ASSERT_EQ(0, single.Render());
+  ASSERT_EQ(0, single.Render());
+  EXPECT_EQ(twice, rendered.contents());
+}
+
+// The background is faded once, at construction, and the alpha path then
+// works with the faded alpha: a 16-pixel image takes the opacity stage's
+// vector path (255 - 127 = 128), a 9-pixel one its plain path
+// (trunc(255 * 0.5) = 127).
+TEST(LayerCompositor, BackgroundFadedAtConstruction) {
+  KVLookupTables tables;
+  for (unsigned int side : {4u, 3u}) {
+    const unsigned char fadedAlpha = side == 4 ? 128 : 127;
+    GuardedImage background(side, side), layer(side, side);
+    Bytes bgBytes = PatternBytes(background.bytes(), 41), fgBytes = PatternBytes(layer.bytes(), 42);
+    for (size_t i = 3; i < bgBytes.size(); i += 4) bgBytes[i] = 255;
+    background.fill(bgBytes);
+    layer.fill(fgBytes);
+    KVImageCompositor compositor(background.image(), 0.5, tables, kDownsampleNone);
+    Bytes faded = bgBytes;
+    for (size_t i = 3; i < faded.size(); i += 4) faded[i] = fadedAlpha;
+    ASSERT_EQ(faded, background.contents());
+    ASSERT_EQ(0, compositor.AddLayer(layer.image(), 0.8, kBlendHardLight, kCompositeAlpha));
+    ASSERT_EQ(0, compositor.Render());
+    ReferenceComposite(faded, fgBytes, 0.8, kCompositeAlpha, kBlendHardLight, tables);
+    EXPECT_EQ(faded, background.contents());
+  }
+}
+
+// ---------------------------------------------------------------- the stage itself
+
+TEST(LayerCompositorStage, DescriptionSetupAndEmptyShares) {
+  KVLookupTables tables;
+  GuardedImage background(2, 1), layer(2, 1);
+  const Bytes bgBytes = PatternBytes(8, 51);
+  background.fill(bgBytes);
+  layer.fill(PatternBytes(8, 52));
+  LayerCompositor stage(layer.image(), 1.0, kCompositeAlpha, kBlendNormal, tables);
+  EXPECT_EQ(0u, stage.Type());
+  stage.Setup(background.image());
+  EXPECT_EQ(bgBytes, background.contents());
+  // Threads 2 .. 4 of 5 have shares past the end of a 2-pixel image.
+  for (unsigned char t = 2; t < 5; ++t) EXPECT_EQ(0, stage.Render(background.image(), t, 5));
+  EXPECT_EQ(bgBytes, background.contents());
+  EXPECT_TRUE(background.guardsIntact());
+}
+
+TEST(LayerCompositorStage, OtherDepthReturnsItsCode) {
+  KVLookupTables tables;
+  DeepImage background(3, 2, 16), layer(3, 2, 16);
+  LayerCompositor stage(&layer, 1.0, kCompositeColorOnly, kBlendNormal, tables);
+  EXPECT_EQ(16, stage.Render(&background, 0, 1));
+}
+
+TEST(LayerCompositorStageDeathTest, MismatchAssertions) {
+  KVLookupTables tables;
+  GuardedImage background(4, 3), wide(5, 3), tall(4, 2), argb(4, 3, 0, kPixelOrderARGB);
+  DeepImage deep(4, 3, 16);
+  const std::string prefix = "LayerCompositor:";
+  LayerCompositor widthStage(wide.image(), 1.0, kCompositeColorOnly, kBlendNormal, tables);
+  EXPECT_DEATH(widthStage.Render(background.image(), 0, 1),
+               Escaped(prefix + "64: failed assertion `m_foregroundLayer->Width() == backgroundLayer->Width() && "
+                                "\"Width of foreground and background layers does not match\"'"));
+  LayerCompositor heightStage(tall.image(), 1.0, kCompositeAlpha, kBlendNormal, tables);
+  EXPECT_DEATH(heightStage.Render(background.image(), 0, 1),
+               Escaped(prefix + "66: failed assertion `m_foregroundLayer->Height() == backgroundLayer->Height() && "
+                                "\"Height of foreground and background layers does not match\"'"));
+  LayerCompositor depthStage(&deep, 1.0, kCompositeAlpha, kBlendNormal, tables);
+  EXPECT_DEATH(depthStage.Render(background.image(), 0, 1),
+               Escaped(prefix + "68: failed assertion `m_foregroundLayer->BitsPerChannel() == "
+                                "backgroundLayer->BitsPerChannel() && \"BPC of foreground and background layers does "
+                                "not match\"'"));
+  LayerCompositor orderStage(argb.image(), 1.0, kCompositeAlpha, kBlendNormal, tables);
+  EXPECT_DEATH(orderStage.Render(background.image(), 0, 1),
+               Escaped(prefix + "70: failed assertion `m_foregroundLayer->PixelChannelOrder() == "
+                                "backgroundLayer->PixelChannelOrder() && \"Pixel channel order of foreground and "
+                                "background layers does not match\"'"));
+}
