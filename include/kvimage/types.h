@@ -36,6 +36,14 @@ struct KVPixel8_RGB {
 KVIMAGE_EXPORT double DownsampleValue(KVDownsampleFactor factor);
 KVIMAGE_EXPORT unsigned int NumberOfChannels(KVPixelChannelOrder order);
 
+// The backing colour a colour-difference key pulls. Any other value is
+// accepted and keys nothing.
+enum KVKeyColor {
+  kKeyColorAuto = 0,   // detect green or blue from the image at every Setup
+  kKeyColorGreen = 1,  // byte 1 of each pixel
+  kKeyColorBlue = 2    // byte 0 of each pixel
+};
+
 }  // namespace image
 }  // namespace kvo
 
