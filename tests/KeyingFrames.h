@@ -143,7 +143,9 @@ inline KeyingFrame MakeKeyingFrame(kvo::image::KVKeyColor keyColor, unsigned int
       }
       // Spill: backing light bouncing onto the subject near its outline.
       double spill = 0.0;
-      if (cover > 0.0 && distance < 0.0 && -distance < spillWidth) spill = spillStrength * (1.0 + distance / spillWidth);
+      if (cover > 0.0 && distance < 0.0 && -distance < spillWidth) {
+        spill = spillStrength * (1.0 + distance / spillWidth);
+      }
       subject[keyByte] += spill;
 
       unsigned char* p = &frame.pixels[i * 4];

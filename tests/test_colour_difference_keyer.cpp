@@ -209,9 +209,8 @@ TEST(ColorDifferenceMatte, ThreadSharesAreCutAtTheEndOfTheImage) {
   FillPixels(image, {{0, 9, 0, 0}, {0, 12, 0, 0}});
   for (unsigned char t = 0; t < 4; ++t) {
     MatteResult result = RunMatte(image, kKeyColorGreen, 0.0, 0.0, t, 4);
-    const std::vector<unsigned char> expected =
-        t == 0 ? std::vector<unsigned char>{9, 0} : (t == 1 ? std::vector<unsigned char>{0, 12} : std::vector<unsigned char>{0, 0});
-    EXPECT_EQ(expected, result.matte) << int(t);
+    const unsigned char expected[4][2] = {{9, 0}, {0, 12}, {0, 0}, {0, 0}};
+    EXPECT_EQ(std::vector<unsigned char>(expected[t], expected[t] + 2), result.matte) << int(t);
     if (t >= 2) ExpectInfo(result.info, 0, 0, 255, 0);
   }
   EXPECT_TRUE(image.guardsIntact());
@@ -384,6 +383,9 @@ TEST_P(RealisticFrame, DetectsTheBackingAndKeysIt) {
   GuardedImage src(width, height), dst(width, height);
   src.fill(frame.pixels);
   EXPECT_EQ(backing, Detect(src, 2));
+  ColorDifferenceKeyer stage(kKeyColorAuto, 0.5, 0.2, 0.5, tables);
+  stage.Setup(src.image());
+  EXPECT_EQ(backing, stage.EffectiveKeyColor());
 
   KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
   ASSERT_EQ(0, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, 0.5, 0.2, 0.5));

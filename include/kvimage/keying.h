@@ -1,6 +1,7 @@
 #ifndef KVIMAGE_KEYING_H
 #define KVIMAGE_KEYING_H
 
+#include <cstddef>
 #include <cstdint>
 #include <tr1/memory>
 
