@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -200,6 +201,58 @@ TEST(ColorDifferenceMatte, ChromaSofteningRampAndCut) {
   // A NaN softness never compares, so nothing is softened.
   MatteResult nan = RunMatte(image, kKeyColorGreen, 0.5, std::nan(""));
   EXPECT_EQ(off.matte, nan.matte);
+}
+
+// The matte pass written out step by step, one pixel at a time: the oracle
+// for the thread procedure.
+MatteResult ReferenceMatte(const std::vector<unsigned char>& bytes, KVKeyColor keyColor, double limitFraction,
+                           double softness) {
+  MatteResult result;
+  result.info = MatteInfo{0, 0, 255, 0};
+  const int limit = static_cast<int>(255.0 * limitFraction);
+  const double soft = limit * softness;
+  for (size_t o = 0; o < bytes.size(); o += 4) {
+    const int b0 = bytes[o], b1 = bytes[o + 1], b2 = bytes[o + 2];
+    const int chroma = std::max(b0, std::max(b1, b2)) - std::min(b0, std::min(b1, b2));
+    int d = 0;
+    bool key = false;
+    if (keyColor == kKeyColorGreen) d = b1 - std::max(b0, b2), key = b1 > std::max(b0, b2);
+    if (keyColor == kKeyColorBlue) d = b0 - std::max(b1, b2), key = b0 > std::max(b1, b2);
+    if (key) {
+      ++result.info.count;
+      result.info.sum += d;
+      result.info.minimum = std::min(result.info.minimum, d);
+      result.info.maximum = std::max(result.info.maximum, d);
+    }
+    if (limit > chroma && soft > chroma) d = 0;
+    if (limit > chroma && soft <= chroma) {
+      d = static_cast<int>(d - std::fabs((chroma - soft) / ((1.0 - softness) * limit) - 1.0) * d);
+    }
+    result.matte.push_back(static_cast<unsigned char>(std::min(255, std::max(0, d))));
+  }
+  return result;
+}
+
+TEST(ColorDifferenceMatte, MatchesTheStepByStepFormOnPatterns) {
+  GuardedImage image(37, 29);
+  for (uint32_t seed = 1; seed <= 3; ++seed) {
+    // Random bytes with one channel lifted, so every branch is taken often.
+    std::vector<unsigned char> bytes = kvtest::PatternBytes(image.bytes(), seed);
+    for (size_t o = 0; o < bytes.size(); o += 4) bytes[o + (seed == 2 ? 0 : 1)] |= 0x40;
+    image.fill(bytes);
+    for (KVKeyColor key : {kKeyColorGreen, kKeyColorBlue}) {
+      for (double limit : {0.0, 0.2, 0.5, 1.0}) {
+        for (double softness : {0.0, 0.3, 0.75, 1.0}) {
+          SCOPED_TRACE(testing::Message() << seed << " " << key << " " << limit << " " << softness);
+          const MatteResult expected = ReferenceMatte(bytes, key, limit, softness);
+          const MatteResult actual = RunMatte(image, key, limit, softness);
+          EXPECT_EQ(expected.matte, actual.matte);
+          ExpectInfo(actual.info, expected.info.count, expected.info.sum, expected.info.minimum,
+                     expected.info.maximum);
+        }
+      }
+    }
+  }
 }
 
 TEST(ColorDifferenceMatte, ThreadSharesAreCutAtTheEndOfTheImage) {

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <vector>
@@ -158,14 +159,19 @@ int ColorDifferenceKeyer::Render8(KVImage8* source, KVImage8* destination, unsig
   const size_t matted = matteStart < m_mattePixels ? std::min(pixels, m_mattePixels - matteStart) : 0;
   const unsigned char* matte = m_matte.get() + (matted != 0 ? matteStart : 0);
 
+  // Whole pixels are moved as 32-bit words (the colour bytes unchanged) and
+  // the alpha byte written over; locals keep the stores from forcing reloads.
+  kvo::KVLookupTables& tables = m_tables;
+  unsigned char weights[256];
+  std::memcpy(weights, m_alphaWeight, sizeof weights);
   for (size_t i = 0; i < pixels; ++i) {
     const unsigned char* p = in + i * kBytesPerPixel;
     unsigned char* q = out + i * kBytesPerPixel;
-    const unsigned char weight = m_alphaWeight[i < matted ? matte[i] : 0];
-    q[kBlueByte] = p[kBlueByte];
-    q[kGreenByte] = p[kGreenByte];
-    q[kRedByte] = p[kRedByte];
-    q[kAlphaByte] = m_tables.AlphaBlend(p[kAlphaByte], weight);
+    const unsigned char alpha = tables.AlphaBlend(p[kAlphaByte], weights[i < matted ? matte[i] : 0]);
+    uint32_t word;
+    std::memcpy(&word, p, sizeof word);
+    std::memcpy(q, &word, sizeof word);
+    q[kAlphaByte] = alpha;
   }
   return 0;
 }
@@ -218,6 +224,42 @@ void AutoDetectKeyColor(KVImage8* image, int threadCount, KVKeyColor* result) {
   *result = blue > green ? kKeyColorBlue : kKeyColorGreen;
 }
 
+namespace {
+
+// One thread's run of matte bytes for one key byte. Only key pixels (key byte
+// strictly the largest) can store a non-zero byte: any other difference is at
+// most 0, and softening never makes it positive. For a key pixel the key byte
+// is the maximum, so its chroma is the key byte less the smaller other byte.
+template <unsigned int KeyByte, unsigned int OtherByte1, unsigned int OtherByte2>
+void MatteRun(const unsigned char* in, unsigned char* matte, size_t count, int limit, double softLimit,
+              const double* rampCut, MatteInfo& info) {
+  for (size_t i = 0; i < count; ++i) {
+    const unsigned char* p = in + i * kBytesPerPixel;
+    const int key = p[KeyByte];
+    int difference = key - std::max(p[OtherByte1], p[OtherByte2]);
+    if (difference <= 0) {
+      matte[i] = 0;
+      continue;
+    }
+    info.count = WrappingAdd(info.count, 1);
+    info.sum = WrappingAdd(info.sum, difference);
+    info.minimum = std::min(info.minimum, difference);
+    info.maximum = std::max(info.maximum, difference);
+
+    const int chroma = key - std::min(p[OtherByte1], p[OtherByte2]);
+    if (limit > chroma) {
+      if (softLimit > chroma) {
+        difference = 0;
+      } else if (softLimit <= chroma) {
+        difference = TruncateToInt(difference - rampCut[chroma] * difference);
+      }
+    }
+    matte[i] = static_cast<unsigned char>(ClampToByte(difference));
+  }
+}
+
+}  // namespace
+
 void* AutoColorDifferenceMatteProc(void* data) {
   if (data == nullptr) return nullptr;
   AutoColorDifferenceData* record = static_cast<AutoColorDifferenceData*>(data);
@@ -243,39 +285,13 @@ void* AutoColorDifferenceMatteProc(void* data) {
   double rampCut[256];
   for (int chroma = 0; chroma < 256; ++chroma) rampCut[chroma] = std::fabs((chroma - softLimit) / rampWidth - 1.0);
 
-  unsigned int keyByte = 0, otherByte1 = 0, otherByte2 = 0;
-  const bool keyed = record->keyColor == kKeyColorGreen || record->keyColor == kKeyColorBlue;
-  if (record->keyColor == kKeyColorGreen) {
-    keyByte = kGreenByte, otherByte1 = kBlueByte, otherByte2 = kRedByte;
-  } else if (record->keyColor == kKeyColorBlue) {
-    keyByte = kBlueByte, otherByte1 = kGreenByte, otherByte2 = kRedByte;
-  }
-
   MatteInfo info = record->matteInfo.get()[record->threadIndex];
-  for (size_t i = 0; i < count; ++i) {
-    const unsigned char* p = in + i * kBytesPerPixel;
-    // Only key pixels can store a non-zero byte: every other difference is
-    // at most 0, and softening never makes it positive.
-    int difference = keyed ? p[keyByte] - std::max(p[otherByte1], p[otherByte2]) : 0;
-    if (difference <= 0) {
-      matte[i] = 0;
-      continue;
-    }
-    info.count = WrappingAdd(info.count, 1);
-    info.sum = WrappingAdd(info.sum, difference);
-    info.minimum = std::min(info.minimum, difference);
-    info.maximum = std::max(info.maximum, difference);
-
-    const int chroma = std::max(p[kBlueByte], std::max(p[kGreenByte], p[kRedByte])) -
-                       std::min(p[kBlueByte], std::min(p[kGreenByte], p[kRedByte]));
-    if (limit > chroma) {
-      if (softLimit > chroma) {
-        difference = 0;
-      } else if (softLimit <= chroma) {
-        difference = TruncateToInt(difference - rampCut[chroma] * difference);
-      }
-    }
-    matte[i] = static_cast<unsigned char>(ClampToByte(difference));
+  if (record->keyColor == kKeyColorGreen) {
+    MatteRun<kGreenByte, kBlueByte, kRedByte>(in, matte, count, limit, softLimit, rampCut, info);
+  } else if (record->keyColor == kKeyColorBlue) {
+    MatteRun<kBlueByte, kGreenByte, kRedByte>(in, matte, count, limit, softLimit, rampCut, info);
+  } else {
+    std::fill(matte, matte + count, static_cast<unsigned char>(0));  // no pixel is a key pixel
   }
   record->matteInfo.get()[record->threadIndex] = info;
   return nullptr;
