@@ -40,8 +40,8 @@ int32_t WrappingAdd(int32_t a, int32_t b) {
 // its value modulo 2^32 pins it down exactly whenever that interval is shorter
 // than 2^32, which holds for every frame of fewer than 16 million key pixels.
 int64_t TrueKeySum(uint32_t wrappedSum, int64_t count, int32_t minimum) {
-  const int64_t floor = count * minimum;
-  return floor + static_cast<int64_t>(static_cast<uint32_t>(wrappedSum - static_cast<uint32_t>(floor)));
+  const int64_t lowest = count * minimum;
+  return lowest + static_cast<int64_t>(static_cast<uint32_t>(wrappedSum - static_cast<uint32_t>(lowest)));
 }
 
 // 255 - f, where f is the transparency factor of matte value m: 0 at or below
