@@ -75,6 +75,39 @@ class ScopedThreads {
   ~ScopedThreads() { kvo::KVSystem::SetCPUCoreCount(0); }
 };
 
+// A green-screen frame: an unevenly lit green backing with sensor noise, and
+// a head-and-shoulders subject (skin above, a dark red jumper below) with a
+// soft outline whose colours pick up green spill near the backing.
+inline void FillGreenScreen(AlignedFrame& frame) {
+  const unsigned int width = frame.image()->Width(), height = frame.image()->Height();
+  const double w = width, h = height;
+  const double edge = w / 160.0, spillReach = w / 40.0;
+  uint32_t noise = 4242;
+  for (unsigned int y = 0; y < height; ++y) {
+    for (unsigned int x = 0; x < width; ++x) {
+      const double px = x + 0.5, py = y + 0.5;
+      const double head = (std::hypot((px - 0.5 * w) / (0.13 * w), (py - 0.42 * h) / (0.20 * h)) - 1.0) * 0.16 * w;
+      const double body = (std::hypot((px - 0.5 * w) / (0.34 * w), (py - 1.02 * h) / (0.44 * h)) - 1.0) * 0.38 * w;
+      const double distance = std::min(head, body);
+      double cover = 0.5 - distance / edge;
+      cover = cover < 0.0 ? 0.0 : (cover > 1.0 ? 1.0 : cover);
+      noise = noise * 1664525u + 1013904223u;
+      const int grain = static_cast<int>(noise >> 28) - 8;
+      const double light = 0.88 + 0.12 * (px / w) - 0.08 * (py / h);
+      const double back[3] = {45.0 * light + grain, 176.0 * light + grain, 62.0 * light + grain};
+      const bool skin = py < 0.60 * h;
+      double subject[3] = {skin ? 118.0 : 58.0, skin ? 146.0 : 46.0, skin ? 204.0 : 126.0};
+      if (distance < 0.0 && -distance < spillReach) subject[1] += 38.0 * (1.0 + distance / spillReach);
+      unsigned char* p = frame.pixels() + (static_cast<size_t>(y) * width + x) * 4;
+      for (int c = 0; c < 3; ++c) {
+        const double v = cover * subject[c] + (1.0 - cover) * back[c];
+        p[c] = static_cast<unsigned char>(v < 0.0 ? 0.0 : (v > 255.0 ? 255.0 : v));
+      }
+      p[3] = 255;
+    }
+  }
+}
+
 }  // namespace kvbench
 
 #endif

@@ -10,5 +10,6 @@
 #include <kvimage/pipeline.h>
 #include <kvimage/colour.h>
 #include <kvimage/compositing.h>
+#include <kvimage/keying.h>
 
 #endif

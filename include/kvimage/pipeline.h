@@ -128,6 +128,12 @@ class KVIMAGE_EXPORT KVImageKeyer : public KVAbstractImageKeyer {
   int ClearRenderQueue() override;
   int Render() override;
 
+  // Queues a ColorDifferenceKeyer. balance, saturationLimit and
+  // saturationSoftness are checked in that order; the first below 0 or above
+  // 1 returns 7 and queues nothing.
+  int SetAutoColorDifferenceKey(KVKeyColor keyColor, double balance, double saturationLimit,
+                                double saturationSoftness);
+
  private:
   KVImageKeyer_Private* m_private;
 };

@@ -64,6 +64,15 @@ enum KVCompositeType : int {
   kCompositeAlpha = 2       // over-composite; where the combined alpha is 0 the background is kept
 };
 
+// The backing colour a colour-difference key pulls. Any other value is
+// accepted and keys nothing (the fixed 32-bit type makes every int a valid
+// value).
+enum KVKeyColor : int {
+  kKeyColorAuto = 0,   // detect green or blue from the image at every Setup
+  kKeyColorGreen = 1,  // byte 1 of each pixel
+  kKeyColorBlue = 2    // byte 0 of each pixel
+};
+
 }  // namespace image
 }  // namespace kvo
 

@@ -1,3 +1,4 @@
+#include <kvimage/keying.h>
 #include <kvimage/pipeline.h>
 
 #include "pipeline/RendererQueue.h"
@@ -34,6 +35,17 @@ int KVImageKeyer::ClearRenderQueue() { return m_private->Clear(); }
 int KVImageKeyer::Render() { return m_private->Render(KeyRenderWorkerThread); }
 
 void* KeyRenderWorkerThread(void* data) { return RunRenderThreadData(static_cast<RenderThreadData*>(data)); }
+
+int KVImageKeyer::SetAutoColorDifferenceKey(KVKeyColor keyColor, double balance, double saturationLimit,
+                                            double saturationSoftness) {
+  return GuardedCall([&] {
+    if (balance < 0.0 || balance > 1.0) return static_cast<int>(kResultOutOfRange);
+    if (saturationLimit < 0.0 || saturationLimit > 1.0) return static_cast<int>(kResultOutOfRange);
+    if (saturationSoftness < 0.0 || saturationSoftness > 1.0) return static_cast<int>(kResultOutOfRange);
+    return m_private->Append(
+        new ColorDifferenceKeyer(keyColor, balance, saturationLimit, saturationSoftness, m_private->tables));
+  });
+}
 
 }  // namespace image
 }  // namespace kvo

@@ -1,0 +1,478 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "KeyingFrames.h"
+#include "TestSupport.h"
+
+using namespace kvo::image;
+using kvtest::GuardedImage;
+using kvtest::ScopedCoreCount;
+
+namespace {
+
+#if defined(__SANITIZE_THREAD__)
+const bool kUnderThreadSanitizer = true;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+const bool kUnderThreadSanitizer = true;
+#else
+const bool kUnderThreadSanitizer = false;
+#endif
+#else
+const bool kUnderThreadSanitizer = false;
+#endif
+
+struct Px {
+  unsigned char b, g, r, a;
+};
+
+void FillPixels(GuardedImage& image, const std::vector<Px>& pixels) {
+  ASSERT_EQ(image.bytes(), pixels.size() * 4);
+  std::memcpy(image.pixels(), pixels.data(), image.bytes());
+}
+
+std::vector<unsigned char> Alphas(GuardedImage& image) {
+  std::vector<unsigned char> alphas;
+  for (size_t i = 3; i < image.bytes(); i += 4) alphas.push_back(image.pixels()[i]);
+  return alphas;
+}
+
+// Runs the matte pass directly on one thread and returns the matte bytes and
+// the thread's statistics.
+struct MatteResult {
+  std::vector<unsigned char> matte;
+  MatteInfo info;
+};
+
+MatteResult RunMatte(GuardedImage& image, KVKeyColor keyColor, double saturationLimit, double saturationSoftness,
+                     unsigned char threadIndex = 0, unsigned char threadCount = 1) {
+  const size_t pixels = image.bytes() / 4;
+  AutoColorDifferenceData record;
+  record.threadIndex = threadIndex;
+  record.image = image.image();
+  record.matte.reset(new unsigned char[pixels + 1](), std::default_delete<unsigned char[]>());
+  record.matteInfo.reset(new MatteInfo[threadCount], std::default_delete<MatteInfo[]>());
+  for (unsigned int i = 0; i < threadCount; ++i) record.matteInfo.get()[i] = MatteInfo{0, 0, 255, 0};
+  record.keyColor = keyColor;
+  record.saturationLimit = saturationLimit;
+  record.saturationSoftness = saturationSoftness;
+  record.threadCount = threadCount;
+  EXPECT_EQ(nullptr, AutoColorDifferenceMatteProc(&record));
+  MatteResult result;
+  result.matte.assign(record.matte.get(), record.matte.get() + pixels);
+  result.info = record.matteInfo.get()[threadIndex];
+  return result;
+}
+
+void ExpectInfo(const MatteInfo& info, int count, int sum, int minimum, int maximum) {
+  EXPECT_EQ(count, info.count);
+  EXPECT_EQ(sum, info.sum);
+  EXPECT_EQ(minimum, info.minimum);
+  EXPECT_EQ(maximum, info.maximum);
+}
+
+// Key differences (green) 30, none (green ties blue), 255, none, 1.
+const std::vector<Px> kMixed = {{10, 50, 20, 255}, {100, 100, 20, 255}, {0, 255, 0, 255}, {200, 10, 30, 255},
+                                {40, 45, 44, 255}};
+
+// Green key differences 10, 18, 42, 74 and a grey: minimum 10, maximum 74,
+// mean 36, middle 42.
+const std::vector<Px> kRamp = {{5, 15, 3, 100}, {20, 38, 10, 200}, {0, 42, 0, 255}, {1, 80, 6, 255}, {90, 90, 90, 77}};
+
+KVKeyColor Detect(GuardedImage& image, int threads) {
+  KVKeyColor result = kKeyColorAuto;
+  AutoDetectKeyColor(image.image(), threads, &result);
+  return result;
+}
+
+// Renders one colour-difference key through a keyer with the given thread
+// count and returns the destination bytes (guards checked).
+std::vector<unsigned char> KeyThroughKeyer(const std::vector<unsigned char>& input, unsigned int width,
+                                           unsigned int height, unsigned int threads, KVKeyColor keyColor,
+                                           double balance, double limit, double softness, size_t offset = 0) {
+  ScopedCoreCount cores(threads);
+  kvo::KVLookupTables tables;
+  GuardedImage src(width, height, offset), dst(width, height, offset);
+  src.fill(input);
+  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+  EXPECT_EQ(0, keyer.SetAutoColorDifferenceKey(keyColor, balance, limit, softness));
+  EXPECT_EQ(0, keyer.Render());
+  EXPECT_TRUE(dst.guardsIntact());
+  EXPECT_TRUE(src.guardsIntact());
+  EXPECT_EQ(input, src.contents());
+  return dst.contents();
+}
+
+}  // namespace
+
+TEST(AutoDetectKeyColor, CountsGreenTiesAndStrictBlue) {
+  // (50, 50, 10): green equals blue, counted green. (60, 10, 10) and
+  // (60, 59, 59): blue strictly largest. (10, 10, 90): red, neither.
+  GuardedImage image(4, 1);
+  FillPixels(image, {{50, 50, 10, 0}, {60, 10, 10, 0}, {10, 10, 90, 0}, {60, 59, 59, 0}});
+  EXPECT_EQ(kKeyColorBlue, Detect(image, 1));
+  AutoDetectKeyColorData record = {0, 1, image.image(), 0, 0, 0, 0};
+  EXPECT_EQ(nullptr, AutoDetectKeyColorProc(&record));
+  EXPECT_EQ(1u, record.greenCount);
+  EXPECT_EQ(2u, record.blueCount);
+  EXPECT_EQ(1u, record.otherCount);
+  EXPECT_EQ(nullptr, AutoDetectKeyColorProc(nullptr));
+}
+
+TEST(AutoDetectKeyColor, EqualTotalsGiveGreenAndOneMoreBlueGivesBlue) {
+  GuardedImage tie(3, 2);
+  // Greys count green; three green-dominated, three blue-dominated.
+  FillPixels(tie, {{10, 10, 10, 0}, {200, 0, 0, 0}, {0, 90, 90, 0}, {91, 90, 90, 0}, {5, 6, 6, 0}, {7, 6, 6, 0}});
+  GuardedImage moreBlue(3, 2);
+  FillPixels(moreBlue, {{11, 10, 10, 0}, {200, 0, 0, 0}, {0, 90, 90, 0}, {91, 90, 90, 0}, {5, 6, 6, 0}, {7, 6, 6, 0}});
+  for (int threads = 1; threads <= 16; ++threads) {
+    SCOPED_TRACE(threads);
+    EXPECT_EQ(kKeyColorGreen, Detect(tie, threads));
+    EXPECT_EQ(kKeyColorBlue, Detect(moreBlue, threads));
+  }
+  EXPECT_TRUE(tie.guardsIntact());
+}
+
+TEST(AutoDetectKeyColor, EmptyImageNoThreadsAndNullArgumentsGiveGreen) {
+  GuardedImage empty(0, 0);
+  EXPECT_EQ(kKeyColorGreen, Detect(empty, 4));
+  GuardedImage blue(2, 1);
+  FillPixels(blue, {{200, 0, 0, 0}, {200, 0, 0, 0}});
+  EXPECT_EQ(kKeyColorBlue, Detect(blue, 300));  // at most 255 threads
+  EXPECT_EQ(kKeyColorGreen, Detect(blue, 0));
+  EXPECT_EQ(kKeyColorGreen, Detect(blue, -3));
+  KVKeyColor result = kKeyColorBlue;
+  AutoDetectKeyColor(nullptr, 2, &result);
+  EXPECT_EQ(kKeyColorGreen, result);
+  AutoDetectKeyColor(blue.image(), 2, nullptr);  // nowhere to answer: nothing happens
+}
+
+TEST(ColorDifferenceMatte, RawDifferencesAndStatisticsPerKeyColour) {
+  GuardedImage image(5, 1);
+  FillPixels(image, kMixed);
+  MatteResult green = RunMatte(image, kKeyColorGreen, 0.0, 0.0);
+  EXPECT_EQ((std::vector<unsigned char>{30, 0, 255, 0, 1}), green.matte);
+  ExpectInfo(green.info, 3, 286, 1, 255);
+
+  MatteResult blue = RunMatte(image, kKeyColorBlue, 0.0, 0.0);
+  EXPECT_EQ((std::vector<unsigned char>{0, 0, 0, 170, 0}), blue.matte);
+  ExpectInfo(blue.info, 1, 170, 170, 170);
+
+  for (int unknown : {0, 3, -1, 1000}) {
+    MatteResult none = RunMatte(image, static_cast<KVKeyColor>(unknown), 0.0, 0.0);
+    EXPECT_EQ(std::vector<unsigned char>(5, 0), none.matte);
+    ExpectInfo(none.info, 0, 0, 255, 0);
+  }
+  EXPECT_EQ(nullptr, AutoColorDifferenceMatteProc(nullptr));
+}
+
+// Chroma softening with T = trunc(255 * 0.5) = 127. The statistics always
+// take the raw differences.
+TEST(ColorDifferenceMatte, ChromaSofteningRampAndCut) {
+  GuardedImage image(7, 1);
+  FillPixels(image, {{20, 120, 40, 0},    // C 100, d 80
+                     {30, 80, 40, 0},     // C 50, d 40
+                     {0, 200, 50, 0},     // C 200, d 150
+                     {10, 73, 20, 0},     // C 63, d 53
+                     {10, 74, 20, 0},     // C 64, d 54
+                     {0, 126, 10, 0},     // C 126, d 116
+                     {0, 127, 10, 0}});   // C 127, d 117
+  // Softness 0.5: S = 63.5; for S <= C < T, d - |(C - S) / 63.5 - 1| * d.
+  // C 100: 80 - 27/63.5 * 80 = 45.98; C 64: 54 - 63/63.5 * 54 = 0.43;
+  // C 126: 116 - 1/63.5 * 116 = 114.17.
+  MatteResult half = RunMatte(image, kKeyColorGreen, 0.5, 0.5);
+  EXPECT_EQ((std::vector<unsigned char>{45, 0, 150, 0, 0, 114, 117}), half.matte);
+  ExpectInfo(half.info, 7, 610, 40, 150);
+  // Softness 0.25: S = 31.75, ramp width 95.25. C 100: 80 - 0.2835 * 80 =
+  // 57.32; C 50: 40 - 0.8084 * 40 = 7.66; C 64: 54 - 0.6614 * 54 = 18.28.
+  MatteResult quarter = RunMatte(image, kKeyColorGreen, 0.5, 0.25);
+  EXPECT_EQ((std::vector<unsigned char>{57, 7, 150, 17, 18, 114, 117}), quarter.matte);
+  // Saturation limit 0: T = 0, nothing is softened.
+  MatteResult off = RunMatte(image, kKeyColorGreen, 0.0, 0.7);
+  EXPECT_EQ((std::vector<unsigned char>{80, 40, 150, 53, 54, 116, 117}), off.matte);
+  // Softness 1: S = T, every chroma below T is cut and the ramp never runs.
+  MatteResult hard = RunMatte(image, kKeyColorGreen, 0.5, 1.0);
+  EXPECT_EQ((std::vector<unsigned char>{0, 0, 150, 0, 0, 0, 117}), hard.matte);
+  ExpectInfo(hard.info, 7, 610, 40, 150);
+  // A NaN softness never compares, so nothing is softened.
+  MatteResult nan = RunMatte(image, kKeyColorGreen, 0.5, std::nan(""));
+  EXPECT_EQ(off.matte, nan.matte);
+}
+
+// The matte pass written out step by step, one pixel at a time: the oracle
+// for the thread procedure.
+MatteResult ReferenceMatte(const std::vector<unsigned char>& bytes, KVKeyColor keyColor, double limitFraction,
+                           double softness) {
+  MatteResult result;
+  result.info = MatteInfo{0, 0, 255, 0};
+  const int limit = static_cast<int>(255.0 * limitFraction);
+  const double soft = limit * softness;
+  for (size_t o = 0; o < bytes.size(); o += 4) {
+    const int b0 = bytes[o], b1 = bytes[o + 1], b2 = bytes[o + 2];
+    const int chroma = std::max(b0, std::max(b1, b2)) - std::min(b0, std::min(b1, b2));
+    int d = 0;
+    bool key = false;
+    if (keyColor == kKeyColorGreen) d = b1 - std::max(b0, b2), key = b1 > std::max(b0, b2);
+    if (keyColor == kKeyColorBlue) d = b0 - std::max(b1, b2), key = b0 > std::max(b1, b2);
+    if (key) {
+      ++result.info.count;
+      result.info.sum += d;
+      result.info.minimum = std::min(result.info.minimum, d);
+      result.info.maximum = std::max(result.info.maximum, d);
+    }
+    if (limit > chroma && soft > chroma) d = 0;
+    if (limit > chroma && soft <= chroma) {
+      d = static_cast<int>(d - std::fabs((chroma - soft) / ((1.0 - softness) * limit) - 1.0) * d);
+    }
+    result.matte.push_back(static_cast<unsigned char>(std::min(255, std::max(0, d))));
+  }
+  return result;
+}
+
+TEST(ColorDifferenceMatte, MatchesTheStepByStepFormOnPatterns) {
+  GuardedImage image(37, 29);
+  for (uint32_t seed = 1; seed <= 3; ++seed) {
+    // Random bytes with one channel lifted, so every branch is taken often.
+    std::vector<unsigned char> bytes = kvtest::PatternBytes(image.bytes(), seed);
+    for (size_t o = 0; o < bytes.size(); o += 4) bytes[o + (seed == 2 ? 0 : 1)] |= 0x40;
+    image.fill(bytes);
+    for (KVKeyColor key : {kKeyColorGreen, kKeyColorBlue}) {
+      for (double limit : {0.0, 0.2, 0.5, 1.0}) {
+        for (double softness : {0.0, 0.3, 0.75, 1.0}) {
+          SCOPED_TRACE(testing::Message() << seed << " " << key << " " << limit << " " << softness);
+          const MatteResult expected = ReferenceMatte(bytes, key, limit, softness);
+          const MatteResult actual = RunMatte(image, key, limit, softness);
+          EXPECT_EQ(expected.matte, actual.matte);
+          ExpectInfo(actual.info, expected.info.count, expected.info.sum, expected.info.minimum,
+                     expected.info.maximum);
+        }
+      }
+    }
+  }
+}
+
+TEST(ColorDifferenceMatte, ThreadSharesAreCutAtTheEndOfTheImage) {
+  // Two pixels over four threads: thread 2 would start at the end, thread 3
+  // past it; both must leave the matte and their statistics alone.
+  GuardedImage image(2, 1);
+  FillPixels(image, {{0, 9, 0, 0}, {0, 12, 0, 0}});
+  for (unsigned char t = 0; t < 4; ++t) {
+    MatteResult result = RunMatte(image, kKeyColorGreen, 0.0, 0.0, t, 4);
+    const unsigned char expected[4][2] = {{9, 0}, {0, 12}, {0, 0}, {0, 0}};
+    EXPECT_EQ(std::vector<unsigned char>(expected[t], expected[t] + 2), result.matte) << int(t);
+    if (t >= 2) ExpectInfo(result.info, 0, 0, 255, 0);
+  }
+  EXPECT_TRUE(image.guardsIntact());
+}
+
+TEST(ColorDifferenceKeyer, ThresholdsFollowBalance) {
+  kvo::KVLookupTables tables;
+  GuardedImage image(5, 1);
+  FillPixels(image, kRamp);
+  ScopedCoreCount cores(3);
+  const double balances[] = {0.0, 1.0, 0.5};
+  const double highs[] = {42.0, 36.0, 39.0};
+  for (int i = 0; i < 3; ++i) {
+    ColorDifferenceKeyer keyer(kKeyColorAuto, balances[i], 0.0, 0.0, tables);
+    EXPECT_EQ(1u, keyer.Type());
+    keyer.Setup(image.image());
+    EXPECT_EQ(kKeyColorGreen, keyer.EffectiveKeyColor());
+    EXPECT_EQ(10.0, keyer.LowThreshold());
+    EXPECT_EQ(highs[i], keyer.HighThreshold());
+  }
+}
+
+// low 10; m 18 is 8/(high - 10) of the way: f = trunc(8/32 * 255) = 63 at
+// balance 0, trunc(8/26 * 255) = 78 at balance 1; alpha = round(200 * (255 -
+// f) / 255). m 10 keeps its alpha, m 42 and 74 are cleared, the grey keeps 77.
+TEST(ColorDifferenceKeyer, ExactAlphasAtBalanceZeroAndOne) {
+  std::vector<unsigned char> input(kRamp.size() * 4);
+  std::memcpy(input.data(), kRamp.data(), input.size());
+  const std::vector<unsigned char> zero = KeyThroughKeyer(input, 5, 1, 2, kKeyColorGreen, 0.0, 0.0, 0.0);
+  const std::vector<unsigned char> one = KeyThroughKeyer(input, 5, 1, 2, kKeyColorGreen, 1.0, 0.0, 0.0);
+  const unsigned char alphasZero[] = {100, 151, 0, 0, 77};
+  const unsigned char alphasOne[] = {100, 139, 0, 0, 77};
+  for (size_t i = 0; i < 5; ++i) {
+    for (int c = 0; c < 3; ++c) {
+      EXPECT_EQ(input[i * 4 + c], zero[i * 4 + c]);
+      EXPECT_EQ(input[i * 4 + c], one[i * 4 + c]);
+    }
+    EXPECT_EQ(alphasZero[i], zero[i * 4 + 3]) << i;
+    EXPECT_EQ(alphasOne[i], one[i * 4 + 3]) << i;
+  }
+}
+
+TEST(ColorDifferenceKeyer, ImageWithoutKeyPixelsKeepsEveryByte) {
+  const std::vector<unsigned char> input = kvtest::PatternBytes(13 * 7 * 4, 3);
+  std::vector<unsigned char> noKey = input;
+  for (size_t i = 0; i < noKey.size(); i += 4) noKey[i + 1] = std::min(noKey[i], noKey[i + 2]);  // green never leads
+  for (unsigned int threads : {1u, 4u}) {
+    EXPECT_EQ(noKey, KeyThroughKeyer(noKey, 13, 7, threads, kKeyColorGreen, 0.3, 0.2, 0.5));
+    // An unknown key colour keys nothing, whatever the picture.
+    EXPECT_EQ(input, KeyThroughKeyer(input, 13, 7, threads, static_cast<KVKeyColor>(3), 0.3, 0.2, 0.5));
+  }
+  kvo::KVLookupTables tables;
+  GuardedImage image(13, 7);
+  image.fill(noKey);
+  ColorDifferenceKeyer keyer(kKeyColorGreen, 0.5, 0.0, 0.0, tables);
+  keyer.Setup(image.image());
+  EXPECT_EQ(255.0, keyer.LowThreshold());
+  EXPECT_TRUE(std::isnan(keyer.HighThreshold()));
+}
+
+TEST(ColorDifferenceKeyer, EveryThreadCountGivesTheSameBytes) {
+  const kvtest::KeyingFrame frame = kvtest::GreenScreenFrame(61, 37);
+  const std::vector<unsigned char> reference =
+      KeyThroughKeyer(frame.pixels, 61, 37, 1, kKeyColorAuto, 0.4, 0.3, 0.5);
+  EXPECT_NE(frame.pixels, reference);
+  for (unsigned int threads = 2; threads <= 16; ++threads) {
+    SCOPED_TRACE(threads);
+    EXPECT_EQ(reference, KeyThroughKeyer(frame.pixels, 61, 37, threads, kKeyColorAuto, 0.4, 0.3, 0.5, threads % 2));
+  }
+  // More threads than pixels.
+  std::vector<unsigned char> three(12);
+  std::memcpy(three.data(), kMixed.data(), 12);
+  const std::vector<unsigned char> tinyReference = KeyThroughKeyer(three, 3, 1, 1, kKeyColorGreen, 0.0, 0.0, 0.0);
+  for (unsigned int threads : {2u, 3u, 4u, 7u, 16u}) {
+    EXPECT_EQ(tinyReference, KeyThroughKeyer(three, 3, 1, threads, kKeyColorGreen, 0.0, 0.0, 0.0, 1));
+  }
+}
+
+TEST(ColorDifferenceKeyer, RendersInPlaceAndWithoutSetupKeepsAlpha) {
+  kvo::KVLookupTables tables;
+  GuardedImage image(5, 1, 1);
+  FillPixels(image, kRamp);
+  const std::vector<unsigned char> input = image.contents();
+  ColorDifferenceKeyer keyer(kKeyColorGreen, 0.0, 0.0, 0.0, tables);
+  EXPECT_EQ(0, keyer.Render(image.image(), image.image(), 0, 1));
+  EXPECT_EQ(input, image.contents());
+  keyer.Setup(image.image());
+  EXPECT_EQ(0, keyer.Render(image.image(), image.image(), 1, 2));
+  EXPECT_EQ(0, keyer.Render(image.image(), image.image(), 0, 2));
+  EXPECT_EQ((std::vector<unsigned char>{100, 151, 0, 0, 77}), Alphas(image));
+  EXPECT_TRUE(image.guardsIntact());
+
+  // A bigger destination is written only where both images have pixels; a
+  // bigger source beyond the matte keeps its alpha.
+  GuardedImage big(9, 1);
+  for (size_t i = 0; i < 9; ++i) std::memcpy(&big.at(i, 0, 0), &kRamp[i % 5], 4);
+  GuardedImage out(9, 1);
+  EXPECT_EQ(0, keyer.Render(big.image(), out.image(), 0, 1));
+  EXPECT_EQ((std::vector<unsigned char>{100, 151, 0, 0, 77, 100, 200, 255, 255}), Alphas(out));
+  EXPECT_TRUE(out.guardsIntact());
+}
+
+namespace {
+// An image of another depth: its buffer must never be touched.
+class SixteenBitImage : public KVAbstractImage {
+ public:
+  KVPixelChannelOrder PixelChannelOrder() const override { return kPixelOrderBGRA; }
+  unsigned int BitsPerChannel() const override { return 16; }
+  unsigned int Width() const override { return 4; }
+  unsigned int Height() const override { return 4; }
+  unsigned int BufferSize() const override { return 64; }
+  unsigned int BufferByteSize() const override { return 128; }
+};
+}  // namespace
+
+TEST(ColorDifferenceKeyer, OtherDepthsReturnTheirCode) {
+  kvo::KVLookupTables tables;
+  SixteenBitImage source, destination;
+  ColorDifferenceKeyer keyer(kKeyColorAuto, 0.5, 0.1, 0.1, tables);
+  keyer.Setup(&source);
+  EXPECT_EQ(16, keyer.Render(&source, &destination, 0, 1));
+}
+
+TEST(SetAutoColorDifferenceKey, ChecksEachArgumentAndQueuesNothingOnFailure) {
+  kvo::KVLookupTables tables;
+  GuardedImage src(2, 2), dst(2, 2);
+  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+  EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, 1.0000001, 0.0, 0.0));
+  EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, -0.1, 0.0, 0.0));
+  EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorGreen, 0.5, 1.5, 0.0));
+  EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorGreen, 0.5, -1e-9, 0.0));
+  EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorBlue, 0.5, 0.5, 2.0));
+  EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorBlue, 0.5, 0.5, -0.5));
+  EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorBlue, 2.0, std::nan(""), -0.5));
+  EXPECT_EQ(0, keyer.RenderQueueCount());
+  EXPECT_EQ(0, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, 0.0, 1.0, 1.0));
+  EXPECT_EQ(0, keyer.SetAutoColorDifferenceKey(static_cast<KVKeyColor>(9), 1.0, 0.0, 0.0));
+  // NaN passes both comparisons.
+  EXPECT_EQ(0, keyer.SetAutoColorDifferenceKey(kKeyColorGreen, std::nan(""), std::nan(""), std::nan("")));
+  EXPECT_EQ(3, keyer.RenderQueueCount());
+  EXPECT_EQ(0, keyer.Render());
+  EXPECT_TRUE(dst.guardsIntact());
+}
+
+// The key sum of a UHD frame of pure green exceeds 2^31; the mean must still
+// come out as 255.
+TEST(ColorDifferenceKeyer, MeanSurvivesSumsBeyondThirtyTwoBits) {
+  if (kUnderThreadSanitizer) GTEST_SKIP() << "arithmetic only; too slow under the thread sanitizer";
+  const unsigned int width = 4096, height = 2100;
+  std::vector<unsigned char> pixels(static_cast<size_t>(width) * height * 4, 0);
+  for (size_t i = 1; i < pixels.size(); i += 4) pixels[i] = 255;
+  KVImage8 image(pixels.data(), width, height, kPixelOrderBGRA);
+  kvo::KVLookupTables tables;
+  ColorDifferenceKeyer keyer(kKeyColorGreen, 1.0, 0.0, 0.0, tables);
+  keyer.Setup(&image);
+  EXPECT_EQ(255.0, keyer.LowThreshold());
+  EXPECT_EQ(255.0, keyer.HighThreshold());
+}
+
+// A keyer given nothing but SetAutoColorDifferenceKey on studio-like frames:
+// the backing must go, the subject must stay, and the soft outline and hair
+// must come out partly transparent.
+class RealisticFrame : public ::testing::TestWithParam<KVKeyColor> {};
+
+TEST_P(RealisticFrame, DetectsTheBackingAndKeysIt) {
+  const KVKeyColor backing = GetParam();
+  const unsigned int width = 160, height = 120;
+  const kvtest::KeyingFrame frame = kvtest::MakeKeyingFrame(backing, width, height, 7);
+  kvo::KVLookupTables tables;
+  GuardedImage src(width, height), dst(width, height);
+  src.fill(frame.pixels);
+  EXPECT_EQ(backing, Detect(src, 2));
+  ColorDifferenceKeyer stage(kKeyColorAuto, 0.5, 0.2, 0.5, tables);
+  stage.Setup(src.image());
+  EXPECT_EQ(backing, stage.EffectiveKeyColor());
+
+  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+  ASSERT_EQ(0, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, 0.5, 0.2, 0.5));
+  ASSERT_EQ(0, keyer.Render());
+  ASSERT_TRUE(dst.guardsIntact());
+
+  size_t backingPixels = 0, subjectPixels = 0, edgePixels = 0, partial = 0, hairKept = 0, hairPixels = 0;
+  for (unsigned int y = 0; y < height; ++y) {
+    for (unsigned int x = 0; x < width; ++x) {
+      const size_t i = frame.Index(x, y);
+      const unsigned char alpha = dst.at(x, y, 3);
+      const float distance = frame.outlineDistance[i];
+      if (frame.coverage[i] == 0) {
+        ++backingPixels;
+        EXPECT_EQ(0, alpha) << x << "," << y;
+      } else if (distance < -8.0f) {
+        ++subjectPixels;
+        EXPECT_EQ(255, alpha) << x << "," << y;
+      } else if (frame.coverage[i] < 255 && distance > -2.0f && distance < 2.0f) {
+        ++edgePixels;
+        if (alpha > 0 && alpha < 255) ++partial;
+      }
+      if (distance > 4.0f && frame.coverage[i] >= 100) {  // hair over the backing
+        ++hairPixels;
+        if (alpha > 0) ++hairKept;
+      }
+    }
+  }
+  EXPECT_GT(backingPixels, width * height / 3);
+  EXPECT_GT(subjectPixels, width * height / 8);
+  // Most of the soft outline is partly transparent, and some hair survives.
+  EXPECT_GT(partial * 2, edgePixels);
+  EXPECT_GT(hairPixels, 0u);
+  EXPECT_GT(hairKept * 2, hairPixels);
+}
+
+INSTANTIATE_TEST_SUITE_P(Backings, RealisticFrame, ::testing::Values(kKeyColorGreen, kKeyColorBlue));
