@@ -163,6 +163,36 @@ TEST(OpacityStage, NotANumberIsDefinedOnBothPaths) {
   }
 }
 
+TEST(OpacityStage, OpacitiesOutsideTheUnitRange) {
+  // The stage itself validates nothing (the setter does). The vector
+  // decrement keeps only its low byte: opacity 2 gives trunc(-255) & 255 = 1,
+  // opacity -1 gives 510 & 255 = 254, and 1e10 overflows the integer to the
+  // indefinite value, whose low byte is 0. The plain product clamps, and an
+  // overflowing product is the indefinite value, which clamps to 0.
+  std::vector<unsigned char> bytes = kvtest::PatternBytes(16 * 4, 21);
+  for (int p = 0; p < 16; ++p) bytes[p * 4 + 3] = static_cast<unsigned char>(p * 17);  // 0 .. 255
+  struct Case {
+    double opacity;
+    AlphaRule plain;
+    AlphaRule vector;
+  };
+  const Case cases[] = {
+      {2.0, [](int a) { return std::min(255, 2 * a); }, [](int a) { return a > 1 ? a - 1 : 0; }},
+      {-1.0, kZero, [](int a) { return a > 254 ? a - 254 : 0; }},
+      {1e10, kZero, kKeep},
+  };
+  for (const Case& c : cases) {
+    GuardedImage source(16, 1), destination(16, 1, 1);
+    source.fill(bytes);
+    OpacityRenderer vector(c.opacity, kVectorPath), plain(c.opacity, kPlainPath);
+    RenderAllShares(vector, source.image(), destination.image(), 1);
+    EXPECT_EQ(ExpectedOpacity(bytes, 1, true, c.plain, c.vector), destination.contents()) << c.opacity;
+    RenderAllShares(plain, source.image(), destination.image(), 1);
+    EXPECT_EQ(ExpectedOpacity(bytes, 1, false, c.plain, c.vector), destination.contents()) << c.opacity;
+    EXPECT_TRUE(destination.guardsIntact());
+  }
+}
+
 TEST(OpacityStage, AlignedAndUnalignedBuffers) {
   struct Rules {
     double opacity;
@@ -324,6 +354,12 @@ TEST(MatteViewStage, ShowsAlphaInEitherChannelOrder) {
   EXPECT_EQ(whiteArgb, std::vector<unsigned char>(fromArgb.begin() + 12, fromArgb.begin() + 16));
   EXPECT_EQ(bytes, bgra.contents());
   EXPECT_EQ(bytes, argb.contents());
+
+  // Any order other than 2 keeps alpha in byte 3.
+  GuardedImage unusual(6, 2, 0, static_cast<KVPixelChannelOrder>(7)), unusualOut(6, 2);
+  unusual.fill(bytes);
+  RenderAllShares(stage, unusual.image(), unusualOut.image(), 2);
+  EXPECT_EQ(fromBgra, unusualOut.contents());
   EXPECT_TRUE(bgraOut.guardsIntact());
   EXPECT_TRUE(argbOut.guardsIntact());
 }

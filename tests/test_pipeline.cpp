@@ -604,6 +604,15 @@ TEST_F(Pipelines, CompositorFadesTheBackgroundOnceAtConstruction) {
     KVImageCompositor compositor(background.image(), 0.0, tables(), kDownsampleNone);
     EXPECT_EQ(WithAlphas(bytes, 0, 0), background.contents());
   }
+  {
+    // Below zero still fades: on the vector path the decrement is
+    // trunc(2 * 255) = 510, of which the low byte 254 is subtracted.
+    const std::vector<unsigned char> bytes = WithAlphas(BackgroundBytes(16), 255, 128);
+    GuardedImage background(8, 2);
+    background.fill(bytes);
+    KVImageCompositor compositor(background.image(), -1.0, tables(), kDownsampleNone);
+    EXPECT_EQ(WithAlphas(bytes, 1, 0), background.contents());
+  }
 }
 
 TEST_F(Pipelines, CompositorLeavesTheBackgroundAtFullOrUndefinedOpacity) {
