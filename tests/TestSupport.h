@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace kvtest {
@@ -53,7 +54,9 @@ class GuardedImage {
     return m_pixels[(static_cast<size_t>(y) * m_image->Width() + x) * 4 + channel];
   }
   std::vector<unsigned char> contents() const { return std::vector<unsigned char>(m_pixels, m_pixels + m_bytes); }
-  void fill(const std::vector<unsigned char>& bytes) { std::memcpy(m_pixels, bytes.data(), m_bytes); }
+  void fill(const std::vector<unsigned char>& bytes) {
+    if (m_bytes != 0) std::memcpy(m_pixels, bytes.data(), m_bytes);
+  }
   bool guardsIntact() const {
     for (size_t i = 0; i < kGuardBytes; ++i) {
       if (m_pixels[m_bytes + i] != kGuardValue) return false;
@@ -77,6 +80,37 @@ inline std::vector<unsigned char> PatternBytes(size_t count, uint32_t seed) {
     bytes[i] = static_cast<unsigned char>(state >> 24);
   }
   return bytes;
+}
+
+// An image of another channel depth. It has no pixels: a stage that reaches
+// for its bytes instead of checking the depth first crashes.
+class DeepImage : public kvo::image::KVAbstractImage {
+ public:
+  DeepImage(unsigned int width, unsigned int height, unsigned int bitsPerChannel = 16,
+            kvo::image::KVPixelChannelOrder order = kvo::image::kPixelOrderBGRA)
+      : m_width(width), m_height(height), m_bits(bitsPerChannel), m_order(order) {}
+  kvo::image::KVPixelChannelOrder PixelChannelOrder() const override { return m_order; }
+  unsigned int BitsPerChannel() const override { return m_bits; }
+  unsigned int Width() const override { return m_width; }
+  unsigned int Height() const override { return m_height; }
+  unsigned int BufferSize() const override { return m_width * m_height * 4; }
+  unsigned int BufferByteSize() const override { return m_width * m_height * 8; }
+
+ private:
+  unsigned int m_width;
+  unsigned int m_height;
+  unsigned int m_bits;
+  kvo::image::KVPixelChannelOrder m_order;
+};
+
+// A regular expression that matches `text` literally (for EXPECT_DEATH).
+inline std::string LiteralRegex(const std::string& text) {
+  std::string pattern;
+  for (char c : text) {
+    if (std::strchr(".[]{}()\\*+?^$|", c) != nullptr) pattern += '\\';
+    pattern += c;
+  }
+  return pattern;
 }
 
 }  // namespace kvtest

@@ -6,21 +6,24 @@
 namespace kvo {
 namespace image {
 
+// The enumerations have a fixed underlying type: a host may pass any int cast
+// to one, and reading such a value must stay defined.
+
 // Byte layout of a pixel. Stored, copied and compared; never converted.
-enum KVPixelChannelOrder {
+enum KVPixelChannelOrder : int {
   kPixelOrderBGRA = 1,  // blue, green, red, alpha: what every stage processes
   kPixelOrderARGB = 2   // alpha, red, green, blue
 };
 
 // Which bytes of each pixel a renderer changes; 0 to 2 are reserved.
-enum KVChannelsToProcess {
+enum KVChannelsToProcess : int {
   kChannelsAlpha = 3,  // byte 3 processed, colour copied
   kChannelsColor = 4,  // bytes 0..2 processed, alpha copied
   kChannelsAll = 5     // all four bytes processed
 };
 
 // Scale applied by setters to pixel radii; see DownsampleValue.
-enum KVDownsampleFactor {
+enum KVDownsampleFactor : int {
   kDownsampleNone = 0,     // 1.0
   kDownsampleHalf = 1,     // 0.5
   kDownsampleThird = 2,    // 0.33

@@ -1,0 +1,637 @@
+// The three front ends: the render loop with one, two and three stages, the
+// zero-filled intermediate images, result codes from setters, Setup and worker
+// threads, the 16-bit queue count and the compositor's background fade.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <new>
+#include <stdexcept>
+#include <vector>
+
+#include "TestSupport.h"
+#include "pipeline/RendererQueue.h"
+
+namespace kvo {
+namespace image {
+// The processor's and the keyer's private records, as the library defines
+// them: the tests queue their own stages through them (below).
+struct KVImageProcessor_Private : RendererQueue {
+  using RendererQueue::RendererQueue;
+};
+struct KVImageKeyer_Private : RendererQueue {
+  using RendererQueue::RendererQueue;
+};
+}  // namespace image
+}  // namespace kvo
+
+using namespace kvo::image;
+using kvtest::GuardedImage;
+using kvtest::ScopedCoreCount;
+
+namespace {
+
+typedef std::tr1::shared_ptr<KVAbstractImage> ImagePtr;
+typedef std::tr1::shared_ptr<AbstractRenderer> RendererPtr;
+
+// The setters only queue the library's own stages. To run recording and
+// throwing stages through the real render loop, the tests reach the queue
+// through the private record (an explicit instantiation may name a private
+// member).
+template <class Tag, typename Tag::type Member>
+struct PrivateAccess {
+  friend typename Tag::type Get(Tag) { return Member; }
+};
+struct ProcessorRecord {
+  typedef KVImageProcessor_Private* KVImageProcessor::*type;
+  friend type Get(ProcessorRecord);
+};
+struct KeyerRecord {
+  typedef KVImageKeyer_Private* KVImageKeyer::*type;
+  friend type Get(KeyerRecord);
+};
+template struct PrivateAccess<ProcessorRecord, &KVImageProcessor::m_private>;
+template struct PrivateAccess<KeyerRecord, &KVImageKeyer::m_private>;
+
+void Queue(KVImageProcessor& processor, RendererPtr stage) {
+  RendererQueue* queue = processor.*Get(ProcessorRecord());
+  queue->queue.push_back(stage);
+}
+void Queue(KVImageKeyer& keyer, RendererPtr stage) {
+  RendererQueue* queue = keyer.*Get(KeyerRecord());
+  queue->queue.push_back(stage);
+}
+
+struct CustomError : std::runtime_error {
+  CustomError() : std::runtime_error("custom") {}
+};
+
+// What one render thread handed to a stage.
+struct Sighting {
+  bool called;
+  KVAbstractImage* source;
+  KVAbstractImage* destination;
+  unsigned int threadCount;
+};
+
+// A stage that records what it is given and writes source + delta over its
+// byte share (nothing when delta is negative). It can throw from Setup or
+// from Render (given the thread index).
+class RecordingRenderer : public AbstractRenderer {
+ public:
+  explicit RecordingRenderer(int delta) : m_delta(delta) { m_sightings.fill(Sighting()); }
+
+  unsigned int Type() const override { return 0; }
+
+  void Setup(KVAbstractImage* input) override {
+    ++setups;
+    setupInput = input;
+    inputWidth = input->Width();
+    inputHeight = input->Height();
+    inputOrder = input->PixelChannelOrder();
+    inputBits = input->BitsPerChannel();
+    const KVImage8* pixels = static_cast<KVImage8*>(input);
+    inputBytes.assign(pixels->Buffer(), pixels->Buffer() + input->BufferByteSize());
+    if (throwInSetup) throwInSetup();
+  }
+
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override {
+    Sighting& sighting = m_sightings[threadIndex];
+    sighting.called = true;
+    sighting.source = source;
+    sighting.destination = destination;
+    sighting.threadCount = threadCount;
+    if (throwInRender) throwInRender(threadIndex);
+    if (m_delta >= 0) {
+      unsigned long start = 0, count = 0;
+      GetBufferSizePerThread(source->Width(), source->Height(), threadIndex, threadCount, start, count);
+      const unsigned long limit = std::min(source->BufferByteSize(), destination->BufferByteSize());
+      const unsigned char* in = static_cast<KVImage8*>(source)->Buffer();
+      unsigned char* out = static_cast<KVImage8*>(destination)->Buffer();
+      for (unsigned long i = start; i < limit && i - start < count; ++i) {
+        out[i] = static_cast<unsigned char>(in[i] + m_delta);
+      }
+    }
+    return renderResult;
+  }
+
+  const Sighting& sighting(unsigned int thread) const { return m_sightings[thread]; }
+  unsigned int threadsCalled() const {
+    unsigned int called = 0;
+    for (const Sighting& s : m_sightings) called += s.called ? 1 : 0;
+    return called;
+  }
+
+  int setups = 0;
+  // The input as Setup saw it (an intermediate is gone once Render returns).
+  KVAbstractImage* setupInput = nullptr;
+  unsigned int inputWidth = 0;
+  unsigned int inputHeight = 0;
+  KVPixelChannelOrder inputOrder = kPixelOrderBGRA;
+  unsigned int inputBits = 99;
+  std::vector<unsigned char> inputBytes;
+  std::function<void()> throwInSetup;
+  std::function<void(int thread)> throwInRender;
+  int renderResult = 0;
+
+ private:
+  int m_delta;
+  std::array<Sighting, 256> m_sightings;
+};
+
+typedef std::tr1::shared_ptr<RecordingRenderer> RecordingPtr;
+
+RecordingPtr Recording(int delta) { return RecordingPtr(new RecordingRenderer(delta)); }
+
+std::vector<unsigned char> Plus(std::vector<unsigned char> bytes, int delta) {
+  for (unsigned char& b : bytes) b = static_cast<unsigned char>(b + delta);
+  return bytes;
+}
+
+// The exceptions a stage may throw and the code each becomes inside a
+// worker thread (1001 for anything that is not an exact standard type).
+struct Thrown {
+  const char* name;
+  std::function<void()> raise;
+  int workerCode;
+  int publicCode;
+};
+
+std::vector<Thrown> ExceptionKinds() {
+  return {
+      {"bad_alloc", [] { throw std::bad_alloc(); }, 8, 8},
+      {"runtime_error", [] { throw std::runtime_error("x"); }, 2, 2},
+      {"logic_error", [] { throw std::logic_error("x"); }, 3, 3},
+      {"invalid_argument", [] { throw std::invalid_argument("x"); }, 4, 4},
+      {"out_of_range", [] { throw std::out_of_range("x"); }, 7, 7},
+      {"length_error", [] { throw std::length_error("x"); }, 1001, 2},
+      {"derived runtime_error", [] { throw CustomError(); }, 1001, 2},
+  };
+}
+
+class Pipelines : public ::testing::Test {
+ protected:
+  kvo::KVLookupTables& tables() {
+    static kvo::KVLookupTables shared;
+    return shared;
+  }
+};
+
+}  // namespace
+
+TEST(ConvertExceptionToKVerr, ExactTypesOnly) {
+  std::bad_alloc badAlloc;
+  std::runtime_error runtime("r");
+  std::logic_error logic("l");
+  std::invalid_argument invalid("i");
+  std::out_of_range range("o");
+  std::length_error length("len");
+  std::range_error rangeError("re");
+  std::bad_array_new_length badLength;  // derived from bad_alloc
+  CustomError custom;
+  std::exception plain;
+  EXPECT_EQ(8, kvo::ConvertExceptionToKVerr(badAlloc, 55));
+  EXPECT_EQ(2, kvo::ConvertExceptionToKVerr(runtime, 55));
+  EXPECT_EQ(3, kvo::ConvertExceptionToKVerr(logic, 55));
+  EXPECT_EQ(4, kvo::ConvertExceptionToKVerr(invalid, 55));
+  EXPECT_EQ(7, kvo::ConvertExceptionToKVerr(range, 55));
+  EXPECT_EQ(55, kvo::ConvertExceptionToKVerr(length, 55));
+  EXPECT_EQ(2, kvo::ConvertExceptionToKVerr(length, 2));
+  EXPECT_EQ(1001, kvo::ConvertExceptionToKVerr(length, 1001));
+  EXPECT_EQ(55, kvo::ConvertExceptionToKVerr(rangeError, 55));
+  EXPECT_EQ(55, kvo::ConvertExceptionToKVerr(badLength, 55));
+  EXPECT_EQ(1001, kvo::ConvertExceptionToKVerr(custom, 1001));
+  EXPECT_EQ(2, kvo::ConvertExceptionToKVerr(custom, 2));
+  EXPECT_EQ(55, kvo::ConvertExceptionToKVerr(plain, 55));
+  // Caught through a base-class reference, the dynamic type still decides.
+  try {
+    throw CustomError();
+  } catch (std::runtime_error& e) {
+    EXPECT_EQ(1001, kvo::ConvertExceptionToKVerr(e, 1001));
+  }
+}
+
+TEST_F(Pipelines, OneStageRendersStraightIntoTheDestination) {
+  ScopedCoreCount cores(3);
+  const std::vector<unsigned char> pattern = kvtest::PatternBytes(7 * 5 * 4, 11);
+  GuardedImage source(7, 5), destination(7, 5);
+  source.fill(pattern);
+  KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
+  RecordingPtr stage = Recording(3);
+  Queue(processor, stage);
+  ASSERT_EQ(1, processor.RenderQueueCount());
+  EXPECT_EQ(0, processor.Render());
+  EXPECT_EQ(1, stage->setups);
+  EXPECT_EQ(source.image(), stage->setupInput);
+  EXPECT_EQ(3u, stage->threadsCalled());
+  for (unsigned int t = 0; t < 3; ++t) {
+    EXPECT_EQ(source.image(), stage->sighting(t).source);
+    EXPECT_EQ(destination.image(), stage->sighting(t).destination);
+    EXPECT_EQ(3u, stage->sighting(t).threadCount);
+  }
+  EXPECT_EQ(Plus(pattern, 3), destination.contents());
+  EXPECT_EQ(pattern, source.contents());
+  EXPECT_TRUE(destination.guardsIntact());
+}
+
+TEST_F(Pipelines, TwoStagesPassAFreshZeroFilledIntermediate) {
+  ScopedCoreCount cores(2);
+  const std::vector<unsigned char> pattern = kvtest::PatternBytes(5 * 3 * 4, 12);
+  // Channel order 2: the intermediate must carry it over.
+  GuardedImage source(5, 3, 0, kPixelOrderARGB), destination(5, 3, 0, kPixelOrderARGB);
+  source.fill(pattern);
+  KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
+  RecordingPtr first = Recording(-1);  // writes nothing
+  RecordingPtr second = Recording(9);
+  Queue(processor, first);
+  Queue(processor, second);
+  EXPECT_EQ(0, processor.Render());
+
+  KVAbstractImage* intermediate = first->sighting(0).destination;
+  ASSERT_NE(nullptr, intermediate);
+  EXPECT_NE(source.image(), intermediate);
+  EXPECT_NE(destination.image(), intermediate);
+  EXPECT_EQ(intermediate, first->sighting(1).destination);
+  EXPECT_EQ(source.image(), first->setupInput);
+  EXPECT_EQ(intermediate, second->setupInput);
+  EXPECT_EQ(intermediate, second->sighting(1).source);
+  EXPECT_EQ(destination.image(), second->sighting(0).destination);
+  // The second stage saw the fresh image: the source's size and order, all zero.
+  EXPECT_EQ(5u, second->inputWidth);
+  EXPECT_EQ(3u, second->inputHeight);
+  EXPECT_EQ(kPixelOrderARGB, second->inputOrder);
+  EXPECT_EQ(0u, second->inputBits);
+  EXPECT_EQ(std::vector<unsigned char>(60, 0), second->inputBytes);
+  EXPECT_EQ(std::vector<unsigned char>(60, 9), destination.contents());
+  EXPECT_EQ(pattern, source.contents());
+  EXPECT_TRUE(destination.guardsIntact());
+}
+
+TEST_F(Pipelines, ThreeStagesChainThroughTwoIntermediates) {
+  ScopedCoreCount cores(4);
+  const std::vector<unsigned char> pattern = kvtest::PatternBytes(9 * 2 * 4, 13);
+  GuardedImage source(9, 2), destination(9, 2);
+  source.fill(pattern);
+  KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
+  RecordingPtr a = Recording(1), b = Recording(2), c = Recording(3);
+  Queue(processor, a);
+  Queue(processor, b);
+  Queue(processor, c);
+  EXPECT_EQ(0, processor.Render());
+  EXPECT_EQ(source.image(), a->sighting(0).source);
+  EXPECT_EQ(a->sighting(0).destination, b->sighting(0).source);
+  EXPECT_EQ(b->sighting(0).destination, c->sighting(0).source);
+  EXPECT_NE(a->sighting(0).destination, b->sighting(0).destination);
+  EXPECT_EQ(destination.image(), c->sighting(3).destination);
+  EXPECT_EQ(Plus(pattern, 1), b->inputBytes);
+  EXPECT_EQ(Plus(pattern, 3), c->inputBytes);
+  EXPECT_EQ(Plus(pattern, 6), destination.contents());
+
+  // Every render starts again from the untouched source.
+  EXPECT_EQ(0, processor.Render());
+  EXPECT_EQ(2, a->setups);
+  EXPECT_EQ(2, c->setups);
+  EXPECT_EQ(Plus(pattern, 6), destination.contents());
+  EXPECT_EQ(pattern, source.contents());
+  EXPECT_TRUE(destination.guardsIntact());
+}
+
+TEST_F(Pipelines, EmptyQueueLeavesTheDestination) {
+  const std::vector<unsigned char> pattern = kvtest::PatternBytes(4 * 4 * 4, 14);
+  const std::vector<unsigned char> target = kvtest::PatternBytes(4 * 4 * 4, 15);
+  GuardedImage source(4, 4), destination(4, 4);
+  source.fill(pattern);
+  destination.fill(target);
+  KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
+  EXPECT_EQ(0, processor.RenderQueueCount());
+  EXPECT_EQ(0, processor.Render());
+  EXPECT_EQ(target, destination.contents());
+
+  KVImageKeyer keyer(source.image(), destination.image(), tables(), kDownsampleHalf);
+  EXPECT_EQ(source.image(), keyer.SourceImage());
+  EXPECT_EQ(0, keyer.RenderQueueCount());
+  EXPECT_EQ(0, keyer.Render());
+  EXPECT_EQ(0, keyer.ClearRenderQueue());
+  EXPECT_EQ(target, destination.contents());
+  EXPECT_TRUE(destination.guardsIntact());
+}
+
+TEST_F(Pipelines, SharedPointerConstructorsKeepNoReference) {
+  ImagePtr source(new KVImage8(3, 3, kPixelOrderBGRA, true));
+  ImagePtr destination(new KVImage8(3, 3, kPixelOrderBGRA, true));
+  {
+    KVImageProcessor processor(source, destination, tables(), kDownsampleNone);
+    KVImageKeyer keyer(source, destination, tables(), kDownsampleThird);
+    KVImageCompositor compositor(destination, 1.0, tables(), kDownsampleNone);
+    EXPECT_EQ(1, source.use_count());
+    EXPECT_EQ(1, destination.use_count());
+    EXPECT_EQ(source.get(), processor.SourceImage());
+    EXPECT_EQ(source.get(), keyer.SourceImage());
+    EXPECT_EQ(destination.get(), compositor.BackgroundLayer());
+    EXPECT_EQ(0, processor.SetMatteView());
+    EXPECT_EQ(0, processor.Render());
+    EXPECT_EQ(0, keyer.Render());
+  }
+  EXPECT_EQ(1, source.use_count());
+}
+
+TEST_F(Pipelines, SettersQueueOneStageEach) {
+  GuardedImage source(2, 2), destination(2, 2);
+  KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
+  EXPECT_EQ(0, processor.SetOpacity(0.0));
+  EXPECT_EQ(0, processor.SetOpacity(1.0));
+  EXPECT_EQ(0, processor.SetMirror(true, false));
+  EXPECT_EQ(0, processor.SetMirror(false, true));
+  const KVPixel8_RGB colour = {1, 2, 3};
+  EXPECT_EQ(0, processor.SetSilhouette(colour));
+  EXPECT_EQ(0, processor.SetMatteView());
+  EXPECT_EQ(6, processor.RenderQueueCount());
+  // Out of range: code 7 and nothing queued.
+  EXPECT_EQ(7, processor.SetOpacity(1.5));
+  EXPECT_EQ(7, processor.SetOpacity(-0.01));
+  EXPECT_EQ(7, processor.SetOpacity(1.01));
+  EXPECT_EQ(7, processor.SetOpacity(std::numeric_limits<double>::infinity()));
+  EXPECT_EQ(6, processor.RenderQueueCount());
+  // NaN passes both comparisons and is queued.
+  EXPECT_EQ(0, processor.SetOpacity(std::nan("")));
+  EXPECT_EQ(7, processor.RenderQueueCount());
+  EXPECT_EQ(0, processor.ClearRenderQueue());
+  EXPECT_EQ(0, processor.RenderQueueCount());
+}
+
+TEST_F(Pipelines, QueueCountIsSixteenBits) {
+  GuardedImage source(1, 1), destination(1, 1);
+  KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
+  for (int i = 0; i < 65537; ++i) ASSERT_EQ(0, processor.SetMirror(false, false));
+  EXPECT_EQ(1, processor.RenderQueueCount());
+  EXPECT_EQ(0, processor.ClearRenderQueue());
+  EXPECT_EQ(0, processor.RenderQueueCount());
+}
+
+TEST_F(Pipelines, TheSameSetterTwiceAppliesTwice) {
+  ScopedCoreCount cores(1);
+  // 17 pixels: one share that is not a multiple of 16, so alpha * 0.5 twice.
+  GuardedImage source(17, 1), destination(17, 1);
+  for (unsigned int x = 0; x < 17; ++x) source.at(x, 0, 3) = 200;
+  KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
+  ASSERT_EQ(0, processor.SetOpacity(0.5));
+  ASSERT_EQ(0, processor.SetOpacity(0.5));
+  EXPECT_EQ(2, processor.RenderQueueCount());
+  EXPECT_EQ(0, processor.Render());
+  for (unsigned int x = 0; x < 17; ++x) EXPECT_EQ(50, destination.at(x, 0, 3));
+
+  // 16 pixels: the vector path subtracts 127 twice.
+  GuardedImage square(4, 4), out(4, 4);
+  for (unsigned int i = 0; i < 16; ++i) square.at(i % 4, i / 4, 3) = 255;
+  KVImageProcessor twice(square.image(), out.image(), tables(), kDownsampleNone);
+  ASSERT_EQ(0, twice.SetOpacity(0.5));
+  ASSERT_EQ(0, twice.SetOpacity(0.5));
+  EXPECT_EQ(0, twice.Render());
+  for (unsigned int i = 0; i < 16; ++i) EXPECT_EQ(1, out.at(i % 4, i / 4, 3));
+}
+
+TEST_F(Pipelines, WorkerExceptionsBecomeCodesAndLaterStagesStillRun) {
+  ScopedCoreCount cores(2);
+  for (const Thrown& kind : ExceptionKinds()) {
+    GuardedImage source(6, 2), destination(6, 2);
+    KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
+    RecordingPtr failing = Recording(-1);
+    const std::function<void()> raise = kind.raise;
+    failing->throwInRender = [raise](int) { raise(); };
+    RecordingPtr after = Recording(5);
+    Queue(processor, failing);
+    Queue(processor, after);
+    EXPECT_EQ(kind.workerCode, processor.Render()) << kind.name;
+    EXPECT_EQ(1, after->setups) << kind.name;
+    EXPECT_EQ(std::vector<unsigned char>(48, 5), destination.contents()) << kind.name;
+  }
+}
+
+TEST_F(Pipelines, LastNonZeroThreadCodeWins) {
+  ScopedCoreCount cores(2);
+  GuardedImage source(4, 1), destination(4, 1);
+  {
+    // Within a stage the threads are joined in index order.
+    KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
+    RecordingPtr first = Recording(0), second = Recording(0);
+    first->throwInRender = [](int thread) {
+      if (thread == 0) throw std::out_of_range("x");
+      throw std::bad_alloc();
+    };
+    second->throwInRender = [](int thread) {
+      if (thread == 0) throw std::logic_error("x");
+    };
+    Queue(processor, first);
+    EXPECT_EQ(8, processor.Render());
+    Queue(processor, second);
+    EXPECT_EQ(3, processor.Render());
+  }
+  {
+    // A later stage that succeeds does not clear an earlier code, and a
+    // stage's own non-zero result is not a code.
+    KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
+    RecordingPtr failing = Recording(0), quiet = Recording(0);
+    failing->throwInRender = [](int) { throw std::runtime_error("x"); };
+    quiet->renderResult = 5;
+    Queue(processor, failing);
+    Queue(processor, quiet);
+    EXPECT_EQ(2, processor.Render());
+    ASSERT_EQ(0, processor.ClearRenderQueue());
+    Queue(processor, quiet);
+    EXPECT_EQ(0, processor.Render());
+  }
+}
+
+TEST_F(Pipelines, SetupExceptionsBecomePublicCodes) {
+  for (const Thrown& kind : ExceptionKinds()) {
+    const std::vector<unsigned char> target = kvtest::PatternBytes(3 * 3 * 4, 16);
+    GuardedImage source(3, 3), destination(3, 3);
+    destination.fill(target);
+    KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
+    RecordingPtr failing = Recording(1);
+    failing->throwInSetup = kind.raise;
+    Queue(processor, failing);
+    EXPECT_EQ(kind.publicCode, processor.Render()) << kind.name;
+    EXPECT_EQ(0u, failing->threadsCalled()) << kind.name;
+    EXPECT_EQ(target, destination.contents()) << kind.name;
+  }
+}
+
+TEST_F(Pipelines, ThreadCountIsCappedAt255) {
+  ScopedCoreCount cores(300);
+  GuardedImage source(1, 1), destination(1, 1);
+  source.at(0, 0, 0) = 40;
+  KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
+  RecordingPtr stage = Recording(2);
+  Queue(processor, stage);
+  EXPECT_EQ(0, processor.Render());
+  EXPECT_EQ(255u, stage->threadsCalled());
+  EXPECT_TRUE(stage->sighting(254).called);
+  EXPECT_FALSE(stage->sighting(255).called);
+  EXPECT_EQ(255u, stage->sighting(0).threadCount);
+  EXPECT_EQ(42, destination.at(0, 0, 0));
+  EXPECT_TRUE(destination.guardsIntact());
+}
+
+TEST_F(Pipelines, KeyerRunsTheSameRenderLoop) {
+  ScopedCoreCount cores(3);
+  const std::vector<unsigned char> pattern = kvtest::PatternBytes(5 * 5 * 4, 17);
+  GuardedImage source(5, 5), destination(5, 5);
+  source.fill(pattern);
+  KVImageKeyer keyer(source.image(), destination.image(), tables(), kDownsampleNone);
+  RecordingPtr first = Recording(-1), second = Recording(4);
+  first->throwInRender = [](int thread) {
+    if (thread == 2) throw CustomError();
+  };
+  Queue(keyer, first);
+  Queue(keyer, second);
+  EXPECT_EQ(2, keyer.RenderQueueCount());
+  EXPECT_EQ(1001, keyer.Render());
+  EXPECT_EQ(std::vector<unsigned char>(100, 0), second->inputBytes);
+  EXPECT_EQ(5u, second->inputWidth);
+  EXPECT_EQ(5u, second->inputHeight);
+  EXPECT_EQ(std::vector<unsigned char>(100, 4), destination.contents());
+  EXPECT_EQ(0, keyer.ClearRenderQueue());
+  EXPECT_EQ(0, keyer.RenderQueueCount());
+}
+
+TEST(WorkerEntries, NullRecordsAndExitCodes) {
+  EXPECT_EQ(nullptr, ProcessorRenderWorkerThread(nullptr));
+  EXPECT_EQ(nullptr, KeyRenderWorkerThread(nullptr));
+  EXPECT_EQ(nullptr, CompositeRenderWorkerThread(nullptr));
+
+  GuardedImage image(2, 2);
+  RecordingPtr stage = Recording(-1);
+  stage->throwInRender = [](int) { throw std::invalid_argument("x"); };
+  RenderThreadData record;
+  record.threadIndex = 0;
+  record.threadCount = 1;
+  record.source = image.image();
+  record.destination = image.image();
+  record.renderer = stage;
+  EXPECT_EQ(4, static_cast<int>(reinterpret_cast<intptr_t>(ProcessorRenderWorkerThread(&record))));
+  stage->throwInRender = [](int) { throw CustomError(); };
+  EXPECT_EQ(1001, static_cast<int>(reinterpret_cast<intptr_t>(KeyRenderWorkerThread(&record))));
+}
+
+namespace {
+// A compositing stage that records its calls and may throw.
+class RecordingCompositor : public AbstractCompositor {
+ public:
+  unsigned int Type() const override { return 0; }
+  void Setup(KVAbstractImage*) override {}
+  int Render(KVAbstractImage* background, unsigned char threadIndex, unsigned char threadCount) override {
+    seenBackground = background;
+    seenIndex = threadIndex;
+    seenCount = threadCount;
+    if (raise) raise();
+    return 9;
+  }
+  KVAbstractImage* seenBackground = nullptr;
+  int seenIndex = -1;
+  int seenCount = -1;
+  std::function<void()> raise;
+};
+}  // namespace
+
+TEST(WorkerEntries, CompositeWorkerMapsExceptions) {
+  GuardedImage background(2, 2);
+  std::tr1::shared_ptr<RecordingCompositor> stage(new RecordingCompositor);
+  CompositeThreadData record;
+  record.threadIndex = 3;
+  record.threadCount = 5;
+  record.background = background.image();
+  record.compositor = stage;
+  EXPECT_EQ(nullptr, CompositeRenderWorkerThread(&record));  // the stage's own 9 is ignored
+  EXPECT_EQ(background.image(), stage->seenBackground);
+  EXPECT_EQ(3, stage->seenIndex);
+  EXPECT_EQ(5, stage->seenCount);
+  stage->raise = [] { throw std::out_of_range("x"); };
+  EXPECT_EQ(7, static_cast<int>(reinterpret_cast<intptr_t>(CompositeRenderWorkerThread(&record))));
+  stage->raise = [] { throw std::length_error("x"); };
+  EXPECT_EQ(1001, static_cast<int>(reinterpret_cast<intptr_t>(CompositeRenderWorkerThread(&record))));
+}
+
+namespace {
+// Colour bytes from a pattern, alpha 200 and 128 alternately.
+std::vector<unsigned char> BackgroundBytes(size_t pixels) {
+  std::vector<unsigned char> bytes = kvtest::PatternBytes(pixels * 4, 18);
+  for (size_t p = 0; p < pixels; ++p) bytes[p * 4 + 3] = p % 2 == 0 ? 200 : 128;
+  return bytes;
+}
+
+std::vector<unsigned char> WithAlphas(std::vector<unsigned char> bytes, unsigned char even, unsigned char odd) {
+  for (size_t p = 0; p < bytes.size() / 4; ++p) bytes[p * 4 + 3] = p % 2 == 0 ? even : odd;
+  return bytes;
+}
+}  // namespace
+
+TEST_F(Pipelines, CompositorFadesTheBackgroundOnceAtConstruction) {
+  ScopedCoreCount cores(4);  // the fade runs in the calling thread whatever the count
+  {
+    // 16 pixels: one share that is a multiple of 16, so the vector path
+    // subtracts (1 - 0.5) * 255 = 127.
+    const std::vector<unsigned char> bytes = BackgroundBytes(16);
+    GuardedImage background(4, 4);
+    background.fill(bytes);
+    KVImageCompositor compositor(background.image(), 0.5, tables(), kDownsampleNone);
+    const std::vector<unsigned char> faded = WithAlphas(bytes, 73, 1);
+    EXPECT_EQ(faded, background.contents());
+    EXPECT_EQ(0, compositor.RenderQueueCount());
+    EXPECT_EQ(0, compositor.Render());
+    EXPECT_EQ(0, compositor.Render());
+    EXPECT_EQ(faded, background.contents());  // not faded again
+    EXPECT_EQ(0, compositor.ClearRenderQueue());
+    EXPECT_TRUE(background.guardsIntact());
+  }
+  {
+    // 9 pixels: the plain path halves alpha.
+    const std::vector<unsigned char> bytes = BackgroundBytes(9);
+    GuardedImage background(3, 3, 1);
+    background.fill(bytes);
+    KVImageCompositor compositor(background.image(), 0.5, tables(), kDownsampleNone);
+    EXPECT_EQ(WithAlphas(bytes, 100, 64), background.contents());
+    EXPECT_TRUE(background.guardsIntact());
+  }
+  {
+    const std::vector<unsigned char> bytes = BackgroundBytes(9);
+    GuardedImage background(9, 1);
+    background.fill(bytes);
+    KVImageCompositor compositor(background.image(), 0.0, tables(), kDownsampleNone);
+    EXPECT_EQ(WithAlphas(bytes, 0, 0), background.contents());
+  }
+  {
+    // Below zero still fades: on the vector path the decrement is
+    // trunc(2 * 255) = 510, of which the low byte 254 is subtracted.
+    const std::vector<unsigned char> bytes = WithAlphas(BackgroundBytes(16), 255, 128);
+    GuardedImage background(8, 2);
+    background.fill(bytes);
+    KVImageCompositor compositor(background.image(), -1.0, tables(), kDownsampleNone);
+    EXPECT_EQ(WithAlphas(bytes, 1, 0), background.contents());
+  }
+}
+
+TEST_F(Pipelines, CompositorLeavesTheBackgroundAtFullOrUndefinedOpacity) {
+  const double opacities[] = {1.0, 1.5, std::nan(""), std::numeric_limits<double>::infinity()};
+  for (double opacity : opacities) {
+    const std::vector<unsigned char> bytes = BackgroundBytes(16);
+    GuardedImage background(4, 4);
+    background.fill(bytes);
+    ImagePtr shared = CreateImage(background.pixels(), 4, 4, kPixelOrderBGRA);
+    KVImageCompositor compositor(shared, opacity, tables(), kDownsampleNone);
+    EXPECT_EQ(shared.get(), compositor.BackgroundLayer());
+    EXPECT_EQ(0, compositor.Render());
+    EXPECT_EQ(bytes, background.contents()) << opacity;
+  }
+}
+
+TEST_F(Pipelines, CompositorSkipsOtherDepths) {
+  kvtest::DeepImage deep(4, 4);  // has no bytes: touching them would crash
+  KVImageCompositor compositor(&deep, 0.5, tables(), kDownsampleNone);
+  EXPECT_EQ(&deep, compositor.BackgroundLayer());
+  EXPECT_EQ(0, compositor.Render());
+}
