@@ -96,6 +96,11 @@ class KVIMAGE_EXPORT KVImageProcessor : public KVAbstractImageProcessor {
   int SetMirror(bool first, bool second);
   int SetSilhouette(KVPixel8_RGB colour);
   int SetMatteView();
+  int SetBrightness(double brightness, KVChannelsToProcess channels);
+  int SetContrast(double contrast, KVChannelsToProcess channels);
+  int SetSuperContrast(double low, double high, KVChannelsToProcess channels);
+  int SetColorBalance(double red, double green, double blue);
+  int SetColorTemperature(double kelvin);
 
  private:
   KVImageProcessor_Private* m_private;
@@ -127,6 +132,8 @@ class KVIMAGE_EXPORT KVImageKeyer : public KVAbstractImageKeyer {
   unsigned short RenderQueueCount() const override;
   int ClearRenderQueue() override;
   int Render() override;
+
+  int SetAlphaSuperContrast(double low, double high);
 
  private:
   KVImageKeyer_Private* m_private;

@@ -1,3 +1,4 @@
+#include <kvimage/colour.h>
 #include <kvimage/pipeline.h>
 
 #include "pipeline/RendererQueue.h"
@@ -34,6 +35,14 @@ int KVImageKeyer::ClearRenderQueue() { return m_private->Clear(); }
 int KVImageKeyer::Render() { return m_private->Render(KeyRenderWorkerThread); }
 
 void* KeyRenderWorkerThread(void* data) { return RunRenderThreadData(static_cast<RenderThreadData*>(data)); }
+
+// Stretches the matte: a super contrast on alpha only.
+int KVImageKeyer::SetAlphaSuperContrast(double low, double high) {
+  return GuardedCall([&] {
+    if (low < 0.0 || low > 1.0 || high < 0.0 || high > 1.0) return static_cast<int>(kResultOutOfRange);
+    return m_private->Append(new SuperContrastRenderer(low, high, kChannelsAlpha, DetectedCPUExtensions()));
+  });
+}
 
 }  // namespace image
 }  // namespace kvo
