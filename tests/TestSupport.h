@@ -33,7 +33,7 @@ const kvtl::CPUExtensions kVectorPath = {true, true, true, false};
 class GuardedImage {
  public:
   static const size_t kGuardBytes = 64;
-  static const unsigned char kGuardValue = 0xA5;
+  static constexpr unsigned char kGuardValue = 0xA5;
 
   GuardedImage(unsigned int width, unsigned int height, size_t offset = 0,
                kvo::image::KVPixelChannelOrder order = kvo::image::kPixelOrderBGRA)

@@ -303,12 +303,12 @@ TEST(ToneStages, EveryThreadCountThroughTheProcessor) {
       },
       kWide, kHigh, source);
 
-  const int c = static_cast<int>(256.0 * 0.6);
   ExpectEveryThreadCount(
       [](KVImageProcessor& p) { return p.SetContrast(0.6, kChannelsAll); },
       [&](unsigned int threads) {
         return kvtest::ExpectedBytes(source, kvtest::VectorPixels(kWide, kHigh, threads, Remainder::kWholeSharePlain),
-                                     all, [c](int x, unsigned int, bool vector) {
+                                     all, [](int x, unsigned int, bool vector) {
+                                       const int c = static_cast<int>(256.0 * 0.6);
                                        return vector ? ContrastVector(x, c) : ContrastTable(x, c);
                                      });
       },

@@ -7,13 +7,13 @@ namespace kvo {
 namespace image {
 
 // Byte layout of a pixel. Stored, copied and compared; never converted.
-enum KVPixelChannelOrder {
+enum KVPixelChannelOrder : int {
   kPixelOrderBGRA = 1,  // blue, green, red, alpha: what every stage processes
   kPixelOrderARGB = 2   // alpha, red, green, blue
 };
 
 // Which bytes of each pixel a renderer changes; 0 to 2 are reserved.
-enum KVChannelsToProcess {
+enum KVChannelsToProcess : int {
   kChannelsAlpha = 3,  // byte 3 processed, colour copied
   kChannelsColor = 4,  // bytes 0..2 processed, alpha copied
   kChannelsAll = 5     // all four bytes processed
