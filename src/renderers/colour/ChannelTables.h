@@ -90,7 +90,13 @@ inline void ApplyChannelTable(const PixelRun& run, const unsigned char* table, K
       }
       break;
     case kChannelsAll:
-      for (size_t i = 0; i < run.pixels * kBytesPerPixel; ++i) run.out[i] = table[run.in[i]];
+      for (size_t i = 0; i < run.pixels; ++i) {
+        const uint32_t p = LoadPixel(run.in + i * kBytesPerPixel);
+        StorePixel(run.out + i * kBytesPerPixel,
+                   static_cast<uint32_t>(table[ByteOf(p, 0)]) | static_cast<uint32_t>(table[ByteOf(p, 1)]) << 8 |
+                       static_cast<uint32_t>(table[ByteOf(p, 2)]) << 16 |
+                       static_cast<uint32_t>(table[ByteOf(p, 3)]) << 24);
+      }
       break;
     default:
       break;
