@@ -4,6 +4,8 @@
 // Helpers for the per-pixel colour and tone stages: driving one stage as a
 // given number of threads, knowing which pixels a vector path computes, and
 // building the expected image byte by byte.
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <vector>
 
@@ -58,6 +60,24 @@ inline std::vector<unsigned char> ExpectedBytes(const std::vector<unsigned char>
     if (processed(channel)) expected[i] = static_cast<unsigned char>(map(source[i], channel, vectorPixels[i / 4]));
   }
   return expected;
+}
+
+// Renders through a processor with every thread count from 1 to 16 and
+// compares with the expectation for that count.
+inline void ExpectEveryThreadCount(const std::function<int(kvo::image::KVImageProcessor&)>& set,
+                            const std::function<std::vector<unsigned char>(unsigned int)>& expected,
+                            unsigned int width, unsigned int height, const std::vector<unsigned char>& source) {
+  kvo::KVLookupTables tables;
+  for (unsigned int threads = 1; threads <= 16; ++threads) {
+    ScopedCoreCount cores(threads);
+    GuardedImage src(width, height), dst(width, height);
+    src.fill(source);
+    kvo::image::KVImageProcessor processor(src.image(), dst.image(), tables, kvo::image::kDownsampleNone);
+    ASSERT_EQ(0, set(processor));
+    ASSERT_EQ(0, processor.Render());
+    EXPECT_EQ(expected(threads), dst.contents()) << threads << " threads";
+    EXPECT_TRUE(dst.guardsIntact());
+  }
 }
 
 inline int Clamp8(int value) { return value < 0 ? 0 : (value > 255 ? 255 : value); }

@@ -98,21 +98,17 @@ TEST(ColorBalance, EveryThreadCountThroughTheProcessor) {
   const unsigned int width = 64, height = 6;  // shares of 16n pixels for some counts only
   const std::vector<unsigned char> source = kvtest::PatternBytes(width * height * 4, 12);
   const Gains g = {0.3, 1.7, 0.55};
-  kvo::KVLookupTables tables;
-  for (unsigned int threads = 1; threads <= 16; ++threads) {
-    kvtest::ScopedCoreCount cores(threads);
-    GuardedImage src(width, height), dst(width, height);
-    src.fill(source);
-    KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
-    ASSERT_EQ(0, processor.SetColorBalance(g.red, g.green, g.blue));
-    ASSERT_EQ(0, processor.Render());
-    const std::vector<unsigned char> expected = kvtest::ExpectedBytes(
-        source, kvtest::VectorPixels(width, height, threads, kvtest::Remainder::kWholeSharePlain),
-        [](unsigned int c) { return c < 3; },
-        [&](int x, unsigned int c, bool vector) { return vector ? GainVector(x, GainOf(g, c)) : GainTable(x, GainOf(g, c)); });
-    EXPECT_EQ(expected, dst.contents()) << threads << " threads";
-    EXPECT_TRUE(dst.guardsIntact());
-  }
+  kvtest::ExpectEveryThreadCount(
+      [&](KVImageProcessor& p) { return p.SetColorBalance(g.red, g.green, g.blue); },
+      [&](unsigned int threads) {
+        return kvtest::ExpectedBytes(
+            source, kvtest::VectorPixels(width, height, threads, kvtest::Remainder::kWholeSharePlain),
+            [](unsigned int c) { return c < 3; },
+            [&](int x, unsigned int c, bool vector) {
+              return vector ? GainVector(x, GainOf(g, c)) : GainTable(x, GainOf(g, c));
+            });
+      },
+      width, height, source);
 }
 
 TEST(ColorBalance, SetterRanges) {
@@ -193,20 +189,14 @@ TEST(ColorTemperature, OtherDepthsAreSkipped) {
 TEST(ColorTemperature, EveryThreadCountGivesTheSameBytes) {
   const unsigned int width = 37, height = 5;
   const std::vector<unsigned char> source = kvtest::PatternBytes(width * height * 4, 13);
-  kvo::KVLookupTables tables;
-  std::vector<unsigned char> first;
-  for (unsigned int threads = 1; threads <= 16; ++threads) {
-    kvtest::ScopedCoreCount cores(threads);
-    GuardedImage src(width, height), dst(width, height);
-    src.fill(source);
-    KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
-    ASSERT_EQ(0, processor.SetColorTemperature(4200.0));
-    ASSERT_EQ(0, processor.Render());
-    if (threads == 1) first = dst.contents();
-    EXPECT_EQ(first, dst.contents()) << threads << " threads";
-    EXPECT_TRUE(dst.guardsIntact());
-  }
-  EXPECT_NE(source, first);
+  GuardedImage src(width, height), dst(width, height);
+  src.fill(source);
+  ColorTemperatureRenderer stage(4200.0);
+  RenderStage(stage, src.image(), dst.image());
+  const std::vector<unsigned char> oneThread = dst.contents();
+  EXPECT_NE(source, oneThread);
+  kvtest::ExpectEveryThreadCount([](KVImageProcessor& p) { return p.SetColorTemperature(4200.0); },
+                                 [&](unsigned int) { return oneThread; }, width, height, source);
 }
 
 TEST(ColorTemperature, SetterRange) {

@@ -268,24 +268,6 @@ TEST(ToneStages, UnalignedBuffersGiveTheAlignedBytes) {
             RenderOnce(SuperContrast(0.2, 0.7, kChannelsColor), kVectorPath, odd, 37, 1, 1, 1));
 }
 
-// Renders through a processor with every thread count from 1 to 16 and
-// compares with the expectation for that count.
-void ExpectEveryThreadCount(const std::function<int(KVImageProcessor&)>& set,
-                            const std::function<std::vector<unsigned char>(unsigned int)>& expected,
-                            unsigned int width, unsigned int height, const std::vector<unsigned char>& source) {
-  kvo::KVLookupTables tables;
-  for (unsigned int threads = 1; threads <= 16; ++threads) {
-    kvtest::ScopedCoreCount cores(threads);
-    GuardedImage src(width, height), dst(width, height);
-    src.fill(source);
-    KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
-    ASSERT_EQ(0, set(processor));
-    ASSERT_EQ(0, processor.Render());
-    EXPECT_EQ(expected(threads), dst.contents()) << threads << " threads";
-    EXPECT_TRUE(dst.guardsIntact());
-  }
-}
-
 // 384 pixels: shares of 384, 192, 128, 96, 64, 48 and 32 pixels take the
 // vector paths; 5, 7, 9 to 11 and 13 to 16 threads give shares that do not.
 const unsigned int kWide = 64, kHigh = 6;
@@ -295,7 +277,7 @@ TEST(ToneStages, EveryThreadCountThroughTheProcessor) {
   const auto colour = [](unsigned int channel) { return channel < 3; };
   const auto all = [](unsigned int) { return true; };
 
-  ExpectEveryThreadCount(
+  kvtest::ExpectEveryThreadCount(
       [](KVImageProcessor& p) { return p.SetBrightness(0.4, kChannelsColor); },
       [&](unsigned int) {
         return kvtest::ExpectedBytes(source, std::vector<bool>(source.size() / 4), colour,
@@ -303,7 +285,7 @@ TEST(ToneStages, EveryThreadCountThroughTheProcessor) {
       },
       kWide, kHigh, source);
 
-  ExpectEveryThreadCount(
+  kvtest::ExpectEveryThreadCount(
       [](KVImageProcessor& p) { return p.SetContrast(0.6, kChannelsAll); },
       [&](unsigned int threads) {
         return kvtest::ExpectedBytes(source, kvtest::VectorPixels(kWide, kHigh, threads, Remainder::kWholeSharePlain),
@@ -314,7 +296,7 @@ TEST(ToneStages, EveryThreadCountThroughTheProcessor) {
       },
       kWide, kHigh, source);
 
-  ExpectEveryThreadCount(
+  kvtest::ExpectEveryThreadCount(
       [](KVImageProcessor& p) { return p.SetSuperContrast(0.1, 0.9, kChannelsColor); },
       [&](unsigned int threads) {
         return kvtest::ExpectedBytes(source, kvtest::VectorPixels(kWide, kHigh, threads, Remainder::kLeadInPlain),
@@ -327,7 +309,7 @@ TEST(ToneStages, EveryThreadCountThroughTheProcessor) {
 
 TEST(ToneStages, MoreThreadsThanPixels) {
   const std::vector<unsigned char> source = kvtest::PatternBytes(3 * 4, 6);
-  ExpectEveryThreadCount(
+  kvtest::ExpectEveryThreadCount(
       [](KVImageProcessor& p) { return p.SetContrast(0.5, kChannelsColor); },
       [&](unsigned int) {
         return kvtest::ExpectedBytes(source, std::vector<bool>(3), [](unsigned int ch) { return ch < 3; },

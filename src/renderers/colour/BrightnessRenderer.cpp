@@ -1,7 +1,6 @@
 #include <kvimage/colour.h>
 
 #include "renderers/colour/ChannelTables.h"
-#include "support/Assert.h"
 #include "support/Conversions.h"
 
 namespace kvo {
@@ -43,10 +42,9 @@ void BrightnessRenderer::Setup(KVAbstractImage*) {
 
 int BrightnessRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                unsigned char threadCount) {
-  KV_ASSERT(source->BitsPerChannel() == 0 && source->PixelChannelOrder() == kPixelOrderBGRA, "BrightnessRenderer",
-            305, "false && \"Not implemented\"");
-  if (m_extensions.sse2) return Render8_SSE2(source, destination, threadIndex, threadCount);
-  return Render8_CPP(source, destination, threadIndex, threadCount);
+  RequireBlueGreenRedAlpha(source, "BrightnessRenderer", 305);
+  return m_extensions.sse2 ? Render8_SSE2(source, destination, threadIndex, threadCount)
+                           : Render8_CPP(source, destination, threadIndex, threadCount);
 }
 
 int BrightnessRenderer::Render8_CPP(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,

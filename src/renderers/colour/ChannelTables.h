@@ -14,11 +14,20 @@
 #include <kvimage/image.h>
 #include <kvimage/types.h>
 
+#include "support/Assert.h"
 #include "support/PixelLayout.h"
 #include "support/ThreadShare.h"
 
 namespace kvo {
 namespace image {
+
+// The stages with a plain and a vector path handle 8-bit blue, green, red,
+// alpha sources only; anything else is a programming error reported at the
+// stage's own source name and line.
+inline void RequireBlueGreenRedAlpha(KVAbstractImage* source, const char* stageSource, unsigned int line) {
+  KV_ASSERT(source->BitsPerChannel() == 0 && source->PixelChannelOrder() == kPixelOrderBGRA, stageSource, line,
+            "false && \"Not implemented\"");
+}
 
 // A thread's pixels: the same positions in the source and the destination.
 struct PixelRun {
