@@ -96,6 +96,11 @@ class KVIMAGE_EXPORT KVImageProcessor : public KVAbstractImageProcessor {
   int SetMirror(bool first, bool second);
   int SetSilhouette(KVPixel8_RGB colour);
   int SetMatteView();
+  int SetBrightness(double brightness, KVChannelsToProcess channels);
+  int SetContrast(double contrast, KVChannelsToProcess channels);
+  int SetSuperContrast(double low, double high, KVChannelsToProcess channels);
+  int SetColorBalance(double red, double green, double blue);
+  int SetColorTemperature(double kelvin);
 
  private:
   KVImageProcessor_Private* m_private;
@@ -133,6 +138,8 @@ class KVIMAGE_EXPORT KVImageKeyer : public KVAbstractImageKeyer {
   // 1 returns 7 and queues nothing.
   int SetAutoColorDifferenceKey(KVKeyColor keyColor, double balance, double saturationLimit,
                                 double saturationSoftness);
+
+  int SetAlphaSuperContrast(double low, double high);
 
  private:
   KVImageKeyer_Private* m_private;

@@ -1,4 +1,5 @@
 #include <kvimage/keying.h>
+#include <kvimage/colour.h>
 #include <kvimage/pipeline.h>
 
 #include "pipeline/RendererQueue.h"
@@ -44,6 +45,14 @@ int KVImageKeyer::SetAutoColorDifferenceKey(KVKeyColor keyColor, double balance,
     if (saturationSoftness < 0.0 || saturationSoftness > 1.0) return static_cast<int>(kResultOutOfRange);
     return m_private->Append(
         new ColorDifferenceKeyer(keyColor, balance, saturationLimit, saturationSoftness, m_private->tables));
+  });
+}
+
+// Stretches the matte: a super contrast on alpha only.
+int KVImageKeyer::SetAlphaSuperContrast(double low, double high) {
+  return GuardedCall([&] {
+    if (low < 0.0 || low > 1.0 || high < 0.0 || high > 1.0) return static_cast<int>(kResultOutOfRange);
+    return m_private->Append(new SuperContrastRenderer(low, high, kChannelsAlpha, DetectedCPUExtensions()));
   });
 }
 

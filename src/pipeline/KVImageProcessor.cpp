@@ -55,5 +55,51 @@ int KVImageProcessor::SetMatteView() {
   return GuardedCall([&] { return m_private->Append(new MatteViewRenderer()); });
 }
 
+// Channel selections 0 to 2 (compared unsigned, so negatives pass) are
+// refused by the brightness and contrast setters.
+static bool IsRefusedChannelSelection(KVChannelsToProcess channels) {
+  return static_cast<unsigned int>(channels) <= 2u;
+}
+
+int KVImageProcessor::SetBrightness(double brightness, KVChannelsToProcess channels) {
+  return GuardedCall([&] {
+    if (brightness < -1.0 || brightness > 1.0) return static_cast<int>(kResultOutOfRange);
+    if (IsRefusedChannelSelection(channels)) return static_cast<int>(kResultUnsupportedFormat);
+    return m_private->Append(new BrightnessRenderer(brightness, channels, DetectedCPUExtensions()));
+  });
+}
+
+int KVImageProcessor::SetContrast(double contrast, KVChannelsToProcess channels) {
+  return GuardedCall([&] {
+    if (contrast < 0.0 || contrast > 2.0) return static_cast<int>(kResultOutOfRange);
+    if (IsRefusedChannelSelection(channels)) return static_cast<int>(kResultUnsupportedFormat);
+    return m_private->Append(new ContrastRenderer(contrast, channels, DetectedCPUExtensions()));
+  });
+}
+
+// Neither the channel selection nor low <= high is checked.
+int KVImageProcessor::SetSuperContrast(double low, double high, KVChannelsToProcess channels) {
+  return GuardedCall([&] {
+    if (low < 0.0 || low > 1.0 || high < 0.0 || high > 1.0) return static_cast<int>(kResultOutOfRange);
+    return m_private->Append(new SuperContrastRenderer(low, high, channels, DetectedCPUExtensions()));
+  });
+}
+
+int KVImageProcessor::SetColorBalance(double red, double green, double blue) {
+  return GuardedCall([&] {
+    if (red < 0.0 || red > 2.0 || green < 0.0 || green > 2.0 || blue < 0.0 || blue > 2.0) {
+      return static_cast<int>(kResultOutOfRange);
+    }
+    return m_private->Append(new ColorBalanceRenderer(red, green, blue, DetectedCPUExtensions()));
+  });
+}
+
+int KVImageProcessor::SetColorTemperature(double kelvin) {
+  return GuardedCall([&] {
+    if (kelvin < 1500.0 || kelvin > 13500.0) return static_cast<int>(kResultOutOfRange);
+    return m_private->Append(new ColorTemperatureRenderer(kelvin));
+  });
+}
+
 }  // namespace image
 }  // namespace kvo

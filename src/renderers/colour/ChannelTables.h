@@ -1,0 +1,151 @@
+#ifndef KVIMAGE_SRC_RENDERERS_COLOUR_CHANNELTABLES_H
+#define KVIMAGE_SRC_RENDERERS_COLOUR_CHANNELTABLES_H
+
+// What the table-driven tone and colour stages share: their thread shares,
+// the per-pixel table walks of their plain paths, and the block loop and
+// 16-bit multiply of their SSE2 paths.
+#include <emmintrin.h>
+#include <mmintrin.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include <kvimage/image.h>
+#include <kvimage/types.h>
+
+#include "support/Assert.h"
+#include "support/PixelLayout.h"
+#include "support/ThreadShare.h"
+
+namespace kvo {
+namespace image {
+
+// The stages with a plain and a vector path handle 8-bit blue, green, red,
+// alpha sources only; anything else is a programming error reported at the
+// stage's own source name and line.
+inline void RequireBlueGreenRedAlpha(KVAbstractImage* source, const char* stageSource, unsigned int line) {
+  KV_ASSERT(source->BitsPerChannel() == 0 && source->PixelChannelOrder() == kPixelOrderBGRA, stageSource, line,
+            "false && \"Not implemented\"");
+}
+
+// A thread's pixels: the same positions in the source and the destination.
+struct PixelRun {
+  const unsigned char* in;
+  unsigned char* out;
+  size_t pixels;
+};
+
+// The plain paths' share: GetBufferSizePerThread with the source's width and
+// the destination's height. False for an empty share.
+inline bool PlainPathShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                           unsigned char threadCount, PixelRun& run) {
+  const ShareRun share =
+      ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
+  run.in = PixelBytes(source) + share.start;
+  run.out = PixelBytes(destination) + share.start;
+  run.pixels = share.count / kBytesPerPixel;
+  return run.pixels != 0;
+}
+
+// The vector paths' share: GetPixelsPerThread with the source's width and
+// height. False for an empty share.
+inline bool VectorPathShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                            unsigned char threadCount, PixelRun& run) {
+  const ShareRun share = PixelShare(source->Width(), source->Height(), threadIndex, threadCount,
+                                    CommonByteSize(source, destination) / kBytesPerPixel);
+  run.in = PixelBytes(source) + share.start * kBytesPerPixel;
+  run.out = PixelBytes(destination) + share.start * kBytesPerPixel;
+  run.pixels = share.count;
+  return run.pixels != 0;
+}
+
+// Pixels are moved as one 32-bit word (blue in the low byte) so that each
+// pixel costs one load and one store around its lookups.
+inline uint32_t LoadPixel(const unsigned char* p) {
+  uint32_t word;
+  std::memcpy(&word, p, sizeof word);
+  return word;
+}
+
+inline void StorePixel(unsigned char* p, uint32_t word) { std::memcpy(p, &word, sizeof word); }
+
+inline uint32_t ByteOf(uint32_t word, unsigned int byte) { return (word >> (8 * byte)) & 0xFFu; }
+
+// Bytes 0..2 through three tables (blue, green, red), byte 3 copied.
+inline void ApplyColourTables(const PixelRun& run, const unsigned char* blue, const unsigned char* green,
+                              const unsigned char* red) {
+  for (size_t i = 0; i < run.pixels; ++i) {
+    const uint32_t p = LoadPixel(run.in + i * kBytesPerPixel);
+    StorePixel(run.out + i * kBytesPerPixel,
+               static_cast<uint32_t>(blue[ByteOf(p, kBlueByte)]) |
+                   static_cast<uint32_t>(green[ByteOf(p, kGreenByte)]) << 8 |
+                   static_cast<uint32_t>(red[ByteOf(p, kRedByte)]) << 16 | (p & 0xFF000000u));
+  }
+}
+
+// The plain path of the single-table tone stages: colour (4), alpha (3) or
+// every byte (5) through the table; any other selection writes nothing.
+inline void ApplyChannelTable(const PixelRun& run, const unsigned char* table, KVChannelsToProcess channels) {
+  switch (static_cast<unsigned int>(channels)) {
+    case kChannelsColor:
+      ApplyColourTables(run, table, table, table);
+      break;
+    case kChannelsAlpha:
+      for (size_t i = 0; i < run.pixels; ++i) {
+        const uint32_t p = LoadPixel(run.in + i * kBytesPerPixel);
+        StorePixel(run.out + i * kBytesPerPixel,
+                   (p & 0x00FFFFFFu) | static_cast<uint32_t>(table[ByteOf(p, kAlphaByte)]) << 24);
+      }
+      break;
+    case kChannelsAll:
+      for (size_t i = 0; i < run.pixels; ++i) {
+        const uint32_t p = LoadPixel(run.in + i * kBytesPerPixel);
+        StorePixel(run.out + i * kBytesPerPixel,
+                   static_cast<uint32_t>(table[ByteOf(p, 0)]) | static_cast<uint32_t>(table[ByteOf(p, 1)]) << 8 |
+                       static_cast<uint32_t>(table[ByteOf(p, 2)]) << 16 |
+                       static_cast<uint32_t>(table[ByteOf(p, 3)]) << 24);
+      }
+      break;
+    default:
+      break;
+  }
+}
+
+// Runs blockOp over the run's 16-byte blocks (four pixels each). When both
+// pointers are 16-byte aligned the blocks are read aligned and written with
+// non-temporal stores, so the output does not evict the cache, then fenced;
+// otherwise unaligned loads and stores. The MMX state is cleared either way.
+template <class BlockOp>
+inline void TransformBlocks(const PixelRun& run, BlockOp blockOp) {
+  const __m128i* in = reinterpret_cast<const __m128i*>(run.in);
+  __m128i* out = reinterpret_cast<__m128i*>(run.out);
+  const size_t blocks = run.pixels / 4;
+  const bool aligned = ((reinterpret_cast<uintptr_t>(in) | reinterpret_cast<uintptr_t>(out)) & 15u) == 0;
+  if (aligned) {
+    for (size_t b = 0; b < blocks; ++b) _mm_stream_si128(out + b, blockOp(_mm_load_si128(in + b)));
+    _mm_sfence();
+  } else {
+    for (size_t b = 0; b < blocks; ++b) _mm_storeu_si128(out + b, blockOp(_mm_loadu_si128(in + b)));
+  }
+  _mm_empty();
+}
+
+// Eight signed 16-bit lanes: (value * multiplier) as a 32-bit product,
+// shifted right by 8 with sign (floor), saturated back to signed 16 bits.
+inline __m128i MultiplyShift8(__m128i values, __m128i multipliers) {
+  const __m128i low = _mm_mullo_epi16(values, multipliers);
+  const __m128i high = _mm_mulhi_epi16(values, multipliers);
+  const __m128i first = _mm_srai_epi32(_mm_unpacklo_epi16(low, high), 8);
+  const __m128i second = _mm_srai_epi32(_mm_unpackhi_epi16(low, high), 8);
+  return _mm_packs_epi32(first, second);
+}
+
+// The 16-bit lane value of a multiplier: its low 16 bits, as the processor's
+// lane load keeps them.
+inline short MultiplierLane(int multiplier) { return static_cast<short>(static_cast<uint16_t>(multiplier)); }
+
+}  // namespace image
+}  // namespace kvo
+
+#endif

@@ -1,0 +1,87 @@
+#include <kvimage/colour.h>
+
+#include "renderers/colour/ChannelTables.h"
+#include "support/Conversions.h"
+
+namespace kvo {
+namespace image {
+
+namespace {
+
+const int kPivot = 127;  // input 127 always maps to 127
+const int kUnitMultiplier = 256;
+
+// The 16-bit multipliers of one pixel's four bytes: c for the selected
+// channels, 256 (unchanged) elsewhere. An unknown selection selects nothing,
+// so the vector path copies it.
+void PixelMultipliers(KVChannelsToProcess channels, int c, short lanes[4]) {
+  const short scaled = MultiplierLane(c), unit = MultiplierLane(kUnitMultiplier);
+  const bool colour = channels == kChannelsColor || channels == kChannelsAll;
+  const bool alpha = channels == kChannelsAlpha || channels == kChannelsAll;
+  lanes[kBlueByte] = lanes[kGreenByte] = lanes[kRedByte] = colour ? scaled : unit;
+  lanes[kAlphaByte] = alpha ? scaled : unit;
+}
+
+}  // namespace
+
+ContrastRenderer::ContrastRenderer(double contrast, KVChannelsToProcess channels,
+                                   const kvtl::CPUExtensions& extensions)
+    : m_contrast(contrast), m_channels(channels), m_extensions(extensions), m_table() {}
+
+ContrastRenderer::~ContrastRenderer() {}
+
+unsigned int ContrastRenderer::Type() const { return 0; }
+
+// table[i] = clamp(127 + (i - 127) * c / 256), the division truncating toward
+// zero. The product wraps in 32 bits as the processor's multiply does (only a
+// NaN contrast, c = INT_MIN, reaches that).
+void ContrastRenderer::Setup(KVAbstractImage*) {
+  const int c = TruncateToInt(256.0 * m_contrast);
+  for (int i = 0; i < 256; ++i) {
+    const int j = i - kPivot;
+    const int product = static_cast<int>(static_cast<uint32_t>(j) * static_cast<uint32_t>(c));
+    m_table[i] = static_cast<unsigned char>(ClampToByte(product / 256 + kPivot));
+  }
+}
+
+int ContrastRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                             unsigned char threadCount) {
+  RequireBlueGreenRedAlpha(source, "ContrastRenderer", 464);
+  return m_extensions.sse2 ? Render8_SSE2(source, destination, threadIndex, threadCount)
+                           : Render8_CPP(source, destination, threadIndex, threadCount);
+}
+
+int ContrastRenderer::Render8_CPP(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                                  unsigned char threadCount) {
+  PixelRun run;
+  if (PlainPathShare(source, destination, threadIndex, threadCount, run)) ApplyChannelTable(run, m_table, m_channels);
+  return 0;
+}
+
+// 127 + ((x - 127) * multiplier >> 8) per byte in 16-bit lanes. The shift
+// rounds toward minus infinity where the table truncates toward zero, so the
+// two paths differ by one below 127; that difference is kept. Shares that are
+// not a multiple of 16 pixels take the plain path whole.
+int ContrastRenderer::Render8_SSE2(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                                   unsigned char threadCount) {
+  PixelRun run;
+  if (!VectorPathShare(source, destination, threadIndex, threadCount, run)) return 0;
+  if (run.pixels % 16 != 0) return Render8_CPP(source, destination, threadIndex, threadCount);
+
+  short lanes[4];
+  PixelMultipliers(m_channels, TruncateToInt(256.0 * m_contrast), lanes);
+  const __m128i multipliers =
+      _mm_setr_epi16(lanes[0], lanes[1], lanes[2], lanes[3], lanes[0], lanes[1], lanes[2], lanes[3]);
+  const __m128i pivot = _mm_set1_epi16(kPivot);
+  const __m128i zero = _mm_setzero_si128();
+  TransformBlocks(run, [=](__m128i block) {
+    const __m128i first = _mm_sub_epi16(_mm_unpacklo_epi8(block, zero), pivot);
+    const __m128i second = _mm_sub_epi16(_mm_unpackhi_epi8(block, zero), pivot);
+    return _mm_packus_epi16(_mm_adds_epi16(MultiplyShift8(first, multipliers), pivot),
+                            _mm_adds_epi16(MultiplyShift8(second, multipliers), pivot));
+  });
+  return 0;
+}
+
+}  // namespace image
+}  // namespace kvo

@@ -1,0 +1,244 @@
+// Colour balance and colour temperature: gains on both paths, the black-body
+// chromaticity and the tables it gives, shares, setters.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "ColourStageSupport.h"
+
+using namespace kvo::image;
+using kvtest::Clamp8;
+using kvtest::GuardedImage;
+using kvtest::kPlainPath;
+using kvtest::kVectorPath;
+using kvtest::RenderStage;
+
+namespace {
+
+struct Gains {
+  double red, green, blue;
+};
+
+std::vector<unsigned char> Balance(const Gains& g, const kvtl::CPUExtensions& ext,
+                                   const std::vector<unsigned char>& source, unsigned int width,
+                                   size_t sourceOffset = 0, size_t destinationOffset = 0) {
+  GuardedImage src(width, 1, sourceOffset), dst(width, 1, destinationOffset);
+  src.fill(source);
+  ColorBalanceRenderer stage(g.red, g.green, g.blue, ext);
+  RenderStage(stage, src.image(), dst.image());
+  EXPECT_TRUE(dst.guardsIntact());
+  EXPECT_EQ(source, src.contents());
+  return dst.contents();
+}
+
+int GainTable(int x, double gain) { return Clamp8(static_cast<int>(x * gain)); }
+int GainVector(int x, double gain) { return Clamp8((x * static_cast<int>(256.0 * gain)) >> 8); }
+
+double GainOf(const Gains& g, unsigned int channel) { return channel == 0 ? g.blue : (channel == 1 ? g.green : g.red); }
+
+TEST(ColorBalance, UnitGainsLeaveEveryPixelOnBothPaths) {
+  const std::vector<unsigned char> source = kvtest::PatternBytes(33 * 4, 11);
+  for (const kvtl::CPUExtensions& ext : {kPlainPath, kVectorPath}) {
+    for (unsigned int pixels : {16u, 32u, 33u}) {
+      const std::vector<unsigned char> in(source.begin(), source.begin() + pixels * 4);
+      EXPECT_EQ(in, Balance({1.0, 1.0, 1.0}, ext, in, pixels));
+      EXPECT_EQ(in, Balance({1.0, 1.0, 1.0}, ext, in, pixels, 1, 1));
+    }
+  }
+}
+
+TEST(ColorBalance, DoubleRedNoGreenSameBlue) {
+  // Pixels (blue, green, red, alpha).
+  std::vector<unsigned char> source;
+  for (int p = 0; p < 16; ++p) {
+    const unsigned char pixel[4] = {static_cast<unsigned char>(10 * p), 200, static_cast<unsigned char>(16 * p), 77};
+    source.insert(source.end(), pixel, pixel + 4);
+  }
+  for (const kvtl::CPUExtensions& ext : {kPlainPath, kVectorPath}) {
+    const std::vector<unsigned char> out = Balance({2.0, 0.0, 1.0}, ext, source, 16);
+    for (int p = 0; p < 16; ++p) {
+      EXPECT_EQ(10 * p, out[p * 4 + 0]);
+      EXPECT_EQ(0, out[p * 4 + 1]);
+      EXPECT_EQ(std::min(255, 32 * p), out[p * 4 + 2]);
+      EXPECT_EQ(77, out[p * 4 + 3]);
+    }
+  }
+}
+
+TEST(ColorBalance, VectorPathQuantisesTheGain) {
+  // Gain 0.3 is multiplier 76: 200 * 76 >> 8 = 59, while 200 * 0.3 = 60.
+  const std::vector<unsigned char> source(17 * 4, 200);
+  const std::vector<unsigned char> sixteen(source.begin(), source.begin() + 64);
+  EXPECT_EQ(60, Balance({0.3, 1.0, 1.0}, kPlainPath, sixteen, 16)[2]);
+  EXPECT_EQ(59, Balance({0.3, 1.0, 1.0}, kVectorPath, sixteen, 16)[2]);
+  EXPECT_EQ(59, Balance({0.3, 1.0, 1.0}, kVectorPath, sixteen, 16, 1, 0)[2]);
+  // 17 pixels: the whole share takes the tables.
+  EXPECT_EQ(60, Balance({0.3, 1.0, 1.0}, kVectorPath, source, 17)[66]);
+}
+
+TEST(ColorBalance, BothPathsOverEveryLevel) {
+  std::vector<unsigned char> ramp(256 * 4);
+  for (size_t i = 0; i < ramp.size(); ++i) ramp[i] = static_cast<unsigned char>(i / 4);
+  const Gains gains[] = {{0.3, 1.7, 0.55}, {2.0, 0.01, 1.999}, {0.0, 0.5, 1.25}};
+  for (const Gains& g : gains) {
+    const std::vector<unsigned char> plain = Balance(g, kPlainPath, ramp, 256);
+    const std::vector<unsigned char> vector = Balance(g, kVectorPath, ramp, 256);
+    for (int x = 0; x < 256; ++x) {
+      for (unsigned int c = 0; c < 3; ++c) {
+        ASSERT_EQ(GainTable(x, GainOf(g, c)), plain[x * 4 + c]) << x << " channel " << c;
+        ASSERT_EQ(GainVector(x, GainOf(g, c)), vector[x * 4 + c]) << x << " channel " << c;
+      }
+      ASSERT_EQ(x, vector[x * 4 + 3]);
+    }
+  }
+}
+
+TEST(ColorBalance, EveryThreadCountThroughTheProcessor) {
+  const unsigned int width = 64, height = 6;  // shares of 16n pixels for some counts only
+  const std::vector<unsigned char> source = kvtest::PatternBytes(width * height * 4, 12);
+  const Gains g = {0.3, 1.7, 0.55};
+  kvtest::ExpectEveryThreadCount(
+      [&](KVImageProcessor& p) { return p.SetColorBalance(g.red, g.green, g.blue); },
+      [&](unsigned int threads) {
+        return kvtest::ExpectedBytes(
+            source, kvtest::VectorPixels(width, height, threads, kvtest::Remainder::kWholeSharePlain),
+            [](unsigned int c) { return c < 3; },
+            [&](int x, unsigned int c, bool vector) {
+              return vector ? GainVector(x, GainOf(g, c)) : GainTable(x, GainOf(g, c));
+            });
+      },
+      width, height, source);
+}
+
+TEST(ColorBalance, SetterRanges) {
+  kvo::KVLookupTables tables;
+  GuardedImage src(4, 4), dst(4, 4);
+  KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
+  EXPECT_EQ(7, processor.SetColorBalance(1.0, 2.1, 1.0));
+  EXPECT_EQ(7, processor.SetColorBalance(-0.01, 1.0, 1.0));
+  EXPECT_EQ(7, processor.SetColorBalance(1.0, 1.0, 2.01));
+  EXPECT_EQ(0, processor.RenderQueueCount());
+  EXPECT_EQ(0, processor.SetColorBalance(0.0, 2.0, std::numeric_limits<double>::quiet_NaN()));
+  EXPECT_EQ(1, processor.RenderQueueCount());
+}
+
+// Renders a 1 x 3 image of (255, 255, 255, 77), (100, 100, 100, 200) and
+// (180, 180, 180, 0) at a temperature.
+std::vector<unsigned char> Temperature(double kelvin, KVPixelChannelOrder order = kPixelOrderBGRA) {
+  const unsigned char pixels[] = {255, 255, 255, 77, 100, 100, 100, 200, 180, 180, 180, 0};
+  GuardedImage src(3, 1, 0, order), dst(3, 1);
+  src.fill(std::vector<unsigned char>(pixels, pixels + 12));
+  ColorTemperatureRenderer stage(kelvin);
+  RenderStage(stage, src.image(), dst.image());
+  EXPECT_TRUE(dst.guardsIntact());
+  return dst.contents();
+}
+
+TEST(ColorTemperature, TablesFollowTheBlackBodyFactors) {
+  // Factors about (red, green, blue): 6500 K 0.928, 0.988, 1.391; 1500 K
+  // 2.145, 0.517, 0.025; 13500 K 0.799, 0.958, 2.153.
+  const std::vector<unsigned char> daylight = Temperature(6500.0);
+  const unsigned char daylightExpected[] = {255, 251, 236, 77, 139, 98, 92, 200, 250, 177, 167, 0};
+  EXPECT_EQ(std::vector<unsigned char>(daylightExpected, daylightExpected + 12), daylight);
+  const std::vector<unsigned char> candle = Temperature(1500.0);
+  EXPECT_EQ(6, candle[0]);
+  EXPECT_EQ(131, candle[1]);
+  EXPECT_EQ(255, candle[2]);
+  EXPECT_EQ(2, candle[4]);
+  EXPECT_EQ(51, candle[5]);
+  EXPECT_EQ(214, candle[6]);
+  const std::vector<unsigned char> sky = Temperature(13500.0);
+  EXPECT_EQ(255, sky[0]);
+  EXPECT_EQ(244, sky[1]);
+  EXPECT_EQ(203, sky[2]);
+  EXPECT_EQ(215, sky[4]);
+  EXPECT_EQ(79, sky[6]);
+}
+
+TEST(ColorTemperature, AlphaFirstOrderMapsRedGreenBlueAndKeepsAlpha) {
+  // Order 2 is alpha, red, green, blue: byte 0 is copied.
+  const std::vector<unsigned char> argb = Temperature(6500.0, kPixelOrderARGB);
+  EXPECT_EQ(255, argb[0]);
+  EXPECT_EQ(236, argb[1]);
+  EXPECT_EQ(251, argb[2]);
+  EXPECT_EQ(107, argb[3]);  // blue table at 77
+  EXPECT_EQ(100, argb[4]);
+  EXPECT_EQ(92, argb[5]);
+  EXPECT_EQ(98, argb[6]);
+  EXPECT_EQ(255, argb[7]);  // blue table at 200
+  // Any other order is taken as blue, green, red, alpha.
+  EXPECT_EQ(Temperature(6500.0), Temperature(6500.0, static_cast<KVPixelChannelOrder>(9)));
+}
+
+class DeepImage : public KVImage8 {
+ public:
+  using KVImage8::KVImage8;
+  unsigned int BitsPerChannel() const override { return 16; }
+};
+
+TEST(ColorTemperature, OtherDepthsAreSkipped) {
+  std::vector<unsigned char> in(16, 100), out(16, 7);
+  DeepImage src(in.data(), 2, 2, kPixelOrderBGRA);
+  KVImage8 dst(out.data(), 2, 2, kPixelOrderBGRA);
+  ColorTemperatureRenderer stage(3000.0);
+  RenderStage(stage, &src, &dst);
+  EXPECT_EQ(std::vector<unsigned char>(16, 7), out);
+}
+
+TEST(ColorTemperature, EveryThreadCountGivesTheSameBytes) {
+  const unsigned int width = 37, height = 5;
+  const std::vector<unsigned char> source = kvtest::PatternBytes(width * height * 4, 13);
+  GuardedImage src(width, height), dst(width, height);
+  src.fill(source);
+  ColorTemperatureRenderer stage(4200.0);
+  RenderStage(stage, src.image(), dst.image());
+  const std::vector<unsigned char> oneThread = dst.contents();
+  EXPECT_NE(source, oneThread);
+  kvtest::ExpectEveryThreadCount([](KVImageProcessor& p) { return p.SetColorTemperature(4200.0); },
+                                 [&](unsigned int) { return oneThread; }, width, height, source);
+}
+
+TEST(ColorTemperature, SetterRange) {
+  kvo::KVLookupTables tables;
+  GuardedImage src(4, 4), dst(4, 4);
+  KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
+  EXPECT_EQ(7, processor.SetColorTemperature(1499.9));
+  EXPECT_EQ(7, processor.SetColorTemperature(13500.1));
+  EXPECT_EQ(0, processor.RenderQueueCount());
+  EXPECT_EQ(0, processor.SetColorTemperature(1500.0));
+  EXPECT_EQ(0, processor.SetColorTemperature(13500.0));
+  EXPECT_EQ(0, processor.SetColorTemperature(std::numeric_limits<double>::quiet_NaN()));
+  EXPECT_EQ(3, processor.RenderQueueCount());
+  EXPECT_EQ(0, processor.Render());
+}
+
+TEST(BlackBody, SpectrumAndChromaticity) {
+  EXPECT_NEAR(1.448103995474e14, BlackBodySpectrum(6500.0, 500.0), 1e2);
+  // Wien: a 5000 K body peaks near 580 nm.
+  EXPECT_GT(BlackBodySpectrum(5000.0, 575.0), BlackBodySpectrum(5000.0, 560.0));
+  EXPECT_GT(BlackBodySpectrum(5000.0, 575.0), BlackBodySpectrum(5000.0, 600.0));
+  // Chromaticities integrated over the four-decimal observer table.
+  struct Case {
+    double kelvin, x, y, z;
+  };
+  for (const Case& k : {Case{1500.0, 0.5857368269904076, 0.39311088217207707, 0.02115229083751521},
+                        Case{6500.0, 0.3135450831199946, 0.3236709131052788, 0.3627840037747266},
+                        Case{13500.0, 0.267221672799598, 0.27185582848842527, 0.4609224987119767}}) {
+    double x = 0, y = 0, z = 0;
+    SpectrumToXYZ(k.kelvin, &x, &y, &z);
+    EXPECT_NEAR(k.x, x, 1e-12);
+    EXPECT_NEAR(k.y, y, 1e-12);
+    EXPECT_NEAR(k.z, z, 1e-12);
+    EXPECT_NEAR(1.0, x + y + z, 1e-15);
+  }
+}
+
+TEST(ColorBalanceDeathTest, OnlyBlueGreenRedAlphaImages) {
+  GuardedImage src(4, 4, 0, kPixelOrderARGB), dst(4, 4);
+  ColorBalanceRenderer stage(1.0, 1.0, 1.0, kVectorPath);
+  EXPECT_DEATH(RenderStage(stage, src.image(), dst.image()),
+               "ColorBalanceRenderer:373: failed assertion `false && \"Not implemented\"'");
+}
+
+}  // namespace

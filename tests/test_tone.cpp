@@ -1,0 +1,403 @@
+// Brightness, contrast and super contrast: tables, vector paths and their
+// documented differences, channel selections, shares, setters.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <memory>
+
+#include "ColourStageSupport.h"
+
+using namespace kvo::image;
+using kvtest::Clamp8;
+using kvtest::GuardedImage;
+using kvtest::kPlainPath;
+using kvtest::kVectorPath;
+using kvtest::Remainder;
+using kvtest::RenderStage;
+
+namespace {
+
+const KVChannelsToProcess kUnknownSelections[] = {static_cast<KVChannelsToProcess>(6),
+                                                  static_cast<KVChannelsToProcess>(-1)};
+
+bool Processes(KVChannelsToProcess channels, unsigned int byte) {
+  if (channels == kChannelsAll) return true;
+  if (channels == kChannelsColor) return byte < 3;
+  if (channels == kChannelsAlpha) return byte == 3;
+  return false;
+}
+
+// 256 pixels, pixel p = (p, p, p, p): every level in every channel.
+std::vector<unsigned char> GreyRamp() {
+  std::vector<unsigned char> bytes(256 * 4);
+  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(i / 4);
+  return bytes;
+}
+
+// Renders `source` (width x height) through a stage built for extensions,
+// as one thread, into a destination prefilled with `prefill`.
+typedef std::function<std::unique_ptr<AbstractRenderer>(const kvtl::CPUExtensions&)> StageFactory;
+
+std::vector<unsigned char> RenderOnce(const StageFactory& make, const kvtl::CPUExtensions& extensions,
+                                      const std::vector<unsigned char>& source, unsigned int width,
+                                      unsigned int height, size_t sourceOffset = 0, size_t destinationOffset = 0,
+                                      unsigned char prefill = 0) {
+  GuardedImage src(width, height, sourceOffset), dst(width, height, destinationOffset);
+  src.fill(source);
+  dst.fill(std::vector<unsigned char>(dst.bytes(), prefill));
+  std::unique_ptr<AbstractRenderer> stage = make(extensions);
+  RenderStage(*stage, src.image(), dst.image());
+  EXPECT_TRUE(dst.guardsIntact());
+  EXPECT_EQ(source, src.contents());
+  return dst.contents();
+}
+
+StageFactory Brightness(double brightness, KVChannelsToProcess channels) {
+  return [=](const kvtl::CPUExtensions& ext) {
+    return std::unique_ptr<AbstractRenderer>(new BrightnessRenderer(brightness, channels, ext));
+  };
+}
+StageFactory Contrast(double contrast, KVChannelsToProcess channels) {
+  return [=](const kvtl::CPUExtensions& ext) {
+    return std::unique_ptr<AbstractRenderer>(new ContrastRenderer(contrast, channels, ext));
+  };
+}
+StageFactory SuperContrast(double low, double high, KVChannelsToProcess channels) {
+  return [=](const kvtl::CPUExtensions& ext) {
+    return std::unique_ptr<AbstractRenderer>(new SuperContrastRenderer(low, high, channels, ext));
+  };
+}
+
+// Reference arithmetic, one formula per path.
+int BrightnessLevel(int x, double brightness) { return Clamp8(x + static_cast<int>(255.0 * brightness)); }
+int ContrastTable(int x, int c) { return Clamp8((x - 127) * c / 256 + 127); }
+int ContrastVector(int x, int c) {
+  return Clamp8(static_cast<int>(std::floor((x - 127) * c / 256.0)) + 127);
+}
+int SuperContrastTable(int x, int lo, int hi) {
+  if (x > hi) return 255;
+  if (x < lo) return 0;
+  return Clamp8(static_cast<int>((x - lo) * (256.0 / (hi - lo + 1))));
+}
+int SuperContrastVector(int x, int lo, int hi) {
+  if (x > hi) return 255;
+  if (x < lo) return 0;
+  return Clamp8(static_cast<int>(std::nearbyint(static_cast<float>(x - lo) * (256.0f / (hi - lo + 1)))));
+}
+
+// The byte of pixel p, channel c of an image.
+unsigned char At(const std::vector<unsigned char>& bytes, size_t pixel, unsigned int channel) {
+  return bytes[pixel * 4 + channel];
+}
+
+TEST(Brightness, FullScaleTurnsColourWhiteOrBlackAndKeepsAlpha) {
+  const std::vector<unsigned char> source = kvtest::PatternBytes(17 * 4, 1);
+  for (const kvtl::CPUExtensions& ext : {kPlainPath, kVectorPath}) {
+    for (unsigned int pixels : {16u, 17u}) {
+      const std::vector<unsigned char> in(source.begin(), source.begin() + pixels * 4);
+      const std::vector<unsigned char> white = RenderOnce(Brightness(1.0, kChannelsColor), ext, in, pixels, 1);
+      const std::vector<unsigned char> black = RenderOnce(Brightness(-1.0, kChannelsColor), ext, in, pixels, 1);
+      for (size_t p = 0; p < pixels; ++p) {
+        for (unsigned int c = 0; c < 3; ++c) {
+          EXPECT_EQ(255, At(white, p, c));
+          EXPECT_EQ(0, At(black, p, c));
+        }
+        EXPECT_EQ(At(in, p, 3), At(white, p, 3));
+        EXPECT_EQ(At(in, p, 3), At(black, p, 3));
+      }
+    }
+  }
+}
+
+TEST(Brightness, VectorPathGivesTheTableOnEverySelection) {
+  const std::vector<unsigned char> ramp = GreyRamp();
+  for (double brightness : {0.2, -0.5, 0.0, 0.999, -1.0}) {
+    for (KVChannelsToProcess channels : {kChannelsAlpha, kChannelsColor, kChannelsAll}) {
+      const std::vector<unsigned char> plain = RenderOnce(Brightness(brightness, channels), kPlainPath, ramp, 16, 16);
+      const std::vector<unsigned char> vector = RenderOnce(Brightness(brightness, channels), kVectorPath, ramp, 16, 16);
+      EXPECT_EQ(plain, vector) << brightness << " " << channels;
+      for (size_t i = 0; i < ramp.size(); ++i) {
+        const int expected = Processes(channels, i % 4) ? BrightnessLevel(ramp[i], brightness) : ramp[i];
+        ASSERT_EQ(expected, plain[i]) << brightness << " " << channels << " byte " << i;
+      }
+    }
+  }
+  // 255 * 0.2 gives an offset of 51; 255 * -0.5 one of -127.
+  const std::vector<unsigned char> lighter = RenderOnce(Brightness(0.2, kChannelsColor), kVectorPath, ramp, 16, 16);
+  EXPECT_EQ(61, At(lighter, 10, 0));
+  EXPECT_EQ(255, At(lighter, 204, 2));
+  EXPECT_EQ(204, At(lighter, 204, 3));
+  const std::vector<unsigned char> darker = RenderOnce(Brightness(-0.5, kChannelsAll), kVectorPath, ramp, 16, 16);
+  EXPECT_EQ(0, At(darker, 127, 1));
+  EXPECT_EQ(1, At(darker, 128, 3));
+}
+
+TEST(Brightness, UnknownSelectionIsCopiedByTheVectorPathAndUnwrittenByThePlainPath) {
+  const std::vector<unsigned char> source = kvtest::PatternBytes(17 * 4, 2);
+  const std::vector<unsigned char> sixteen(source.begin(), source.begin() + 64);
+  for (KVChannelsToProcess channels : kUnknownSelections) {
+    EXPECT_EQ(sixteen, RenderOnce(Brightness(0.5, channels), kVectorPath, sixteen, 16, 1, 0, 0, 0x33));
+    EXPECT_EQ(std::vector<unsigned char>(64, 0x33), RenderOnce(Brightness(0.5, channels), kPlainPath, sixteen, 16, 1,
+                                                              0, 0, 0x33));
+    // A share of 17 pixels takes the plain path whole.
+    EXPECT_EQ(std::vector<unsigned char>(68, 0x33), RenderOnce(Brightness(0.5, channels), kVectorPath, source, 17, 1,
+                                                              0, 0, 0x33));
+  }
+}
+
+TEST(Contrast, DocumentedLevels) {
+  const std::vector<unsigned char> ramp = GreyRamp();
+  for (const kvtl::CPUExtensions& ext : {kPlainPath, kVectorPath}) {
+    const std::vector<unsigned char> doubled = RenderOnce(Contrast(2.0, kChannelsAll), ext, ramp, 16, 16);
+    EXPECT_EQ(0, At(doubled, 0, 0));
+    EXPECT_EQ(255, At(doubled, 255, 1));
+    EXPECT_EQ(129, At(doubled, 128, 2));
+    EXPECT_EQ(127, At(doubled, 127, 3));
+    const std::vector<unsigned char> flat = RenderOnce(Contrast(0.0, kChannelsColor), ext, ramp, 16, 16);
+    for (size_t p = 0; p < 256; ++p) {
+      EXPECT_EQ(127, At(flat, p, 0));
+      EXPECT_EQ(p, At(flat, p, 3));
+    }
+    EXPECT_EQ(ramp, RenderOnce(Contrast(1.0, kChannelsAll), ext, ramp, 16, 16));
+  }
+  // Contrast 0.5 at level 0: the table truncates -63.5 to -63, the vector
+  // path floors it to -64.
+  EXPECT_EQ(64, At(RenderOnce(Contrast(0.5, kChannelsAll), kPlainPath, ramp, 16, 16), 0, 0));
+  EXPECT_EQ(63, At(RenderOnce(Contrast(0.5, kChannelsAll), kVectorPath, ramp, 16, 16), 0, 0));
+}
+
+TEST(Contrast, VectorPathIsOneBelowTheTableExactlyWhereFlooringDiffers) {
+  const std::vector<unsigned char> ramp = GreyRamp();
+  for (double contrast : {0.3, 0.5, 0.77, 1.5, 1.9, 2.0}) {
+    const int c = static_cast<int>(256.0 * contrast);
+    const std::vector<unsigned char> table = RenderOnce(Contrast(contrast, kChannelsAll), kPlainPath, ramp, 16, 16);
+    const std::vector<unsigned char> vector = RenderOnce(Contrast(contrast, kChannelsAll), kVectorPath, ramp, 16, 16);
+    for (int x = 0; x < 256; ++x) {
+      const int expectedTable = ContrastTable(x, c);
+      const bool lower = x < 127 && ((x - 127) * c) % 256 != 0 && expectedTable > 0;
+      ASSERT_EQ(expectedTable, At(table, x, 0)) << contrast << " at " << x;
+      ASSERT_EQ(expectedTable - (lower ? 1 : 0), At(vector, x, 0)) << contrast << " at " << x;
+    }
+  }
+}
+
+TEST(Contrast, UnknownSelectionIsCopiedByTheVectorPathAndUnwrittenByThePlainPath) {
+  const std::vector<unsigned char> source = kvtest::PatternBytes(32 * 4, 3);
+  for (KVChannelsToProcess channels : kUnknownSelections) {
+    EXPECT_EQ(source, RenderOnce(Contrast(0.4, channels), kVectorPath, source, 32, 1, 0, 0, 0x5A));
+    EXPECT_EQ(std::vector<unsigned char>(source.size(), 0x5A),
+              RenderOnce(Contrast(0.4, channels), kPlainPath, source, 32, 1, 0, 0, 0x5A));
+  }
+}
+
+TEST(SuperContrast, TableTruncatesAndVectorRounds) {
+  // low 0.1, high 0.9: lo 25, hi 229, scale 256 / 205; level 28 is 3.746.
+  std::vector<unsigned char> source(17 * 4, 28);
+  const std::vector<unsigned char> plain = RenderOnce(SuperContrast(0.1, 0.9, kChannelsColor), kPlainPath, source, 17, 1);
+  const std::vector<unsigned char> vector =
+      RenderOnce(SuperContrast(0.1, 0.9, kChannelsColor), kVectorPath, source, 17, 1);
+  for (size_t p = 0; p < 17; ++p) {
+    EXPECT_EQ(3, At(plain, p, 0));
+    // The first pixel of 17 is the lead-in through the table; 16 remain.
+    EXPECT_EQ(p == 0 ? 3 : 4, At(vector, p, 1)) << p;
+    EXPECT_EQ(28, At(vector, p, 3));
+  }
+}
+
+TEST(SuperContrast, BothPathsOverTheWholeRamp) {
+  const std::vector<unsigned char> ramp = GreyRamp();
+  struct Range {
+    double low, high;
+  };
+  for (const Range& r : {Range{0.1, 0.9}, Range{0.0, 1.0}, Range{0.3, 0.31}, Range{0.2, 0.6}}) {
+    const int lo = static_cast<int>(r.low * 255.0), hi = static_cast<int>(255.0 * r.high);
+    const std::vector<unsigned char> plain = RenderOnce(SuperContrast(r.low, r.high, kChannelsColor), kPlainPath, ramp, 16, 16);
+    const std::vector<unsigned char> vector =
+        RenderOnce(SuperContrast(r.low, r.high, kChannelsColor), kVectorPath, ramp, 16, 16);
+    for (int x = 0; x < 256; ++x) {
+      ASSERT_EQ(SuperContrastTable(x, lo, hi), At(plain, x, 2)) << r.low << " " << r.high << " at " << x;
+      ASSERT_EQ(SuperContrastVector(x, lo, hi), At(vector, x, 2)) << r.low << " " << r.high << " at " << x;
+      ASSERT_EQ(x, At(vector, x, 3));
+    }
+  }
+  EXPECT_EQ(ramp, RenderOnce(SuperContrast(0.0, 1.0, kChannelsAll), kPlainPath, ramp, 16, 16));
+  EXPECT_EQ(ramp, RenderOnce(SuperContrast(0.0, 1.0, kChannelsColor), kVectorPath, ramp, 16, 16));
+}
+
+TEST(SuperContrast, DegenerateRanges) {
+  const std::vector<unsigned char> ramp = GreyRamp();
+  // low = high = 0.5: lo = hi = 127, scale 256; 127 itself gives 0.
+  // high just below low (hi = lo - 1): the width is 0 and the scale unused.
+  // low above high: above hi is 255 first, everything else 0.
+  struct Case {
+    double low, high;
+    int firstWhite;
+  };
+  for (const Case& k : {Case{0.5, 0.5, 128}, Case{0.5, 126.5 / 255.0, 127}, Case{0.6, 0.4, 103}}) {
+    for (const kvtl::CPUExtensions& ext : {kPlainPath, kVectorPath}) {
+      const std::vector<unsigned char> out = RenderOnce(SuperContrast(k.low, k.high, kChannelsColor), ext, ramp, 16, 16);
+      for (int x = 0; x < 256; ++x) ASSERT_EQ(x < k.firstWhite ? 0 : 255, At(out, x, 0)) << k.low << " at " << x;
+    }
+  }
+}
+
+TEST(SuperContrast, VectorPathServesColourOnly) {
+  const std::vector<unsigned char> ramp = GreyRamp();
+  for (KVChannelsToProcess channels : {kChannelsAlpha, kChannelsAll, kUnknownSelections[0]}) {
+    EXPECT_EQ(RenderOnce(SuperContrast(0.1, 0.9, channels), kPlainPath, ramp, 16, 16, 0, 0, 9),
+              RenderOnce(SuperContrast(0.1, 0.9, channels), kVectorPath, ramp, 16, 16, 0, 0, 9));
+  }
+  // Alpha through the table: 28 gives 3.
+  EXPECT_EQ(3, At(RenderOnce(SuperContrast(0.1, 0.9, kChannelsAlpha), kVectorPath, ramp, 16, 16), 28, 3));
+}
+
+TEST(ToneStages, UnalignedBuffersGiveTheAlignedBytes) {
+  const std::vector<unsigned char> source = kvtest::PatternBytes(48 * 2 * 4, 4);
+  for (const StageFactory& make : {Brightness(0.3, kChannelsColor), Brightness(-0.2, kChannelsAll),
+                                   Contrast(0.5, kChannelsAll), Contrast(1.7, kChannelsAlpha),
+                                   SuperContrast(0.1, 0.9, kChannelsColor)}) {
+    const std::vector<unsigned char> aligned = RenderOnce(make, kVectorPath, source, 48, 2);
+    EXPECT_EQ(aligned, RenderOnce(make, kVectorPath, source, 48, 2, 1, 0));
+    EXPECT_EQ(aligned, RenderOnce(make, kVectorPath, source, 48, 2, 0, 1));
+    EXPECT_EQ(aligned, RenderOnce(make, kVectorPath, source, 48, 2, 1, 1));
+  }
+  // Super contrast with a lead-in of 5 pixels: the blocks start unaligned.
+  const std::vector<unsigned char> odd(source.begin(), source.begin() + 37 * 4);
+  EXPECT_EQ(RenderOnce(SuperContrast(0.2, 0.7, kChannelsColor), kVectorPath, odd, 37, 1),
+            RenderOnce(SuperContrast(0.2, 0.7, kChannelsColor), kVectorPath, odd, 37, 1, 1, 1));
+}
+
+// 384 pixels: shares of 384, 192, 128, 96, 64, 48 and 32 pixels take the
+// vector paths; 5, 7, 9 to 11 and 13 to 16 threads give shares that do not.
+const unsigned int kWide = 64, kHigh = 6;
+
+TEST(ToneStages, EveryThreadCountThroughTheProcessor) {
+  const std::vector<unsigned char> source = kvtest::PatternBytes(kWide * kHigh * 4, 5);
+  const auto colour = [](unsigned int channel) { return channel < 3; };
+  const auto all = [](unsigned int) { return true; };
+
+  kvtest::ExpectEveryThreadCount(
+      [](KVImageProcessor& p) { return p.SetBrightness(0.4, kChannelsColor); },
+      [&](unsigned int) {
+        return kvtest::ExpectedBytes(source, std::vector<bool>(source.size() / 4), colour,
+                                     [](int x, unsigned int, bool) { return BrightnessLevel(x, 0.4); });
+      },
+      kWide, kHigh, source);
+
+  kvtest::ExpectEveryThreadCount(
+      [](KVImageProcessor& p) { return p.SetContrast(0.6, kChannelsAll); },
+      [&](unsigned int threads) {
+        return kvtest::ExpectedBytes(source, kvtest::VectorPixels(kWide, kHigh, threads, Remainder::kWholeSharePlain),
+                                     all, [](int x, unsigned int, bool vector) {
+                                       const int c = static_cast<int>(256.0 * 0.6);
+                                       return vector ? ContrastVector(x, c) : ContrastTable(x, c);
+                                     });
+      },
+      kWide, kHigh, source);
+
+  kvtest::ExpectEveryThreadCount(
+      [](KVImageProcessor& p) { return p.SetSuperContrast(0.1, 0.9, kChannelsColor); },
+      [&](unsigned int threads) {
+        return kvtest::ExpectedBytes(source, kvtest::VectorPixels(kWide, kHigh, threads, Remainder::kLeadInPlain),
+                                     colour, [](int x, unsigned int, bool vector) {
+                                       return vector ? SuperContrastVector(x, 25, 229) : SuperContrastTable(x, 25, 229);
+                                     });
+      },
+      kWide, kHigh, source);
+}
+
+TEST(ToneStages, MoreThreadsThanPixels) {
+  const std::vector<unsigned char> source = kvtest::PatternBytes(3 * 4, 6);
+  kvtest::ExpectEveryThreadCount(
+      [](KVImageProcessor& p) { return p.SetContrast(0.5, kChannelsColor); },
+      [&](unsigned int) {
+        return kvtest::ExpectedBytes(source, std::vector<bool>(3), [](unsigned int ch) { return ch < 3; },
+                                     [](int x, unsigned int, bool) { return ContrastTable(x, 128); });
+      },
+      3, 1, source);
+}
+
+TEST(ToneSetters, RangeAndChannelChecks) {
+  kvo::KVLookupTables tables;
+  GuardedImage src(4, 4), dst(4, 4);
+  KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_EQ(7, processor.SetBrightness(1.5, kChannelsColor));
+  EXPECT_EQ(7, processor.SetBrightness(1.5, static_cast<KVChannelsToProcess>(2)));
+  EXPECT_EQ(7, processor.SetBrightness(-1.01, kChannelsColor));
+  EXPECT_EQ(10, processor.SetBrightness(0.5, static_cast<KVChannelsToProcess>(2)));
+  EXPECT_EQ(10, processor.SetBrightness(0.5, static_cast<KVChannelsToProcess>(0)));
+  EXPECT_EQ(7, processor.SetContrast(2.01, kChannelsColor));
+  EXPECT_EQ(7, processor.SetContrast(-0.01, static_cast<KVChannelsToProcess>(1)));
+  EXPECT_EQ(10, processor.SetContrast(1.0, static_cast<KVChannelsToProcess>(2)));
+  EXPECT_EQ(7, processor.SetSuperContrast(-0.01, 0.5, kChannelsColor));
+  EXPECT_EQ(7, processor.SetSuperContrast(0.5, 1.01, kChannelsColor));
+  EXPECT_EQ(0, processor.RenderQueueCount());
+
+  EXPECT_EQ(0, processor.SetBrightness(-1.0, kChannelsAlpha));
+  EXPECT_EQ(0, processor.SetBrightness(1.0, static_cast<KVChannelsToProcess>(-1)));  // compared unsigned
+  EXPECT_EQ(0, processor.SetBrightness(nan, kChannelsColor));
+  EXPECT_EQ(0, processor.SetContrast(2.0, kChannelsAll));
+  EXPECT_EQ(0, processor.SetContrast(nan, static_cast<KVChannelsToProcess>(9)));
+  EXPECT_EQ(0, processor.SetSuperContrast(0.9, 0.1, static_cast<KVChannelsToProcess>(0)));  // not checked
+  EXPECT_EQ(0, processor.SetSuperContrast(nan, nan, kChannelsColor));
+  EXPECT_EQ(7, processor.RenderQueueCount());
+
+  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+  EXPECT_EQ(7, keyer.SetAlphaSuperContrast(0.5, 1.01));
+  EXPECT_EQ(7, keyer.SetAlphaSuperContrast(-0.5, 0.5));
+  EXPECT_EQ(0, keyer.RenderQueueCount());
+  EXPECT_EQ(0, keyer.SetAlphaSuperContrast(nan, 0.5));
+  EXPECT_EQ(1, keyer.RenderQueueCount());
+}
+
+TEST(ToneStages, NaNArgumentsRenderTheProcessorsIntegerResults) {
+  // A NaN converts to INT_MIN: the brightness table clamps every level to 0,
+  // while the vector path adds INT_MIN's low byte, 0. The contrast table's
+  // product wraps (0 for odd j, INT_MIN for even i), the vector multiplier
+  // keeps its low 16 bits, 0, so every level becomes 127.
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const std::vector<unsigned char> ramp = GreyRamp();
+  EXPECT_EQ(std::vector<unsigned char>(ramp.size(), 0), RenderOnce(Brightness(nan, kChannelsAll), kPlainPath, ramp, 16, 16));
+  EXPECT_EQ(ramp, RenderOnce(Brightness(nan, kChannelsAll), kVectorPath, ramp, 16, 16));
+  const std::vector<unsigned char> table = RenderOnce(Contrast(nan, kChannelsAll), kPlainPath, ramp, 16, 16);
+  const std::vector<unsigned char> vector = RenderOnce(Contrast(nan, kChannelsAll), kVectorPath, ramp, 16, 16);
+  for (int x = 0; x < 256; ++x) {
+    EXPECT_EQ(x % 2 == 0 ? 0 : 127, At(table, x, 0));
+    EXPECT_EQ(127, At(vector, x, 0));
+  }
+}
+
+TEST(AlphaSuperContrast, StretchesTheMatteAndKeepsColour) {
+  kvo::KVLookupTables tables;
+  const std::vector<unsigned char> ramp = GreyRamp();
+  for (unsigned int threads : {1u, 2u, 3u}) {
+    kvtest::ScopedCoreCount cores(threads);
+    GuardedImage src(16, 16), dst(16, 16);
+    src.fill(ramp);
+    KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+    ASSERT_EQ(0, keyer.SetAlphaSuperContrast(0.1, 0.9));
+    ASSERT_EQ(0, keyer.Render());
+    // Alpha only, so always the table: level 28 gives 3, not 4.
+    EXPECT_EQ(kvtest::ExpectedBytes(ramp, std::vector<bool>(256), [](unsigned int ch) { return ch == 3; },
+                                    [](int x, unsigned int, bool) { return SuperContrastTable(x, 25, 229); }),
+              dst.contents());
+    EXPECT_EQ(3, dst.at(12, 1, 3));
+  }
+}
+
+TEST(ToneStagesDeathTest, OnlyBlueGreenRedAlphaImages) {
+  GuardedImage src(4, 4, 0, kPixelOrderARGB), dst(4, 4);
+  BrightnessRenderer brightness(0.5, kChannelsColor, kVectorPath);
+  ContrastRenderer contrast(0.5, kChannelsColor, kPlainPath);
+  SuperContrastRenderer superContrast(0.1, 0.9, kChannelsColor, kVectorPath);
+  EXPECT_DEATH(RenderStage(brightness, src.image(), dst.image()),
+               "BrightnessRenderer:305: failed assertion `false && \"Not implemented\"'");
+  EXPECT_DEATH(RenderStage(contrast, src.image(), dst.image()),
+               "ContrastRenderer:464: failed assertion `false && \"Not implemented\"'");
+  EXPECT_DEATH(RenderStage(superContrast, src.image(), dst.image()),
+               "SuperContrastRenderer:513: failed assertion `false && \"Not implemented\"'");
+}
+
+}  // namespace
