@@ -96,6 +96,11 @@ class KVIMAGE_EXPORT KVImageProcessor : public KVAbstractImageProcessor {
   int SetMirror(bool first, bool second);
   int SetSilhouette(KVPixel8_RGB colour);
   int SetMatteView();
+  int SetSaturation(double saturation);
+  int SetHueShift(double shift, double amount);
+  int SetHueColorize(double hue, double amount);
+  int SetTint(KVTintType type, double amount);
+  int SetThreeStripColor(double a, double b, double c);
 
  private:
   KVImageProcessor_Private* m_private;
