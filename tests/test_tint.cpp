@@ -1,6 +1,7 @@
 // The tint stage with its tone tables, and the three-strip colour stage.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <limits>
 #include <vector>
@@ -182,6 +183,83 @@ TEST(TintAndThreeStrip, EveryThreadCountGivesTheSameBytes) {
     for (unsigned int threads = 2; threads <= 16; ++threads) {
       EXPECT_EQ(single, RenderStage(set, pixels, width, height, threads, threads % 2)) << threads;
     }
+  }
+}
+
+namespace {
+
+// The tint of one pixel computed the straightforward way, one double rounding
+// per byte: the oracle for the stage's table-driven loop.
+void TintPixel(int type, double amount, const unsigned char* in, unsigned char* out) {
+  const double keep = 1.0 - amount;
+  const int luminance = static_cast<int>((in[0] + in[1] + in[2]) / 3.0);
+  int target[3];
+  const ToneRows* tone = nullptr;
+  for (const ToneRows& t : kToneRows) {
+    if (t.type == type) tone = &t;
+  }
+  if (type == kTintGrey) {
+    target[0] = target[1] = target[2] = luminance;
+  } else if (tone != nullptr) {
+    target[0] = tone->table[luminance][2];
+    target[1] = tone->table[luminance][1];
+    target[2] = tone->table[luminance][0];
+  } else {
+    target[0] = std::max(30, luminance - 33);
+    target[1] = luminance > 235 ? 255 : std::max(30, luminance + 20);
+    target[2] = luminance < 203 ? luminance + 53 : 255;
+  }
+  for (int c = 0; c < 3; ++c) {
+    const double v = (in[c] - target[c]) * keep + target[c];
+    out[c] = static_cast<unsigned char>(v < 0 ? 0 : (v > 255 ? 255 : static_cast<int>(v)));
+  }
+  out[3] = in[3];
+}
+
+// The three-strip colour of one pixel the straightforward way.
+void ThreeStripPixel(const double levels[3], const unsigned char* in, unsigned char* out) {
+  int curves[3][256];
+  for (int k = 0; k < 3; ++k) {
+    const int start = static_cast<int>(levels[k] * 255.0);
+    for (int i = 0; i < 256; ++i) {
+      const double v = start == 0 ? 255.0 : (i < start ? 0.0 : (i - start) * (256.0 / (256 - start)));
+      curves[k][i] = v > 255 ? 255 : static_cast<int>(v);
+    }
+  }
+  auto inverted = [](int d) { return 255 - (d < 0 ? 0 : (d > 255 ? 255 : d)); };
+  const int b0 = in[0], b1 = in[1], b2 = in[2];
+  const int c0 = curves[2][inverted(b0 - ((b1 + b2) >> 1))];
+  const int c1 = curves[1][inverted(b1 - ((b0 + b2) >> 1))];
+  const int c2 = curves[0][inverted(b2 - ((b0 + b1) >> 1))];
+  out[0] = static_cast<unsigned char>((b0 * (c1 + c2)) >> 9);
+  out[1] = static_cast<unsigned char>((b1 * (c2 + c0)) >> 9);
+  out[2] = static_cast<unsigned char>((b2 * (c0 + c1)) >> 9);
+  out[3] = in[3];
+}
+
+}  // namespace
+
+TEST(Tint, MatchesThePerPixelFormulaForEveryTypeAndSeveralAmounts) {
+  const unsigned int width = 64, height = 16;
+  const Bytes pixels = kvtest::PatternBytes(width * height * 4, 77);
+  const double amounts[] = {0.0, 0.13, 0.5, 0.77, 1.0};
+  for (int type = -1; type <= 11; ++type) {
+    for (double amount : amounts) {
+      Bytes expected(pixels.size());
+      for (size_t i = 0; i < pixels.size(); i += 4) TintPixel(type, amount, &pixels[i], &expected[i]);
+      EXPECT_EQ(expected, RenderStage(Tint(type, amount), pixels, width, height)) << type << " " << amount;
+    }
+  }
+}
+
+TEST(ThreeStripColor, MatchesThePerPixelFormula) {
+  const unsigned int width = 64, height = 16;
+  const Bytes pixels = kvtest::PatternBytes(width * height * 4, 78);
+  const double levelSets[][3] = {{0.3, 0.5, 0.7}, {0.0, 1.0, 0.5}, {0.9, 0.1, 0.0}, {0.004, 0.996, 0.25}};
+  for (const auto& levels : levelSets) {
+    Bytes expected(pixels.size());
+    for (size_t i = 0; i < pixels.size(); i += 4) ThreeStripPixel(levels, &pixels[i], &expected[i]);
+    EXPECT_EQ(expected, RenderStage(ThreeStrip(levels[0], levels[1], levels[2]), pixels, width, height));
   }
 }
 

@@ -159,6 +159,12 @@ class KVIMAGE_EXPORT TintRenderer : public AbstractRenderer {
   unsigned char m_warmGreen[256];
   unsigned char m_warmRed[256];
   unsigned char m_luminance[768];  // indexed by the sum of the three colour bytes
+  // Derived by Setup for the render loop: each colour sum's target per
+  // channel, pre-multiplied by 256, and every (target, byte) mix.
+  unsigned short m_blueTargetRow[768];
+  unsigned short m_greenTargetRow[768];
+  unsigned short m_redTargetRow[768];
+  unsigned char m_mix[256 * 256];
 };
 
 // Re-weights each colour byte by the mean of two curves, looked up by how far
@@ -180,6 +186,11 @@ class KVIMAGE_EXPORT ThreeStripColorRenderer : public AbstractRenderer {
   int m_curveA[256];
   int m_curveB[256];
   int m_curveC[256];
+  // Derived by Setup for the render loop: each curve looked up by a channel's
+  // excess over its neighbours' mean (-255..255, offset by 255).
+  int m_blueWeight[511];
+  int m_greenWeight[511];
+  int m_redWeight[511];
 };
 
 // Integer RGB to HLS (hue -1 and saturation 0 for a grey).

@@ -25,12 +25,6 @@ void BuildCurve(double level, int* curve) {
   for (int i = 0; i < 256; ++i) curve[i] = i < start ? 0 : ClampToByte(TruncateToInt((i - start) * scale));
 }
 
-// How far a channel stands above the mean of the other two, clamped to a
-// byte and inverted.
-inline int InvertedExcess(int channel, int otherA, int otherB) {
-  return 255 - ClampToByte(channel - ((otherA + otherB) >> 1));
-}
-
 }  // namespace
 
 ThreeStripColorRenderer::ThreeStripColorRenderer(double a, double b, double c) : m_levelA(a), m_levelB(b), m_levelC(c) {}
@@ -43,6 +37,14 @@ void ThreeStripColorRenderer::Setup(KVAbstractImage*) {
   BuildCurve(m_levelA, m_curveA);
   BuildCurve(m_levelB, m_curveB);
   BuildCurve(m_levelC, m_curveC);
+  // Blue's excess indexes curve C, green's curve B, red's curve A; the
+  // render loop looks each one up by the unclamped excess.
+  for (int excess = -255; excess <= 255; ++excess) {
+    const int inverted = 255 - ClampToByte(excess);
+    m_blueWeight[excess + 255] = m_curveC[inverted];
+    m_greenWeight[excess + 255] = m_curveB[inverted];
+    m_redWeight[excess + 255] = m_curveA[inverted];
+  }
 }
 
 int ThreeStripColorRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
@@ -52,10 +54,10 @@ int ThreeStripColorRenderer::Render(KVAbstractImage* source, KVAbstractImage* de
   return Render8_CPP(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
 }
 
-// Blue's excess indexes curve C, green's curve B, red's curve A; each colour
-// byte is scaled by the sum of the other two channels' curve values shifted
-// right by 9, so a byte never exceeds 254 (255 * 510 >> 9). The 9 is kept on
-// purpose: it is that ceiling.
+// Each colour byte is scaled by the sum of the other two channels' curve
+// values, looked up by how far each channel stands above the mean of its two
+// neighbours, and shifted right by 9, so a byte never exceeds 254
+// (255 * 510 >> 9). The 9 is kept on purpose: it is that ceiling.
 int ThreeStripColorRenderer::Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
                                          unsigned char threadCount) {
   const ShareRun share =
@@ -63,15 +65,19 @@ int ThreeStripColorRenderer::Render8_CPP(KVImage8* source, KVImage8* destination
   if (share.count == 0) return 0;
   const unsigned char* in = source->Buffer() + share.start;
   unsigned char* out = destination->Buffer() + share.start;
+  const int* blueWeight = m_blueWeight + 255;
+  const int* greenWeight = m_greenWeight + 255;
+  const int* redWeight = m_redWeight + 255;
   for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
     const int blue = in[i + kBlueByte], green = in[i + kGreenByte], red = in[i + kRedByte];
-    const int blueCurve = m_curveC[InvertedExcess(blue, green, red)];
-    const int greenCurve = m_curveB[InvertedExcess(green, blue, red)];
-    const int redCurve = m_curveA[InvertedExcess(red, blue, green)];
+    const unsigned char alpha = in[i + kAlphaByte];
+    const int blueCurve = blueWeight[blue - ((green + red) >> 1)];
+    const int greenCurve = greenWeight[green - ((blue + red) >> 1)];
+    const int redCurve = redWeight[red - ((blue + green) >> 1)];
     out[i + kBlueByte] = static_cast<unsigned char>((blue * (greenCurve + redCurve)) >> 9);
     out[i + kGreenByte] = static_cast<unsigned char>((green * (redCurve + blueCurve)) >> 9);
     out[i + kRedByte] = static_cast<unsigned char>((red * (blueCurve + greenCurve)) >> 9);
-    out[i + kAlphaByte] = in[i + kAlphaByte];
+    out[i + kAlphaByte] = alpha;
   }
   return 0;
 }

@@ -52,31 +52,15 @@ void TintRenderer::Setup(KVAbstractImage*) {
     m_warmGreen[i] = static_cast<unsigned char>(i > 235 ? 255 : std::max(30, i + 20));
     m_warmRed[i] = static_cast<unsigned char>(i < 203 ? i + 53 : 255);
   }
-}
 
-int TintRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
-                         unsigned char threadCount) {
-  KV_ASSERT(source->BitsPerChannel() == 0 && source->PixelChannelOrder() == kPixelOrderBGRA, "TintRenderer", 175,
-            "false && \"Not implemented\"");
-  return Render8_CPP(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
-}
-
-// Each pixel's luminance (the mean of its colour bytes, truncated) picks a
-// target colour; every colour byte moves toward its target by the amount.
-int TintRenderer::Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
-                              unsigned char threadCount) {
-  const ShareRun share =
-      ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
-  if (share.count == 0) return 0;
-  const unsigned char* in = source->Buffer() + share.start;
-  unsigned char* out = destination->Buffer() + share.start;
+  // The render loop reads two tables per colour byte instead of converting:
+  // the target of the pixel's colour sum, then the mix of that target with
+  // the byte, computed here with exactly the per-pixel arithmetic.
   const unsigned char(*tone)[3] = ToneTableFor(m_type);
-  const bool grey = m_type == kTintGrey;
-  for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
-    const int blue = in[i + kBlueByte], green = in[i + kGreenByte], red = in[i + kRedByte];
-    const unsigned char luminance = m_luminance[blue + green + red];
+  for (int sum = 0; sum < 768; ++sum) {
+    const unsigned char luminance = m_luminance[sum];
     int targetBlue, targetGreen, targetRed;
-    if (grey) {
+    if (m_type == kTintGrey) {
       targetBlue = targetGreen = targetRed = luminance;
     } else if (tone != nullptr) {
       targetBlue = tone[luminance][kToneBlue];
@@ -87,10 +71,48 @@ int TintRenderer::Render8_CPP(KVImage8* source, KVImage8* destination, unsigned 
       targetGreen = m_warmGreen[luminance];
       targetRed = m_warmRed[luminance];
     }
-    out[i + kBlueByte] = TowardTarget(blue, targetBlue, m_keep);
-    out[i + kGreenByte] = TowardTarget(green, targetGreen, m_keep);
-    out[i + kRedByte] = TowardTarget(red, targetRed, m_keep);
-    out[i + kAlphaByte] = in[i + kAlphaByte];
+    m_blueTargetRow[sum] = static_cast<unsigned short>(targetBlue << 8);
+    m_greenTargetRow[sum] = static_cast<unsigned short>(targetGreen << 8);
+    m_redTargetRow[sum] = static_cast<unsigned short>(targetRed << 8);
+  }
+  for (int target = 0; target < 256; ++target) {
+    for (int byte = 0; byte < 256; ++byte) m_mix[(target << 8) | byte] = TowardTarget(byte, target, m_keep);
+  }
+}
+
+int TintRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                         unsigned char threadCount) {
+  KV_ASSERT(source->BitsPerChannel() == 0 && source->PixelChannelOrder() == kPixelOrderBGRA, "TintRenderer", 175,
+            "false && \"Not implemented\"");
+  return Render8_CPP(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
+}
+
+// Each pixel's luminance (the mean of its colour bytes, truncated) picks a
+// target colour; every colour byte moves toward its target by the amount:
+// clamp(trunc((byte - target) * keep + target)), read from the tables Setup
+// built.
+int TintRenderer::Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
+                              unsigned char threadCount) {
+  const ShareRun share =
+      ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
+  if (share.count == 0) return 0;
+  const unsigned char* in = source->Buffer() + share.start;
+  unsigned char* out = destination->Buffer() + share.start;
+  const unsigned short* blueTarget = m_blueTargetRow;
+  const unsigned short* greenTarget = m_greenTargetRow;
+  const unsigned short* redTarget = m_redTargetRow;
+  const unsigned char* mix = m_mix;
+  for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
+    const unsigned int blue = in[i + kBlueByte], green = in[i + kGreenByte], red = in[i + kRedByte];
+    const unsigned int alpha = in[i + kAlphaByte];
+    const unsigned int sum = blue + green + red;
+    const unsigned char newBlue = mix[blueTarget[sum] | blue];
+    const unsigned char newGreen = mix[greenTarget[sum] | green];
+    const unsigned char newRed = mix[redTarget[sum] | red];
+    out[i + kBlueByte] = newBlue;
+    out[i + kGreenByte] = newGreen;
+    out[i + kRedByte] = newRed;
+    out[i + kAlphaByte] = static_cast<unsigned char>(alpha);
   }
   return 0;
 }
