@@ -1,44 +1,20 @@
 // Saturation, hue shift and hue colorize, and the integer HLS conversions.
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <functional>
-#include <limits>
 #include <vector>
 
-#include "TestSupport.h"
+#include "ProcessorStageTest.h"
 
 using namespace kvo::image;
 using kvtest::GuardedImage;
-using kvtest::ScopedCoreCount;
 
 namespace {
 
-typedef std::function<int(KVImageProcessor&)> Setter;
-typedef std::vector<unsigned char> Bytes;
-
-const double kNaN = std::numeric_limits<double>::quiet_NaN();
-
-// Renders `pixels` (width x height, 4 bytes each) through one setter's stage
-// with the given thread count; checks guards and that the source is untouched.
-Bytes RenderStage(const Setter& set, const Bytes& pixels, unsigned int width, unsigned int height,
-                  unsigned int threads = 2, KVPixelChannelOrder order = kPixelOrderBGRA, size_t offset = 0) {
-  ScopedCoreCount cores(threads);
-  static kvo::KVLookupTables tables;
-  GuardedImage src(width, height, offset, order), dst(width, height, offset, order);
-  src.fill(pixels);
-  KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
-  EXPECT_EQ(0, set(processor));
-  EXPECT_EQ(0, processor.Render());
-  EXPECT_TRUE(dst.guardsIntact());
-  EXPECT_TRUE(src.guardsIntact());
-  EXPECT_EQ(pixels, src.contents());
-  return dst.contents();
-}
-
-Bytes RenderPixel(const Setter& set, const Bytes& pixel, KVPixelChannelOrder order = kPixelOrderBGRA) {
-  return RenderStage(set, pixel, 1, 1, 1, order);
-}
+typedef kvtest::StageSetter Setter;
+using kvtest::Bytes;
+using kvtest::kNaN;
+using kvtest::RenderPixel;
+using kvtest::RenderStage;
 
 // BGRA bytes of a red, green, blue colour with an alpha.
 Bytes Bgra(int red, int green, int blue, int alpha) {
@@ -178,8 +154,8 @@ TEST(HueStages, ChannelOrderTwoReadsAndWritesOneByteApart) {
     moved[i + 3] = pixels[i + 2];
     moved[i + 0] = pixels[i + 3];
   }
-  EXPECT_EQ(moved, RenderStage(HueColorize(120, 0.0), pixels, 7, 3, 3, kPixelOrderARGB));
-  EXPECT_EQ(moved, RenderStage(HueShift(30, 0.0), pixels, 7, 3, 3, kPixelOrderARGB));
+  EXPECT_EQ(moved, RenderStage(HueColorize(120, 0.0), pixels, 7, 3, 3, 1, kPixelOrderARGB));
+  EXPECT_EQ(moved, RenderStage(HueShift(30, 0.0), pixels, 7, 3, 3, 1, kPixelOrderARGB));
 
   // Amount 1: bytes 0, 1, 2 are the colour (red, green, blue), its result
   // goes to bytes 1, 2, 3 and byte 3 to byte 0.
@@ -195,7 +171,7 @@ TEST(HLSStages, EveryThreadCountGivesTheSameBytes) {
   for (const Setter& set : setters) {
     const Bytes single = RenderStage(set, pixels, width, height, 1);
     for (unsigned int threads = 2; threads <= 16; ++threads) {
-      EXPECT_EQ(single, RenderStage(set, pixels, width, height, threads, kPixelOrderBGRA, threads % 2)) << threads;
+      EXPECT_EQ(single, RenderStage(set, pixels, width, height, threads, threads % 2)) << threads;
     }
   }
 }

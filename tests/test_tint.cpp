@@ -2,41 +2,20 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
-#include <limits>
 #include <vector>
 
-#include "TestSupport.h"
+#include "ProcessorStageTest.h"
 
 using namespace kvo::image;
 using kvtest::GuardedImage;
-using kvtest::ScopedCoreCount;
 
 namespace {
 
-typedef std::function<int(KVImageProcessor&)> Setter;
-typedef std::vector<unsigned char> Bytes;
-
-const double kNaN = std::numeric_limits<double>::quiet_NaN();
-
-// Renders `pixels` through one setter's stage; checks guards and that the
-// source is untouched.
-Bytes RenderStage(const Setter& set, const Bytes& pixels, unsigned int width, unsigned int height,
-                  unsigned int threads = 2, size_t offset = 0) {
-  ScopedCoreCount cores(threads);
-  static kvo::KVLookupTables tables;
-  GuardedImage src(width, height, offset), dst(width, height, offset);
-  src.fill(pixels);
-  KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
-  EXPECT_EQ(0, set(processor));
-  EXPECT_EQ(0, processor.Render());
-  EXPECT_TRUE(dst.guardsIntact());
-  EXPECT_TRUE(src.guardsIntact());
-  EXPECT_EQ(pixels, src.contents());
-  return dst.contents();
-}
-
-Bytes RenderPixel(const Setter& set, const Bytes& pixel) { return RenderStage(set, pixel, 1, 1, 1); }
+typedef kvtest::StageSetter Setter;
+using kvtest::Bytes;
+using kvtest::kNaN;
+using kvtest::RenderPixel;
+using kvtest::RenderStage;
 
 Setter Tint(int type, double amount) {
   return [=](KVImageProcessor& p) { return p.SetTint(static_cast<KVTintType>(type), amount); };
