@@ -1,9 +1,11 @@
 // Saturation, hue shift and hue colorize, and the integer HLS conversions.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "ProcessorStageTest.h"
+#include "renderers/colour/HLSModel.h"
 
 using namespace kvo::image;
 using kvtest::GuardedImage;
@@ -54,6 +56,45 @@ TEST(HLSConversion, RGBtoHLSOnListedColours) {
     EXPECT_EQ(c.hue, hls.hue) << c.red << "," << c.green << "," << c.blue;
     EXPECT_EQ(c.lightness, hls.lightness) << c.red << "," << c.green << "," << c.blue;
     EXPECT_EQ(c.saturation, hls.saturation) << c.red << "," << c.green << "," << c.blue;
+  }
+}
+
+TEST(HLSConversion, ReciprocalDivisionIsExactWhereTheModelUsesIt) {
+  // Numerators reach 255 * 360 + 255, divisors 510: check both sides of every
+  // point where a quotient steps.
+  for (int d = 1; d <= 510; ++d) {
+    for (int n = d - 1; n <= 92055 + d; n += d) {
+      ASSERT_EQ(n / d, hls::DivideSmall(n, d)) << n << " / " << d;
+      ASSERT_EQ((n + 1) / d, hls::DivideSmall(n + 1, d)) << n + 1 << " / " << d;
+    }
+  }
+}
+
+TEST(HLSConversion, RGBtoHLSMatchesPlainDivisionAcrossTheCube) {
+  for (int red = 0; red < 256; red += 5) {
+    for (int green = 0; green < 256; green += 5) {
+      for (int blue = 0; blue < 256; blue += 5) {
+        const int max = std::max(red, std::max(green, blue)), min = std::min(red, std::min(green, blue));
+        const int sum = max + min, delta = max - min;
+        int hue = -1, saturation = 0;
+        const int lightness = (sum * 360 + 255) / 510;
+        if (delta != 0) {
+          saturation = lightness <= 180 ? (delta * 360 + sum / 2) / sum : (delta * 360 + (510 - sum) / 2) / (510 - sum);
+          auto below = [&](int x) { return ((max - x) * 60 + delta / 2) / delta; };
+          hue = red == max ? below(blue) - below(green)
+                           : (green == max ? 120 + below(red) - below(blue) : 240 + below(green) - below(red));
+          if (hue < 0) hue += 360;
+          if (hue > 360) hue -= 360;
+        }
+        KVPixel8_HLS hls;
+        ConvertRGBtoHLS(KVPixel8_RGB{static_cast<unsigned char>(red), static_cast<unsigned char>(green),
+                                     static_cast<unsigned char>(blue)},
+                        hls);
+        ASSERT_EQ(hue, hls.hue) << red << "," << green << "," << blue;
+        ASSERT_EQ(lightness, hls.lightness) << red << "," << green << "," << blue;
+        ASSERT_EQ(saturation, hls.saturation) << red << "," << green << "," << blue;
+      }
+    }
   }
 }
 

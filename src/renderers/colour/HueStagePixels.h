@@ -3,6 +3,7 @@
 
 #include <kvimage/colour.h>
 
+#include "renderers/colour/HLSModel.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
 #include "support/ThreadShare.h"
@@ -37,7 +38,7 @@ inline unsigned char MixWithSource(unsigned char source, unsigned char changed, 
 // The pixel walk of the hue stages over this thread's share: each colour goes
 // through HLS, newHue(hue) replaces its hue, and the converted colour is mixed
 // with the source by keep. The output starts as the source colour, so a grey
-// whose hue became defined keeps its colour through ConvertHLStoRGB.
+// whose hue became defined keeps its colour through the conversion back.
 template <class NewHue>
 int RenderHueStageShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                         unsigned char threadCount, double keep, NewHue newHue) {
@@ -50,10 +51,10 @@ int RenderHueStageShare(KVAbstractImage* source, KVAbstractImage* destination, u
   for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
     const KVPixel8_RGB original = {in[i + bytes.readRed], in[i + bytes.readGreen], in[i + bytes.readBlue]};
     KVPixel8_RGB changed = original;
-    KVPixel8_HLS hls;
-    ConvertRGBtoHLS(original, hls);
-    hls.hue = newHue(hls.hue);
-    ConvertHLStoRGB(hls, changed);
+    KVPixel8_HLS model;
+    hls::RGBtoHLS(original, model);
+    model.hue = newHue(model.hue);
+    hls::HLStoRGB(model, changed);
     const unsigned char other = in[i + bytes.readOther];
     out[i + bytes.writeRed] = MixWithSource(original.red, changed.red, keep);
     out[i + bytes.writeGreen] = MixWithSource(original.green, changed.green, keep);
