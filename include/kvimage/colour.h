@@ -210,6 +210,135 @@ KVIMAGE_EXPORT double BlackBodySpectrum(double temperature, double wavelength);
 // integrated against the CIE 1931 2-degree observer from 380 to 780 nm.
 KVIMAGE_EXPORT void SpectrumToXYZ(double temperature, double* x, double* y, double* z);
 
+// Scales saturation in a hue-saturation-value model computed in double
+// precision. Bytes 0, 1, 2 are taken as blue, green, red whatever the channel
+// order; byte 3 is copied. The float table is kept but not read.
+class KVIMAGE_EXPORT SaturationRenderer : public AbstractRenderer {
+ public:
+  SaturationRenderer(double saturation, float* table);
+  ~SaturationRenderer() override;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int Render8(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+              unsigned char threadCount);
+
+ private:
+  double m_saturation;
+  [[maybe_unused]] float* m_table;
+  double m_reciprocalOfDifference[511];  // [k + 255] = 1 / k, k = -255..255
+  double m_reciprocalOfValue[256];       // [v] = 1 / v
+};
+
+// Rotates hue in the integer HLS model and mixes the result with the source
+// colour by an amount.
+class KVIMAGE_EXPORT HueShiftRenderer : public AbstractRenderer {
+ public:
+  HueShiftRenderer(double shift, double amount);
+  ~HueShiftRenderer() override;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int Render8(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+              unsigned char threadCount);
+
+ private:
+  double m_hueOffset;  // 360 - shift
+  double m_keep;       // 1 - amount
+};
+
+// Replaces hue in the integer HLS model (greys stay grey) and mixes the result
+// with the source colour by an amount.
+class KVIMAGE_EXPORT HueColorizeRenderer : public AbstractRenderer {
+ public:
+  HueColorizeRenderer(double hue, double amount);
+  ~HueColorizeRenderer() override;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int Render8(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+              unsigned char threadCount);
+
+ private:
+  double m_hue;
+  double m_keep;  // 1 - amount
+};
+
+// Moves every pixel toward the tone colour its luminance picks, by an amount.
+class KVIMAGE_EXPORT TintRenderer : public AbstractRenderer {
+ public:
+  TintRenderer(KVTintType type, double amount);
+  ~TintRenderer() override;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
+
+ private:
+  KVTintType m_type;
+  double m_keep;  // 1 - amount
+  unsigned char m_warmBlue[256];
+  unsigned char m_warmGreen[256];
+  unsigned char m_warmRed[256];
+  unsigned char m_luminance[768];  // indexed by the sum of the three colour bytes
+  // Derived by Setup for the render loop: each colour sum's target per
+  // channel, pre-multiplied by 256, and every (target, byte) mix.
+  unsigned short m_blueTargetRow[768];
+  unsigned short m_greenTargetRow[768];
+  unsigned short m_redTargetRow[768];
+  unsigned char m_mix[256 * 256];
+};
+
+// Re-weights each colour byte by the mean of two curves, looked up by how far
+// the other two channels stand above their neighbours.
+class KVIMAGE_EXPORT ThreeStripColorRenderer : public AbstractRenderer {
+ public:
+  ThreeStripColorRenderer(double a, double b, double c);
+  ~ThreeStripColorRenderer() override;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
+
+ private:
+  double m_levelA;
+  double m_levelB;
+  double m_levelC;
+  int m_curveA[256];
+  int m_curveB[256];
+  int m_curveC[256];
+  // Derived by Setup for the render loop: each curve looked up by a channel's
+  // excess over its neighbours' mean (-255..255, offset by 255).
+  int m_blueWeight[511];
+  int m_greenWeight[511];
+  int m_redWeight[511];
+};
+
+// Integer RGB to HLS (hue -1 and saturation 0 for a grey).
+KVIMAGE_EXPORT void ConvertRGBtoHLS(const KVPixel8_RGB& in, KVPixel8_HLS& out);
+// Integer HLS to RGB. A saturation of 0 with a hue other than -1 writes
+// nothing: out keeps what it held, so callers preset it.
+KVIMAGE_EXPORT void ConvertHLStoRGB(const KVPixel8_HLS& in, KVPixel8_RGB& out);
+// One component of an HLS colour, from the low and high levels and a hue.
+KVIMAGE_EXPORT int ConvertHueToRGB(int low, int high, int hue);
+
+// Tone tables of the tint stage: 256 rows indexed by luminance, each row
+// red, green, blue.
+KVIMAGE_EXPORT extern const unsigned char BronzeToneLT[256][3];
+KVIMAGE_EXPORT extern const unsigned char CyanotypeToneLT[256][3];
+KVIMAGE_EXPORT extern const unsigned char EmeraldToneLT[256][3];
+KVIMAGE_EXPORT extern const unsigned char GoldToneLT[256][3];
+KVIMAGE_EXPORT extern const unsigned char PalladiumToneLT[256][3];
+KVIMAGE_EXPORT extern const unsigned char PlatinumToneLT[256][3];
+KVIMAGE_EXPORT extern const unsigned char PlatinumPalladiumToneLT[256][3];
+KVIMAGE_EXPORT extern const unsigned char SeleniumToneLT[256][3];
+KVIMAGE_EXPORT extern const unsigned char SilverToneLT[256][3];
+
 }  // namespace image
 }  // namespace kvo
 

@@ -101,6 +101,11 @@ class KVIMAGE_EXPORT KVImageProcessor : public KVAbstractImageProcessor {
   int SetSuperContrast(double low, double high, KVChannelsToProcess channels);
   int SetColorBalance(double red, double green, double blue);
   int SetColorTemperature(double kelvin);
+  int SetSaturation(double saturation);
+  int SetHueShift(double shift, double amount);
+  int SetHueColorize(double hue, double amount);
+  int SetTint(KVTintType type, double amount);
+  int SetThreeStripColor(double a, double b, double c);
 
  private:
   KVImageProcessor_Private* m_private;

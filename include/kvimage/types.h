@@ -76,6 +76,31 @@ enum KVKeyColor : int {
   kKeyColorBlue = 2    // byte 0 of each pixel
 };
 
+// Integer hue-lightness-saturation colour. 360 stands for 1.0 on every axis;
+// hue is in degrees, or -1 for a grey (no hue).
+struct KVPixel8_HLS {
+  int hue;
+  int lightness;
+  int saturation;
+};
+
+// The tone a tint stage moves pixels toward. Any other value (1 included, and
+// values outside 0..10) selects the warm tone. The underlying type is fixed so
+// that every int a host casts to it is a valid value.
+enum KVTintType : int {
+  kTintGrey = 0,
+  kTintWarm = 1,
+  kTintBronze = 2,
+  kTintCyanotype = 3,
+  kTintEmerald = 4,
+  kTintGold = 5,
+  kTintPalladium = 6,
+  kTintPlatinum = 7,
+  kTintPlatinumPalladium = 8,
+  kTintSelenium = 9,
+  kTintSilver = 10
+};
+
 }  // namespace image
 }  // namespace kvo
 

@@ -101,5 +101,42 @@ int KVImageProcessor::SetColorTemperature(double kelvin) {
   });
 }
 
+// The saturation stage keeps the processor's division table.
+int KVImageProcessor::SetSaturation(double saturation) {
+  return GuardedCall([&] {
+    if (saturation < 0.0 || saturation > 2.0) return static_cast<int>(kResultOutOfRange);
+    return m_private->Append(new SaturationRenderer(saturation, m_private->tables.DivideBy255Table()));
+  });
+}
+
+int KVImageProcessor::SetHueShift(double shift, double amount) {
+  return GuardedCall([&] {
+    if (shift < 0.0 || shift > 360.0 || amount < 0.0 || amount > 1.0) return static_cast<int>(kResultOutOfRange);
+    return m_private->Append(new HueShiftRenderer(shift, amount));
+  });
+}
+
+int KVImageProcessor::SetHueColorize(double hue, double amount) {
+  return GuardedCall([&] {
+    if (hue < 0.0 || hue > 360.0 || amount < 0.0 || amount > 1.0) return static_cast<int>(kResultOutOfRange);
+    return m_private->Append(new HueColorizeRenderer(hue, amount));
+  });
+}
+
+// The type is not checked: every value outside the named tones is warm.
+int KVImageProcessor::SetTint(KVTintType type, double amount) {
+  return GuardedCall([&] {
+    if (amount < 0.0 || amount > 1.0) return static_cast<int>(kResultOutOfRange);
+    return m_private->Append(new TintRenderer(type, amount));
+  });
+}
+
+int KVImageProcessor::SetThreeStripColor(double a, double b, double c) {
+  return GuardedCall([&] {
+    if (a < 0.0 || a > 1.0 || b < 0.0 || b > 1.0 || c < 0.0 || c > 1.0) return static_cast<int>(kResultOutOfRange);
+    return m_private->Append(new ThreeStripColorRenderer(a, b, c));
+  });
+}
+
 }  // namespace image
 }  // namespace kvo

@@ -1,0 +1,288 @@
+// Saturation, hue shift and hue colorize, and the integer HLS conversions.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "ProcessorStageTest.h"
+#include "renderers/colour/HLSModel.h"
+
+using namespace kvo::image;
+using kvtest::GuardedImage;
+
+namespace {
+
+typedef kvtest::StageSetter Setter;
+using kvtest::Bytes;
+using kvtest::kNaN;
+using kvtest::RenderPixel;
+using kvtest::RenderStage;
+
+// BGRA bytes of a red, green, blue colour with an alpha.
+Bytes Bgra(int red, int green, int blue, int alpha) {
+  return Bytes{static_cast<unsigned char>(blue), static_cast<unsigned char>(green), static_cast<unsigned char>(red),
+               static_cast<unsigned char>(alpha)};
+}
+
+Setter Saturation(double s) {
+  return [s](KVImageProcessor& p) { return p.SetSaturation(s); };
+}
+Setter HueShift(double shift, double amount) {
+  return [=](KVImageProcessor& p) { return p.SetHueShift(shift, amount); };
+}
+Setter HueColorize(double hue, double amount) {
+  return [=](KVImageProcessor& p) { return p.SetHueColorize(hue, amount); };
+}
+
+struct RgbHls {
+  int red, green, blue;
+  int hue, lightness, saturation;
+};
+
+}  // namespace
+
+TEST(HLSConversion, RGBtoHLSOnListedColours) {
+  const RgbHls cases[] = {
+      {255, 0, 0, 0, 180, 360},     {0, 255, 0, 120, 180, 360},   {0, 0, 255, 240, 180, 360},
+      {255, 255, 0, 60, 180, 360},  {0, 255, 255, 180, 180, 360}, {255, 0, 255, 300, 180, 360},
+      {128, 128, 128, -1, 181, 0},  {0, 0, 0, -1, 0, 0},          {255, 255, 255, -1, 360, 0},
+      {200, 100, 50, 20, 176, 216}, {10, 200, 40, 129, 148, 326}, {30, 60, 90, 210, 85, 180},
+  };
+  for (const RgbHls& c : cases) {
+    const KVPixel8_RGB rgb = {static_cast<unsigned char>(c.red), static_cast<unsigned char>(c.green),
+                              static_cast<unsigned char>(c.blue)};
+    KVPixel8_HLS hls = {7, 7, 7};
+    ConvertRGBtoHLS(rgb, hls);
+    EXPECT_EQ(c.hue, hls.hue) << c.red << "," << c.green << "," << c.blue;
+    EXPECT_EQ(c.lightness, hls.lightness) << c.red << "," << c.green << "," << c.blue;
+    EXPECT_EQ(c.saturation, hls.saturation) << c.red << "," << c.green << "," << c.blue;
+  }
+}
+
+TEST(HLSConversion, ReciprocalDivisionIsExactWhereTheModelUsesIt) {
+  // Numerators reach 255 * 360 + 255, divisors 510: check both sides of every
+  // point where a quotient steps.
+  for (int d = 1; d <= 510; ++d) {
+    for (int n = d - 1; n <= 92055 + d; n += d) {
+      ASSERT_EQ(n / d, hls::DivideSmall(n, d)) << n << " / " << d;
+      ASSERT_EQ((n + 1) / d, hls::DivideSmall(n + 1, d)) << n + 1 << " / " << d;
+    }
+  }
+}
+
+TEST(HLSConversion, RGBtoHLSMatchesPlainDivisionAcrossTheCube) {
+  for (int red = 0; red < 256; red += 5) {
+    for (int green = 0; green < 256; green += 5) {
+      for (int blue = 0; blue < 256; blue += 5) {
+        const int max = std::max(red, std::max(green, blue)), min = std::min(red, std::min(green, blue));
+        const int sum = max + min, delta = max - min;
+        int hue = -1, saturation = 0;
+        const int lightness = (sum * 360 + 255) / 510;
+        if (delta != 0) {
+          saturation = lightness <= 180 ? (delta * 360 + sum / 2) / sum : (delta * 360 + (510 - sum) / 2) / (510 - sum);
+          auto below = [&](int x) { return ((max - x) * 60 + delta / 2) / delta; };
+          hue = red == max ? below(blue) - below(green)
+                           : (green == max ? 120 + below(red) - below(blue) : 240 + below(green) - below(red));
+          if (hue < 0) hue += 360;
+          if (hue > 360) hue -= 360;
+        }
+        KVPixel8_HLS hls;
+        ConvertRGBtoHLS(KVPixel8_RGB{static_cast<unsigned char>(red), static_cast<unsigned char>(green),
+                                     static_cast<unsigned char>(blue)},
+                        hls);
+        ASSERT_EQ(hue, hls.hue) << red << "," << green << "," << blue;
+        ASSERT_EQ(lightness, hls.lightness) << red << "," << green << "," << blue;
+        ASSERT_EQ(saturation, hls.saturation) << red << "," << green << "," << blue;
+      }
+    }
+  }
+}
+
+TEST(HLSConversion, HLStoRGBOfGreysAndTheUnwrittenCase) {
+  KVPixel8_RGB out = {1, 2, 3};
+  ConvertHLStoRGB(KVPixel8_HLS{-1, 180, 0}, out);
+  EXPECT_EQ(127, out.red);
+  EXPECT_EQ(127, out.green);
+  EXPECT_EQ(127, out.blue);
+
+  // A grey with a defined hue writes nothing.
+  KVPixel8_RGB preset = {1, 2, 3};
+  ConvertHLStoRGB(KVPixel8_HLS{10, 200, 0}, preset);
+  EXPECT_EQ(1, preset.red);
+  EXPECT_EQ(2, preset.green);
+  EXPECT_EQ(3, preset.blue);
+}
+
+TEST(HLSConversion, RoundTripsOfPrimariesSecondariesAndGreysAreExact) {
+  const unsigned char exact[][3] = {{255, 0, 0},     {0, 255, 0},     {0, 0, 255},   {255, 255, 0}, {0, 255, 255},
+                                    {255, 0, 255},   {0, 0, 0},       {255, 255, 255}, {128, 128, 128},
+                                    {200, 100, 50}};
+  for (const auto& c : exact) {
+    const KVPixel8_RGB rgb = {c[0], c[1], c[2]};
+    KVPixel8_HLS hls;
+    ConvertRGBtoHLS(rgb, hls);
+    KVPixel8_RGB back = {9, 9, 9};
+    ConvertHLStoRGB(hls, back);
+    EXPECT_EQ(rgb.red, back.red);
+    EXPECT_EQ(rgb.green, back.green);
+    EXPECT_EQ(rgb.blue, back.blue);
+  }
+  // Not every colour survives: the integer model moves these by a level.
+  KVPixel8_HLS hls;
+  KVPixel8_RGB back = {0, 0, 0};
+  ConvertRGBtoHLS(KVPixel8_RGB{10, 200, 40}, hls);
+  ConvertHLStoRGB(hls, back);
+  EXPECT_EQ(38, back.blue);
+}
+
+TEST(HLSConversion, HueToRGBSectorsAndWrap) {
+  EXPECT_EQ(10 + (190 * 30 + 30) / 60, ConvertHueToRGB(10, 200, 30));   // rising
+  EXPECT_EQ(200, ConvertHueToRGB(10, 200, 60));                         // top
+  EXPECT_EQ(200, ConvertHueToRGB(10, 200, 179));
+  EXPECT_EQ(10 + (190 * 30 + 30) / 60, ConvertHueToRGB(10, 200, 210));  // falling
+  EXPECT_EQ(10, ConvertHueToRGB(10, 200, 240));                         // bottom
+  EXPECT_EQ(10, ConvertHueToRGB(10, 200, 360));
+  EXPECT_EQ(0, ConvertHueToRGB(0, 255, -30));    // 330
+  EXPECT_EQ(170, ConvertHueToRGB(0, 255, 400));  // 40
+}
+
+TEST(Saturation, ExamplesOnOnePixel) {
+  // The grey is the maximum, not a luminance; alpha is kept.
+  EXPECT_EQ(Bytes({200, 200, 200, 99}), RenderPixel(Saturation(0.0), Bytes{10, 200, 40, 99}));
+  // Factor 1 loses a level to truncation of p, q and t.
+  EXPECT_EQ(Bytes({9, 200, 39, 99}), RenderPixel(Saturation(1.0), Bytes{10, 200, 40, 99}));
+  EXPECT_EQ(Bytes({0, 200, 31, 99}), RenderPixel(Saturation(2.0), Bytes{10, 200, 40, 99}));
+  EXPECT_EQ(Bytes({125, 150, 200, 1}), RenderPixel(Saturation(0.5), Bytes{50, 100, 200, 1}));
+  EXPECT_EQ(Bytes({200, 66, 0, 0}), RenderPixel(Saturation(1.5), Bytes{200, 100, 50, 0}));
+  EXPECT_EQ(Bytes({0, 0, 0, 5}), RenderPixel(Saturation(2.0), Bytes{0, 0, 0, 5}));
+}
+
+TEST(Saturation, AnyChannelOrderIsProcessedAsBlueGreenRedAlpha) {
+  EXPECT_EQ(Bytes({200, 200, 200, 99}), RenderPixel(Saturation(0.0), Bytes{10, 200, 40, 99}, kPixelOrderARGB));
+}
+
+TEST(HueShift, ExamplesOnOnePixel) {
+  // Red shifted by 120 becomes blue.
+  EXPECT_EQ(Bgra(0, 0, 255, 33), RenderPixel(HueShift(120, 1.0), Bgra(255, 0, 0, 33)));
+  EXPECT_EQ(Bgra(100, 50, 200, 33), RenderPixel(HueShift(120, 1.0), Bgra(200, 100, 50, 33)));
+  EXPECT_EQ(Bgra(150, 75, 125, 33), RenderPixel(HueShift(120, 0.5), Bgra(200, 100, 50, 33)));
+  // Greys keep their colour.
+  EXPECT_EQ(Bgra(128, 128, 128, 4), RenderPixel(HueShift(77, 1.0), Bgra(128, 128, 128, 4)));
+  // The round trip at shift 0 moves some colours.
+  EXPECT_EQ(Bgra(10, 200, 38, 4), RenderPixel(HueShift(0, 1.0), Bgra(10, 200, 40, 4)));
+  EXPECT_EQ(Bgra(10, 200, 38, 4), RenderPixel(HueShift(360, 1.0), Bgra(10, 200, 40, 4)));
+}
+
+TEST(HueColorize, ExamplesOnOnePixel) {
+  EXPECT_EQ(Bgra(50, 50, 200, 250), RenderPixel(HueColorize(240, 1.0), Bgra(200, 100, 50, 250)));
+  EXPECT_EQ(Bgra(162, 87, 87, 250), RenderPixel(HueColorize(240, 0.25), Bgra(200, 100, 50, 250)));
+  EXPECT_EQ(Bgra(128, 128, 128, 250), RenderPixel(HueColorize(240, 1.0), Bgra(128, 128, 128, 250)));
+}
+
+TEST(HueStages, AmountZeroReturnsTheSourceForChannelOrderOne) {
+  const Bytes pixels = kvtest::PatternBytes(13 * 3 * 4, 4);
+  EXPECT_EQ(pixels, RenderStage(HueColorize(120, 0.0), pixels, 13, 3));
+  EXPECT_EQ(pixels, RenderStage(HueShift(200, 0.0), pixels, 13, 3));
+}
+
+TEST(HueStages, ChannelOrderTwoReadsAndWritesOneByteApart) {
+  // Amount 0: source bytes 0, 1, 2, 3 land in destination bytes 1, 2, 3, 0.
+  const Bytes pixels = kvtest::PatternBytes(7 * 3 * 4, 9);
+  Bytes moved(pixels.size());
+  for (size_t i = 0; i < pixels.size(); i += 4) {
+    moved[i + 1] = pixels[i + 0];
+    moved[i + 2] = pixels[i + 1];
+    moved[i + 3] = pixels[i + 2];
+    moved[i + 0] = pixels[i + 3];
+  }
+  EXPECT_EQ(moved, RenderStage(HueColorize(120, 0.0), pixels, 7, 3, 3, 1, kPixelOrderARGB));
+  EXPECT_EQ(moved, RenderStage(HueShift(30, 0.0), pixels, 7, 3, 3, 1, kPixelOrderARGB));
+
+  // Amount 1: bytes 0, 1, 2 are the colour (red, green, blue), its result
+  // goes to bytes 1, 2, 3 and byte 3 to byte 0.
+  EXPECT_EQ(Bytes({33, 0, 0, 255}), RenderPixel(HueShift(120, 1.0), Bytes{255, 0, 0, 33}, kPixelOrderARGB));
+  EXPECT_EQ(Bytes({250, 50, 50, 200}),
+            RenderPixel(HueColorize(240, 1.0), Bytes{200, 100, 50, 250}, kPixelOrderARGB));
+}
+
+TEST(HLSStages, EveryThreadCountGivesTheSameBytes) {
+  const unsigned int width = 37, height = 5;  // 185 pixels: uneven shares
+  const Bytes pixels = kvtest::PatternBytes(width * height * 4, 21);
+  const Setter setters[] = {Saturation(1.7), HueShift(95.5, 0.6), HueColorize(300, 0.8)};
+  for (const Setter& set : setters) {
+    const Bytes single = RenderStage(set, pixels, width, height, 1);
+    for (unsigned int threads = 2; threads <= 16; ++threads) {
+      EXPECT_EQ(single, RenderStage(set, pixels, width, height, threads, threads % 2)) << threads;
+    }
+  }
+}
+
+TEST(HLSStages, MoreThreadsThanPixels) {
+  const Bytes pixels = Bgra(200, 100, 50, 9);
+  EXPECT_EQ(Bgra(100, 50, 200, 9), RenderStage(HueShift(120, 1.0), pixels, 1, 1, 16));
+  const Bytes three = kvtest::PatternBytes(3 * 4, 2);
+  EXPECT_EQ(RenderStage(Saturation(0.3), three, 3, 1, 1), RenderStage(Saturation(0.3), three, 3, 1, 16));
+}
+
+TEST(HLSStages, SettersCheckRangesAndLetNaNThrough) {
+  kvo::KVLookupTables tables;
+  GuardedImage src(2, 2), dst(2, 2);
+  KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
+  EXPECT_EQ(7, processor.SetSaturation(2.5));
+  EXPECT_EQ(7, processor.SetSaturation(-0.01));
+  EXPECT_EQ(7, processor.SetHueShift(361, 0.5));
+  EXPECT_EQ(7, processor.SetHueShift(-1, 0.5));
+  EXPECT_EQ(7, processor.SetHueShift(10, 1.01));
+  EXPECT_EQ(7, processor.SetHueShift(10, -0.01));
+  EXPECT_EQ(7, processor.SetHueColorize(360.5, 0.5));
+  EXPECT_EQ(7, processor.SetHueColorize(-0.5, 0.5));
+  EXPECT_EQ(7, processor.SetHueColorize(10, 2.0));
+  EXPECT_EQ(0, processor.RenderQueueCount());
+  EXPECT_EQ(0, processor.SetSaturation(2.0));
+  EXPECT_EQ(0, processor.SetHueShift(360, 0.0));
+  EXPECT_EQ(0, processor.SetHueColorize(0, 1.0));
+  EXPECT_EQ(0, processor.SetSaturation(kNaN));
+  EXPECT_EQ(0, processor.SetHueShift(kNaN, kNaN));
+  EXPECT_EQ(0, processor.SetHueColorize(kNaN, 0.5));
+  EXPECT_EQ(6, processor.RenderQueueCount());
+}
+
+TEST(HLSStages, NaNSettingsRenderDeterministically) {
+  // A NaN amount makes every mixed colour byte 0; alpha is kept.
+  EXPECT_EQ(Bgra(0, 0, 0, 70), RenderPixel(HueShift(90, kNaN), Bgra(200, 100, 50, 70)));
+  EXPECT_EQ(Bgra(0, 0, 0, 70), RenderPixel(HueColorize(90, kNaN), Bgra(200, 100, 50, 70)));
+  // A NaN hue keeps greys and gives the same bytes on every run.
+  EXPECT_EQ(Bgra(90, 90, 90, 70), RenderPixel(HueColorize(kNaN, 1.0), Bgra(90, 90, 90, 70)));
+  const Bytes pixels = kvtest::PatternBytes(9 * 4, 5);
+  EXPECT_EQ(RenderStage(HueShift(kNaN, 1.0), pixels, 9, 1, 1), RenderStage(HueShift(kNaN, 1.0), pixels, 9, 1, 3));
+  // A NaN saturation: V stays, p, q and t become 0.
+  EXPECT_EQ(Bytes({0, 200, 0, 8}), RenderPixel(Saturation(kNaN), Bytes{10, 200, 40, 8}));
+}
+
+namespace {
+
+// An image that reports a depth other than 8 bits.
+class DeepImage : public KVImage8 {
+ public:
+  DeepImage(unsigned char* buffer, unsigned int width, unsigned int height)
+      : KVImage8(buffer, width, height, kPixelOrderBGRA) {}
+  unsigned int BitsPerChannel() const override { return 1; }
+};
+
+}  // namespace
+
+TEST(HLSStages, SkipSourcesOfAnotherDepth) {
+  Bytes in(16, 100), out(16, 3);
+  DeepImage source(in.data(), 2, 2);
+  KVImage8 destination(out.data(), 2, 2, kPixelOrderBGRA);
+  SaturationRenderer saturation(0.0, nullptr);
+  HueShiftRenderer shift(120, 1.0);
+  HueColorizeRenderer colorize(120, 1.0);
+  AbstractRenderer* stages[] = {&saturation, &shift, &colorize};
+  for (AbstractRenderer* stage : stages) {
+    stage->Setup(&source);
+    EXPECT_EQ(0, stage->Render(&source, &destination, 0, 1));
+    EXPECT_EQ(Bytes(16, 3), out);
+    EXPECT_EQ(0u, stage->Type());
+  }
+}

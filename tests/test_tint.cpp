@@ -1,0 +1,255 @@
+// The tint stage with its tone tables, and the three-strip colour stage.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "ProcessorStageTest.h"
+
+using namespace kvo::image;
+using kvtest::GuardedImage;
+
+namespace {
+
+typedef kvtest::StageSetter Setter;
+using kvtest::Bytes;
+using kvtest::kNaN;
+using kvtest::RenderPixel;
+using kvtest::RenderStage;
+
+Setter Tint(int type, double amount) {
+  return [=](KVImageProcessor& p) { return p.SetTint(static_cast<KVTintType>(type), amount); };
+}
+Setter ThreeStrip(double a, double b, double c) {
+  return [=](KVImageProcessor& p) { return p.SetThreeStripColor(a, b, c); };
+}
+
+struct ToneRows {
+  const unsigned char (*table)[3];
+  KVTintType type;
+  unsigned char rows[3][3];  // rows 64, 128, 192: red, green, blue
+};
+
+const ToneRows kToneRows[] = {
+    {BronzeToneLT, kTintBronze, {{79, 62, 36}, {149, 124, 93}, {214, 188, 155}}},
+    {CyanotypeToneLT, kTintCyanotype, {{40, 70, 98}, {92, 138, 174}, {160, 201, 231}}},
+    {EmeraldToneLT, kTintEmerald, {{65, 66, 48}, {131, 130, 110}, {195, 194, 174}}},
+    {GoldToneLT, kTintGold, {{72, 64, 43}, {138, 129, 98}, {206, 192, 155}}},
+    {PalladiumToneLT, kTintPalladium, {{79, 60, 45}, {145, 124, 105}, {210, 188, 167}}},
+    {PlatinumToneLT, kTintPlatinum, {{71, 63, 52}, {132, 129, 114}, {196, 193, 178}}},
+    {PlatinumPalladiumToneLT, kTintPlatinumPalladium, {{64, 65, 59}, {127, 131, 116}, {196, 195, 165}}},
+    {SeleniumToneLT, kTintSelenium, {{77, 58, 62}, {136, 124, 128}, {200, 188, 192}}},
+    {SilverToneLT, kTintSilver, {{58, 67, 66}, {121, 131, 132}, {188, 194, 194}}},
+};
+
+}  // namespace
+
+TEST(ToneTables, TellingRowsAndEnds) {
+  for (const ToneRows& tone : kToneRows) {
+    for (int c = 0; c < 3; ++c) {
+      EXPECT_EQ(0, tone.table[0][c]);
+      EXPECT_EQ(tone.rows[0][c], tone.table[64][c]);
+      EXPECT_EQ(tone.rows[1][c], tone.table[128][c]);
+      EXPECT_EQ(tone.rows[2][c], tone.table[192][c]);
+      EXPECT_EQ(255, tone.table[255][c]);
+    }
+  }
+}
+
+TEST(ToneTables, RowsBetweenTellingRowsStayBetweenThem) {
+  const int knots[] = {0, 64, 128, 192, 255};
+  for (const ToneRows& tone : kToneRows) {
+    for (int k = 0; k + 1 < 5; ++k) {
+      for (int row = knots[k]; row < knots[k + 1]; ++row) {
+        for (int c = 0; c < 3; ++c) {
+          EXPECT_LE(tone.table[row][c], tone.table[row + 1][c]);
+          EXPECT_LE(tone.table[knots[k]][c], tone.table[row][c]);
+          EXPECT_LE(tone.table[row][c], tone.table[knots[k + 1]][c]);
+        }
+      }
+    }
+  }
+}
+
+TEST(Tint, ExamplesOnOnePixel) {
+  EXPECT_EQ(Bytes({20, 20, 20, 200}), RenderPixel(Tint(kTintGrey, 1.0), Bytes{10, 20, 30, 200}));
+  EXPECT_EQ(Bytes({15, 20, 25, 200}), RenderPixel(Tint(kTintGrey, 0.5), Bytes{10, 20, 30, 200}));
+  EXPECT_EQ(Bytes({67, 120, 153, 255}), RenderPixel(Tint(kTintWarm, 1.0), Bytes{100, 100, 100, 255}));
+  EXPECT_EQ(Bytes({30, 30, 53, 0}), RenderPixel(Tint(kTintWarm, 1.0), Bytes{0, 0, 0, 0}));
+  // Warm tables at their bends: green 255 above 235, red 255 from 203.
+  EXPECT_EQ(Bytes({203, 255, 255, 1}), RenderPixel(Tint(kTintWarm, 1.0), Bytes{236, 236, 236, 1}));
+  EXPECT_EQ(Bytes({170, 223, 255, 1}), RenderPixel(Tint(kTintWarm, 1.0), Bytes{203, 203, 203, 1}));
+  EXPECT_EQ(Bytes({255, 255, 255, 9}), RenderPixel(Tint(kTintBronze, 1.0), Bytes{255, 255, 255, 9}));
+  EXPECT_EQ(Bytes({0, 0, 0, 9}), RenderPixel(Tint(kTintBronze, 1.0), Bytes{0, 0, 0, 9}));
+}
+
+TEST(Tint, ToneTypesTakeTheirRowAsBlueGreenRed) {
+  for (const ToneRows& tone : kToneRows) {
+    // Luminance 128: (127 + 128 + 129) / 3.
+    const Bytes row = {tone.rows[1][2], tone.rows[1][1], tone.rows[1][0], 44};
+    EXPECT_EQ(row, RenderPixel(Tint(tone.type, 1.0), Bytes{127, 128, 129, 44})) << tone.type;
+  }
+}
+
+TEST(Tint, UnlistedTypesAreWarm) {
+  const Bytes pixels = kvtest::PatternBytes(11 * 3 * 4, 3);
+  const Bytes warm = RenderStage(Tint(kTintWarm, 0.7), pixels, 11, 3);
+  EXPECT_EQ(warm, RenderStage(Tint(11, 0.7), pixels, 11, 3));
+  EXPECT_EQ(warm, RenderStage(Tint(-1, 0.7), pixels, 11, 3));
+  EXPECT_EQ(warm, RenderStage(Tint(1000, 0.7), pixels, 11, 3));
+  EXPECT_NE(warm, RenderStage(Tint(kTintGrey, 0.7), pixels, 11, 3));
+}
+
+TEST(Tint, AmountZeroLeavesEveryTypeUnchanged) {
+  const Bytes pixels = kvtest::PatternBytes(9 * 5 * 4, 8);
+  for (int type = -1; type <= 11; ++type) EXPECT_EQ(pixels, RenderStage(Tint(type, 0.0), pixels, 9, 5)) << type;
+}
+
+TEST(Tint, SetterChecksTheAmountOnly) {
+  kvo::KVLookupTables tables;
+  GuardedImage src(2, 2), dst(2, 2);
+  KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
+  EXPECT_EQ(7, processor.SetTint(kTintGrey, -0.01));
+  EXPECT_EQ(7, processor.SetTint(kTintGrey, 1.01));
+  EXPECT_EQ(0, processor.RenderQueueCount());
+  EXPECT_EQ(0, processor.SetTint(static_cast<KVTintType>(-7), 1.0));
+  EXPECT_EQ(0, processor.SetTint(kTintSilver, kNaN));
+  EXPECT_EQ(2, processor.RenderQueueCount());
+}
+
+TEST(Tint, NaNAmountClampsColourToZero) {
+  EXPECT_EQ(Bytes({0, 0, 0, 61}), RenderPixel(Tint(kTintGold, kNaN), Bytes{10, 20, 30, 61}));
+}
+
+TEST(ThreeStripColor, Examples) {
+  // Level 0 gives flat curves of 255: each byte is (b * 510) >> 9.
+  EXPECT_EQ(Bytes({254, 254, 254, 255}), RenderPixel(ThreeStrip(0, 0, 0), Bytes{255, 255, 255, 255}));
+  EXPECT_EQ(Bytes({(10 * 510) >> 9, (100 * 510) >> 9, (200 * 510) >> 9, 7}),
+            RenderPixel(ThreeStrip(0, 0, 0), Bytes{10, 100, 200, 7}));
+  // Level 1 gives curves of 0.
+  EXPECT_EQ(Bytes({0, 0, 0, 77}), RenderPixel(ThreeStrip(1, 1, 1), Bytes{10, 100, 200, 77}));
+  // Greys look up index 255: 254 at level 0.5, so 200 becomes (200 * 508) >> 9.
+  EXPECT_EQ(Bytes({198, 198, 198, 3}), RenderPixel(ThreeStrip(0.5, 0.5, 0.5), Bytes{200, 200, 200, 3}));
+  // Red's excess 125 indexes curve A at 130: trunc(3 * 256 / 129) = 5.
+  EXPECT_EQ(Bytes({25, 50, 198, 3}), RenderPixel(ThreeStrip(0.5, 0.5, 0.5), Bytes{50, 100, 200, 3}));
+  // Blue's excess indexes C (flat 255 here), green's B (all 0), red's A.
+  EXPECT_EQ(Bytes({0, 50, 99, 3}), RenderPixel(ThreeStrip(0.5, 1.0, 0.0), Bytes{50, 100, 200, 3}));
+}
+
+TEST(ThreeStripColor, SetterChecksEveryLevel) {
+  kvo::KVLookupTables tables;
+  GuardedImage src(2, 2), dst(2, 2);
+  KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
+  EXPECT_EQ(7, processor.SetThreeStripColor(0.5, 1.2, 0.5));
+  EXPECT_EQ(7, processor.SetThreeStripColor(-0.1, 0.5, 0.5));
+  EXPECT_EQ(7, processor.SetThreeStripColor(0.5, 0.5, 1.0001));
+  EXPECT_EQ(0, processor.RenderQueueCount());
+  EXPECT_EQ(0, processor.SetThreeStripColor(kNaN, 0.5, 0.5));
+  EXPECT_EQ(1, processor.RenderQueueCount());
+}
+
+TEST(ThreeStripColor, NaNLevelActsAsLevelZero) {
+  const Bytes pixels = kvtest::PatternBytes(5 * 3 * 4, 12);
+  EXPECT_EQ(RenderStage(ThreeStrip(0, 0.3, 0.6), pixels, 5, 3), RenderStage(ThreeStrip(kNaN, 0.3, 0.6), pixels, 5, 3));
+}
+
+TEST(TintAndThreeStrip, EveryThreadCountGivesTheSameBytes) {
+  const unsigned int width = 29, height = 7;  // 203 pixels: uneven shares
+  const Bytes pixels = kvtest::PatternBytes(width * height * 4, 31);
+  const Setter setters[] = {Tint(kTintCyanotype, 0.65), Tint(kTintWarm, 0.3), ThreeStrip(0.2, 0.5, 0.8)};
+  for (const Setter& set : setters) {
+    const Bytes single = RenderStage(set, pixels, width, height, 1);
+    for (unsigned int threads = 2; threads <= 16; ++threads) {
+      EXPECT_EQ(single, RenderStage(set, pixels, width, height, threads, threads % 2)) << threads;
+    }
+  }
+}
+
+namespace {
+
+// The tint of one pixel computed the straightforward way, one double rounding
+// per byte: the oracle for the stage's table-driven loop.
+void TintPixel(int type, double amount, const unsigned char* in, unsigned char* out) {
+  const double keep = 1.0 - amount;
+  const int luminance = static_cast<int>((in[0] + in[1] + in[2]) / 3.0);
+  int target[3];
+  const ToneRows* tone = nullptr;
+  for (const ToneRows& t : kToneRows) {
+    if (t.type == type) tone = &t;
+  }
+  if (type == kTintGrey) {
+    target[0] = target[1] = target[2] = luminance;
+  } else if (tone != nullptr) {
+    target[0] = tone->table[luminance][2];
+    target[1] = tone->table[luminance][1];
+    target[2] = tone->table[luminance][0];
+  } else {
+    target[0] = std::max(30, luminance - 33);
+    target[1] = luminance > 235 ? 255 : std::max(30, luminance + 20);
+    target[2] = luminance < 203 ? luminance + 53 : 255;
+  }
+  for (int c = 0; c < 3; ++c) {
+    const double v = (in[c] - target[c]) * keep + target[c];
+    out[c] = static_cast<unsigned char>(v < 0 ? 0 : (v > 255 ? 255 : static_cast<int>(v)));
+  }
+  out[3] = in[3];
+}
+
+// The three-strip colour of one pixel the straightforward way.
+void ThreeStripPixel(const double levels[3], const unsigned char* in, unsigned char* out) {
+  int curves[3][256];
+  for (int k = 0; k < 3; ++k) {
+    const int start = static_cast<int>(levels[k] * 255.0);
+    for (int i = 0; i < 256; ++i) {
+      const double v = start == 0 ? 255.0 : (i < start ? 0.0 : (i - start) * (256.0 / (256 - start)));
+      curves[k][i] = v > 255 ? 255 : static_cast<int>(v);
+    }
+  }
+  auto inverted = [](int d) { return 255 - (d < 0 ? 0 : (d > 255 ? 255 : d)); };
+  const int b0 = in[0], b1 = in[1], b2 = in[2];
+  const int c0 = curves[2][inverted(b0 - ((b1 + b2) >> 1))];
+  const int c1 = curves[1][inverted(b1 - ((b0 + b2) >> 1))];
+  const int c2 = curves[0][inverted(b2 - ((b0 + b1) >> 1))];
+  out[0] = static_cast<unsigned char>((b0 * (c1 + c2)) >> 9);
+  out[1] = static_cast<unsigned char>((b1 * (c2 + c0)) >> 9);
+  out[2] = static_cast<unsigned char>((b2 * (c0 + c1)) >> 9);
+  out[3] = in[3];
+}
+
+}  // namespace
+
+TEST(Tint, MatchesThePerPixelFormulaForEveryTypeAndSeveralAmounts) {
+  const unsigned int width = 64, height = 16;
+  const Bytes pixels = kvtest::PatternBytes(width * height * 4, 77);
+  const double amounts[] = {0.0, 0.13, 0.5, 0.77, 1.0};
+  for (int type = -1; type <= 11; ++type) {
+    for (double amount : amounts) {
+      Bytes expected(pixels.size());
+      for (size_t i = 0; i < pixels.size(); i += 4) TintPixel(type, amount, &pixels[i], &expected[i]);
+      EXPECT_EQ(expected, RenderStage(Tint(type, amount), pixels, width, height)) << type << " " << amount;
+    }
+  }
+}
+
+TEST(ThreeStripColor, MatchesThePerPixelFormula) {
+  const unsigned int width = 64, height = 16;
+  const Bytes pixels = kvtest::PatternBytes(width * height * 4, 78);
+  const double levelSets[][3] = {{0.3, 0.5, 0.7}, {0.0, 1.0, 0.5}, {0.9, 0.1, 0.0}, {0.004, 0.996, 0.25}};
+  for (const auto& levels : levelSets) {
+    Bytes expected(pixels.size());
+    for (size_t i = 0; i < pixels.size(); i += 4) ThreeStripPixel(levels, &pixels[i], &expected[i]);
+    EXPECT_EQ(expected, RenderStage(ThreeStrip(levels[0], levels[1], levels[2]), pixels, width, height));
+  }
+}
+
+TEST(TintAndThreeStripDeathTest, ChannelOrderTwoAborts) {
+  Bytes in(16, 1), out(16, 0);
+  KVImage8 source(in.data(), 2, 2, kPixelOrderARGB), destination(out.data(), 2, 2, kPixelOrderARGB);
+  TintRenderer tint(kTintGrey, 1.0);
+  ThreeStripColorRenderer strip(0.5, 0.5, 0.5);
+  tint.Setup(&source);
+  strip.Setup(&source);
+  EXPECT_DEATH(tint.Render(&source, &destination, 0, 1), "TintRenderer:175: failed assertion `false && \"Not implemented\"'");
+  EXPECT_DEATH(strip.Render(&source, &destination, 0, 1),
+               "ThreeStripColorRenderer:151: failed assertion `false && \"Not implemented\"'");
+}
