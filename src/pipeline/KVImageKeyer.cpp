@@ -1,8 +1,10 @@
+#include <kvimage/keying.h>
 #include <kvimage/pipeline.h>
 
 #include "pipeline/RendererQueue.h"
 #include "pipeline/ResultCodes.h"
 #include "support/CPUExtensions.h"
+#include "support/Conversions.h"
 
 namespace kvo {
 namespace image {
@@ -34,6 +36,37 @@ int KVImageKeyer::ClearRenderQueue() { return m_private->Clear(); }
 int KVImageKeyer::Render() { return m_private->Render(KeyRenderWorkerThread); }
 
 void* KeyRenderWorkerThread(void* data) { return RunRenderThreadData(static_cast<RenderThreadData*>(data)); }
+
+namespace {
+// NaN passes: only values that compare below 0 or above 1 are refused.
+bool OutsideUnitRange(double value) { return value < 0.0 || value > 1.0; }
+}  // namespace
+
+int KVImageKeyer::SetSpillSuppression(KVChannel channel, KVSpillType spillType, double amount, double redFactor,
+                                      double greenFactor, double blueFactor, double referenceFactor) {
+  return GuardedCall([&] {
+    if (OutsideUnitRange(amount)) return static_cast<int>(kResultOutOfRange);
+    return m_private->Append(
+        new SpillSuppressor(channel, spillType, amount, redFactor, greenFactor, blueFactor, referenceFactor));
+  });
+}
+
+int KVImageKeyer::SetAlphaCrop(double left, double top, double right, double bottom) {
+  return GuardedCall([&] {
+    if (OutsideUnitRange(left) || OutsideUnitRange(right) || OutsideUnitRange(top) || OutsideUnitRange(bottom)) {
+      return static_cast<int>(kResultOutOfRange);
+    }
+    return m_private->Append(new AlphaCrop(left, top, right, bottom));
+  });
+}
+
+int KVImageKeyer::SetWhiteErode(KVWhiteErodeDirection direction, int size) {
+  return GuardedCall([&] {
+    if (size < 0) return static_cast<int>(kResultOutOfRange);
+    const int scaled = TruncateToInt(size * DownsampleValue(m_private->factor));
+    return m_private->Append(new WhiteErodeRenderer(direction, scaled));
+  });
+}
 
 }  // namespace image
 }  // namespace kvo
