@@ -278,7 +278,7 @@ std::vector<unsigned char> MatteLike(unsigned int w, unsigned int h, uint32_t se
 }
 
 TEST(WhiteErode, MatchesTheRingOnRandomImages) {
-  const unsigned int shapes[][2] = {{1, 1}, {7, 5}, {33, 17}, {64, 3}, {3, 41}, {2, 9}};
+  const unsigned int shapes[][2] = {{1, 1}, {7, 5}, {33, 17}, {64, 3}, {3, 41}, {2, 9}, {70, 66}};
   const int sizes[] = {0, 1, 2, 3, 4, 5, 8, 13, 16, 40, 70};
   const int directions[] = {0, 1, 2, 9};
   uint32_t seed = 1;

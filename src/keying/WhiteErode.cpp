@@ -21,9 +21,14 @@ namespace image {
 // therefore the minimum of the last `window` values put (the initial 255s
 // never lower it). This file computes exactly that sliding minimum over the
 // sequence of puts with a block prefix/suffix scheme: three comparisons per
-// value whatever the window, instead of a scan of the ring per pixel.
+// value whatever the window, instead of a scan of the ring per pixel. Lines
+// are eroded kLanes at a time, interleaved value by value, so the inner loops
+// run across lanes and vectorise, and a column pass reads whole row segments.
 
 namespace {
+
+const size_t kLanes = 32;
+const int kOutOfMemoryCode = 8;
 
 enum LineShape {
   kCentred,   // prefill half - 1 values, then put value x + half at step x
@@ -37,63 +42,99 @@ LineShape ShapeOf(KVWhiteErodeDirection direction) {
   return kLeading;
 }
 
-// Scratch of one line of n values: the gathered line (reused for the result),
-// then the puts, their block prefix minima and block suffix minima, each of up
-// to 2n values.
-struct LineScratch {
-  LineScratch(unsigned char* bytes, size_t n)
-      : line(bytes), puts(bytes + n), prefix(bytes + 3 * n), suffix(bytes + 5 * n) {}
-  unsigned char* line;
-  unsigned char* puts;
+// One thread's working memory for lines of n values: the interleaved lines
+// (n x lanes, replaced by the results) and the block prefix and suffix minima
+// of the puts (up to 2n x lanes each).
+struct LaneScratch {
+  LaneScratch(unsigned char* bytes, size_t n)
+      : lines(bytes), prefix(bytes + n * kLanes), suffix(bytes + 3 * n * kLanes) {}
+  unsigned char* lines;
   unsigned char* prefix;
   unsigned char* suffix;
 };
 
-// out(j) = min(puts[max(0, j - window + 1) .. j]) for j from first to count - 1,
-// written to result[j - first] (or mirrored for a leading line).
-void SlidingMinimum(const LineScratch& s, size_t count, size_t window, size_t first, bool mirrored,
-                    unsigned char* result) {
-  for (size_t begin = 0; begin < count; begin += window) {
-    const size_t end = std::min(count, begin + window);
-    s.prefix[begin] = s.puts[begin];
-    for (size_t j = begin + 1; j < end; ++j) s.prefix[j] = std::min(s.prefix[j - 1], s.puts[j]);
-    s.suffix[end - 1] = s.puts[end - 1];
-    for (size_t j = end - 1; j > begin; --j) s.suffix[j - 1] = std::min(s.suffix[j], s.puts[j - 1]);
-  }
-  const size_t outputs = count - first;
-  for (size_t j = first; j < count; ++j) {
-    const unsigned char value = j + 1 >= window ? std::min(s.suffix[j + 1 - window], s.prefix[j]) : s.prefix[j];
-    result[mirrored ? outputs - 1 - (j - first) : j - first] = value;
-  }
-}
-
-// Erodes the n values in s.line; the n results replace them.
-void ErodeLine(const LineScratch& s, size_t n, int64_t window, LineShape shape) {
-  if (n == 0) return;
-  const unsigned char* line = s.line;
-  size_t count = n, first = 0;
-  if (shape == kCentred) {
-    const uint64_t half = static_cast<uint64_t>(window / 2);
-    const uint64_t prefill = half >= 1 ? half - 1 : 0;
-    if (prefill >= n) {
-      // The ring never wraps within the line and every put after the prefill
-      // lies beyond it: each output is the minimum of the whole line.
-      const unsigned char lowest = *std::min_element(line, line + n);
-      std::memset(s.line, lowest, n);
-      return;
+// The sequence of puts of one line: which value each put takes (or 255).
+class PutSequence {
+ public:
+  PutSequence(size_t n, int64_t window, LineShape shape) : m_n(n), m_shape(shape), m_half(0), m_prefill(0) {
+    if (shape == kCentred) {
+      m_half = static_cast<uint64_t>(window / 2);
+      m_prefill = m_half >= 1 ? m_half - 1 : 0;
     }
-    std::memcpy(s.puts, line, prefill);
-    for (size_t x = 0; x < n; ++x) s.puts[prefill + x] = x + half < n ? line[x + half] : 255;
-    count = prefill + n;
-    first = prefill;
-  } else if (shape == kTrailing) {
-    std::memcpy(s.puts, line, n);
-  } else {
-    for (size_t k = 0; k + 1 < n; ++k) s.puts[k] = line[n - 1 - k];
-    s.puts[n - 1] = 255;
   }
-  const size_t effectiveWindow = static_cast<size_t>(std::min<uint64_t>(static_cast<uint64_t>(window), count));
-  SlidingMinimum(s, count, effectiveWindow, first, shape == kLeading, s.line);
+  // Every value of a centred line is put during the prefill and every later
+  // put lies beyond the line, and the ring never wraps within the line.
+  bool WholeLineMinimum() const { return m_shape == kCentred && m_prefill >= m_n; }
+  size_t Count() const { return m_shape == kCentred ? m_prefill + m_n : m_n; }
+  size_t FirstOutput() const { return m_shape == kCentred ? m_prefill : 0; }
+  // The value index of put j, or n for a 255.
+  size_t Source(size_t j) const {
+    if (m_shape == kTrailing) return j;
+    if (m_shape == kLeading) return j + 1 < m_n ? m_n - 1 - j : m_n;
+    if (j < m_prefill) return j;
+    const uint64_t index = (j - m_prefill) + m_half;
+    return index < m_n ? index : m_n;
+  }
+  // The value index written by output j.
+  size_t Target(size_t j) const { return m_shape == kLeading ? m_n - 1 - j : j - FirstOutput(); }
+
+ private:
+  size_t m_n;
+  LineShape m_shape;
+  uint64_t m_half;
+  uint64_t m_prefill;
+};
+
+// Erodes `lanes` interleaved lines of n values held in s.lines (value i of
+// lane k at i * kLanes + k); the results replace them.
+void ErodeLanes(const LaneScratch& s, size_t n, size_t lanes, int64_t window, LineShape shape) {
+  if (n == 0) return;
+  static const unsigned char kOpaque[kLanes] = {255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255,
+                                                255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255,
+                                                255, 255, 255, 255, 255, 255, 255, 255, 255, 255};
+  const PutSequence sequence(n, window, shape);
+  if (sequence.WholeLineMinimum()) {
+    unsigned char lowest[kLanes];
+    std::memcpy(lowest, kOpaque, kLanes);
+    for (size_t i = 0; i < n; ++i)
+      for (size_t k = 0; k < lanes; ++k) lowest[k] = std::min(lowest[k], s.lines[i * kLanes + k]);
+    for (size_t i = 0; i < n; ++i) std::memcpy(s.lines + i * kLanes, lowest, lanes);
+    return;
+  }
+  auto put = [&](size_t j) {
+    const size_t source = sequence.Source(j);
+    return source < n ? s.lines + source * kLanes : kOpaque;
+  };
+  const size_t count = sequence.Count();
+  const size_t w = static_cast<size_t>(std::min<uint64_t>(static_cast<uint64_t>(window), count));
+  for (size_t begin = 0; begin < count; begin += w) {
+    const size_t end = std::min(count, begin + w);
+    std::memcpy(s.prefix + begin * kLanes, put(begin), lanes);
+    for (size_t j = begin + 1; j < end; ++j) {
+      const unsigned char* value = put(j);
+      const unsigned char* previous = s.prefix + (j - 1) * kLanes;
+      unsigned char* current = s.prefix + j * kLanes;
+      for (size_t k = 0; k < lanes; ++k) current[k] = std::min(previous[k], value[k]);
+    }
+    std::memcpy(s.suffix + (end - 1) * kLanes, put(end - 1), lanes);
+    for (size_t j = end - 1; j > begin; --j) {
+      const unsigned char* value = put(j - 1);
+      const unsigned char* next = s.suffix + j * kLanes;
+      unsigned char* current = s.suffix + (j - 1) * kLanes;
+      for (size_t k = 0; k < lanes; ++k) current[k] = std::min(next[k], value[k]);
+    }
+  }
+  // The puts are all in the minima now, so the results may overwrite the lines.
+  for (size_t j = sequence.FirstOutput(); j < count; ++j) {
+    unsigned char* result = s.lines + sequence.Target(j) * kLanes;
+    const unsigned char* upTo = s.prefix + j * kLanes;
+    if (j + 1 >= w) {
+      const unsigned char* from = s.suffix + (j + 1 - w) * kLanes;
+      for (size_t k = 0; k < lanes; ++k) result[k] = std::min(from[k], upTo[k]);
+    } else {
+      std::memcpy(result, upTo, lanes);
+    }
+  }
 }
 
 struct Span {
@@ -117,11 +158,9 @@ unsigned char* ScratchFor(ErodeWhiteData& data, size_t lineLength, std::unique_p
   return owned.get();
 }
 
-const int kOutOfMemoryCode = 8;
-
 }  // namespace
 
-size_t WhiteErodeScratchBytes(size_t lineLength) { return 7 * std::max<size_t>(lineLength, 1); }
+size_t WhiteErodeScratchBytes(size_t lineLength) { return 5 * kLanes * std::max<size_t>(lineLength, 1); }
 
 void* HorizErodeWhiteProc(void* argument) {
   if (argument == nullptr) return ThreadExitValue(0);
@@ -131,15 +170,20 @@ void* HorizErodeWhiteProc(void* argument) {
   std::unique_ptr<unsigned char[]> owned;
   unsigned char* scratch = ScratchFor(data, data.width, owned);
   if (scratch == nullptr) return ThreadExitValue(kOutOfMemoryCode);
-  const LineScratch lineScratch(scratch, data.width);
+  const LaneScratch lanes(scratch, data.width);
   const LineShape shape = ShapeOf(data.direction);
-  const size_t rowBytes = static_cast<size_t>(data.width) * kBytesPerPixel;
-  for (uint64_t y = rows.begin; y < rows.end; ++y) {
-    const unsigned char* in = data.bufferA + y * rowBytes + kAlphaByte;
-    unsigned char* out = data.bufferB + y * rowBytes + kAlphaByte;
-    for (size_t x = 0; x < data.width; ++x) lineScratch.line[x] = in[x * kBytesPerPixel];
-    ErodeLine(lineScratch, data.width, data.window, shape);
-    for (size_t x = 0; x < data.width; ++x) out[x * kBytesPerPixel] = lineScratch.line[x];
+  const size_t width = data.width, rowBytes = width * kBytesPerPixel;
+  for (uint64_t first = rows.begin; first < rows.end; first += kLanes) {
+    const size_t count = static_cast<size_t>(std::min<uint64_t>(kLanes, rows.end - first));
+    for (size_t k = 0; k < count; ++k) {
+      const unsigned char* in = data.bufferA + (first + k) * rowBytes + kAlphaByte;
+      for (size_t x = 0; x < width; ++x) lanes.lines[x * kLanes + k] = in[x * kBytesPerPixel];
+    }
+    ErodeLanes(lanes, width, count, data.window, shape);
+    for (size_t k = 0; k < count; ++k) {
+      unsigned char* out = data.bufferB + (first + k) * rowBytes + kAlphaByte;
+      for (size_t x = 0; x < width; ++x) out[x * kBytesPerPixel] = lanes.lines[x * kLanes + k];
+    }
   }
   return ThreadExitValue(0);
 }
@@ -149,11 +193,11 @@ void* VertErodeWhiteProc(void* argument) {
   ErodeWhiteData& data = *static_cast<ErodeWhiteData*>(argument);
   const Span columns = ThreadSpan(data.threadIndex, data.columnsPerThread, data.width);
   if (columns.begin >= columns.end || data.height == 0) return ThreadExitValue(0);
-  const size_t rowBytes = static_cast<size_t>(data.width) * kBytesPerPixel;
+  const size_t height = data.height, rowBytes = static_cast<size_t>(data.width) * kBytesPerPixel;
 
   if (ShapeOf(data.direction) != kCentred) {
     const size_t stripBytes = static_cast<size_t>(columns.end - columns.begin) * kBytesPerPixel;
-    for (size_t y = 0; y < data.height; ++y) {
+    for (size_t y = 0; y < height; ++y) {
       const size_t offset = y * rowBytes + columns.begin * kBytesPerPixel;
       if (offset >= data.bufferALimit) break;
       std::memcpy(data.bufferA + offset, data.bufferB + offset, std::min(stripBytes, data.bufferALimit - offset));
@@ -162,22 +206,24 @@ void* VertErodeWhiteProc(void* argument) {
   }
 
   std::unique_ptr<unsigned char[]> owned;
-  unsigned char* scratch = ScratchFor(data, data.height, owned);
+  unsigned char* scratch = ScratchFor(data, height, owned);
   if (scratch == nullptr) return ThreadExitValue(kOutOfMemoryCode);
-  const LineScratch lineScratch(scratch, data.height);
-  for (uint64_t x = columns.begin; x < columns.end; ++x) {
-    const size_t columnOffset = x * kBytesPerPixel;
-    for (size_t y = 0; y < data.height; ++y) {
-      lineScratch.line[y] = data.bufferB[y * rowBytes + columnOffset + kAlphaByte];
+  const LaneScratch lanes(scratch, height);
+  for (uint64_t first = columns.begin; first < columns.end; first += kLanes) {
+    const size_t count = static_cast<size_t>(std::min<uint64_t>(kLanes, columns.end - first));
+    const size_t stripOffset = first * kBytesPerPixel, stripBytes = count * kBytesPerPixel;
+    for (size_t y = 0; y < height; ++y) {
+      const unsigned char* in = data.bufferB + y * rowBytes + stripOffset + kAlphaByte;
+      for (size_t k = 0; k < count; ++k) lanes.lines[y * kLanes + k] = in[k * kBytesPerPixel];
     }
-    ErodeLine(lineScratch, data.height, data.window, kCentred);
-    for (size_t y = 0; y < data.height; ++y) {
-      const size_t offset = y * rowBytes + columnOffset;
-      if (offset + kBytesPerPixel > data.bufferALimit) break;
-      data.bufferA[offset + kBlueByte] = data.bufferB[offset + kBlueByte];
-      data.bufferA[offset + kGreenByte] = data.bufferB[offset + kGreenByte];
-      data.bufferA[offset + kRedByte] = data.bufferB[offset + kRedByte];
-      data.bufferA[offset + kAlphaByte] = lineScratch.line[y];
+    ErodeLanes(lanes, height, count, data.window, kCentred);
+    for (size_t y = 0; y < height; ++y) {
+      const size_t offset = y * rowBytes + stripOffset;
+      if (offset >= data.bufferALimit) break;
+      const size_t bytes = std::min(stripBytes, data.bufferALimit - offset);
+      unsigned char* out = data.bufferA + offset;
+      std::memcpy(out, data.bufferB + offset, bytes);
+      for (size_t k = 0; (k + 1) * kBytesPerPixel <= bytes; ++k) out[k * kBytesPerPixel + kAlphaByte] = lanes.lines[y * kLanes + k];
     }
   }
   return ThreadExitValue(0);
