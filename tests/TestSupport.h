@@ -32,8 +32,8 @@ const kvtl::CPUExtensions kVectorPath = {true, true, true, false};
 // bytes that must survive every render.
 class GuardedImage {
  public:
-  static const size_t kGuardBytes = 64;
-  static const unsigned char kGuardValue = 0xA5;
+  static constexpr size_t kGuardBytes = 64;
+  static constexpr unsigned char kGuardValue = 0xA5;
 
   GuardedImage(unsigned int width, unsigned int height, size_t offset = 0,
                kvo::image::KVPixelChannelOrder order = kvo::image::kPixelOrderBGRA)
