@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <tr1/memory>
+#include <vector>
 
 #include <kvimage/export.h>
 #include <kvimage/image.h>
@@ -49,6 +50,9 @@ class KVIMAGE_EXPORT SpillSuppressor : public AbstractRenderer {
   double m_greenFactor;
   double m_blueFactor;
   double m_referenceFactor;
+  // The advanced method tabulated at construction: the spill for each (key,
+  // reference) pair, then blue, green and red for each (spill, byte) pair.
+  std::vector<unsigned char> m_advancedTables;
 };
 
 // A garbage matte: alpha is kept only strictly inside the rectangle

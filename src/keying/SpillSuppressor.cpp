@@ -1,4 +1,5 @@
 #include <cstdint>
+#include <cstring>
 
 #include <kvimage/keying.h>
 
@@ -25,20 +26,31 @@ inline unsigned char Move(int value, int target, int strength) {
 
 inline int Strength(double amount) { return TruncateToInt(255.0 * amount); }
 
-// The byte positions one method works on for a key channel: the key byte and
-// the byte it is compared with (standard), or the two it is averaged with
-// (extended), of which `other` is the one that may be raised.
-struct KeyBytes {
-  unsigned int key;
-  unsigned int reference;  // standard and advanced: the comparison byte
-  unsigned int raisedSide;  // extended: compared with `other` to decide a raise
-  unsigned int other;       // extended: the byte raised towards the mean
-};
-
-inline KeyBytes BytesFor(KVChannel channel) {
-  if (channel == kChannelBlue) return KeyBytes{kBlueByte, kGreenByte, kGreenByte, kRedByte};
-  return KeyBytes{kGreenByte, kRedByte, kBlueByte, kRedByte};
+inline uint32_t LoadPixel(const unsigned char* p) {
+  uint32_t pixel;
+  std::memcpy(&pixel, p, sizeof pixel);
+  return pixel;
 }
+
+inline void StorePixel(unsigned char* p, uint32_t pixel) { std::memcpy(p, &pixel, sizeof pixel); }
+
+inline int ByteOf(uint32_t pixel, unsigned int byte) { return static_cast<int>((pixel >> (8 * byte)) & 0xFFu); }
+
+inline uint32_t WithByte(uint32_t pixel, unsigned int byte, int value) {
+  return (pixel & ~(0xFFu << (8 * byte))) | (static_cast<uint32_t>(value & 0xFF) << (8 * byte));
+}
+
+// The byte positions of a key channel: the key byte and the byte it is
+// compared with (standard, advanced); for extended, the mean is of `side` and
+// red, and red rises when `side` is above it.
+template <unsigned int Key, unsigned int Reference, unsigned int Side>
+struct KeyBytes {
+  static const unsigned int key = Key;
+  static const unsigned int reference = Reference;
+  static const unsigned int side = Side;
+};
+typedef KeyBytes<kGreenByte, kRedByte, kBlueByte> GreenKey;
+typedef KeyBytes<kBlueByte, kGreenByte, kGreenByte> BlueKey;
 
 // The thread's share in whole pixels, cut at the end of both images.
 ShareRun SpillShare(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount) {
@@ -46,6 +58,59 @@ ShareRun SpillShare(KVImage8* source, KVImage8* destination, unsigned char threa
       ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
   share.count -= share.count % kBytesPerPixel;
   return share;
+}
+
+template <class Bytes>
+void Standard(const unsigned char* in, unsigned char* out, size_t count, int strength) {
+  for (size_t i = 0; i < count; i += kBytesPerPixel) {
+    const uint32_t pixel = LoadPixel(in + i);
+    const int key = ByteOf(pixel, Bytes::key), reference = ByteOf(pixel, Bytes::reference);
+    StorePixel(out + i, key > reference ? WithByte(pixel, Bytes::key, Move(key, reference, strength)) : pixel);
+  }
+}
+
+template <class Bytes>
+void Extended(const unsigned char* in, unsigned char* out, size_t count, int strength) {
+  for (size_t i = 0; i < count; i += kBytesPerPixel) {
+    uint32_t pixel = LoadPixel(in + i);
+    const int key = ByteOf(pixel, Bytes::key), side = ByteOf(pixel, Bytes::side), red = ByteOf(pixel, kRedByte);
+    const int mean = (side + red) >> 1;
+    if (key > mean) {
+      pixel = WithByte(pixel, Bytes::key, Move(key, mean, strength));
+      if (side > red) pixel = WithByte(pixel, kRedByte, Move(red, mean, strength));
+    }
+    StorePixel(out + i, pixel);
+  }
+}
+
+// spill = clamp(key - trunc(reference * referenceFactor)), the difference in
+// wrapping 32-bit arithmetic like the processor's.
+template <class Bytes>
+inline int Spill(const unsigned char* p, const int* scaledReference) {
+  const uint32_t difference = static_cast<uint32_t>(p[Bytes::key]) - static_cast<uint32_t>(scaledReference[p[Bytes::reference]]);
+  return ClampToByte(static_cast<int32_t>(difference));
+}
+
+inline unsigned char Corrected(int spill, double factor, unsigned char value) {
+  return static_cast<unsigned char>(ClampToByte(TruncateToInt(spill * factor + value)));
+}
+
+template <class Bytes>
+void Advanced(const unsigned char* in, unsigned char* out, size_t count, const unsigned char* tables) {
+  const unsigned char* spillOf = tables;  // [key][reference]
+  const unsigned char* blue = tables + 65536;  // [spill][byte] for each colour byte
+  const unsigned char* green = tables + 2 * 65536;
+  const unsigned char* red = tables + 3 * 65536;
+  for (size_t i = 0; i < count; i += kBytesPerPixel) {
+    const unsigned char* p = in + i;
+    unsigned char* q = out + i;
+    const unsigned int spill = spillOf[(p[Bytes::key] << 8) | p[Bytes::reference]];
+    const unsigned char alpha = p[kAlphaByte];
+    q[kBlueByte] = blue[(spill << 8) | p[kBlueByte]];
+    q[kGreenByte] = green[(spill << 8) | p[kGreenByte]];
+    q[kRedByte] = red[(spill << 8) | p[kRedByte]];
+    q[kAlphaByte] = alpha;
+  }
 }
 
 }  // namespace
@@ -58,7 +123,31 @@ SpillSuppressor::SpillSuppressor(KVChannel channel, KVSpillType spillType, doubl
       m_redFactor(redFactor),
       m_greenFactor(greenFactor),
       m_blueFactor(blueFactor),
-      m_referenceFactor(referenceFactor) {}
+      m_referenceFactor(referenceFactor) {
+  if (spillType != kSpillAdvanced) return;
+  // Every result of the advanced method depends on two bytes at a time: the
+  // spill on (key, reference) and each corrected byte on (spill, byte), so it
+  // is tabulated once, with the very arithmetic of the definition.
+  int scaledReference[256];
+  for (int v = 0; v < 256; ++v) scaledReference[v] = TruncateToInt(v * referenceFactor);
+  const bool blueKey = channel == kChannelBlue;
+  m_advancedTables.resize(4 * 65536);
+  unsigned char* tables = m_advancedTables.data();
+  for (int first = 0; first < 256; ++first) {
+    for (int second = 0; second < 256; ++second) {
+      unsigned char pixel[4] = {0, 0, 0, 0};
+      pixel[blueKey ? BlueKey::key : GreenKey::key] = static_cast<unsigned char>(first);
+      pixel[blueKey ? BlueKey::reference : GreenKey::reference] = static_cast<unsigned char>(second);
+      const int index = (first << 8) | second;
+      tables[index] = static_cast<unsigned char>(blueKey ? Spill<BlueKey>(pixel, scaledReference)
+                                                         : Spill<GreenKey>(pixel, scaledReference));
+      const unsigned char value = static_cast<unsigned char>(second);
+      tables[65536 + index] = Corrected(first, blueFactor, value);
+      tables[2 * 65536 + index] = Corrected(first, greenFactor, value);
+      tables[3 * 65536 + index] = Corrected(first, redFactor, value);
+    }
+  }
+}
 
 SpillSuppressor::~SpillSuppressor() {}
 
@@ -82,19 +171,12 @@ int SpillSuppressor::RenderSpillStandard(KVImage8* source, KVImage8* destination
                                          unsigned char threadCount) {
   const ShareRun share = SpillShare(source, destination, threadIndex, threadCount);
   if (share.count == 0) return 0;
-  const int strength = Strength(m_amount);
-  const KeyBytes bytes = BytesFor(m_channel);
   const unsigned char* in = source->Buffer() + share.start;
   unsigned char* out = destination->Buffer() + share.start;
-  for (size_t i = 0; i < share.count; i += kBytesPerPixel) {
-    const unsigned char* p = in + i;
-    unsigned char* q = out + i;
-    q[0] = p[0];
-    q[1] = p[1];
-    q[2] = p[2];
-    q[3] = p[3];
-    const int key = p[bytes.key], reference = p[bytes.reference];
-    if (key > reference) q[bytes.key] = Move(key, reference, strength);
+  if (m_channel == kChannelBlue) {
+    Standard<BlueKey>(in, out, share.count, Strength(m_amount));
+  } else {
+    Standard<GreenKey>(in, out, share.count, Strength(m_amount));
   }
   return 0;
 }
@@ -106,22 +188,12 @@ int SpillSuppressor::RenderSpillExtended(KVImage8* source, KVImage8* destination
                                          unsigned char threadCount) {
   const ShareRun share = SpillShare(source, destination, threadIndex, threadCount);
   if (share.count == 0) return 0;
-  const int strength = Strength(m_amount);
-  const KeyBytes bytes = BytesFor(m_channel);
   const unsigned char* in = source->Buffer() + share.start;
   unsigned char* out = destination->Buffer() + share.start;
-  for (size_t i = 0; i < share.count; i += kBytesPerPixel) {
-    const unsigned char* p = in + i;
-    unsigned char* q = out + i;
-    q[0] = p[0];
-    q[1] = p[1];
-    q[2] = p[2];
-    q[3] = p[3];
-    const int key = p[bytes.key], side = p[bytes.raisedSide], other = p[bytes.other];
-    const int mean = (side + other) >> 1;
-    if (key <= mean) continue;
-    q[bytes.key] = Move(key, mean, strength);
-    if (side > other) q[bytes.other] = Move(other, mean, strength);
+  if (m_channel == kChannelBlue) {
+    Extended<BlueKey>(in, out, share.count, Strength(m_amount));
+  } else {
+    Extended<GreenKey>(in, out, share.count, Strength(m_amount));
   }
   return 0;
 }
@@ -133,22 +205,29 @@ int SpillSuppressor::RenderSpillAdvanced(KVImage8* source, KVImage8* destination
                                          unsigned char threadCount) {
   const ShareRun share = SpillShare(source, destination, threadIndex, threadCount);
   if (share.count == 0) return 0;
-  const KeyBytes bytes = BytesFor(m_channel);
-  // The scaled reference depends only on the reference byte.
-  int scaledReference[256];
-  for (int v = 0; v < 256; ++v) scaledReference[v] = TruncateToInt(v * m_referenceFactor);
   const unsigned char* in = source->Buffer() + share.start;
   unsigned char* out = destination->Buffer() + share.start;
+  const bool blueKey = m_channel == kChannelBlue;
+  if (!m_advancedTables.empty()) {
+    if (blueKey) {
+      Advanced<BlueKey>(in, out, share.count, m_advancedTables.data());
+    } else {
+      Advanced<GreenKey>(in, out, share.count, m_advancedTables.data());
+    }
+    return 0;
+  }
+  // Built as another method: computed pixel by pixel.
+  int scaledReference[256];
+  for (int v = 0; v < 256; ++v) scaledReference[v] = TruncateToInt(v * m_referenceFactor);
   for (size_t i = 0; i < share.count; i += kBytesPerPixel) {
     const unsigned char* p = in + i;
     unsigned char* q = out + i;
-    const uint32_t difference =
-        static_cast<uint32_t>(p[bytes.key]) - static_cast<uint32_t>(scaledReference[p[bytes.reference]]);
-    const double spill = ClampToByte(static_cast<int32_t>(difference));
-    q[kBlueByte] = static_cast<unsigned char>(ClampToByte(TruncateToInt(spill * m_blueFactor + p[kBlueByte])));
-    q[kGreenByte] = static_cast<unsigned char>(ClampToByte(TruncateToInt(spill * m_greenFactor + p[kGreenByte])));
-    q[kRedByte] = static_cast<unsigned char>(ClampToByte(TruncateToInt(spill * m_redFactor + p[kRedByte])));
-    q[kAlphaByte] = p[kAlphaByte];
+    const int spill = blueKey ? Spill<BlueKey>(p, scaledReference) : Spill<GreenKey>(p, scaledReference);
+    const unsigned char alpha = p[kAlphaByte];
+    q[kBlueByte] = Corrected(spill, m_blueFactor, p[kBlueByte]);
+    q[kGreenByte] = Corrected(spill, m_greenFactor, p[kGreenByte]);
+    q[kRedByte] = Corrected(spill, m_redFactor, p[kRedByte]);
+    q[kAlphaByte] = alpha;
   }
   return 0;
 }

@@ -27,7 +27,7 @@ namespace image {
 
 namespace {
 
-const size_t kLanes = 32;
+const size_t kLanes = 128;
 const int kOutOfMemoryCode = 8;
 
 enum LineShape {
@@ -89,13 +89,12 @@ class PutSequence {
 // lane k at i * kLanes + k); the results replace them.
 void ErodeLanes(const LaneScratch& s, size_t n, size_t lanes, int64_t window, LineShape shape) {
   if (n == 0) return;
-  static const unsigned char kOpaque[kLanes] = {255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255,
-                                                255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255,
-                                                255, 255, 255, 255, 255, 255, 255, 255, 255, 255};
+  static const std::vector<unsigned char> kOpaqueRow(kLanes, 255);
+  const unsigned char* kOpaque = kOpaqueRow.data();
   const PutSequence sequence(n, window, shape);
   if (sequence.WholeLineMinimum()) {
     unsigned char lowest[kLanes];
-    std::memcpy(lowest, kOpaque, kLanes);
+    std::memset(lowest, 255, kLanes);
     for (size_t i = 0; i < n; ++i)
       for (size_t k = 0; k < lanes; ++k) lowest[k] = std::min(lowest[k], s.lines[i * kLanes + k]);
     for (size_t i = 0; i < n; ++i) std::memcpy(s.lines + i * kLanes, lowest, lanes);
