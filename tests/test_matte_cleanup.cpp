@@ -379,6 +379,22 @@ TEST(WhiteErode, RendersNothingBeforeSetupAndClipsToTheDestination) {
   EXPECT_EQ(std::vector<unsigned char>(expected.begin(), expected.begin() + 32), small.contents());
 }
 
+TEST(WhiteErode, EachSetupStartsFromItsOwnSource) {
+  // One stage over several sources and shapes: nothing of an earlier render
+  // survives into a later one.
+  WhiteErodeRenderer stage(kWhiteErodeAll, 2);
+  const unsigned int shapes[][2] = {{9, 6}, {9, 6}, {6, 9}, {9, 6}};
+  uint32_t seed = 40;
+  for (const auto& shape : shapes) {
+    const unsigned int w = shape[0], h = shape[1];
+    GuardedImage src(w, h), dst(w, h);
+    src.fill(MatteLike(w, h, seed++));
+    stage.Setup(src.image());
+    for (unsigned char t = 0; t < 2; ++t) stage.Render(src.image(), dst.image(), t, 2);
+    EXPECT_EQ(RingErodeImage(src.contents(), w, h, 2, 0), dst.contents()) << w << "x" << h;
+  }
+}
+
 TEST(WhiteErodeDeathTest, RefusesOtherChannelOrders) {
   GuardedImage src(2, 2, 0, kPixelOrderARGB), dst(2, 2);
   WhiteErodeRenderer stage(kWhiteErodeAll, 1);

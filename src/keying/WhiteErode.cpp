@@ -219,10 +219,16 @@ void* VertErodeWhiteProc(void* argument) {
     for (size_t y = 0; y < height; ++y) {
       const size_t offset = y * rowBytes + stripOffset;
       if (offset >= data.bufferALimit) break;
-      const size_t bytes = std::min(stripBytes, data.bufferALimit - offset);
+      const size_t pixels = std::min(stripBytes, data.bufferALimit - offset) / kBytesPerPixel;
+      const unsigned char* in = data.bufferB + offset;
       unsigned char* out = data.bufferA + offset;
-      std::memcpy(out, data.bufferB + offset, bytes);
-      for (size_t k = 0; (k + 1) * kBytesPerPixel <= bytes; ++k) out[k * kBytesPerPixel + kAlphaByte] = lanes.lines[y * kLanes + k];
+      const unsigned char* alphas = lanes.lines + y * kLanes;
+      for (size_t k = 0; k < pixels; ++k) {
+        uint32_t pixel;
+        std::memcpy(&pixel, in + k * kBytesPerPixel, sizeof pixel);
+        pixel = (pixel & ~(0xFFu << (8 * kAlphaByte))) | (static_cast<uint32_t>(alphas[k]) << (8 * kAlphaByte));
+        std::memcpy(out + k * kBytesPerPixel, &pixel, sizeof pixel);
+      }
     }
   }
   return ThreadExitValue(0);
@@ -237,7 +243,14 @@ unsigned int WhiteErodeRenderer::Type() const { return 0; }
 
 void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
   const unsigned int width = source->Width(), height = source->Height();
-  std::tr1::shared_ptr<KVImage8> intermediate(new KVImage8(width, height, source->PixelChannelOrder(), false));
+  // The previous render's image is reused when nothing else holds it and it
+  // has the same shape: every byte is rewritten below.
+  std::tr1::shared_ptr<KVImage8> intermediate = m_intermediate;
+  m_intermediate.reset();
+  if (!intermediate || intermediate.use_count() != 1 || intermediate->Width() != width ||
+      intermediate->Height() != height || intermediate->PixelChannelOrder() != source->PixelChannelOrder()) {
+    intermediate.reset(new KVImage8(width, height, source->PixelChannelOrder(), false));
+  }
   if (intermediate->BufferByteSize() != 0) {
     std::memcpy(intermediate->Buffer(), PixelBytes(source), intermediate->BufferByteSize());
   }
