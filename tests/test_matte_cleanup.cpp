@@ -294,6 +294,18 @@ TEST(WhiteErode, MatchesTheRingOnRandomImages) {
   }
 }
 
+TEST(WhiteErode, ThinImages) {
+  // One column of many rows and one row of many columns.
+  for (int direction : {0, 1, 2}) {
+    const std::vector<unsigned char> tall = MatteLike(1, 3001, 70 + direction);
+    EXPECT_EQ(RingErodeImage(tall, 1, 3001, 4, direction),
+              Erode(tall, 1, 3001, static_cast<KVWhiteErodeDirection>(direction), 4, 3));
+    const std::vector<unsigned char> wide = MatteLike(3001, 1, 80 + direction);
+    EXPECT_EQ(RingErodeImage(wide, 3001, 1, 4, direction),
+              Erode(wide, 3001, 1, static_cast<KVWhiteErodeDirection>(direction), 4, 3));
+  }
+}
+
 TEST(WhiteErode, EveryThreadCountGivesTheSameMatte) {
   const std::vector<unsigned char> bytes = MatteLike(23, 19, 99);
   for (int direction : {0, 1, 2}) {

@@ -80,8 +80,9 @@ class KVIMAGE_EXPORT AlphaCrop : public AbstractRenderer {
 // bufferA and writes the alpha of bufferB; the vertical pass reads bufferB and
 // writes bufferA. Both buffers hold width x height pixels; the pass writes
 // bufferA only below bufferALimit bytes. scratch, when not null, holds
-// WhiteErodeScratchBytes(line length) bytes for the pass's own use;
-// otherwise the pass allocates it and, if that fails, returns code 8.
+// WhiteErodeScratchBytes(line length, lines of the thread) bytes for the
+// pass's own use; otherwise the pass allocates it and, if that fails, exits
+// with code 8.
 struct KVIMAGE_EXPORT ErodeWhiteData {
   unsigned int threadIndex;
   unsigned int rowsPerThread;
@@ -96,8 +97,9 @@ struct KVIMAGE_EXPORT ErodeWhiteData {
   unsigned char* scratch;
 };
 
-// The scratch bytes one thread needs to erode lines of the given length.
-KVIMAGE_EXPORT size_t WhiteErodeScratchBytes(size_t lineLength);
+// The scratch bytes one thread needs to erode lineCount lines of lineLength
+// pixels (rows in the horizontal pass, columns in the vertical one).
+KVIMAGE_EXPORT size_t WhiteErodeScratchBytes(size_t lineLength, size_t lineCount);
 
 // The horizontal pass over rows threadIndex * rowsPerThread onwards, and the
 // vertical pass over columns threadIndex * columnsPerThread onwards. Each takes

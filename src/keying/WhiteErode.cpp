@@ -46,8 +46,9 @@ LineShape ShapeOf(KVWhiteErodeDirection direction) {
 // (n x lanes, replaced by the results) and the block prefix and suffix minima
 // of the puts (up to 2n x lanes each).
 struct LaneScratch {
-  LaneScratch(unsigned char* bytes, size_t n)
-      : lines(bytes), prefix(bytes + n * kLanes), suffix(bytes + 3 * n * kLanes) {}
+  LaneScratch(unsigned char* bytes, size_t n, size_t laneStride)
+      : stride(laneStride), lines(bytes), prefix(bytes + n * stride), suffix(bytes + 3 * n * stride) {}
+  size_t stride;  // lanes per value: kLanes, or fewer when a thread has fewer lines
   unsigned char* lines;
   unsigned char* prefix;
   unsigned char* suffix;
@@ -86,7 +87,7 @@ class PutSequence {
 };
 
 // Erodes `lanes` interleaved lines of n values held in s.lines (value i of
-// lane k at i * kLanes + k); the results replace them.
+// lane k at i * s.stride + k); the results replace them.
 void ErodeLanes(const LaneScratch& s, size_t n, size_t lanes, int64_t window, LineShape shape) {
   if (n == 0) return;
   static const std::vector<unsigned char> kOpaqueRow(kLanes, 255);
@@ -96,44 +97,50 @@ void ErodeLanes(const LaneScratch& s, size_t n, size_t lanes, int64_t window, Li
     unsigned char lowest[kLanes];
     std::memset(lowest, 255, kLanes);
     for (size_t i = 0; i < n; ++i)
-      for (size_t k = 0; k < lanes; ++k) lowest[k] = std::min(lowest[k], s.lines[i * kLanes + k]);
-    for (size_t i = 0; i < n; ++i) std::memcpy(s.lines + i * kLanes, lowest, lanes);
+      for (size_t k = 0; k < lanes; ++k) lowest[k] = std::min(lowest[k], s.lines[i * s.stride + k]);
+    for (size_t i = 0; i < n; ++i) std::memcpy(s.lines + i * s.stride, lowest, lanes);
     return;
   }
   auto put = [&](size_t j) {
     const size_t source = sequence.Source(j);
-    return source < n ? s.lines + source * kLanes : kOpaque;
+    return source < n ? s.lines + source * s.stride : kOpaque;
   };
   const size_t count = sequence.Count();
   const size_t w = static_cast<size_t>(std::min<uint64_t>(static_cast<uint64_t>(window), count));
   for (size_t begin = 0; begin < count; begin += w) {
     const size_t end = std::min(count, begin + w);
-    std::memcpy(s.prefix + begin * kLanes, put(begin), lanes);
+    std::memcpy(s.prefix + begin * s.stride, put(begin), lanes);
     for (size_t j = begin + 1; j < end; ++j) {
       const unsigned char* value = put(j);
-      const unsigned char* previous = s.prefix + (j - 1) * kLanes;
-      unsigned char* current = s.prefix + j * kLanes;
+      const unsigned char* previous = s.prefix + (j - 1) * s.stride;
+      unsigned char* current = s.prefix + j * s.stride;
       for (size_t k = 0; k < lanes; ++k) current[k] = std::min(previous[k], value[k]);
     }
-    std::memcpy(s.suffix + (end - 1) * kLanes, put(end - 1), lanes);
+    std::memcpy(s.suffix + (end - 1) * s.stride, put(end - 1), lanes);
     for (size_t j = end - 1; j > begin; --j) {
       const unsigned char* value = put(j - 1);
-      const unsigned char* next = s.suffix + j * kLanes;
-      unsigned char* current = s.suffix + (j - 1) * kLanes;
+      const unsigned char* next = s.suffix + j * s.stride;
+      unsigned char* current = s.suffix + (j - 1) * s.stride;
       for (size_t k = 0; k < lanes; ++k) current[k] = std::min(next[k], value[k]);
     }
   }
   // The puts are all in the minima now, so the results may overwrite the lines.
   for (size_t j = sequence.FirstOutput(); j < count; ++j) {
-    unsigned char* result = s.lines + sequence.Target(j) * kLanes;
-    const unsigned char* upTo = s.prefix + j * kLanes;
+    unsigned char* result = s.lines + sequence.Target(j) * s.stride;
+    const unsigned char* upTo = s.prefix + j * s.stride;
     if (j + 1 >= w) {
-      const unsigned char* from = s.suffix + (j + 1 - w) * kLanes;
+      const unsigned char* from = s.suffix + (j + 1 - w) * s.stride;
       for (size_t k = 0; k < lanes; ++k) result[k] = std::min(from[k], upTo[k]);
     } else {
       std::memcpy(result, upTo, lanes);
     }
   }
+}
+
+// Lines are taken kLanes at a time; a thread with fewer keeps a narrower
+// scratch.
+size_t LaneStride(uint64_t lineCount) {
+  return static_cast<size_t>(std::max<uint64_t>(1, std::min<uint64_t>(kLanes, lineCount)));
 }
 
 struct Span {
@@ -151,15 +158,18 @@ unsigned int PerThread(unsigned int total, unsigned int threads) {
 }
 
 // The record's scratch, or one of the pass's own; null when none can be had.
-unsigned char* ScratchFor(ErodeWhiteData& data, size_t lineLength, std::unique_ptr<unsigned char[]>& owned) {
+unsigned char* ScratchFor(ErodeWhiteData& data, size_t lineLength, size_t lineCount,
+                          std::unique_ptr<unsigned char[]>& owned) {
   if (data.scratch != nullptr) return data.scratch;
-  owned.reset(new (std::nothrow) unsigned char[WhiteErodeScratchBytes(lineLength)]);
+  owned.reset(new (std::nothrow) unsigned char[WhiteErodeScratchBytes(lineLength, lineCount)]);
   return owned.get();
 }
 
 }  // namespace
 
-size_t WhiteErodeScratchBytes(size_t lineLength) { return 5 * kLanes * std::max<size_t>(lineLength, 1); }
+size_t WhiteErodeScratchBytes(size_t lineLength, size_t lineCount) {
+  return 5 * LaneStride(lineCount) * std::max<size_t>(lineLength, 1);
+}
 
 void* HorizErodeWhiteProc(void* argument) {
   if (argument == nullptr) return ThreadExitValue(0);
@@ -167,21 +177,21 @@ void* HorizErodeWhiteProc(void* argument) {
   const Span rows = ThreadSpan(data.threadIndex, data.rowsPerThread, data.height);
   if (rows.begin >= rows.end || data.width == 0) return ThreadExitValue(0);
   std::unique_ptr<unsigned char[]> owned;
-  unsigned char* scratch = ScratchFor(data, data.width, owned);
+  unsigned char* scratch = ScratchFor(data, data.width, rows.end - rows.begin, owned);
   if (scratch == nullptr) return ThreadExitValue(kOutOfMemoryCode);
-  const LaneScratch lanes(scratch, data.width);
+  const LaneScratch lanes(scratch, data.width, LaneStride(rows.end - rows.begin));
   const LineShape shape = ShapeOf(data.direction);
   const size_t width = data.width, rowBytes = width * kBytesPerPixel;
   for (uint64_t first = rows.begin; first < rows.end; first += kLanes) {
     const size_t count = static_cast<size_t>(std::min<uint64_t>(kLanes, rows.end - first));
     for (size_t k = 0; k < count; ++k) {
       const unsigned char* in = data.bufferA + (first + k) * rowBytes + kAlphaByte;
-      for (size_t x = 0; x < width; ++x) lanes.lines[x * kLanes + k] = in[x * kBytesPerPixel];
+      for (size_t x = 0; x < width; ++x) lanes.lines[x * lanes.stride + k] = in[x * kBytesPerPixel];
     }
     ErodeLanes(lanes, width, count, data.window, shape);
     for (size_t k = 0; k < count; ++k) {
       unsigned char* out = data.bufferB + (first + k) * rowBytes + kAlphaByte;
-      for (size_t x = 0; x < width; ++x) out[x * kBytesPerPixel] = lanes.lines[x * kLanes + k];
+      for (size_t x = 0; x < width; ++x) out[x * kBytesPerPixel] = lanes.lines[x * lanes.stride + k];
     }
   }
   return ThreadExitValue(0);
@@ -205,15 +215,15 @@ void* VertErodeWhiteProc(void* argument) {
   }
 
   std::unique_ptr<unsigned char[]> owned;
-  unsigned char* scratch = ScratchFor(data, height, owned);
+  unsigned char* scratch = ScratchFor(data, height, columns.end - columns.begin, owned);
   if (scratch == nullptr) return ThreadExitValue(kOutOfMemoryCode);
-  const LaneScratch lanes(scratch, height);
+  const LaneScratch lanes(scratch, height, LaneStride(columns.end - columns.begin));
   for (uint64_t first = columns.begin; first < columns.end; first += kLanes) {
     const size_t count = static_cast<size_t>(std::min<uint64_t>(kLanes, columns.end - first));
     const size_t stripOffset = first * kBytesPerPixel, stripBytes = count * kBytesPerPixel;
     for (size_t y = 0; y < height; ++y) {
       const unsigned char* in = data.bufferB + y * rowBytes + stripOffset + kAlphaByte;
-      for (size_t k = 0; k < count; ++k) lanes.lines[y * kLanes + k] = in[k * kBytesPerPixel];
+      for (size_t k = 0; k < count; ++k) lanes.lines[y * lanes.stride + k] = in[k * kBytesPerPixel];
     }
     ErodeLanes(lanes, height, count, data.window, kCentred);
     for (size_t y = 0; y < height; ++y) {
@@ -222,7 +232,7 @@ void* VertErodeWhiteProc(void* argument) {
       const size_t pixels = std::min(stripBytes, data.bufferALimit - offset) / kBytesPerPixel;
       const unsigned char* in = data.bufferB + offset;
       unsigned char* out = data.bufferA + offset;
-      const unsigned char* alphas = lanes.lines + y * kLanes;
+      const unsigned char* alphas = lanes.lines + y * lanes.stride;
       for (size_t k = 0; k < pixels; ++k) {
         uint32_t pixel;
         std::memcpy(&pixel, in + k * kBytesPerPixel, sizeof pixel);
@@ -266,7 +276,7 @@ void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
     }
     // Every thread's scratch is taken here, so a failed allocation reaches the
     // caller as std::bad_alloc rather than ending a worker.
-    const size_t scratchBytes = WhiteErodeScratchBytes(width);
+    const size_t scratchBytes = WhiteErodeScratchBytes(width, rowsPerThread);
     std::unique_ptr<unsigned char[]> scratch(new unsigned char[busyThreads * scratchBytes]);
     for (unsigned int t = 0; t < threads; ++t) {
       ErodeWhiteData& record = records[t];
@@ -314,7 +324,7 @@ int WhiteErodeRenderer::Render8(KVAbstractImage*, KVAbstractImage* destination, 
   std::vector<unsigned char> scratch;
   const Span columns = ThreadSpan(threadIndex, record.columnsPerThread, record.width);
   if (ShapeOf(m_direction) == kCentred && columns.begin < columns.end) {
-    scratch.resize(WhiteErodeScratchBytes(record.height));  // std::bad_alloc ends this thread with code 8
+    scratch.resize(WhiteErodeScratchBytes(record.height, columns.end - columns.begin));  // std::bad_alloc ends this thread with code 8
     record.scratch = scratch.data();
   }
   VertErodeWhiteProc(&record);
