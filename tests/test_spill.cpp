@@ -242,6 +242,42 @@ TEST(Spill, AdvancedCalledOnAStageBuiltForAnotherMethod) {
   }
 }
 
+TEST(Spill, PullsTheCastOffASubjectInFrontOfAGreenBacking) {
+  // A noisy green backing on the left, a skin-toned subject on the right whose
+  // edge picks up green from the backing, soft alpha across the edge.
+  const unsigned int w = 48, h = 24;
+  GuardedImage src(w, h), dst(w, h);
+  const std::vector<unsigned char> noise = kvtest::PatternBytes(w * h, 9);
+  for (unsigned int y = 0; y < h; ++y) {
+    for (unsigned int x = 0; x < w; ++x) {
+      const int grain = noise[y * w + x] % 9 - 4;
+      const bool backing = x < 20;
+      const int spill = backing ? 0 : std::max(0, 60 - 6 * static_cast<int>(x - 20));
+      src.at(x, y, 0) = static_cast<unsigned char>(backing ? 40 + grain : 110 + grain);
+      src.at(x, y, 1) = static_cast<unsigned char>(backing ? 190 + y + grain : 120 + spill + grain);
+      src.at(x, y, 2) = static_cast<unsigned char>(backing ? 35 + grain : 170 + grain);
+      src.at(x, y, 3) = static_cast<unsigned char>(x < 18 ? 0 : (x < 24 ? 40 * (x - 17) : 255));
+    }
+  }
+  kvo::KVLookupTables& tables = SharedTables();
+  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+  ASSERT_EQ(0, keyer.SetSpillSuppression(kChannelGreen, kSpillStandard, 1.0, 0, 0, 0, 0));
+  ASSERT_EQ(0, keyer.Render());
+  for (unsigned int y = 0; y < h; ++y) {
+    for (unsigned int x = 0; x < w; ++x) {
+      // Green never exceeds red afterwards; blue, red and alpha are untouched,
+      // and pixels without a green excess keep their green.
+      EXPECT_LE(dst.at(x, y, 1), dst.at(x, y, 2)) << x << "," << y;
+      EXPECT_EQ(src.at(x, y, 0), dst.at(x, y, 0));
+      EXPECT_EQ(src.at(x, y, 2), dst.at(x, y, 2));
+      EXPECT_EQ(src.at(x, y, 3), dst.at(x, y, 3));
+      if (src.at(x, y, 1) <= src.at(x, y, 2)) {
+        EXPECT_EQ(src.at(x, y, 1), dst.at(x, y, 1));
+      }
+    }
+  }
+}
+
 // An image that claims a depth other than 8 bits.
 class DeepImage : public KVAbstractImage {
  public:
