@@ -30,8 +30,8 @@ std::vector<unsigned char> AlphasOf(const std::vector<unsigned char>& bytes) {
 // ---------------------------------------------------------------------------
 // Alpha crop
 
-std::vector<unsigned char> Crop(unsigned int w, unsigned int h, double left, double top, double right,
-                                double bottom, unsigned int threads = 1) {
+std::vector<unsigned char> Crop(unsigned int w, unsigned int h, double left, double top, double right, double bottom,
+                                unsigned int threads = 1) {
   kvo::KVLookupTables& tables = SharedTables();
   kvtest::ScopedCoreCount cores(threads);
   GuardedImage src(w, h), dst(w, h, 1);
@@ -235,11 +235,9 @@ TEST(WhiteErode, CentredWindowReachesOneFurtherLeftNearTheStart) {
 
 TEST(WhiteErode, TrailingAndLeadingWindows) {
   const std::vector<unsigned char> row = RowOfAlphas({10, 20, 30, 40, 50, 60});
-  EXPECT_EQ((std::vector<unsigned char>{10, 10, 10, 20, 30, 40}),
-            AlphasOf(Erode(row, 6, 1, kWhiteErodeRightward, 1)));
+  EXPECT_EQ((std::vector<unsigned char>{10, 10, 10, 20, 30, 40}), AlphasOf(Erode(row, 6, 1, kWhiteErodeRightward, 1)));
   // Leftward, pixel 0's own alpha is replaced by 255.
-  EXPECT_EQ((std::vector<unsigned char>{20, 20, 30, 40, 50, 60}),
-            AlphasOf(Erode(row, 6, 1, kWhiteErodeLeftward, 1)));
+  EXPECT_EQ((std::vector<unsigned char>{20, 20, 30, 40, 50, 60}), AlphasOf(Erode(row, 6, 1, kWhiteErodeLeftward, 1)));
   EXPECT_EQ(AlphasOf(Erode(row, 6, 1, kWhiteErodeLeftward, 1)),
             AlphasOf(Erode(row, 6, 1, static_cast<KVWhiteErodeDirection>(7), 1)));
 }
@@ -369,8 +367,8 @@ TEST(WhiteErode, ProceduresTakeTheirOwnScratchWhenNoneIsGiven) {
   EXPECT_EQ(nullptr, VertErodeWhiteProc(nullptr));
   const std::vector<unsigned char> bytes = MatteLike(6, 5, 12);
   std::vector<unsigned char> intermediate = bytes, out(bytes.size(), 0);
-  ErodeWhiteData data = {0, 5, 6, 6, 5, const_cast<unsigned char*>(bytes.data()), intermediate.data(), 5,
-                         kWhiteErodeAll, 0, nullptr};
+  ErodeWhiteData data = {
+      0, 5, 6, 6, 5, const_cast<unsigned char*>(bytes.data()), intermediate.data(), 5, kWhiteErodeAll, 0, nullptr};
   HorizErodeWhiteProc(&data);
   data.bufferA = out.data();
   data.bufferALimit = out.size();

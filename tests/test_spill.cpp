@@ -39,14 +39,14 @@ Pixel Suppress(const Pixel& in, KVChannel channel, KVSpillType type, double amou
   return Pixel{dst.at(0, 0, 0), dst.at(0, 0, 1), dst.at(0, 0, 2), dst.at(0, 0, 3)};
 }
 
-#define EXPECT_PIXEL(expected, actual)   \
-  do {                                   \
-    const Pixel e_ = (expected);         \
-    const Pixel a_ = (actual);           \
-    EXPECT_EQ(e_.b, a_.b) << "blue";     \
-    EXPECT_EQ(e_.g, a_.g) << "green";    \
-    EXPECT_EQ(e_.r, a_.r) << "red";      \
-    EXPECT_EQ(e_.a, a_.a) << "alpha";    \
+#define EXPECT_PIXEL(expected, actual) \
+  do {                                 \
+    const Pixel e_ = (expected);       \
+    const Pixel a_ = (actual);         \
+    EXPECT_EQ(e_.b, a_.b) << "blue";   \
+    EXPECT_EQ(e_.g, a_.g) << "green";  \
+    EXPECT_EQ(e_.r, a_.r) << "red";    \
+    EXPECT_EQ(e_.a, a_.a) << "alpha";  \
   } while (0)
 
 TEST(SpillStandard, FullStrengthReachesADownwardTarget) {
@@ -156,13 +156,18 @@ void ReferenceSpill(const std::vector<unsigned char>& in, std::vector<unsigned c
                     KVSpillType type, double amount, double rf, double gf, double bf, double ref) {
   out = in;
   const int s = static_cast<int>(255.0 * amount);
-  auto move = [s](int v, int t) { return static_cast<unsigned char>(v + static_cast<int>(std::floor((t - v) * s / 256.0))); };
+  auto move = [s](int v, int t) {
+    return static_cast<unsigned char>(v + static_cast<int>(std::floor((t - v) * s / 256.0)));
+  };
   const bool blue = channel == kChannelBlue;
   for (size_t i = 0; i + 4 <= in.size(); i += 4) {
     const int b0 = in[i], b1 = in[i + 1], b2 = in[i + 2];
     if (type == kSpillAdvanced) {
-      const int spill = std::min(255, std::max(0, blue ? b0 - static_cast<int>(b1 * ref) : b1 - static_cast<int>(b2 * ref)));
-      auto fix = [spill](double f, int v) { return static_cast<unsigned char>(std::min(255.0, std::max(0.0, std::trunc(spill * f + v)))); };
+      const int spill =
+          std::min(255, std::max(0, blue ? b0 - static_cast<int>(b1 * ref) : b1 - static_cast<int>(b2 * ref)));
+      auto fix = [spill](double f, int v) {
+        return static_cast<unsigned char>(std::min(255.0, std::max(0.0, std::trunc(spill * f + v))));
+      };
       out[i] = fix(bf, b0);
       out[i + 1] = fix(gf, b1);
       out[i + 2] = fix(rf, b2);
@@ -186,8 +191,8 @@ struct SpillCase {
 };
 
 const SpillCase kCases[] = {
-    {kChannelGreen, kSpillStandard, 1.0, 0, 0, 0, 0},      {kChannelBlue, kSpillStandard, 0.37, 0, 0, 0, 0},
-    {kChannelGreen, kSpillExtended, 0.81, 0, 0, 0, 0},     {kChannelBlue, kSpillExtended, 1.0, 0, 0, 0, 0},
+    {kChannelGreen, kSpillStandard, 1.0, 0, 0, 0, 0},           {kChannelBlue, kSpillStandard, 0.37, 0, 0, 0, 0},
+    {kChannelGreen, kSpillExtended, 0.81, 0, 0, 0, 0},          {kChannelBlue, kSpillExtended, 1.0, 0, 0, 0, 0},
     {kChannelGreen, kSpillAdvanced, 0, 0.3, -0.9, 0.125, 0.75}, {kChannelBlue, kSpillAdvanced, 0, -0.5, 0.25, -1, 1.5},
 };
 

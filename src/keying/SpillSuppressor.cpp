@@ -19,8 +19,7 @@ namespace {
 // matters for strengths outside 0..255 (a NaN or oversized amount given to
 // the stage directly).
 inline unsigned char Move(int value, int target, int strength) {
-  const int32_t product =
-      static_cast<int32_t>(static_cast<uint32_t>(target - value) * static_cast<uint32_t>(strength));
+  const int32_t product = static_cast<int32_t>(static_cast<uint32_t>(target - value) * static_cast<uint32_t>(strength));
   return static_cast<unsigned char>(value + (product >> 8));
 }
 
@@ -61,35 +60,40 @@ ShareRun SpillShare(KVImage8* source, KVImage8* destination, unsigned char threa
 }
 
 template <class Bytes>
-void Standard(const unsigned char* in, unsigned char* out, size_t count, int strength) {
-  for (size_t i = 0; i < count; i += kBytesPerPixel) {
-    const uint32_t pixel = LoadPixel(in + i);
-    const int key = ByteOf(pixel, Bytes::key), reference = ByteOf(pixel, Bytes::reference);
-    StorePixel(out + i, key > reference ? WithByte(pixel, Bytes::key, Move(key, reference, strength)) : pixel);
+struct Standard {
+  static void Apply(const unsigned char* in, unsigned char* out, size_t count, int strength) {
+    for (size_t i = 0; i < count; i += kBytesPerPixel) {
+      const uint32_t pixel = LoadPixel(in + i);
+      const int key = ByteOf(pixel, Bytes::key), reference = ByteOf(pixel, Bytes::reference);
+      StorePixel(out + i, key > reference ? WithByte(pixel, Bytes::key, Move(key, reference, strength)) : pixel);
+    }
   }
-}
+};
 
 template <class Bytes>
-void Extended(const unsigned char* in, unsigned char* out, size_t count, int strength) {
-  for (size_t i = 0; i < count; i += kBytesPerPixel) {
-    // Both moves are computed and selected without branches: on real footage
-    // the tests flip from pixel to pixel.
-    const uint32_t pixel = LoadPixel(in + i);
-    const int key = ByteOf(pixel, Bytes::key), side = ByteOf(pixel, Bytes::side), red = ByteOf(pixel, kRedByte);
-    const int mean = (side + red) >> 1;
-    const bool spill = key > mean;
-    const bool raise = spill && side > red;
-    const uint32_t lowered = WithByte(pixel, Bytes::key, Move(key, mean, strength));
-    const uint32_t raised = WithByte(lowered, kRedByte, Move(red, mean, strength));
-    StorePixel(out + i, raise ? raised : (spill ? lowered : pixel));
+struct Extended {
+  static void Apply(const unsigned char* in, unsigned char* out, size_t count, int strength) {
+    for (size_t i = 0; i < count; i += kBytesPerPixel) {
+      // Both moves are computed and selected without branches: on real footage
+      // the tests flip from pixel to pixel.
+      const uint32_t pixel = LoadPixel(in + i);
+      const int key = ByteOf(pixel, Bytes::key), side = ByteOf(pixel, Bytes::side), red = ByteOf(pixel, kRedByte);
+      const int mean = (side + red) >> 1;
+      const bool spill = key > mean;
+      const bool raise = spill && side > red;
+      const uint32_t lowered = WithByte(pixel, Bytes::key, Move(key, mean, strength));
+      const uint32_t raised = WithByte(lowered, kRedByte, Move(red, mean, strength));
+      StorePixel(out + i, raise ? raised : (spill ? lowered : pixel));
+    }
   }
-}
+};
 
 // spill = clamp(key - trunc(reference * referenceFactor)), the difference in
 // wrapping 32-bit arithmetic like the processor's.
 template <class Bytes>
 inline int Spill(const unsigned char* p, const int* scaledReference) {
-  const uint32_t difference = static_cast<uint32_t>(p[Bytes::key]) - static_cast<uint32_t>(scaledReference[p[Bytes::reference]]);
+  const uint32_t difference =
+      static_cast<uint32_t>(p[Bytes::key]) - static_cast<uint32_t>(scaledReference[p[Bytes::reference]]);
   return ClampToByte(static_cast<int32_t>(difference));
 }
 
@@ -98,21 +102,62 @@ inline unsigned char Corrected(int spill, double factor, unsigned char value) {
 }
 
 template <class Bytes>
-void Advanced(const unsigned char* in, unsigned char* out, size_t count, const unsigned char* tables) {
-  const unsigned char* spillOf = tables;  // [key][reference]
-  const unsigned char* blue = tables + 65536;  // [spill][byte] for each colour byte
-  const unsigned char* green = tables + 2 * 65536;
-  const unsigned char* red = tables + 3 * 65536;
-  for (size_t i = 0; i < count; i += kBytesPerPixel) {
-    const unsigned char* p = in + i;
-    unsigned char* q = out + i;
-    const unsigned int spill = spillOf[(p[Bytes::key] << 8) | p[Bytes::reference]];
-    const unsigned char alpha = p[kAlphaByte];
-    q[kBlueByte] = blue[(spill << 8) | p[kBlueByte]];
-    q[kGreenByte] = green[(spill << 8) | p[kGreenByte]];
-    q[kRedByte] = red[(spill << 8) | p[kRedByte]];
-    q[kAlphaByte] = alpha;
+struct Advanced {
+  static void Apply(const unsigned char* in, unsigned char* out, size_t count, const unsigned char* tables) {
+    const unsigned char* spillOf = tables;       // [key][reference]
+    const unsigned char* blue = tables + 65536;  // [spill][byte] for each colour byte
+    const unsigned char* green = tables + 2 * 65536;
+    const unsigned char* red = tables + 3 * 65536;
+    for (size_t i = 0; i < count; i += kBytesPerPixel) {
+      const unsigned char* p = in + i;
+      unsigned char* q = out + i;
+      const unsigned int spill = spillOf[(p[Bytes::key] << 8) | p[Bytes::reference]];
+      const unsigned char alpha = p[kAlphaByte];
+      q[kBlueByte] = blue[(spill << 8) | p[kBlueByte]];
+      q[kGreenByte] = green[(spill << 8) | p[kGreenByte]];
+      q[kRedByte] = red[(spill << 8) | p[kRedByte]];
+      q[kAlphaByte] = alpha;
+    }
   }
+};
+
+// The weights of the advanced method, for the pixel-by-pixel form.
+struct AdvancedFactors {
+  double red, green, blue, reference;
+};
+
+template <class Bytes>
+struct ComputedAdvanced {
+  static void Apply(const unsigned char* in, unsigned char* out, size_t count, const AdvancedFactors& factors) {
+    int scaledReference[256];
+    for (int v = 0; v < 256; ++v) scaledReference[v] = TruncateToInt(v * factors.reference);
+    for (size_t i = 0; i < count; i += kBytesPerPixel) {
+      const unsigned char* p = in + i;
+      unsigned char* q = out + i;
+      const int spill = Spill<Bytes>(p, scaledReference);
+      const unsigned char alpha = p[kAlphaByte];
+      q[kBlueByte] = Corrected(spill, factors.blue, p[kBlueByte]);
+      q[kGreenByte] = Corrected(spill, factors.green, p[kGreenByte]);
+      q[kRedByte] = Corrected(spill, factors.red, p[kRedByte]);
+      q[kAlphaByte] = alpha;
+    }
+  }
+};
+
+// Runs a method for the key channel over the thread's share.
+template <template <class> class Method, class Argument>
+int RunOnShare(KVChannel channel, KVImage8* source, KVImage8* destination, unsigned char threadIndex,
+               unsigned char threadCount, const Argument& argument) {
+  const ShareRun share = SpillShare(source, destination, threadIndex, threadCount);
+  if (share.count == 0) return 0;
+  const unsigned char* in = source->Buffer() + share.start;
+  unsigned char* out = destination->Buffer() + share.start;
+  if (channel == kChannelBlue) {
+    Method<BlueKey>::Apply(in, out, share.count, argument);
+  } else {
+    Method<GreenKey>::Apply(in, out, share.count, argument);
+  }
+  return 0;
 }
 
 }  // namespace
@@ -171,16 +216,7 @@ int SpillSuppressor::Render(KVAbstractImage* source, KVAbstractImage* destinatio
 // Green: if G > R, G moves towards R. Blue: if B > G, B moves towards G.
 int SpillSuppressor::RenderSpillStandard(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
                                          unsigned char threadCount) {
-  const ShareRun share = SpillShare(source, destination, threadIndex, threadCount);
-  if (share.count == 0) return 0;
-  const unsigned char* in = source->Buffer() + share.start;
-  unsigned char* out = destination->Buffer() + share.start;
-  if (m_channel == kChannelBlue) {
-    Standard<BlueKey>(in, out, share.count, Strength(m_amount));
-  } else {
-    Standard<GreenKey>(in, out, share.count, Strength(m_amount));
-  }
-  return 0;
+  return RunOnShare<Standard>(m_channel, source, destination, threadIndex, threadCount, Strength(m_amount));
 }
 
 // The key byte moves towards the rounded-down mean of the other two when it
@@ -188,50 +224,20 @@ int SpillSuppressor::RenderSpillStandard(KVImage8* source, KVImage8* destination
 // channel is above red.
 int SpillSuppressor::RenderSpillExtended(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
                                          unsigned char threadCount) {
-  const ShareRun share = SpillShare(source, destination, threadIndex, threadCount);
-  if (share.count == 0) return 0;
-  const unsigned char* in = source->Buffer() + share.start;
-  unsigned char* out = destination->Buffer() + share.start;
-  if (m_channel == kChannelBlue) {
-    Extended<BlueKey>(in, out, share.count, Strength(m_amount));
-  } else {
-    Extended<GreenKey>(in, out, share.count, Strength(m_amount));
-  }
-  return 0;
+  return RunOnShare<Extended>(m_channel, source, destination, threadIndex, threadCount, Strength(m_amount));
 }
 
 // spill = clamp(key - trunc(reference * referenceFactor)), the difference
 // taken in wrapping 32-bit arithmetic like the processor's; each colour byte
-// then becomes clamp(trunc(spill * its factor + byte)).
+// then becomes clamp(trunc(spill * its factor + byte)). A stage built for
+// another method has no tables and computes each pixel.
 int SpillSuppressor::RenderSpillAdvanced(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
                                          unsigned char threadCount) {
-  const ShareRun share = SpillShare(source, destination, threadIndex, threadCount);
-  if (share.count == 0) return 0;
-  const unsigned char* in = source->Buffer() + share.start;
-  unsigned char* out = destination->Buffer() + share.start;
-  const bool blueKey = m_channel == kChannelBlue;
   if (!m_advancedTables.empty()) {
-    if (blueKey) {
-      Advanced<BlueKey>(in, out, share.count, m_advancedTables.data());
-    } else {
-      Advanced<GreenKey>(in, out, share.count, m_advancedTables.data());
-    }
-    return 0;
+    return RunOnShare<Advanced>(m_channel, source, destination, threadIndex, threadCount, m_advancedTables.data());
   }
-  // Built as another method: computed pixel by pixel.
-  int scaledReference[256];
-  for (int v = 0; v < 256; ++v) scaledReference[v] = TruncateToInt(v * m_referenceFactor);
-  for (size_t i = 0; i < share.count; i += kBytesPerPixel) {
-    const unsigned char* p = in + i;
-    unsigned char* q = out + i;
-    const int spill = blueKey ? Spill<BlueKey>(p, scaledReference) : Spill<GreenKey>(p, scaledReference);
-    const unsigned char alpha = p[kAlphaByte];
-    q[kBlueByte] = Corrected(spill, m_blueFactor, p[kBlueByte]);
-    q[kGreenByte] = Corrected(spill, m_greenFactor, p[kGreenByte]);
-    q[kRedByte] = Corrected(spill, m_redFactor, p[kRedByte]);
-    q[kAlphaByte] = alpha;
-  }
-  return 0;
+  const AdvancedFactors factors = {m_redFactor, m_greenFactor, m_blueFactor, m_referenceFactor};
+  return RunOnShare<ComputedAdvanced>(m_channel, source, destination, threadIndex, threadCount, factors);
 }
 
 }  // namespace image

@@ -324,7 +324,8 @@ int WhiteErodeRenderer::Render8(KVAbstractImage*, KVAbstractImage* destination, 
   std::vector<unsigned char> scratch;
   const Span columns = ThreadSpan(threadIndex, record.columnsPerThread, record.width);
   if (ShapeOf(m_direction) == kCentred && columns.begin < columns.end) {
-    scratch.resize(WhiteErodeScratchBytes(record.height, columns.end - columns.begin));  // std::bad_alloc ends this thread with code 8
+    // std::bad_alloc here ends this thread with code 8.
+    scratch.resize(WhiteErodeScratchBytes(record.height, columns.end - columns.begin));
     record.scratch = scratch.data();
   }
   VertErodeWhiteProc(&record);
