@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <tr1/memory>
+#include <vector>
 
 #include <kvimage/export.h>
 #include <kvimage/image.h>
@@ -103,6 +104,128 @@ KVIMAGE_EXPORT void AutoDetectKeyColor(KVImage8* image, int threadCount, KVKeyCo
 KVIMAGE_EXPORT void* AutoDetectKeyColorProc(void* data);
 // The matte thread: takes an AutoColorDifferenceData*, returns null.
 KVIMAGE_EXPORT void* AutoColorDifferenceMatteProc(void* data);
+
+// ---------------------------------------------------------------------------
+// Spill suppression and matte clean-up (alpha crop, white erode)
+// ---------------------------------------------------------------------------
+
+// Pulls the key colour's cast off the foreground. Standard and extended move
+// the key byte towards the other channels by s = trunc(255 * amount) / 256,
+// with an arithmetic shift, so a downward move at full strength reaches its
+// target and an upward one stops one short. Advanced adds a weighted spill
+// value to each colour byte. Alpha is copied; the channel order is not
+// consulted.
+class KVIMAGE_EXPORT SpillSuppressor : public AbstractRenderer {
+ public:
+  SpillSuppressor(KVChannel channel, KVSpillType spillType, double amount, double redFactor, double greenFactor,
+                  double blueFactor, double referenceFactor);
+  ~SpillSuppressor() override;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  // Returns the source's depth code when it is not 8-bit.
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int RenderSpillStandard(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
+                          unsigned char threadCount);
+  int RenderSpillExtended(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
+                          unsigned char threadCount);
+  int RenderSpillAdvanced(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
+                          unsigned char threadCount);
+
+ private:
+  KVChannel m_channel;
+  KVSpillType m_spillType;
+  double m_amount;
+  double m_redFactor;
+  double m_greenFactor;
+  double m_blueFactor;
+  double m_referenceFactor;
+  // The advanced method tabulated at construction: the spill for each (key,
+  // reference) pair, then blue, green and red for each (spill, byte) pair.
+  std::vector<unsigned char> m_advancedTables;
+};
+
+// A garbage matte: alpha is kept only strictly inside the rectangle
+// left < x < W - right, top < y < H - bottom, edges in pixels truncated from
+// the fractions; elsewhere alpha is 0. Colour is copied.
+class KVIMAGE_EXPORT AlphaCrop : public AbstractRenderer {
+ public:
+  AlphaCrop(double left, double top, double right, double bottom);
+  ~AlphaCrop() override;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int Render8(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+              unsigned char threadCount);
+
+ private:
+  double m_left;
+  double m_top;
+  double m_right;
+  double m_bottom;
+};
+
+// The work of one thread of a white-erode pass. The horizontal pass reads
+// bufferA and writes the alpha of bufferB; the vertical pass reads bufferB and
+// writes bufferA. Both buffers hold width x height pixels; the pass writes
+// bufferA only below bufferALimit bytes. scratch, when not null, holds
+// WhiteErodeScratchBytes(line length, lines of the thread) bytes for the
+// pass's own use; otherwise the pass allocates it and, if that fails, exits
+// with code 8.
+struct KVIMAGE_EXPORT ErodeWhiteData {
+  unsigned int threadIndex;
+  unsigned int rowsPerThread;
+  unsigned int columnsPerThread;
+  unsigned int width;
+  unsigned int height;
+  unsigned char* bufferA;
+  unsigned char* bufferB;
+  int64_t window;  // 2 * size + 1
+  KVWhiteErodeDirection direction;
+  size_t bufferALimit;
+  unsigned char* scratch;
+};
+
+// The scratch bytes one thread needs to erode lineCount lines of lineLength
+// pixels (rows in the horizontal pass, columns in the vertical one).
+KVIMAGE_EXPORT size_t WhiteErodeScratchBytes(size_t lineLength, size_t lineCount);
+
+// The horizontal pass over rows threadIndex * rowsPerThread onwards, and the
+// vertical pass over columns threadIndex * columnsPerThread onwards. Each takes
+// an ErodeWhiteData*, returns at once for null, and exits with 0, or 8 when it
+// could not allocate its scratch.
+KVIMAGE_EXPORT void* HorizErodeWhiteProc(void* data);
+KVIMAGE_EXPORT void* VertErodeWhiteProc(void* data);
+
+// Shrinks the opaque part of the matte: each alpha becomes the minimum over a
+// window of 2 * size + 1 values kept in a ring that starts full of 255.
+// Direction 0 centres the window, erodes the rows in Setup (on threads of its
+// own) and the columns in Render; there the pixel size - 1 of each line never
+// enters the ring. Direction 1 takes the pixel and those to its left,
+// direction 2 (and any other value) the pixel and those to its right, with 255
+// in place of pixel 0; both erode rows only and Render copies. Pixels beyond
+// the line count as 255. A negative size acts as 0.
+class KVIMAGE_EXPORT WhiteErodeRenderer : public AbstractRenderer {
+ public:
+  WhiteErodeRenderer(KVWhiteErodeDirection direction, int size);
+  ~WhiteErodeRenderer() override;
+  unsigned int Type() const override;
+  // Makes the horizontally eroded copy of the source that Render reads.
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  // Renders nothing until Setup has run.
+  int Render8(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+              unsigned char threadCount);
+
+ private:
+  KVWhiteErodeDirection m_direction;
+  int64_t m_window;
+  std::tr1::shared_ptr<KVImage8> m_intermediate;
+};
+
+// ---------------------------------------------------------------------------
 
 }  // namespace image
 }  // namespace kvo

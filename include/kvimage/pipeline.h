@@ -146,6 +146,16 @@ class KVIMAGE_EXPORT KVImageKeyer : public KVAbstractImageKeyer {
 
   int SetAlphaSuperContrast(double low, double high);
 
+  // Spill suppression and matte clean-up. SetSpillSuppression checks only
+  // amount (0..1); SetAlphaCrop checks left, right, top, bottom (each 0..1);
+  // SetWhiteErode refuses a negative size and scales it by the downsample
+  // factor. Out of range: 7, nothing queued.
+  int SetSpillSuppression(KVChannel channel, KVSpillType spillType, double amount, double redFactor,
+                          double greenFactor, double blueFactor, double referenceFactor);
+  int SetAlphaCrop(double left, double top, double right, double bottom);
+  int SetWhiteErode(KVWhiteErodeDirection direction, int size);
+
+
  private:
   KVImageKeyer_Private* m_private;
 };

@@ -101,6 +101,31 @@ enum KVTintType : int {
   kTintSilver = 10
 };
 
+// Spill suppression and white erode. These enumerations have a fixed 32-bit
+// type, so a host may cast any integer to them; the stages map values they do
+// not name as each comment says.
+
+// The key channel of the spill suppressor; every value other than 1 is green.
+enum KVChannel : int {
+  kChannelGreen = 0,  // byte 1
+  kChannelBlue = 1    // byte 0
+};
+
+// The spill suppressor's method; every other value is standard.
+enum KVSpillType : int {
+  kSpillStandard = 0,
+  kSpillExtended = 1,
+  kSpillAdvanced = 2
+};
+
+// The shape of the white erode's window; every value other than 0 and 1 is
+// leftward.
+enum KVWhiteErodeDirection : int {
+  kWhiteErodeAll = 0,        // centred, horizontally then vertically
+  kWhiteErodeRightward = 1,  // the pixel and those to its left, rows only
+  kWhiteErodeLeftward = 2    // the pixel and those to its right, rows only
+};
+
 }  // namespace image
 }  // namespace kvo
 

@@ -4,6 +4,7 @@
 
 #include "pipeline/RendererQueue.h"
 #include "pipeline/ResultCodes.h"
+#include "support/Conversions.h"
 #include "support/CPUExtensions.h"
 
 namespace kvo {
@@ -37,12 +38,17 @@ int KVImageKeyer::Render() { return m_private->Render(KeyRenderWorkerThread); }
 
 void* KeyRenderWorkerThread(void* data) { return RunRenderThreadData(static_cast<RenderThreadData*>(data)); }
 
+namespace {
+// NaN passes: only values that compare below 0 or above 1 are refused.
+bool OutsideUnitRange(double value) { return value < 0.0 || value > 1.0; }
+}  // namespace
+
 int KVImageKeyer::SetAutoColorDifferenceKey(KVKeyColor keyColor, double balance, double saturationLimit,
                                             double saturationSoftness) {
   return GuardedCall([&] {
-    if (balance < 0.0 || balance > 1.0) return static_cast<int>(kResultOutOfRange);
-    if (saturationLimit < 0.0 || saturationLimit > 1.0) return static_cast<int>(kResultOutOfRange);
-    if (saturationSoftness < 0.0 || saturationSoftness > 1.0) return static_cast<int>(kResultOutOfRange);
+    if (OutsideUnitRange(balance) || OutsideUnitRange(saturationLimit) || OutsideUnitRange(saturationSoftness)) {
+      return static_cast<int>(kResultOutOfRange);
+    }
     return m_private->Append(
         new ColorDifferenceKeyer(keyColor, balance, saturationLimit, saturationSoftness, m_private->tables));
   });
@@ -51,8 +57,34 @@ int KVImageKeyer::SetAutoColorDifferenceKey(KVKeyColor keyColor, double balance,
 // Stretches the matte: a super contrast on alpha only.
 int KVImageKeyer::SetAlphaSuperContrast(double low, double high) {
   return GuardedCall([&] {
-    if (low < 0.0 || low > 1.0 || high < 0.0 || high > 1.0) return static_cast<int>(kResultOutOfRange);
+    if (OutsideUnitRange(low) || OutsideUnitRange(high)) return static_cast<int>(kResultOutOfRange);
     return m_private->Append(new SuperContrastRenderer(low, high, kChannelsAlpha, DetectedCPUExtensions()));
+  });
+}
+
+int KVImageKeyer::SetSpillSuppression(KVChannel channel, KVSpillType spillType, double amount, double redFactor,
+                                      double greenFactor, double blueFactor, double referenceFactor) {
+  return GuardedCall([&] {
+    if (OutsideUnitRange(amount)) return static_cast<int>(kResultOutOfRange);
+    return m_private->Append(
+        new SpillSuppressor(channel, spillType, amount, redFactor, greenFactor, blueFactor, referenceFactor));
+  });
+}
+
+int KVImageKeyer::SetAlphaCrop(double left, double top, double right, double bottom) {
+  return GuardedCall([&] {
+    if (OutsideUnitRange(left) || OutsideUnitRange(right) || OutsideUnitRange(top) || OutsideUnitRange(bottom)) {
+      return static_cast<int>(kResultOutOfRange);
+    }
+    return m_private->Append(new AlphaCrop(left, top, right, bottom));
+  });
+}
+
+int KVImageKeyer::SetWhiteErode(KVWhiteErodeDirection direction, int size) {
+  return GuardedCall([&] {
+    if (size < 0) return static_cast<int>(kResultOutOfRange);
+    const int scaled = TruncateToInt(size * DownsampleValue(m_private->factor));
+    return m_private->Append(new WhiteErodeRenderer(direction, scaled));
   });
 }
 

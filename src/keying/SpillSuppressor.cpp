@@ -1,0 +1,244 @@
+#include <cstdint>
+#include <cstring>
+
+#include <kvimage/keying.h>
+
+#include "support/Conversions.h"
+#include "support/PixelLayout.h"
+#include "support/ThreadShare.h"
+
+namespace kvo {
+namespace image {
+
+namespace {
+
+// v moved towards target by strength / 256. The step is a signed 32-bit
+// product shifted arithmetically, so a negative step rounds toward minus
+// infinity: at strength 255 a downward move lands on its target, an upward one
+// stops one short. The product wraps like the processor's multiply, which only
+// matters for strengths outside 0..255 (a NaN or oversized amount given to
+// the stage directly).
+inline unsigned char Move(int value, int target, int strength) {
+  const int32_t product = static_cast<int32_t>(static_cast<uint32_t>(target - value) * static_cast<uint32_t>(strength));
+  return static_cast<unsigned char>(value + (product >> 8));
+}
+
+inline int Strength(double amount) { return TruncateToInt(255.0 * amount); }
+
+inline uint32_t LoadPixel(const unsigned char* p) {
+  uint32_t pixel;
+  std::memcpy(&pixel, p, sizeof pixel);
+  return pixel;
+}
+
+inline void StorePixel(unsigned char* p, uint32_t pixel) { std::memcpy(p, &pixel, sizeof pixel); }
+
+inline int ByteOf(uint32_t pixel, unsigned int byte) { return static_cast<int>((pixel >> (8 * byte)) & 0xFFu); }
+
+inline uint32_t WithByte(uint32_t pixel, unsigned int byte, int value) {
+  return (pixel & ~(0xFFu << (8 * byte))) | (static_cast<uint32_t>(value & 0xFF) << (8 * byte));
+}
+
+// The byte positions of a key channel: the key byte and the byte it is
+// compared with (standard, advanced); for extended, the mean is of `side` and
+// red, and red rises when `side` is above it.
+template <unsigned int Key, unsigned int Reference, unsigned int Side>
+struct KeyBytes {
+  static const unsigned int key = Key;
+  static const unsigned int reference = Reference;
+  static const unsigned int side = Side;
+};
+typedef KeyBytes<kGreenByte, kRedByte, kBlueByte> GreenKey;
+typedef KeyBytes<kBlueByte, kGreenByte, kGreenByte> BlueKey;
+
+// The thread's share in whole pixels, cut at the end of both images.
+ShareRun SpillShare(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount) {
+  ShareRun share =
+      ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
+  share.count -= share.count % kBytesPerPixel;
+  return share;
+}
+
+template <class Bytes>
+struct Standard {
+  static void Apply(const unsigned char* in, unsigned char* out, size_t count, int strength) {
+    for (size_t i = 0; i < count; i += kBytesPerPixel) {
+      const uint32_t pixel = LoadPixel(in + i);
+      const int key = ByteOf(pixel, Bytes::key), reference = ByteOf(pixel, Bytes::reference);
+      StorePixel(out + i, key > reference ? WithByte(pixel, Bytes::key, Move(key, reference, strength)) : pixel);
+    }
+  }
+};
+
+template <class Bytes>
+struct Extended {
+  static void Apply(const unsigned char* in, unsigned char* out, size_t count, int strength) {
+    for (size_t i = 0; i < count; i += kBytesPerPixel) {
+      // Both moves are computed and selected without branches: on real footage
+      // the tests flip from pixel to pixel.
+      const uint32_t pixel = LoadPixel(in + i);
+      const int key = ByteOf(pixel, Bytes::key), side = ByteOf(pixel, Bytes::side), red = ByteOf(pixel, kRedByte);
+      const int mean = (side + red) >> 1;
+      const bool spill = key > mean;
+      const bool raise = spill && side > red;
+      const uint32_t lowered = WithByte(pixel, Bytes::key, Move(key, mean, strength));
+      const uint32_t raised = WithByte(lowered, kRedByte, Move(red, mean, strength));
+      StorePixel(out + i, raise ? raised : (spill ? lowered : pixel));
+    }
+  }
+};
+
+// spill = clamp(key - trunc(reference * referenceFactor)), the difference in
+// wrapping 32-bit arithmetic like the processor's.
+template <class Bytes>
+inline int Spill(const unsigned char* p, const int* scaledReference) {
+  const uint32_t difference =
+      static_cast<uint32_t>(p[Bytes::key]) - static_cast<uint32_t>(scaledReference[p[Bytes::reference]]);
+  return ClampToByte(static_cast<int32_t>(difference));
+}
+
+inline unsigned char Corrected(int spill, double factor, unsigned char value) {
+  return static_cast<unsigned char>(ClampToByte(TruncateToInt(spill * factor + value)));
+}
+
+template <class Bytes>
+struct Advanced {
+  static void Apply(const unsigned char* in, unsigned char* out, size_t count, const unsigned char* tables) {
+    const unsigned char* spillOf = tables;       // [key][reference]
+    const unsigned char* blue = tables + 65536;  // [spill][byte] for each colour byte
+    const unsigned char* green = tables + 2 * 65536;
+    const unsigned char* red = tables + 3 * 65536;
+    for (size_t i = 0; i < count; i += kBytesPerPixel) {
+      const unsigned char* p = in + i;
+      unsigned char* q = out + i;
+      const unsigned int spill = spillOf[(p[Bytes::key] << 8) | p[Bytes::reference]];
+      const unsigned char alpha = p[kAlphaByte];
+      q[kBlueByte] = blue[(spill << 8) | p[kBlueByte]];
+      q[kGreenByte] = green[(spill << 8) | p[kGreenByte]];
+      q[kRedByte] = red[(spill << 8) | p[kRedByte]];
+      q[kAlphaByte] = alpha;
+    }
+  }
+};
+
+// The weights of the advanced method, for the pixel-by-pixel form.
+struct AdvancedFactors {
+  double red, green, blue, reference;
+};
+
+template <class Bytes>
+struct ComputedAdvanced {
+  static void Apply(const unsigned char* in, unsigned char* out, size_t count, const AdvancedFactors& factors) {
+    int scaledReference[256];
+    for (int v = 0; v < 256; ++v) scaledReference[v] = TruncateToInt(v * factors.reference);
+    for (size_t i = 0; i < count; i += kBytesPerPixel) {
+      const unsigned char* p = in + i;
+      unsigned char* q = out + i;
+      const int spill = Spill<Bytes>(p, scaledReference);
+      const unsigned char alpha = p[kAlphaByte];
+      q[kBlueByte] = Corrected(spill, factors.blue, p[kBlueByte]);
+      q[kGreenByte] = Corrected(spill, factors.green, p[kGreenByte]);
+      q[kRedByte] = Corrected(spill, factors.red, p[kRedByte]);
+      q[kAlphaByte] = alpha;
+    }
+  }
+};
+
+// Runs a method for the key channel over the thread's share.
+template <template <class> class Method, class Argument>
+int RunOnShare(KVChannel channel, KVImage8* source, KVImage8* destination, unsigned char threadIndex,
+               unsigned char threadCount, const Argument& argument) {
+  const ShareRun share = SpillShare(source, destination, threadIndex, threadCount);
+  if (share.count == 0) return 0;
+  const unsigned char* in = source->Buffer() + share.start;
+  unsigned char* out = destination->Buffer() + share.start;
+  if (channel == kChannelBlue) {
+    Method<BlueKey>::Apply(in, out, share.count, argument);
+  } else {
+    Method<GreenKey>::Apply(in, out, share.count, argument);
+  }
+  return 0;
+}
+
+}  // namespace
+
+SpillSuppressor::SpillSuppressor(KVChannel channel, KVSpillType spillType, double amount, double redFactor,
+                                 double greenFactor, double blueFactor, double referenceFactor)
+    : m_channel(channel),
+      m_spillType(spillType),
+      m_amount(amount),
+      m_redFactor(redFactor),
+      m_greenFactor(greenFactor),
+      m_blueFactor(blueFactor),
+      m_referenceFactor(referenceFactor) {
+  if (spillType != kSpillAdvanced) return;
+  // Every result of the advanced method depends on two bytes at a time: the
+  // spill on (key, reference) and each corrected byte on (spill, byte), so it
+  // is tabulated once, with the very arithmetic of the definition.
+  int scaledReference[256];
+  for (int v = 0; v < 256; ++v) scaledReference[v] = TruncateToInt(v * referenceFactor);
+  const bool blueKey = channel == kChannelBlue;
+  m_advancedTables.resize(4 * 65536);
+  unsigned char* tables = m_advancedTables.data();
+  for (int first = 0; first < 256; ++first) {
+    for (int second = 0; second < 256; ++second) {
+      unsigned char pixel[4] = {0, 0, 0, 0};
+      pixel[blueKey ? BlueKey::key : GreenKey::key] = static_cast<unsigned char>(first);
+      pixel[blueKey ? BlueKey::reference : GreenKey::reference] = static_cast<unsigned char>(second);
+      const int index = (first << 8) | second;
+      tables[index] = static_cast<unsigned char>(blueKey ? Spill<BlueKey>(pixel, scaledReference)
+                                                         : Spill<GreenKey>(pixel, scaledReference));
+      const unsigned char value = static_cast<unsigned char>(second);
+      tables[65536 + index] = Corrected(first, blueFactor, value);
+      tables[2 * 65536 + index] = Corrected(first, greenFactor, value);
+      tables[3 * 65536 + index] = Corrected(first, redFactor, value);
+    }
+  }
+}
+
+SpillSuppressor::~SpillSuppressor() {}
+
+unsigned int SpillSuppressor::Type() const { return 0; }
+
+void SpillSuppressor::Setup(KVAbstractImage*) {}
+
+int SpillSuppressor::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                            unsigned char threadCount) {
+  const unsigned int depth = source->BitsPerChannel();
+  if (depth != 0) return static_cast<int>(depth);
+  KVImage8* in = static_cast<KVImage8*>(source);
+  KVImage8* out = static_cast<KVImage8*>(destination);
+  if (m_spillType == kSpillAdvanced) return RenderSpillAdvanced(in, out, threadIndex, threadCount);
+  if (m_spillType == kSpillExtended) return RenderSpillExtended(in, out, threadIndex, threadCount);
+  return RenderSpillStandard(in, out, threadIndex, threadCount);
+}
+
+// Green: if G > R, G moves towards R. Blue: if B > G, B moves towards G.
+int SpillSuppressor::RenderSpillStandard(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
+                                         unsigned char threadCount) {
+  return RunOnShare<Standard>(m_channel, source, destination, threadIndex, threadCount, Strength(m_amount));
+}
+
+// The key byte moves towards the rounded-down mean of the other two when it
+// lies above it, and the red byte rises towards the mean when the third
+// channel is above red.
+int SpillSuppressor::RenderSpillExtended(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
+                                         unsigned char threadCount) {
+  return RunOnShare<Extended>(m_channel, source, destination, threadIndex, threadCount, Strength(m_amount));
+}
+
+// spill = clamp(key - trunc(reference * referenceFactor)), the difference
+// taken in wrapping 32-bit arithmetic like the processor's; each colour byte
+// then becomes clamp(trunc(spill * its factor + byte)). A stage built for
+// another method has no tables and computes each pixel.
+int SpillSuppressor::RenderSpillAdvanced(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
+                                         unsigned char threadCount) {
+  if (!m_advancedTables.empty()) {
+    return RunOnShare<Advanced>(m_channel, source, destination, threadIndex, threadCount, m_advancedTables.data());
+  }
+  const AdvancedFactors factors = {m_redFactor, m_greenFactor, m_blueFactor, m_referenceFactor};
+  return RunOnShare<ComputedAdvanced>(m_channel, source, destination, threadIndex, threadCount, factors);
+}
+
+}  // namespace image
+}  // namespace kvo

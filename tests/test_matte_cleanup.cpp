@@ -1,0 +1,434 @@
+// Matte clean-up: the alpha crop's edges, and the white erode against a
+// straightforward ring-buffer form of its definition (prefill, 255 beyond the
+// line, 255 at x = 0 leftward), with the hand-checked quirk rows.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <vector>
+
+#include "TestSupport.h"
+
+using namespace kvo::image;
+using kvtest::GuardedImage;
+
+namespace {
+
+// Built once: the tables take a few milliseconds and every keyer only reads them.
+kvo::KVLookupTables& SharedTables() {
+  static kvo::KVLookupTables tables;
+  return tables;
+}
+
+std::vector<unsigned char> AlphasOf(const std::vector<unsigned char>& bytes) {
+  std::vector<unsigned char> alphas;
+  for (size_t i = 3; i < bytes.size(); i += 4) alphas.push_back(bytes[i]);
+  return alphas;
+}
+
+// ---------------------------------------------------------------------------
+// Alpha crop
+
+std::vector<unsigned char> Crop(unsigned int w, unsigned int h, double left, double top, double right, double bottom,
+                                unsigned int threads = 1) {
+  kvo::KVLookupTables& tables = SharedTables();
+  kvtest::ScopedCoreCount cores(threads);
+  GuardedImage src(w, h), dst(w, h, 1);
+  const std::vector<unsigned char> input = kvtest::PatternBytes(w * h * 4, 77);
+  src.fill(input);
+  for (size_t i = 3; i < input.size(); i += 4) src.pixels()[i] = 200;
+  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+  EXPECT_EQ(0, keyer.SetAlphaCrop(left, top, right, bottom));
+  EXPECT_EQ(0, keyer.Render());
+  EXPECT_TRUE(dst.guardsIntact());
+  const std::vector<unsigned char> out = dst.contents();
+  for (size_t i = 0; i < out.size(); ++i) {
+    if (i % 4 != 3) {
+      EXPECT_EQ(src.pixels()[i], out[i]) << "colour byte " << i;
+    }
+  }
+  return AlphasOf(dst.contents());
+}
+
+// 200 where (x, y) lies inside begin..end on both axes, else 0.
+std::vector<unsigned char> Kept(unsigned int w, unsigned int h, unsigned int x0, unsigned int x1, unsigned int y0,
+                                unsigned int y1) {
+  std::vector<unsigned char> alphas(w * h, 0);
+  for (unsigned int y = y0; y < y1; ++y)
+    for (unsigned int x = x0; x < x1; ++x) alphas[y * w + x] = 200;
+  return alphas;
+}
+
+TEST(AlphaCrop, StrictLeftAndTopEdges) {
+  // Nothing cropped still clears column 0 and row 0; the last ones survive.
+  EXPECT_EQ(Kept(5, 4, 1, 5, 1, 4), Crop(5, 4, 0, 0, 0, 0));
+}
+
+TEST(AlphaCrop, OppositeHalvesClearEverything) {
+  EXPECT_EQ(std::vector<unsigned char>(6 * 3, 0), Crop(6, 3, 0.5, 0, 0.5, 0));
+  EXPECT_EQ(std::vector<unsigned char>(7 * 3, 0), Crop(7, 3, 1, 1, 1, 1));
+}
+
+TEST(AlphaCrop, EdgesTruncateTowardZero) {
+  // L = trunc(10 * 0.19) = 1, R = trunc(1.9) = 1, T = trunc(6 * 0.34) = 2,
+  // B = trunc(6 * 0.49) = 2: x in 2..8, y in 3..3.
+  EXPECT_EQ(Kept(10, 6, 2, 9, 3, 4), Crop(10, 6, 0.19, 0.34, 0.19, 0.49));
+  // L = 2, T = 2, R = 2, B = 2 on 8 x 8: x and y in 3..5.
+  EXPECT_EQ(Kept(8, 8, 3, 6, 3, 6), Crop(8, 8, 0.25, 0.25, 0.25, 0.25));
+}
+
+TEST(AlphaCrop, EveryThreadCountGivesTheSameMatte) {
+  const std::vector<unsigned char> one = Crop(13, 7, 0.1, 0.2, 0.3, 0.15, 1);
+  for (unsigned int threads = 2; threads <= 16; ++threads) {
+    EXPECT_EQ(one, Crop(13, 7, 0.1, 0.2, 0.3, 0.15, threads)) << threads << " threads";
+  }
+}
+
+TEST(AlphaCrop, StageAloneClipsToTheSmallerImage) {
+  // Driven directly with a destination shorter than the source: nothing is
+  // written past the destination.
+  GuardedImage src(4, 4), dst(4, 2);
+  src.fill(kvtest::PatternBytes(64, 3));
+  AlphaCrop stage(0, 0, 0, 0);
+  for (unsigned char t = 0; t < 3; ++t) EXPECT_EQ(0, stage.Render(src.image(), dst.image(), t, 3));
+  EXPECT_TRUE(dst.guardsIntact());
+  EXPECT_EQ(0, dst.at(0, 1, 3));
+  EXPECT_EQ(src.at(1, 1, 3), dst.at(1, 1, 3));
+}
+
+TEST(AlphaCropSetter, ChecksEachFraction) {
+  kvo::KVLookupTables& tables = SharedTables();
+  GuardedImage src(2, 2), dst(2, 2);
+  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+  EXPECT_EQ(7, keyer.SetAlphaCrop(-0.1, 0, 0, 0));
+  EXPECT_EQ(7, keyer.SetAlphaCrop(0, 1.5, 0, 0));
+  EXPECT_EQ(7, keyer.SetAlphaCrop(0, 0, 1.01, 0));
+  EXPECT_EQ(7, keyer.SetAlphaCrop(0, 0, 0, -1e-9));
+  EXPECT_EQ(0, keyer.RenderQueueCount());
+  EXPECT_EQ(0, keyer.SetAlphaCrop(1, 1, 1, 1));
+  EXPECT_EQ(0, keyer.SetAlphaCrop(std::nan(""), 0, 0, 0));
+  EXPECT_EQ(2, keyer.RenderQueueCount());
+}
+
+TEST(AlphaCropDeathTest, RefusesOtherChannelOrders) {
+  GuardedImage src(2, 2, 0, kPixelOrderARGB), dst(2, 2);
+  AlphaCrop stage(0, 0, 0, 0);
+  EXPECT_DEATH(stage.Render(src.image(), dst.image(), 0, 1),
+               "AlphaCrop:112: failed assertion `false && \"Not implemented\"'");
+}
+
+// ---------------------------------------------------------------------------
+// White erode
+
+// The erode of one line exactly as its ring defines it: `window` values, all
+// 255 at the start, a write position wrapping after window - 1, the minimum
+// of the whole ring after every put.
+std::vector<unsigned char> RingErode(const std::vector<unsigned char>& line, int size, int direction) {
+  const int window = 2 * size + 1;
+  const long long n = static_cast<long long>(line.size());
+  std::vector<int> ring(window, 255);
+  int position = 0;
+  auto put = [&](int value) {
+    ring[position] = value;
+    position = position == window - 1 ? 0 : position + 1;
+  };
+  auto lowest = [&] { return static_cast<unsigned char>(*std::min_element(ring.begin(), ring.end())); };
+  auto at = [&](long long i) { return i < n ? line[i] : 255; };
+  std::vector<unsigned char> out(line.size());
+  if (direction == 0) {
+    const int half = static_cast<int>(std::floor(window * 0.5));
+    for (int i = 0; i <= half - 2; ++i) put(at(i));
+    for (long long x = 0; x < n; ++x) {
+      put(at(x + half));
+      out[x] = lowest();
+    }
+  } else if (direction == 1) {
+    for (long long x = 0; x < n; ++x) {
+      put(line[x]);
+      out[x] = lowest();
+    }
+  } else {
+    for (long long x = n - 1; x >= 0; --x) {
+      put(x == 0 ? 255 : line[x]);
+      out[x] = lowest();
+    }
+  }
+  return out;
+}
+
+// The whole stage by the ring: rows, then columns for direction 0.
+std::vector<unsigned char> RingErodeImage(const std::vector<unsigned char>& bytes, unsigned int w, unsigned int h,
+                                          int size, int direction) {
+  std::vector<unsigned char> out = bytes;
+  for (unsigned int y = 0; y < h; ++y) {
+    std::vector<unsigned char> row(w);
+    for (unsigned int x = 0; x < w; ++x) row[x] = bytes[(y * w + x) * 4 + 3];
+    row = RingErode(row, size, direction);
+    for (unsigned int x = 0; x < w; ++x) out[(y * w + x) * 4 + 3] = row[x];
+  }
+  if (direction != 0) return out;
+  for (unsigned int x = 0; x < w; ++x) {
+    std::vector<unsigned char> column(h);
+    for (unsigned int y = 0; y < h; ++y) column[y] = out[(y * w + x) * 4 + 3];
+    column = RingErode(column, size, 0);
+    for (unsigned int y = 0; y < h; ++y) out[(y * w + x) * 4 + 3] = column[y];
+  }
+  return out;
+}
+
+// Runs the stage through a keyer and returns the destination bytes.
+std::vector<unsigned char> Erode(const std::vector<unsigned char>& bytes, unsigned int w, unsigned int h,
+                                 KVWhiteErodeDirection direction, int size, unsigned int threads = 2) {
+  kvo::KVLookupTables& tables = SharedTables();
+  kvtest::ScopedCoreCount cores(threads);
+  GuardedImage src(w, h), dst(w, h, 1);
+  src.fill(bytes);
+  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+  EXPECT_EQ(0, keyer.SetWhiteErode(direction, size));
+  EXPECT_EQ(0, keyer.Render());
+  EXPECT_TRUE(dst.guardsIntact());
+  EXPECT_EQ(bytes, src.contents());
+  return dst.contents();
+}
+
+std::vector<unsigned char> RowOfAlphas(const std::vector<unsigned char>& alphas) {
+  std::vector<unsigned char> bytes(alphas.size() * 4);
+  for (size_t i = 0; i < alphas.size(); ++i) {
+    bytes[i * 4] = static_cast<unsigned char>(i);
+    bytes[i * 4 + 1] = 100;
+    bytes[i * 4 + 2] = static_cast<unsigned char>(200 - i);
+    bytes[i * 4 + 3] = alphas[i];
+  }
+  return bytes;
+}
+
+const unsigned char O = 255;
+
+TEST(WhiteErode, PixelHalfMinusOneNeverEntersTheRing) {
+  // Size 2: pixel 1 is skipped, so its 0 disappears from the row.
+  const std::vector<unsigned char> row = RowOfAlphas({O, 0, O, O, O, O, O, O});
+  const std::vector<unsigned char> out = Erode(row, 8, 1, kWhiteErodeAll, 2);
+  EXPECT_EQ(std::vector<unsigned char>(8, O), AlphasOf(out));
+  // Colour is copied.
+  for (size_t i = 0; i < out.size(); ++i) {
+    if (i % 4 != 3) {
+      EXPECT_EQ(row[i], out[i]);
+    }
+  }
+  // The same in a column.
+  const std::vector<unsigned char> column = RowOfAlphas({O, 0, O, O, O, O, O, O});
+  EXPECT_EQ(std::vector<unsigned char>(8, O), AlphasOf(Erode(column, 1, 8, kWhiteErodeAll, 2)));
+}
+
+TEST(WhiteErode, CentredWindowReachesOneFurtherLeftNearTheStart) {
+  // Puts: a0, then a2, a3, ...; the window of 5 puts covers pixels 0..x+2
+  // (without 1) until x = 4.
+  EXPECT_EQ((std::vector<unsigned char>{0, 0, 0, 0, 0, O, O, O}),
+            AlphasOf(Erode(RowOfAlphas({O, O, 0, O, O, O, O, O}), 8, 1, kWhiteErodeAll, 2)));
+  EXPECT_EQ((std::vector<unsigned char>{0, 0, 0, 0, O, O, O, O}),
+            AlphasOf(Erode(RowOfAlphas({0, O, O, O, O, O, O, O}), 8, 1, kWhiteErodeAll, 2)));
+  // Further in, the window is centred: pixels x - 2 .. x + 2.
+  EXPECT_EQ((std::vector<unsigned char>{O, O, O, O, 9, 9, 9, 9, 9, O}),
+            AlphasOf(Erode(RowOfAlphas({O, O, O, O, O, O, 9, O, O, O}), 10, 1, kWhiteErodeAll, 2)));
+}
+
+TEST(WhiteErode, TrailingAndLeadingWindows) {
+  const std::vector<unsigned char> row = RowOfAlphas({10, 20, 30, 40, 50, 60});
+  EXPECT_EQ((std::vector<unsigned char>{10, 10, 10, 20, 30, 40}), AlphasOf(Erode(row, 6, 1, kWhiteErodeRightward, 1)));
+  // Leftward, pixel 0's own alpha is replaced by 255.
+  EXPECT_EQ((std::vector<unsigned char>{20, 20, 30, 40, 50, 60}), AlphasOf(Erode(row, 6, 1, kWhiteErodeLeftward, 1)));
+  EXPECT_EQ(AlphasOf(Erode(row, 6, 1, kWhiteErodeLeftward, 1)),
+            AlphasOf(Erode(row, 6, 1, static_cast<KVWhiteErodeDirection>(7), 1)));
+}
+
+TEST(WhiteErode, SizeZero) {
+  const std::vector<unsigned char> row = RowOfAlphas({10, 20, 0, 40, 50});
+  EXPECT_EQ(row, Erode(row, 5, 1, kWhiteErodeAll, 0));
+  EXPECT_EQ(row, Erode(row, 5, 1, kWhiteErodeRightward, 0));
+  EXPECT_EQ((std::vector<unsigned char>{O, 20, 0, 40, 50}), AlphasOf(Erode(row, 5, 1, kWhiteErodeLeftward, 0)));
+  // A negative size given to the stage directly acts as 0.
+  GuardedImage src(5, 1), dst(5, 1);
+  src.fill(row);
+  WhiteErodeRenderer stage(kWhiteErodeAll, -3);
+  stage.Setup(src.image());
+  stage.Render(src.image(), dst.image(), 0, 1);
+  EXPECT_EQ(row, dst.contents());
+}
+
+TEST(WhiteErode, OtherDirectionsErodeRowsOnly) {
+  // A 0 in row 0 does not spread down the column.
+  std::vector<unsigned char> bytes(3 * 3 * 4, O);
+  bytes[3] = 0;
+  const std::vector<unsigned char> out = Erode(bytes, 3, 3, kWhiteErodeRightward, 1);
+  EXPECT_EQ((std::vector<unsigned char>{0, 0, 0, O, O, O, O, O, O}), AlphasOf(out));
+  EXPECT_EQ((std::vector<unsigned char>{O, O, O, O, O, O, O, O, O}),
+            AlphasOf(Erode(bytes, 3, 3, kWhiteErodeLeftward, 1)));
+}
+
+// Alphas mostly opaque with scattered holes and soft values, like a matte.
+std::vector<unsigned char> MatteLike(unsigned int w, unsigned int h, uint32_t seed) {
+  std::vector<unsigned char> bytes = kvtest::PatternBytes(w * h * 4, seed);
+  for (size_t i = 3; i < bytes.size(); i += 4) {
+    if (bytes[i] < 180) bytes[i] = 255;
+  }
+  return bytes;
+}
+
+TEST(WhiteErode, MatchesTheRingOnRandomImages) {
+  const unsigned int shapes[][2] = {{1, 1}, {7, 5}, {33, 17}, {64, 3}, {3, 41}, {2, 9}, {70, 66}};
+  const int sizes[] = {0, 1, 2, 3, 4, 5, 8, 13, 16, 40, 70};
+  const int directions[] = {0, 1, 2, 9};
+  uint32_t seed = 1;
+  for (const auto& shape : shapes) {
+    for (int size : sizes) {
+      for (int direction : directions) {
+        const std::vector<unsigned char> bytes = MatteLike(shape[0], shape[1], seed++);
+        EXPECT_EQ(RingErodeImage(bytes, shape[0], shape[1], size, direction),
+                  Erode(bytes, shape[0], shape[1], static_cast<KVWhiteErodeDirection>(direction), size, seed % 5 + 1))
+            << shape[0] << "x" << shape[1] << " size " << size << " direction " << direction;
+      }
+    }
+  }
+}
+
+TEST(WhiteErode, ThinImages) {
+  // One column of many rows and one row of many columns.
+  for (int direction : {0, 1, 2}) {
+    const std::vector<unsigned char> tall = MatteLike(1, 3001, 70 + direction);
+    EXPECT_EQ(RingErodeImage(tall, 1, 3001, 4, direction),
+              Erode(tall, 1, 3001, static_cast<KVWhiteErodeDirection>(direction), 4, 3));
+    const std::vector<unsigned char> wide = MatteLike(3001, 1, 80 + direction);
+    EXPECT_EQ(RingErodeImage(wide, 3001, 1, 4, direction),
+              Erode(wide, 3001, 1, static_cast<KVWhiteErodeDirection>(direction), 4, 3));
+  }
+}
+
+TEST(WhiteErode, EveryThreadCountGivesTheSameMatte) {
+  const std::vector<unsigned char> bytes = MatteLike(23, 19, 99);
+  for (int direction : {0, 1, 2}) {
+    const std::vector<unsigned char> expected = RingErodeImage(bytes, 23, 19, 3, direction);
+    for (unsigned int threads = 1; threads <= 16; ++threads) {
+      EXPECT_EQ(expected, Erode(bytes, 23, 19, static_cast<KVWhiteErodeDirection>(direction), 3, threads))
+          << threads << " threads, direction " << direction;
+    }
+  }
+}
+
+TEST(WhiteErode, HugeSizesFinishQuickly) {
+  // Beyond the line the ring never wraps: centred, every row becomes its
+  // minimum and then every column; trailing gives running minima.
+  const std::vector<unsigned char> bytes = MatteLike(9, 7, 4);
+  const std::vector<unsigned char> alphas = AlphasOf(bytes);
+  const unsigned char lowest = *std::min_element(alphas.begin(), alphas.end());
+  EXPECT_EQ(std::vector<unsigned char>(63, lowest), AlphasOf(Erode(bytes, 9, 7, kWhiteErodeAll, INT_MAX)));
+  const std::vector<unsigned char> trailing = AlphasOf(Erode(bytes, 9, 7, kWhiteErodeRightward, INT_MAX));
+  for (unsigned int y = 0; y < 7; ++y) {
+    unsigned char running = 255;
+    for (unsigned int x = 0; x < 9; ++x) {
+      running = std::min(running, alphas[y * 9 + x]);
+      EXPECT_EQ(running, trailing[y * 9 + x]);
+    }
+  }
+  EXPECT_EQ(RingErodeImage(bytes, 9, 7, 60, 2), Erode(bytes, 9, 7, kWhiteErodeLeftward, INT_MAX));
+}
+
+TEST(WhiteErode, SetterScalesTheSize) {
+  kvo::KVLookupTables& tables = SharedTables();
+  const std::vector<unsigned char> bytes = MatteLike(17, 11, 8);
+  struct Case {
+    KVDownsampleFactor factor;
+    int size;
+    int scaled;
+  } cases[] = {{kDownsampleNone, 3, 3}, {kDownsampleHalf, 5, 2}, {kDownsampleThird, 10, 3}, {kDownsampleQuarter, 7, 1}};
+  for (const Case& c : cases) {
+    GuardedImage src(17, 11), dst(17, 11);
+    src.fill(bytes);
+    KVImageKeyer keyer(src.image(), dst.image(), tables, c.factor);
+    EXPECT_EQ(0, keyer.SetWhiteErode(kWhiteErodeAll, c.size));
+    EXPECT_EQ(0, keyer.Render());
+    EXPECT_EQ(RingErodeImage(bytes, 17, 11, c.scaled, 0), dst.contents()) << "factor " << c.factor;
+  }
+}
+
+TEST(WhiteErodeSetter, RefusesANegativeSize) {
+  kvo::KVLookupTables& tables = SharedTables();
+  GuardedImage src(2, 2), dst(2, 2);
+  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+  EXPECT_EQ(7, keyer.SetWhiteErode(kWhiteErodeAll, -1));
+  EXPECT_EQ(7, keyer.SetWhiteErode(kWhiteErodeLeftward, INT_MIN));
+  EXPECT_EQ(0, keyer.RenderQueueCount());
+  EXPECT_EQ(0, keyer.SetWhiteErode(static_cast<KVWhiteErodeDirection>(-1), 0));
+  EXPECT_EQ(1, keyer.RenderQueueCount());
+}
+
+TEST(WhiteErode, ProceduresTakeTheirOwnScratchWhenNoneIsGiven) {
+  EXPECT_EQ(nullptr, HorizErodeWhiteProc(nullptr));
+  EXPECT_EQ(nullptr, VertErodeWhiteProc(nullptr));
+  const std::vector<unsigned char> bytes = MatteLike(6, 5, 12);
+  std::vector<unsigned char> intermediate = bytes, out(bytes.size(), 0);
+  ErodeWhiteData data = {
+      0, 5, 6, 6, 5, const_cast<unsigned char*>(bytes.data()), intermediate.data(), 5, kWhiteErodeAll, 0, nullptr};
+  HorizErodeWhiteProc(&data);
+  data.bufferA = out.data();
+  data.bufferALimit = out.size();
+  VertErodeWhiteProc(&data);
+  EXPECT_EQ(RingErodeImage(bytes, 6, 5, 2, 0), out);
+}
+
+TEST(WhiteErode, RendersNothingBeforeSetupAndClipsToTheDestination) {
+  GuardedImage src(4, 4), small(4, 2);
+  src.fill(MatteLike(4, 4, 2));
+  WhiteErodeRenderer stage(kWhiteErodeAll, 1);
+  EXPECT_EQ(0, stage.Render(src.image(), small.image(), 0, 1));
+  EXPECT_EQ(std::vector<unsigned char>(32, 0), small.contents());
+  stage.Setup(src.image());
+  for (unsigned char t = 0; t < 3; ++t) EXPECT_EQ(0, stage.Render(src.image(), small.image(), t, 3));
+  EXPECT_TRUE(small.guardsIntact());
+  const std::vector<unsigned char> expected = RingErodeImage(src.contents(), 4, 4, 1, 0);
+  EXPECT_EQ(std::vector<unsigned char>(expected.begin(), expected.begin() + 32), small.contents());
+}
+
+TEST(WhiteErode, EachSetupStartsFromItsOwnSource) {
+  // One stage over several sources and shapes: nothing of an earlier render
+  // survives into a later one.
+  WhiteErodeRenderer stage(kWhiteErodeAll, 2);
+  const unsigned int shapes[][2] = {{9, 6}, {9, 6}, {6, 9}, {9, 6}};
+  uint32_t seed = 40;
+  for (const auto& shape : shapes) {
+    const unsigned int w = shape[0], h = shape[1];
+    GuardedImage src(w, h), dst(w, h);
+    src.fill(MatteLike(w, h, seed++));
+    stage.Setup(src.image());
+    for (unsigned char t = 0; t < 2; ++t) stage.Render(src.image(), dst.image(), t, 2);
+    EXPECT_EQ(RingErodeImage(src.contents(), w, h, 2, 0), dst.contents()) << w << "x" << h;
+  }
+}
+
+TEST(WhiteErodeDeathTest, RefusesOtherChannelOrders) {
+  GuardedImage src(2, 2, 0, kPixelOrderARGB), dst(2, 2);
+  WhiteErodeRenderer stage(kWhiteErodeAll, 1);
+  EXPECT_DEATH(stage.Render(src.image(), dst.image(), 0, 1),
+               "WhiteErode:416: failed assertion `false && \"Not implemented\"'");
+}
+
+// ---------------------------------------------------------------------------
+
+TEST(MatteCleanup, ChainKeepsTheStagesIndependent) {
+  // Erode then crop equals the crop of the eroded image.
+  kvo::KVLookupTables& tables = SharedTables();
+  const std::vector<unsigned char> bytes = MatteLike(12, 9, 21);
+  GuardedImage src(12, 9), dst(12, 9);
+  src.fill(bytes);
+  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+  ASSERT_EQ(0, keyer.SetWhiteErode(kWhiteErodeAll, 1));
+  ASSERT_EQ(0, keyer.SetAlphaCrop(0.25, 0, 0, 0.2));
+  ASSERT_EQ(0, keyer.Render());
+  std::vector<unsigned char> expected = RingErodeImage(bytes, 12, 9, 1, 0);
+  for (unsigned int y = 0; y < 9; ++y)
+    for (unsigned int x = 0; x < 12; ++x)
+      if (!(x > 3 && y > 0 && y < 8)) expected[(y * 12 + x) * 4 + 3] = 0;
+  EXPECT_EQ(expected, dst.contents());
+}
+
+}  // namespace

@@ -1,0 +1,320 @@
+// The spill suppressor: each method's arithmetic and rounding on hand-computed
+// pixels, the fallbacks for unnamed enumeration values, thread shares and the
+// keyer setter.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "TestSupport.h"
+
+using namespace kvo::image;
+using kvtest::GuardedImage;
+
+namespace {
+
+// Built once: the tables take a few milliseconds and every keyer only reads them.
+kvo::KVLookupTables& SharedTables() {
+  static kvo::KVLookupTables tables;
+  return tables;
+}
+
+struct Pixel {
+  int b, g, r, a;
+};
+
+// Runs one stage on a single pixel, one thread, and returns the result.
+Pixel Suppress(const Pixel& in, KVChannel channel, KVSpillType type, double amount, double redFactor = 0,
+               double greenFactor = 0, double blueFactor = 0, double referenceFactor = 0) {
+  GuardedImage src(1, 1), dst(1, 1);
+  src.at(0, 0, 0) = static_cast<unsigned char>(in.b);
+  src.at(0, 0, 1) = static_cast<unsigned char>(in.g);
+  src.at(0, 0, 2) = static_cast<unsigned char>(in.r);
+  src.at(0, 0, 3) = static_cast<unsigned char>(in.a);
+  SpillSuppressor stage(channel, type, amount, redFactor, greenFactor, blueFactor, referenceFactor);
+  stage.Setup(src.image());
+  EXPECT_EQ(0, stage.Render(src.image(), dst.image(), 0, 1));
+  EXPECT_TRUE(dst.guardsIntact());
+  return Pixel{dst.at(0, 0, 0), dst.at(0, 0, 1), dst.at(0, 0, 2), dst.at(0, 0, 3)};
+}
+
+#define EXPECT_PIXEL(expected, actual) \
+  do {                                 \
+    const Pixel e_ = (expected);       \
+    const Pixel a_ = (actual);         \
+    EXPECT_EQ(e_.b, a_.b) << "blue";   \
+    EXPECT_EQ(e_.g, a_.g) << "green";  \
+    EXPECT_EQ(e_.r, a_.r) << "red";    \
+    EXPECT_EQ(e_.a, a_.a) << "alpha";  \
+  } while (0)
+
+TEST(SpillStandard, FullStrengthReachesADownwardTarget) {
+  // -100 * 255 = -25500, >> 8 = -100 (floor of -99.6).
+  EXPECT_PIXEL((Pixel{0, 100, 100, 77}), Suppress({0, 200, 100, 77}, kChannelGreen, kSpillStandard, 1.0));
+  // -99 * 255 = -25245, >> 8 = -99 (floor of -98.6).
+  EXPECT_PIXEL((Pixel{0, 101, 101, 255}), Suppress({0, 200, 101, 255}, kChannelGreen, kSpillStandard, 1.0));
+}
+
+TEST(SpillStandard, PartialStrengthRoundsAwayFromTheStart) {
+  // s = trunc(127.5) = 127; -100 * 127 = -12700, >> 8 = -50 (not -49).
+  EXPECT_PIXEL((Pixel{9, 150, 100, 1}), Suppress({9, 200, 100, 1}, kChannelGreen, kSpillStandard, 0.5));
+  // s = trunc(25.5) = 25; -8 * 25 = -200, >> 8 = -1.
+  EXPECT_PIXEL((Pixel{0, 107, 100, 0}), Suppress({0, 108, 100, 0}, kChannelGreen, kSpillStandard, 0.1));
+}
+
+TEST(SpillStandard, OnlyAKeyAboveItsReferenceMoves) {
+  EXPECT_PIXEL((Pixel{3, 100, 100, 5}), Suppress({3, 100, 100, 5}, kChannelGreen, kSpillStandard, 1.0));
+  EXPECT_PIXEL((Pixel{3, 50, 100, 5}), Suppress({3, 50, 100, 5}, kChannelGreen, kSpillStandard, 1.0));
+  // Blue compares byte 0 with byte 1; green compares byte 1 with byte 2 only.
+  EXPECT_PIXEL((Pixel{100, 100, 7, 9}), Suppress({200, 100, 7, 9}, kChannelBlue, kSpillStandard, 1.0));
+  EXPECT_PIXEL((Pixel{250, 40, 60, 9}), Suppress({250, 40, 60, 9}, kChannelGreen, kSpillStandard, 1.0));
+  EXPECT_PIXEL((Pixel{40, 90, 250, 9}), Suppress({40, 90, 250, 9}, kChannelBlue, kSpillStandard, 1.0));
+}
+
+TEST(SpillStandard, AmountZeroCopies) {
+  EXPECT_PIXEL((Pixel{0, 255, 0, 128}), Suppress({0, 255, 0, 128}, kChannelGreen, kSpillStandard, 0.0));
+  EXPECT_PIXEL((Pixel{0, 255, 0, 128}), Suppress({0, 255, 0, 128}, kChannelGreen, kSpillExtended, 0.0));
+}
+
+TEST(SpillExtended, KeyFallsToTheMeanAndRedRisesOneShort) {
+  // mean = 75; green -125 * 255 >> 8 = -125; red 25 * 255 >> 8 = 24.
+  EXPECT_PIXEL((Pixel{100, 75, 74, 200}), Suppress({100, 200, 50, 200}, kChannelGreen, kSpillExtended, 1.0));
+  // The mean rounds down: (101 + 50) >> 1 = 75.
+  EXPECT_PIXEL((Pixel{101, 75, 74, 200}), Suppress({101, 200, 50, 200}, kChannelGreen, kSpillExtended, 1.0));
+  // Half strength: -125 * 127 >> 8 = -63, 25 * 127 >> 8 = 12.
+  EXPECT_PIXEL((Pixel{100, 137, 62, 3}), Suppress({100, 200, 50, 3}, kChannelGreen, kSpillExtended, 0.5));
+}
+
+TEST(SpillExtended, RedRisesOnlyWhenTheThirdChannelIsAboveIt) {
+  EXPECT_PIXEL((Pixel{50, 75, 100, 9}), Suppress({50, 200, 100, 9}, kChannelGreen, kSpillExtended, 1.0));
+  EXPECT_PIXEL((Pixel{60, 60, 60, 9}), Suppress({60, 200, 60, 9}, kChannelGreen, kSpillExtended, 1.0));
+  // Blue key: mean of green and red, red raised when green is above it.
+  EXPECT_PIXEL((Pixel{75, 100, 74, 9}), Suppress({200, 100, 50, 9}, kChannelBlue, kSpillExtended, 1.0));
+  EXPECT_PIXEL((Pixel{75, 50, 100, 9}), Suppress({200, 50, 100, 9}, kChannelBlue, kSpillExtended, 1.0));
+}
+
+TEST(SpillExtended, AKeyAtOrBelowTheMeanIsUnchanged) {
+  EXPECT_PIXEL((Pixel{100, 75, 50, 9}), Suppress({100, 75, 50, 9}, kChannelGreen, kSpillExtended, 1.0));
+  EXPECT_PIXEL((Pixel{75, 100, 50, 9}), Suppress({75, 100, 50, 9}, kChannelBlue, kSpillExtended, 1.0));
+}
+
+TEST(SpillAdvanced, WeightsTheClampedSpill) {
+  // spill = 200 - 50 = 150: green loses it, blue gains a quarter (47.5 -> 47),
+  // red doubles it and clamps.
+  EXPECT_PIXEL((Pixel{47, 50, 255, 66}),
+               Suppress({10, 200, 50, 66}, kChannelGreen, kSpillAdvanced, 0.0, 2.0, -1.0, 0.25, 1.0));
+  // The reference scales before the difference: trunc(101 * 0.5) = 50.
+  EXPECT_PIXEL((Pixel{0, 75, 101, 1}),
+               Suppress({0, 100, 101, 1}, kChannelGreen, kSpillAdvanced, 0.0, 0.0, -0.5, 0.0, 0.5));
+  // Blue key: spill = 200 - 50; a negative result clamps to 0.
+  EXPECT_PIXEL((Pixel{50, 50, 0, 1}),
+               Suppress({200, 50, 30, 1}, kChannelBlue, kSpillAdvanced, 0.0, -1.0, 0.0, -1.0, 1.0));
+}
+
+TEST(SpillAdvanced, NegativeSpillCopiesThePixel) {
+  EXPECT_PIXEL((Pixel{10, 50, 100, 2}),
+               Suppress({10, 50, 100, 2}, kChannelGreen, kSpillAdvanced, 0.0, 5.0, 5.0, 5.0, 1.0));
+}
+
+TEST(SpillAdvanced, ReferenceFactorsBeyondTheIntegerRange) {
+  // trunc of NaN or of an out-of-range product is INT_MIN; key - INT_MIN
+  // wraps to a negative difference, so the spill is 0 and the pixel is copied.
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  for (double reference : {nan, 1e12, -1e12}) {
+    EXPECT_PIXEL((Pixel{10, 200, 100, 2}),
+                 Suppress({10, 200, 100, 2}, kChannelGreen, kSpillAdvanced, 0.0, 1.0, 1.0, 1.0, reference));
+  }
+  // A NaN weight truncates to INT_MIN and clamps to 0.
+  EXPECT_PIXEL((Pixel{0, 0, 0, 2}),
+               Suppress({10, 200, 100, 2}, kChannelGreen, kSpillAdvanced, 0.0, nan, nan, nan, 0.0));
+}
+
+TEST(Spill, UnnamedValuesFallBack) {
+  const Pixel in{0, 200, 100, 4};
+  // Type 7 renders as standard, channel 2 as green.
+  EXPECT_PIXEL(Suppress(in, kChannelGreen, kSpillStandard, 1.0),
+               Suppress(in, kChannelGreen, static_cast<KVSpillType>(7), 1.0));
+  EXPECT_PIXEL(Suppress(in, kChannelGreen, kSpillExtended, 0.7),
+               Suppress(in, static_cast<KVChannel>(2), kSpillExtended, 0.7));
+  EXPECT_PIXEL(Suppress(in, kChannelGreen, kSpillAdvanced, 0, 0, -1, 0, 1),
+               Suppress(in, static_cast<KVChannel>(-3), kSpillAdvanced, 0, 0, -1, 0, 1));
+}
+
+TEST(Spill, StrengthsOutsideTheByteRangeAreDeterministic) {
+  // A NaN amount (the setter lets it through) gives the strength INT_MIN; the
+  // step's product wraps like the processor's multiply.
+  const Pixel in{0, 200, 100, 4};
+  const Pixel first = Suppress(in, kChannelGreen, kSpillStandard, std::nan(""));
+  EXPECT_PIXEL(first, Suppress(in, kChannelGreen, kSpillStandard, std::nan("")));
+  // (100 - 200) * INT_MIN wraps to 0: no step at all.
+  EXPECT_PIXEL(in, first);
+}
+
+// The documented formulas, pixel by pixel, as a reference for whole images.
+void ReferenceSpill(const std::vector<unsigned char>& in, std::vector<unsigned char>& out, KVChannel channel,
+                    KVSpillType type, double amount, double rf, double gf, double bf, double ref) {
+  out = in;
+  const int s = static_cast<int>(255.0 * amount);
+  auto move = [s](int v, int t) {
+    return static_cast<unsigned char>(v + static_cast<int>(std::floor((t - v) * s / 256.0)));
+  };
+  const bool blue = channel == kChannelBlue;
+  for (size_t i = 0; i + 4 <= in.size(); i += 4) {
+    const int b0 = in[i], b1 = in[i + 1], b2 = in[i + 2];
+    if (type == kSpillAdvanced) {
+      const int spill =
+          std::min(255, std::max(0, blue ? b0 - static_cast<int>(b1 * ref) : b1 - static_cast<int>(b2 * ref)));
+      auto fix = [spill](double f, int v) {
+        return static_cast<unsigned char>(std::min(255.0, std::max(0.0, std::trunc(spill * f + v))));
+      };
+      out[i] = fix(bf, b0);
+      out[i + 1] = fix(gf, b1);
+      out[i + 2] = fix(rf, b2);
+    } else if (type == kSpillExtended) {
+      const int key = blue ? b0 : b1, side = blue ? b1 : b0, mean = (side + b2) >> 1;
+      if (key > mean) {
+        out[i + (blue ? 0 : 1)] = move(key, mean);
+        if (side > b2) out[i + 2] = move(b2, mean);
+      }
+    } else {
+      const int key = blue ? b0 : b1, reference = blue ? b1 : b2;
+      if (key > reference) out[i + (blue ? 0 : 1)] = move(key, reference);
+    }
+  }
+}
+
+struct SpillCase {
+  KVChannel channel;
+  KVSpillType type;
+  double amount, rf, gf, bf, ref;
+};
+
+const SpillCase kCases[] = {
+    {kChannelGreen, kSpillStandard, 1.0, 0, 0, 0, 0},           {kChannelBlue, kSpillStandard, 0.37, 0, 0, 0, 0},
+    {kChannelGreen, kSpillExtended, 0.81, 0, 0, 0, 0},          {kChannelBlue, kSpillExtended, 1.0, 0, 0, 0, 0},
+    {kChannelGreen, kSpillAdvanced, 0, 0.3, -0.9, 0.125, 0.75}, {kChannelBlue, kSpillAdvanced, 0, -0.5, 0.25, -1, 1.5},
+};
+
+TEST(Spill, WholeImagesMatchTheFormulasAtEveryThreadCount) {
+  kvo::KVLookupTables& tables = SharedTables();
+  // 7 x 5 = 35 pixels: up to 16 threads, so the last shares are cut.
+  const unsigned int w = 7, h = 5;
+  const std::vector<unsigned char> input = kvtest::PatternBytes(w * h * 4, 31);
+  for (const SpillCase& c : kCases) {
+    std::vector<unsigned char> expected;
+    ReferenceSpill(input, expected, c.channel, c.type, c.amount, c.rf, c.gf, c.bf, c.ref);
+    for (unsigned int threads = 1; threads <= 16; ++threads) {
+      kvtest::ScopedCoreCount cores(threads);
+      GuardedImage src(w, h, threads % 2), dst(w, h);
+      src.fill(input);
+      KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+      ASSERT_EQ(0, keyer.SetSpillSuppression(c.channel, c.type, c.amount, c.rf, c.gf, c.bf, c.ref));
+      ASSERT_EQ(0, keyer.Render());
+      EXPECT_EQ(expected, dst.contents()) << "type " << c.type << " channel " << c.channel << " threads " << threads;
+      EXPECT_EQ(input, src.contents());
+      EXPECT_TRUE(dst.guardsIntact());
+    }
+  }
+}
+
+TEST(Spill, RunsInPlace) {
+  const std::vector<unsigned char> input = kvtest::PatternBytes(9 * 4 * 4, 5);
+  std::vector<unsigned char> expected;
+  ReferenceSpill(input, expected, kChannelGreen, kSpillExtended, 0.6, 0, 0, 0, 0);
+  GuardedImage image(9, 4);
+  image.fill(input);
+  SpillSuppressor stage(kChannelGreen, kSpillExtended, 0.6, 0, 0, 0, 0);
+  for (unsigned char t = 0; t < 3; ++t) stage.Render(image.image(), image.image(), t, 3);
+  EXPECT_EQ(expected, image.contents());
+}
+
+TEST(Spill, AdvancedCalledOnAStageBuiltForAnotherMethod) {
+  // The advanced stage works from tables made at construction; called on a
+  // stage built as standard it computes each pixel and gives the same bytes.
+  for (KVChannel channel : {kChannelGreen, kChannelBlue}) {
+    const std::vector<unsigned char> input = kvtest::PatternBytes(6 * 5 * 4, 17);
+    GuardedImage src(6, 5), tabulated(6, 5), computed(6, 5);
+    src.fill(input);
+    SpillSuppressor advanced(channel, kSpillAdvanced, 0.0, 0.7, -1.3, 0.4, 0.85);
+    SpillSuppressor standard(channel, kSpillStandard, 0.0, 0.7, -1.3, 0.4, 0.85);
+    advanced.Render(src.image(), tabulated.image(), 0, 1);
+    standard.RenderSpillAdvanced(src.image(), computed.image(), 0, 1);
+    std::vector<unsigned char> expected;
+    ReferenceSpill(input, expected, channel, kSpillAdvanced, 0.0, 0.7, -1.3, 0.4, 0.85);
+    EXPECT_EQ(expected, tabulated.contents());
+    EXPECT_EQ(expected, computed.contents());
+  }
+}
+
+TEST(Spill, PullsTheCastOffASubjectInFrontOfAGreenBacking) {
+  // A noisy green backing on the left, a skin-toned subject on the right whose
+  // edge picks up green from the backing, soft alpha across the edge.
+  const unsigned int w = 48, h = 24;
+  GuardedImage src(w, h), dst(w, h);
+  const std::vector<unsigned char> noise = kvtest::PatternBytes(w * h, 9);
+  for (unsigned int y = 0; y < h; ++y) {
+    for (unsigned int x = 0; x < w; ++x) {
+      const int grain = noise[y * w + x] % 9 - 4;
+      const bool backing = x < 20;
+      const int spill = backing ? 0 : std::max(0, 60 - 6 * static_cast<int>(x - 20));
+      src.at(x, y, 0) = static_cast<unsigned char>(backing ? 40 + grain : 110 + grain);
+      src.at(x, y, 1) = static_cast<unsigned char>(backing ? 190 + y + grain : 120 + spill + grain);
+      src.at(x, y, 2) = static_cast<unsigned char>(backing ? 35 + grain : 170 + grain);
+      src.at(x, y, 3) = static_cast<unsigned char>(x < 18 ? 0 : (x < 24 ? 40 * (x - 17) : 255));
+    }
+  }
+  kvo::KVLookupTables& tables = SharedTables();
+  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+  ASSERT_EQ(0, keyer.SetSpillSuppression(kChannelGreen, kSpillStandard, 1.0, 0, 0, 0, 0));
+  ASSERT_EQ(0, keyer.Render());
+  for (unsigned int y = 0; y < h; ++y) {
+    for (unsigned int x = 0; x < w; ++x) {
+      // Green never exceeds red afterwards; blue, red and alpha are untouched,
+      // and pixels without a green excess keep their green.
+      EXPECT_LE(dst.at(x, y, 1), dst.at(x, y, 2)) << x << "," << y;
+      EXPECT_EQ(src.at(x, y, 0), dst.at(x, y, 0));
+      EXPECT_EQ(src.at(x, y, 2), dst.at(x, y, 2));
+      EXPECT_EQ(src.at(x, y, 3), dst.at(x, y, 3));
+      if (src.at(x, y, 1) <= src.at(x, y, 2)) {
+        EXPECT_EQ(src.at(x, y, 1), dst.at(x, y, 1));
+      }
+    }
+  }
+}
+
+// An image that claims a depth other than 8 bits.
+class DeepImage : public KVAbstractImage {
+ public:
+  KVPixelChannelOrder PixelChannelOrder() const override { return kPixelOrderBGRA; }
+  unsigned int BitsPerChannel() const override { return 16; }
+  unsigned int Width() const override { return 1; }
+  unsigned int Height() const override { return 1; }
+  unsigned int BufferSize() const override { return 4; }
+  unsigned int BufferByteSize() const override { return 8; }
+};
+
+TEST(Spill, RenderReturnsAnUnsupportedDepth) {
+  DeepImage deep;
+  GuardedImage dst(1, 1);
+  SpillSuppressor stage(kChannelGreen, kSpillStandard, 1.0, 0, 0, 0, 0);
+  EXPECT_EQ(16, stage.Render(&deep, dst.image(), 0, 1));
+  EXPECT_EQ(0u, stage.Type());
+  EXPECT_EQ(std::vector<unsigned char>(4, 0), dst.contents());
+}
+
+TEST(SpillSetter, ChecksOnlyTheAmount) {
+  kvo::KVLookupTables& tables = SharedTables();
+  GuardedImage src(2, 2), dst(2, 2);
+  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+  EXPECT_EQ(7, keyer.SetSpillSuppression(kChannelGreen, kSpillStandard, -0.01, 0, 0, 0, 0));
+  EXPECT_EQ(7, keyer.SetSpillSuppression(kChannelBlue, kSpillAdvanced, 1.0000001, 0, 0, 0, 0));
+  EXPECT_EQ(0, keyer.RenderQueueCount());
+  EXPECT_EQ(0, keyer.SetSpillSuppression(kChannelGreen, kSpillStandard, std::nan(""), 0, 0, 0, 0));
+  EXPECT_EQ(0, keyer.SetSpillSuppression(kChannelGreen, kSpillAdvanced, 0.0, 1e300, -1e300,
+                                         std::numeric_limits<double>::infinity(), std::nan("")));
+  EXPECT_EQ(0, keyer.SetSpillSuppression(static_cast<KVChannel>(9), static_cast<KVSpillType>(-4), 1.0, 0, 0, 0, 0));
+  EXPECT_EQ(3, keyer.RenderQueueCount());
+}
+
+}  // namespace
