@@ -9,5 +9,6 @@
 #include <kvimage/image.h>
 #include <kvimage/pipeline.h>
 #include <kvimage/colour.h>
+#include <kvimage/blur.h>
 
 #endif

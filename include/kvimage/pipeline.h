@@ -96,6 +96,10 @@ class KVIMAGE_EXPORT KVImageProcessor : public KVAbstractImageProcessor {
   int SetMirror(bool first, bool second);
   int SetSilhouette(KVPixel8_RGB colour);
   int SetMatteView();
+  int SetStackBlur(unsigned int radius, bool horizontal, bool vertical, KVChannelsToProcess channels);
+  int SetYUVBlur(unsigned int radius, KVYUVBlurType type);
+  int SetBoundedStackBlur(unsigned int radius, bool horizontal, bool vertical, KVChannelsToProcess channels,
+                          const kvo::maths::KVRect& rect, double feather);
 
  private:
   KVImageProcessor_Private* m_private;
@@ -127,6 +131,9 @@ class KVIMAGE_EXPORT KVImageKeyer : public KVAbstractImageKeyer {
   unsigned short RenderQueueCount() const override;
   int ClearRenderQueue() override;
   int Render() override;
+
+  int SetYUVBlur(unsigned int radius, KVYUVBlurType type);
+  int SetAlphaStackBlur(unsigned int radius, bool horizontal, bool vertical);
 
  private:
   KVImageKeyer_Private* m_private;

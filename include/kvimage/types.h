@@ -36,6 +36,16 @@ struct KVPixel8_RGB {
 KVIMAGE_EXPORT double DownsampleValue(KVDownsampleFactor factor);
 KVIMAGE_EXPORT unsigned int NumberOfChannels(KVPixelChannelOrder order);
 
+// The passes of the YUV blur over the chroma bytes. Any other value runs no
+// blur: the image only goes through the conversion and back.
+enum KVYUVBlurType {
+  kYUVBlurHorizontal = 0,           // box blur along rows
+  kYUVBlurVertical = 1,             // box blur down columns
+  kYUVBlurHorizontalVertical = 2,   // box blur along rows, then down columns
+  kYUVBlurStack = 3,                // stack blur, both directions
+  kYUVBlurNone = 4                  // no blur (as every value above 3)
+};
+
 }  // namespace image
 }  // namespace kvo
 

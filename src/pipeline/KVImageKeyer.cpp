@@ -1,8 +1,10 @@
+#include <kvimage/blur.h>
 #include <kvimage/pipeline.h>
 
 #include "pipeline/RendererQueue.h"
 #include "pipeline/ResultCodes.h"
 #include "support/CPUExtensions.h"
+#include "support/Conversions.h"
 
 namespace kvo {
 namespace image {
@@ -34,6 +36,24 @@ int KVImageKeyer::ClearRenderQueue() { return m_private->Clear(); }
 int KVImageKeyer::Render() { return m_private->Render(KeyRenderWorkerThread); }
 
 void* KeyRenderWorkerThread(void* data) { return RunRenderThreadData(static_cast<RenderThreadData*>(data)); }
+
+// A radius in the keyer's resolution: radius * DownsampleValue, truncated.
+static unsigned int ScaledKeyerBlurRadius(unsigned int radius, KVDownsampleFactor factor) {
+  return static_cast<unsigned int>(TruncateToInt(static_cast<double>(radius) * DownsampleValue(factor)));
+}
+
+int KVImageKeyer::SetYUVBlur(unsigned int radius, KVYUVBlurType type) {
+  return GuardedCall(
+      [&] { return m_private->Append(new YUVBlurRenderer(ScaledKeyerBlurRadius(radius, m_private->factor), type)); });
+}
+
+int KVImageKeyer::SetAlphaStackBlur(unsigned int radius, bool horizontal, bool vertical) {
+  return GuardedCall([&] {
+    if (!horizontal && !vertical) return static_cast<int>(kResultInvalidCombination);
+    return m_private->Append(new StackBlurRenderer(ScaledKeyerBlurRadius(radius, m_private->factor), horizontal,
+                                                   vertical, kChannelsAlpha));
+  });
+}
 
 }  // namespace image
 }  // namespace kvo

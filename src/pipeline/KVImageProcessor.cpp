@@ -1,9 +1,11 @@
+#include <kvimage/blur.h>
 #include <kvimage/colour.h>
 #include <kvimage/pipeline.h>
 
 #include "pipeline/RendererQueue.h"
 #include "pipeline/ResultCodes.h"
 #include "support/CPUExtensions.h"
+#include "support/Conversions.h"
 
 namespace kvo {
 namespace image {
@@ -53,6 +55,35 @@ int KVImageProcessor::SetSilhouette(KVPixel8_RGB colour) {
 
 int KVImageProcessor::SetMatteView() {
   return GuardedCall([&] { return m_private->Append(new MatteViewRenderer()); });
+}
+
+// A radius in the processor's resolution: radius * DownsampleValue, truncated.
+static unsigned int ScaledBlurRadius(unsigned int radius, KVDownsampleFactor factor) {
+  return static_cast<unsigned int>(TruncateToInt(static_cast<double>(radius) * DownsampleValue(factor)));
+}
+
+int KVImageProcessor::SetStackBlur(unsigned int radius, bool horizontal, bool vertical,
+                                   KVChannelsToProcess channels) {
+  return GuardedCall([&] {
+    if (!horizontal && !vertical) return static_cast<int>(kResultInvalidCombination);
+    return m_private->Append(
+        new StackBlurRenderer(ScaledBlurRadius(radius, m_private->factor), horizontal, vertical, channels));
+  });
+}
+
+int KVImageProcessor::SetYUVBlur(unsigned int radius, KVYUVBlurType type) {
+  return GuardedCall(
+      [&] { return m_private->Append(new YUVBlurRenderer(ScaledBlurRadius(radius, m_private->factor), type)); });
+}
+
+int KVImageProcessor::SetBoundedStackBlur(unsigned int radius, bool horizontal, bool vertical,
+                                          KVChannelsToProcess channels, const kvo::maths::KVRect& rect,
+                                          double feather) {
+  return GuardedCall([&] {
+    if (!horizontal && !vertical) return static_cast<int>(kResultInvalidCombination);
+    return m_private->Append(new BoundedStackBlurRenderer(ScaledBlurRadius(radius, m_private->factor), horizontal,
+                                                          vertical, channels, rect, feather));
+  });
 }
 
 }  // namespace image
