@@ -13,6 +13,12 @@ using kvtest::ScopedCoreCount;
 
 namespace {
 
+// Built once: the tables take a while to fill and are only read.
+kvo::KVLookupTables& Tables() {
+  static kvo::KVLookupTables tables;
+  return tables;
+}
+
 // Runs one SetStackBlur through a processor and returns the destination.
 std::vector<unsigned char> ProcessorStackBlur(const std::vector<unsigned char>& pixels, unsigned int width,
                                               unsigned int height, unsigned int radius, KVChannelsToProcess channels,
@@ -20,7 +26,7 @@ std::vector<unsigned char> ProcessorStackBlur(const std::vector<unsigned char>& 
   ScopedCoreCount cores(threads);
   GuardedImage source(width, height, 1), target(width, height, 0);
   source.fill(pixels);
-  kvo::KVLookupTables tables;
+  kvo::KVLookupTables& tables = Tables();
   KVImageProcessor processor(source.image(), target.image(), tables, kDownsampleNone);
   EXPECT_EQ(0, processor.SetStackBlur(radius, true, true, channels));
   const int code = processor.Render();
@@ -98,7 +104,7 @@ TEST(StackBlur, AlphaOnlyKeepsTheColourBytes) {
   ScopedCoreCount cores(2);
   GuardedImage source(width, height), target(width, height, 1);
   source.fill(pixels);
-  kvo::KVLookupTables tables;
+  kvo::KVLookupTables& tables = Tables();
   KVImageKeyer keyer(source.image(), target.image(), tables, kDownsampleNone);
   EXPECT_EQ(0, keyer.SetAlphaStackBlur(radius, false, true));
   EXPECT_EQ(0, keyer.Render());
@@ -116,7 +122,7 @@ TEST(StackBlur, ColourOnlyAndOtherValuesBlurAllFourBytes) {
 TEST(StackBlur, SettersCheckTheirArguments) {
   std::vector<unsigned char> in(4 * 4 * 4, 9), out(in.size(), 0);
   KVImage8 source(in.data(), 4, 4, kPixelOrderBGRA), target(out.data(), 4, 4, kPixelOrderBGRA);
-  kvo::KVLookupTables tables;
+  kvo::KVLookupTables& tables = Tables();
   KVImageProcessor processor(&source, &target, tables, kDownsampleNone);
   EXPECT_EQ(4, processor.SetStackBlur(3, false, false, kChannelsAll));
   EXPECT_EQ(0, processor.RenderQueueCount());
@@ -135,7 +141,7 @@ TEST(StackBlur, SetterScalesTheRadiusByTheDownsampleFactor) {
   const std::vector<unsigned char> pixels = PatternBytes(width * height * 4, 5);
   std::vector<unsigned char> in(pixels), out(pixels.size());
   KVImage8 source(in.data(), width, height, kPixelOrderBGRA), target(out.data(), width, height, kPixelOrderBGRA);
-  kvo::KVLookupTables tables;
+  kvo::KVLookupTables& tables = Tables();
   KVImageProcessor processor(&source, &target, tables, kDownsampleThird);
   ASSERT_EQ(0, processor.SetStackBlur(10, true, true, kChannelsAll));
   ASSERT_EQ(0, processor.Render());
@@ -150,7 +156,7 @@ TEST(StackBlur, SetterScalesTheRadiusByTheDownsampleFactor) {
 TEST(StackBlur, RadiusBeyondTheArithmeticFailsAsAnAllocation) {
   std::vector<unsigned char> in(8 * 8 * 4, 77), out(in.size(), 1);
   KVImage8 source(in.data(), 8, 8, kPixelOrderBGRA), target(out.data(), 8, 8, kPixelOrderBGRA);
-  kvo::KVLookupTables tables;
+  kvo::KVLookupTables& tables = Tables();
   for (unsigned int radius : {2896u, 100000u, 4294967295u}) {
     KVImageProcessor processor(&source, &target, tables, kDownsampleNone);
     ASSERT_EQ(0, processor.SetStackBlur(radius, true, true, kChannelsAll));
@@ -161,7 +167,7 @@ TEST(StackBlur, RadiusBeyondTheArithmeticFailsAsAnAllocation) {
 
 TEST(StackBlur, EmptyImagesRenderNothing) {
   ScopedCoreCount cores(3);
-  kvo::KVLookupTables tables;
+  kvo::KVLookupTables& tables = Tables();
   for (unsigned int width : {0u, 5u}) {
     GuardedImage source(width, width == 0 ? 5 : 0), target(width, width == 0 ? 5 : 0);
     KVImageProcessor processor(source.image(), target.image(), tables, kDownsampleNone);
