@@ -3,6 +3,7 @@
 
 #include "pipeline/RendererQueue.h"
 #include "pipeline/ResultCodes.h"
+#include "renderers/blur/StackBlurCore.h"
 #include "support/CPUExtensions.h"
 #include "support/Conversions.h"
 
@@ -44,7 +45,8 @@ static unsigned int ScaledKeyerBlurRadius(unsigned int radius, KVDownsampleFacto
 
 int KVImageKeyer::SetYUVBlur(unsigned int radius, KVYUVBlurType type) {
   return GuardedCall(
-      [&] { return m_private->Append(new YUVBlurRenderer(ScaledKeyerBlurRadius(radius, m_private->factor), type)); });
+      [&] { return m_private->Append(new YUVBlurRenderer(ScaledKeyerBlurRadius(radius, m_private->factor),
+                                                  static_cast<KVYUVBlurType>(EnumArgumentValue(type)))); });
 }
 
 int KVImageKeyer::SetAlphaStackBlur(unsigned int radius, bool horizontal, bool vertical) {

@@ -4,6 +4,7 @@
 
 #include "pipeline/RendererQueue.h"
 #include "pipeline/ResultCodes.h"
+#include "renderers/blur/StackBlurCore.h"
 #include "support/CPUExtensions.h"
 #include "support/Conversions.h"
 
@@ -67,13 +68,15 @@ int KVImageProcessor::SetStackBlur(unsigned int radius, bool horizontal, bool ve
   return GuardedCall([&] {
     if (!horizontal && !vertical) return static_cast<int>(kResultInvalidCombination);
     return m_private->Append(
-        new StackBlurRenderer(ScaledBlurRadius(radius, m_private->factor), horizontal, vertical, channels));
+        new StackBlurRenderer(ScaledBlurRadius(radius, m_private->factor), horizontal, vertical,
+                              static_cast<KVChannelsToProcess>(EnumArgumentValue(channels))));
   });
 }
 
 int KVImageProcessor::SetYUVBlur(unsigned int radius, KVYUVBlurType type) {
   return GuardedCall(
-      [&] { return m_private->Append(new YUVBlurRenderer(ScaledBlurRadius(radius, m_private->factor), type)); });
+      [&] { return m_private->Append(new YUVBlurRenderer(ScaledBlurRadius(radius, m_private->factor),
+                                                  static_cast<KVYUVBlurType>(EnumArgumentValue(type)))); });
 }
 
 int KVImageProcessor::SetBoundedStackBlur(unsigned int radius, bool horizontal, bool vertical,
@@ -82,7 +85,8 @@ int KVImageProcessor::SetBoundedStackBlur(unsigned int radius, bool horizontal, 
   return GuardedCall([&] {
     if (!horizontal && !vertical) return static_cast<int>(kResultInvalidCombination);
     return m_private->Append(new BoundedStackBlurRenderer(ScaledBlurRadius(radius, m_private->factor), horizontal,
-                                                          vertical, channels, rect, feather));
+                                                          vertical, static_cast<KVChannelsToProcess>(EnumArgumentValue(channels)),
+                                                          rect, feather));
   });
 }
 

@@ -107,7 +107,7 @@ BoundedStackBlurRenderer::BoundedStackBlurRenderer(unsigned int radius_, bool ho
     : radius(radius_),
       horizontal(horizontal_),
       vertical(vertical_),
-      channels(channels_),
+      channels(EnumArgumentValue(channels_)),
       rect(rect_),
       feather(feather_ > 0.0 ? feather_ : 0.0),  // negative and NaN: a hard edge
       setupWidth(0),

@@ -4,12 +4,24 @@
 // The stack-blur arithmetic shared by every stage that blurs with it.
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include <kvimage/blur.h>
 
 namespace kvo {
 namespace image {
+
+// The integer a host stored in an enumeration argument. Hosts may pass any
+// value cast to the enumeration; it is read as its bytes so that values
+// outside the enumerators are kept as given and never loaded as the enum.
+template <class Enum>
+inline int EnumArgumentValue(const Enum& argument) {
+  static_assert(sizeof(Enum) == sizeof(int), "enumerations are int-sized");
+  int value;
+  std::memcpy(&value, &argument, sizeof value);
+  return value;
+}
 
 // Above this radius 255 * (radius+1)^2, the largest weighted sum of a window,
 // leaves the 32-bit range of the running sums and of the divide table's index.

@@ -193,7 +193,7 @@ StackBlurRenderer::StackBlurRenderer(unsigned int radius_, bool horizontal_, boo
     : radius(radius_),
       horizontal(horizontal_),
       vertical(vertical_),
-      channels(channels_),
+      channels(EnumArgumentValue(channels_)),
       setupWidth(0),
       setupHeight(0),
       divideTableRadius(0) {}

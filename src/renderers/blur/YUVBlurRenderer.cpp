@@ -250,7 +250,7 @@ void* StackBlurHorizYUVProc(void* data) {
 
 // ----- the stage --------------------------------------------------------------
 
-YUVBlurRenderer::YUVBlurRenderer(unsigned int radius_, KVYUVBlurType type) : radius(radius_), blurType(type) {}
+YUVBlurRenderer::YUVBlurRenderer(unsigned int radius_, KVYUVBlurType type) : radius(radius_), blurType(EnumArgumentValue(type)) {}
 
 YUVBlurRenderer::~YUVBlurRenderer() {}
 
