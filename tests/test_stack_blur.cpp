@@ -4,6 +4,7 @@
 #include <kvimage/kvimage.h>
 
 #include "BlurReference.h"
+#include "renderers/blur/StackBlurCore.h"
 #include "TestSupport.h"
 
 using namespace kvo::image;
@@ -243,6 +244,24 @@ TEST(StackBlur, DivideTableRoundsDown) {
   EXPECT_EQ(1, table[9]);
   EXPECT_EQ(255, table[256 * 9 - 1]);
   EXPECT_THROW(StackBlurDivideTable(2896), std::bad_alloc);
+}
+
+TEST(StackBlur, DividerMatchesTheDivideTable) {
+  // The passes divide by multiplication; the table is the oracle.
+  for (uint32_t radius : {0u, 1u, 2u, 7u, 128u}) {
+    const std::vector<int32_t> table = StackBlurDivideTable(radius);
+    const StackBlurDivider divide(radius);
+    for (uint32_t sum = 0; sum < table.size(); ++sum) ASSERT_EQ(table[sum], divide(sum)) << radius << " " << sum;
+  }
+  for (uint32_t radius : {1000u, 2000u, 2895u}) {
+    const uint32_t divsum = (radius + 1) * (radius + 1);
+    const StackBlurDivider divide(radius);
+    for (uint32_t q = 0; q < 256; ++q) {
+      for (uint32_t sum : {q * divsum, q * divsum + 1, q * divsum + divsum / 2, q * divsum + divsum - 1}) {
+        ASSERT_EQ(static_cast<int32_t>(sum / divsum), divide(sum)) << radius << " " << sum;
+      }
+    }
+  }
 }
 
 }  // namespace

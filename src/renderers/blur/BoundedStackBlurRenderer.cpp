@@ -30,7 +30,7 @@ struct BoundedPassData {
   uint32_t height;  // of the rectangle
   int32_t* planes[4];          // rectangle-sized planes between the two passes
   unsigned char* blurred;      // rectangle-sized, four bytes per pixel
-  const int32_t* divideTable;
+  StackBlurDivider divide;
   bool columnsFromPlanes;      // column pass: read the row pass's planes, else the image
   bool rowsToPlanes;           // row pass: write the planes, else the blurred bytes
 };
@@ -55,10 +55,10 @@ void* BoundedRowPassProc(void* record) {
         [&](uint32_t x) { return Enter(x, d.radius, d.width); },
         [&](uint32_t x, const uint32_t* sums) {
           if (d.rowsToPlanes) {
-            for (unsigned c = 0; c < 4; ++c) d.planes[c][outStart + x] = d.divideTable[sums[c]];
+            for (unsigned c = 0; c < 4; ++c) d.planes[c][outStart + x] = d.divide(sums[c]);
           } else {
             unsigned char* out = d.blurred + (outStart + x) * kBytesPerPixel;
-            for (unsigned c = 0; c < 4; ++c) out[c] = static_cast<unsigned char>(d.divideTable[sums[c]]);
+            for (unsigned c = 0; c < 4; ++c) out[c] = static_cast<unsigned char>(d.divide(sums[c]));
           }
         });
   }
@@ -69,23 +69,24 @@ void* BoundedColumnPassProc(void* record) {
   const BoundedPassData& d = *static_cast<BoundedPassData*>(record);
   const LineShare columns = LineShareOf(d.threadIndex, d.linesPerThread, d.width);
   if (columns.first == columns.end) return nullptr;
-  std::vector<uint32_t> stack = StackBlurWindow(d.radius, 4);
-  for (uint32_t x = columns.first; x < columns.end; ++x) {
-    StackBlurLine<4>(
-        d.height, 1, d.radius, stack.data(),
-        [&](size_t y, uint32_t* values) {
+  std::vector<uint32_t> stack = StackBlurWindow(d.radius, 4, kStackBlurLinesPerBlock);
+  for (uint32_t x = columns.first; x < columns.end; x += kStackBlurLinesPerBlock) {
+    const unsigned lines = std::min<uint32_t>(kStackBlurLinesPerBlock, columns.end - x);
+    StackBlurLines<4, kStackBlurLinesPerBlock>(
+        d.height, 1, d.radius, lines, stack.data(),
+        [&](size_t y, unsigned l, uint32_t* values) {
           if (d.columnsFromPlanes) {
-            const size_t at = y * d.width + x;
+            const size_t at = y * d.width + x + l;
             for (unsigned c = 0; c < 4; ++c) values[c] = static_cast<uint32_t>(d.planes[c][at]);
           } else {
-            const unsigned char* p = d.image + ((d.top + y) * d.imageWidth + d.left + x) * kBytesPerPixel;
+            const unsigned char* p = d.image + ((d.top + y) * d.imageWidth + d.left + x + l) * kBytesPerPixel;
             for (unsigned c = 0; c < 4; ++c) values[c] = p[c];
           }
         },
         [&](uint32_t y) { return Enter(y, d.radius, d.height); },
-        [&](uint32_t y, const uint32_t* sums) {
-          unsigned char* out = d.blurred + (static_cast<size_t>(y) * d.width + x) * kBytesPerPixel;
-          for (unsigned c = 0; c < 4; ++c) out[c] = static_cast<unsigned char>(d.divideTable[sums[c]]);
+        [&](uint32_t y, unsigned l, const uint32_t* sums) {
+          unsigned char* out = d.blurred + (static_cast<size_t>(y) * d.width + x + l) * kBytesPerPixel;
+          for (unsigned c = 0; c < 4; ++c) out[c] = static_cast<unsigned char>(d.divide(sums[c]));
         });
   }
   return nullptr;
@@ -155,7 +156,6 @@ void BoundedStackBlurRenderer::Setup(KVAbstractImage* image) {
   const uint32_t rw = right - left, rh = bottom - top;
   const size_t rectPixels = static_cast<size_t>(rw) * rh;
   blurred.resize(rectPixels * kBytesPerPixel);
-  const std::vector<int32_t> divideTable = StackBlurDivideTable(radius);
   const bool both = horizontal && vertical;
   std::vector<int32_t> planeStore(both ? rectPixels * 4 : 0);
   if (threads == 0) return;
@@ -174,7 +174,7 @@ void BoundedStackBlurRenderer::Setup(KVAbstractImage* image) {
     d.height = rh;
     for (unsigned c = 0; c < 4; ++c) d.planes[c] = both ? planeStore.data() + c * rectPixels : nullptr;
     d.blurred = blurred.data();
-    d.divideTable = divideTable.data();
+    d.divide = StackBlurDivider(radius);
     d.rowsToPlanes = both;
     d.columnsFromPlanes = both;
   }

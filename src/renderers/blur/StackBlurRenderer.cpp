@@ -78,7 +78,7 @@ void* StackBlurVertRGBAProc(void* data) {
   return RunPass(data, [](const StackBlurData& d) {
     const unsigned char* pixels = d.pixels;
     int32_t* planes[4] = {d.plane0, d.plane1, d.plane2, d.plane3};
-    const int32_t* table = d.divideTable;
+    const StackBlurDivider divide(d.radius);
     RowPass<4>(
         d,
         [&](size_t pixel, uint32_t* values) {
@@ -89,7 +89,7 @@ void* StackBlurVertRGBAProc(void* data) {
           values[3] = p[3];
         },
         [&](size_t pixel, const uint32_t* sums) {
-          for (unsigned c = 0; c < 4; ++c) planes[c][pixel] = table[sums[c]];
+          for (unsigned c = 0; c < 4; ++c) planes[c][pixel] = divide(sums[c]);
         });
   });
 }
@@ -98,10 +98,10 @@ void* StackBlurVertAlphaProc(void* data) {
   return RunPass(data, [](const StackBlurData& d) {
     const unsigned char* pixels = d.pixels;
     int32_t* plane3 = d.plane3;
-    const int32_t* table = d.divideTable;
+    const StackBlurDivider divide(d.radius);
     RowPass<1>(
         d, [&](size_t pixel, uint32_t* values) { values[0] = pixels[pixel * kBytesPerPixel + kAlphaByte]; },
-        [&](size_t pixel, const uint32_t* sums) { plane3[pixel] = table[sums[0]]; });
+        [&](size_t pixel, const uint32_t* sums) { plane3[pixel] = divide(sums[0]); });
   });
 }
 
@@ -109,7 +109,7 @@ void* StackBlurHorizRGBAProc(void* data) {
   return RunPass(data, [](const StackBlurData& d) {
     unsigned char* pixels = d.pixels;
     const int32_t* planes[4] = {d.plane0, d.plane1, d.plane2, d.plane3};
-    const int32_t* table = d.divideTable;
+    const StackBlurDivider divide(d.radius);
     ColumnPass<4>(
         d,
         [&](size_t pixel, uint32_t* values) {
@@ -117,7 +117,7 @@ void* StackBlurHorizRGBAProc(void* data) {
         },
         [&](size_t pixel, const uint32_t* sums) {
           unsigned char* p = pixels + pixel * kBytesPerPixel;
-          for (unsigned c = 0; c < 4; ++c) p[c] = static_cast<unsigned char>(table[sums[c]]);
+          for (unsigned c = 0; c < 4; ++c) p[c] = static_cast<unsigned char>(divide(sums[c]));
         });
   });
 }
@@ -127,7 +127,7 @@ void* StackBlurHorizAlphaProc(void* data) {
     unsigned char* pixels = d.pixels;
     const unsigned char* source = d.sourcePixels;
     const int32_t* plane3 = d.plane3;
-    const int32_t* table = d.divideTable;
+    const StackBlurDivider divide(d.radius);
     ColumnPass<1>(
         d, [&](size_t pixel, uint32_t* values) { values[0] = static_cast<uint32_t>(plane3[pixel]); },
         [&](size_t pixel, const uint32_t* sums) {
@@ -136,7 +136,7 @@ void* StackBlurHorizAlphaProc(void* data) {
           p[kBlueByte] = s[kBlueByte];
           p[kGreenByte] = s[kGreenByte];
           p[kRedByte] = s[kRedByte];
-          p[kAlphaByte] = static_cast<unsigned char>(table[sums[0]]);
+          p[kAlphaByte] = static_cast<unsigned char>(divide(sums[0]));
         });
   });
 }
@@ -165,10 +165,10 @@ void* StackBlurVertSingleChannelProc(void* data) {
   return RunPass(&pass, [&](const StackBlurData& d) {
     const int32_t* input = single.input;
     int32_t* output = single.output;
-    const int32_t* table = d.divideTable;
+    const StackBlurDivider divide(d.radius);
     RowPass<1>(
         d, [&](size_t pixel, uint32_t* values) { values[0] = static_cast<uint32_t>(input[pixel]); },
-        [&](size_t pixel, const uint32_t* sums) { output[pixel] = table[sums[0]]; });
+        [&](size_t pixel, const uint32_t* sums) { output[pixel] = divide(sums[0]); });
   });
 }
 
@@ -179,10 +179,10 @@ void* StackBlurHorizSingleChannelProc(void* data) {
   return RunPass(&pass, [&](const StackBlurData& d) {
     const int32_t* input = single.input;
     int32_t* output = single.output;
-    const int32_t* table = d.divideTable;
+    const StackBlurDivider divide(d.radius);
     ColumnPass<1>(
         d, [&](size_t pixel, uint32_t* values) { values[0] = static_cast<uint32_t>(input[pixel]); },
-        [&](size_t pixel, const uint32_t* sums) { output[pixel] = table[sums[0]]; });
+        [&](size_t pixel, const uint32_t* sums) { output[pixel] = divide(sums[0]); });
   });
 }
 

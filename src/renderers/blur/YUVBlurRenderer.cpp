@@ -213,7 +213,7 @@ void* StackBlurVertYUVProc(void* data) {
     const unsigned char* pixels = d.yuvPixels->data();
     int32_t* plane0 = d.chromaPlane0->data();
     int32_t* plane1 = d.chromaPlane1->data();
-    const int32_t* table = d.divideTable;
+    const StackBlurDivider divide(d.radius);
     RowPass<2>(
         AsPassData(d),
         [&](size_t pixel, uint32_t* values) {
@@ -221,8 +221,8 @@ void* StackBlurVertYUVProc(void* data) {
           values[1] = pixels[pixel * kBytesPerPixel + kChromaUByte];
         },
         [&](size_t pixel, const uint32_t* sums) {
-          plane0[pixel] = table[sums[0]];
-          plane1[pixel] = table[sums[1]];
+          plane0[pixel] = divide(sums[0]);
+          plane1[pixel] = divide(sums[1]);
         });
   });
 }
@@ -234,7 +234,7 @@ void* StackBlurHorizYUVProc(void* data) {
     unsigned char* pixels = d.yuvPixels->data();
     const int32_t* plane0 = d.chromaPlane0->data();
     const int32_t* plane1 = d.chromaPlane1->data();
-    const int32_t* table = d.divideTable;
+    const StackBlurDivider divide(d.radius);
     ColumnPass<2>(
         AsPassData(d),
         [&](size_t pixel, uint32_t* values) {
@@ -242,8 +242,8 @@ void* StackBlurHorizYUVProc(void* data) {
           values[1] = static_cast<uint32_t>(plane1[pixel]);
         },
         [&](size_t pixel, const uint32_t* sums) {
-          pixels[pixel * kBytesPerPixel + kChromaVByte] = static_cast<unsigned char>(table[sums[0]]);
-          pixels[pixel * kBytesPerPixel + kChromaUByte] = static_cast<unsigned char>(table[sums[1]]);
+          pixels[pixel * kBytesPerPixel + kChromaVByte] = static_cast<unsigned char>(divide(sums[0]));
+          pixels[pixel * kBytesPerPixel + kChromaUByte] = static_cast<unsigned char>(divide(sums[1]));
         });
   });
 }
