@@ -121,6 +121,10 @@ TEST(BoundedStackBlur, RectangleEdgesActAsImageEdges) {
           << c.horizontal << c.vertical << c.channels << " threads " << threads;
     }
   }
+  // A rectangle wider than one block of columns walked side by side.
+  const Bytes wide = PatternBytes(700 * 3 * 4, 87);
+  EXPECT_EQ(ReferenceBounded(wide, 700, 20, 0, 620, 3, 2, kvtest::kAllChannels, true, true),
+            Bounded(wide, 700, 3, {2, true, true, kChannelsAll, KVRect(KVPoint2(20, 0), 600, 5), 0.0}, 1));
   // A rectangle reaching past the image is clipped; radius larger than it.
   const Bytes clipped = ReferenceBounded(pixels, width, 10, 0, 16, 4, 9, kvtest::kAllChannels, true, true);
   EXPECT_EQ(clipped, Bounded(pixels, width, height, {9, true, true, kChannelsAll, KVRect(KVPoint2(10, -4), 30, 8), 0.0}, 3));

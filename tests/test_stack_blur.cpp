@@ -69,13 +69,16 @@ TEST(StackBlur, FiveByOneRowAtRadiusOne) {
 TEST(StackBlur, MatchesTheTriangleWeightedMean) {
   struct Case {
     unsigned int width, height, radius;
-  } cases[] = {{17, 11, 1}, {17, 11, 4}, {6, 5, 9}, {3, 2, 40}, {1, 9, 3}, {9, 1, 3}, {1, 1, 7}, {64, 3, 2}};
+  } cases[] = {{17, 11, 1}, {17, 11, 4}, {6, 5, 9}, {3, 2, 40}, {1, 9, 3}, {9, 1, 3}, {1, 1, 7}, {64, 3, 2},
+               {600, 3, 2}};  // shares wider than one block of columns walked side by side
   for (const Case& c : cases) {
     const std::vector<unsigned char> pixels = PatternBytes(c.width * c.height * 4, c.radius + c.width);
     const std::vector<unsigned char> expected =
         kvtest::ReferenceStackBlur(pixels, c.width, c.height, c.radius, kvtest::kAllChannels);
-    EXPECT_EQ(expected, ProcessorStackBlur(pixels, c.width, c.height, c.radius, kChannelsAll, 2))
-        << c.width << "x" << c.height << " r" << c.radius;
+    for (unsigned int threads : {1u, 2u}) {
+      EXPECT_EQ(expected, ProcessorStackBlur(pixels, c.width, c.height, c.radius, kChannelsAll, threads))
+          << c.width << "x" << c.height << " r" << c.radius;
+    }
   }
 }
 

@@ -69,7 +69,8 @@ void* BoundedColumnPassProc(void* record) {
   const BoundedPassData& d = *static_cast<BoundedPassData*>(record);
   const LineShare columns = LineShareOf(d.threadIndex, d.linesPerThread, d.width);
   if (columns.first == columns.end) return nullptr;
-  std::vector<uint32_t> stack = StackBlurWindow(d.radius, 4, kStackBlurLinesPerBlock);
+  std::vector<uint32_t> stack =
+      StackBlurWindow(d.radius, 4, std::min<uint32_t>(kStackBlurLinesPerBlock, columns.end - columns.first));
   for (uint32_t x = columns.first; x < columns.end; x += kStackBlurLinesPerBlock) {
     const unsigned lines = std::min<uint32_t>(kStackBlurLinesPerBlock, columns.end - x);
     StackBlurLines<4, kStackBlurLinesPerBlock>(
@@ -87,7 +88,8 @@ void* BoundedColumnPassProc(void* record) {
         [&](uint32_t y, unsigned l, const uint32_t* sums) {
           unsigned char* out = d.blurred + (static_cast<size_t>(y) * d.width + x + l) * kBytesPerPixel;
           for (unsigned c = 0; c < 4; ++c) out[c] = static_cast<unsigned char>(d.divide(sums[c]));
-        });
+        },
+        [](uint32_t) {});
   }
   return nullptr;
 }

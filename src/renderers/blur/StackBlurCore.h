@@ -68,9 +68,9 @@ class StackBlurDivider {
   unsigned m_shift;
 };
 
-// The most lines a pass blurs side by side: sixteen adjacent columns share
-// the cache lines of a plane.
-const unsigned kStackBlurLinesPerBlock = 16;
+// The most lines a pass blurs side by side: adjacent columns walked together
+// read whole cache lines of a plane per row instead of one value from each.
+const unsigned kStackBlurLinesPerBlock = 256;
 
 // `lines` (at most MaxLines) lines of the stack blur, side by side, over the
 // positions 0 .. n-1 with C channels. Line l's position p lies at offset
@@ -78,11 +78,12 @@ const unsigned kStackBlurLinesPerBlock = 16;
 //   fetch(offset, l, values): reads line l's C values at an offset;
 //   enter(i): the offset that enters the window after output i (the
 //             edgeIndex entry: min(i + radius + 1, n - 1) * unit);
-//   emit(i, l, sums): writes line l's output i from its C window sums.
+//   emit(i, l, sums): takes line l's output i from its C window sums;
+//   flush(i): called once every line has emitted output i.
 // stack holds (2 * radius + 1) * lines * C values.
-template <unsigned C, unsigned MaxLines, class Fetch, class Enter, class Emit>
+template <unsigned C, unsigned MaxLines, class Fetch, class Enter, class Emit, class Flush>
 inline void StackBlurLines(uint32_t n, size_t unit, uint32_t radius, unsigned lines, uint32_t* stack, Fetch fetch,
-                           Enter enter, Emit emit) {
+                           Enter enter, Emit emit, Flush flush) {
   const int64_t r = radius;
   const uint32_t div = 2 * radius + 1;
   const uint32_t r1 = radius + 1;
@@ -133,6 +134,7 @@ inline void StackBlurLines(uint32_t n, size_t unit, uint32_t radius, unsigned li
         inSum[l][c] -= next[c];
       }
     }
+    flush(i);
     sp = nextSp;
     oldest = oldest + 1 == div ? 0 : oldest + 1;
   }
@@ -144,7 +146,7 @@ inline void StackBlurLine(uint32_t n, size_t unit, uint32_t radius, uint32_t* st
                           Emit emit) {
   StackBlurLines<C, 1>(
       n, unit, radius, 1, stack, [&](size_t offset, unsigned, uint32_t* values) { fetch(offset, values); }, enter,
-      [&](uint32_t i, unsigned, const uint32_t* sums) { emit(i, sums); });
+      [&](uint32_t i, unsigned, const uint32_t* sums) { emit(i, sums); }, [](uint32_t) {});
 }
 
 // The window stack of `lines` lines, (2 * radius + 1) * lines * channels values.
@@ -170,23 +172,33 @@ inline void RowPass(const StackBlurData& data, Fetch fetch, Emit emit) {
   }
 }
 
-// The column pass over the columns of `data`'s share, sixteen columns side by
-// side: fetch(pixel, values), emit(pixel, sums).
-template <unsigned C, class Fetch, class Emit>
-inline void ColumnPass(const StackBlurData& data, Fetch fetch, Emit emit) {
+// The column pass over the columns of `data`'s share, in blocks of columns
+// walked side by side: fetch(pixel, values) reads a pixel's C values; store(pixel, values,
+// count) writes the divided results of `count` adjacent pixels of a row.
+// (The results of a row are gathered locally and stored together: a byte
+// store to the image may alias anything and would make every step reload the
+// pass's state.)
+template <unsigned C, class Fetch, class Store>
+inline void ColumnPass(const StackBlurData& data, Fetch fetch, Store store) {
   if (data.width == 0 || data.height == 0 || data.radius > kLargestStackBlurRadius) return;
   const LineShare columns = LineShareOf(data.threadIndex, data.columnsPerThread, data.width);
   if (columns.first == columns.end) return;
-  std::vector<uint32_t> stack = StackBlurWindow(data.radius, C, kStackBlurLinesPerBlock);
+  std::vector<uint32_t> stack =
+      StackBlurWindow(data.radius, C, std::min<uint32_t>(kStackBlurLinesPerBlock, columns.end - columns.first));
   const int32_t* edgeIndex = data.edgeIndex;
   const size_t width = data.width;
+  const StackBlurDivider divide(data.radius);
+  uint32_t results[kStackBlurLinesPerBlock][C];
   for (uint32_t x = columns.first; x < columns.end; x += kStackBlurLinesPerBlock) {
     const unsigned lines = std::min<uint32_t>(kStackBlurLinesPerBlock, columns.end - x);
     StackBlurLines<C, kStackBlurLinesPerBlock>(
         data.height, width, data.radius, lines, stack.data(),
         [&](size_t offset, unsigned l, uint32_t* values) { fetch(offset + x + l, values); },
         [&](uint32_t y) { return edgeIndex[y]; },
-        [&](uint32_t y, unsigned l, const uint32_t* sums) { emit(static_cast<size_t>(y) * width + x + l, sums); });
+        [&](uint32_t, unsigned l, const uint32_t* sums) {
+          for (unsigned c = 0; c < C; ++c) results[l][c] = static_cast<uint32_t>(divide(sums[c]));
+        },
+        [&](uint32_t y) { store(static_cast<size_t>(y) * width + x, results, lines); });
   }
 }
 

@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstring>
 #include <new>
 
 #include <kvimage/blur.h>
@@ -109,15 +110,17 @@ void* StackBlurHorizRGBAProc(void* data) {
   return RunPass(data, [](const StackBlurData& d) {
     unsigned char* pixels = d.pixels;
     const int32_t* planes[4] = {d.plane0, d.plane1, d.plane2, d.plane3};
-    const StackBlurDivider divide(d.radius);
     ColumnPass<4>(
         d,
         [&](size_t pixel, uint32_t* values) {
           for (unsigned c = 0; c < 4; ++c) values[c] = static_cast<uint32_t>(planes[c][pixel]);
         },
-        [&](size_t pixel, const uint32_t* sums) {
-          unsigned char* p = pixels + pixel * kBytesPerPixel;
-          for (unsigned c = 0; c < 4; ++c) p[c] = static_cast<unsigned char>(divide(sums[c]));
+        [&](size_t pixel, const uint32_t (*results)[4], unsigned count) {
+          unsigned char bytes[kStackBlurLinesPerBlock * kBytesPerPixel];
+          for (unsigned l = 0; l < count; ++l) {
+            for (unsigned c = 0; c < 4; ++c) bytes[l * kBytesPerPixel + c] = static_cast<unsigned char>(results[l][c]);
+          }
+          std::memcpy(pixels + pixel * kBytesPerPixel, bytes, count * kBytesPerPixel);
         });
   });
 }
@@ -127,16 +130,15 @@ void* StackBlurHorizAlphaProc(void* data) {
     unsigned char* pixels = d.pixels;
     const unsigned char* source = d.sourcePixels;
     const int32_t* plane3 = d.plane3;
-    const StackBlurDivider divide(d.radius);
     ColumnPass<1>(
         d, [&](size_t pixel, uint32_t* values) { values[0] = static_cast<uint32_t>(plane3[pixel]); },
-        [&](size_t pixel, const uint32_t* sums) {
-          unsigned char* p = pixels + pixel * kBytesPerPixel;
-          const unsigned char* s = source + pixel * kBytesPerPixel;
-          p[kBlueByte] = s[kBlueByte];
-          p[kGreenByte] = s[kGreenByte];
-          p[kRedByte] = s[kRedByte];
-          p[kAlphaByte] = static_cast<unsigned char>(divide(sums[0]));
+        [&](size_t pixel, const uint32_t (*results)[1], unsigned count) {
+          unsigned char bytes[kStackBlurLinesPerBlock * kBytesPerPixel];
+          std::memcpy(bytes, source + pixel * kBytesPerPixel, count * kBytesPerPixel);
+          for (unsigned l = 0; l < count; ++l) {
+            bytes[l * kBytesPerPixel + kAlphaByte] = static_cast<unsigned char>(results[l][0]);
+          }
+          std::memcpy(pixels + pixel * kBytesPerPixel, bytes, count * kBytesPerPixel);
         });
   });
 }
@@ -179,10 +181,11 @@ void* StackBlurHorizSingleChannelProc(void* data) {
   return RunPass(&pass, [&](const StackBlurData& d) {
     const int32_t* input = single.input;
     int32_t* output = single.output;
-    const StackBlurDivider divide(d.radius);
     ColumnPass<1>(
         d, [&](size_t pixel, uint32_t* values) { values[0] = static_cast<uint32_t>(input[pixel]); },
-        [&](size_t pixel, const uint32_t* sums) { output[pixel] = divide(sums[0]); });
+        [&](size_t pixel, const uint32_t (*results)[1], unsigned count) {
+          for (unsigned l = 0; l < count; ++l) output[pixel + l] = static_cast<int32_t>(results[l][0]);
+        });
   });
 }
 

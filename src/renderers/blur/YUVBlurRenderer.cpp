@@ -234,16 +234,17 @@ void* StackBlurHorizYUVProc(void* data) {
     unsigned char* pixels = d.yuvPixels->data();
     const int32_t* plane0 = d.chromaPlane0->data();
     const int32_t* plane1 = d.chromaPlane1->data();
-    const StackBlurDivider divide(d.radius);
     ColumnPass<2>(
         AsPassData(d),
         [&](size_t pixel, uint32_t* values) {
           values[0] = static_cast<uint32_t>(plane0[pixel]);
           values[1] = static_cast<uint32_t>(plane1[pixel]);
         },
-        [&](size_t pixel, const uint32_t* sums) {
-          pixels[pixel * kBytesPerPixel + kChromaVByte] = static_cast<unsigned char>(divide(sums[0]));
-          pixels[pixel * kBytesPerPixel + kChromaUByte] = static_cast<unsigned char>(divide(sums[1]));
+        [&](size_t pixel, const uint32_t (*results)[2], unsigned count) {
+          for (unsigned l = 0; l < count; ++l) {
+            pixels[(pixel + l) * kBytesPerPixel + kChromaVByte] = static_cast<unsigned char>(results[l][0]);
+            pixels[(pixel + l) * kBytesPerPixel + kChromaUByte] = static_cast<unsigned char>(results[l][1]);
+          }
         });
   });
 }
