@@ -11,5 +11,6 @@
 #include <kvimage/colour.h>
 #include <kvimage/compositing.h>
 #include <kvimage/keying.h>
+#include <kvimage/blur.h>
 
 #endif

@@ -106,6 +106,10 @@ class KVIMAGE_EXPORT KVImageProcessor : public KVAbstractImageProcessor {
   int SetHueColorize(double hue, double amount);
   int SetTint(KVTintType type, double amount);
   int SetThreeStripColor(double a, double b, double c);
+  int SetStackBlur(unsigned int radius, bool horizontal, bool vertical, KVChannelsToProcess channels);
+  int SetYUVBlur(unsigned int radius, KVYUVBlurType type);
+  int SetBoundedStackBlur(unsigned int radius, bool horizontal, bool vertical, KVChannelsToProcess channels,
+                          const kvo::maths::KVRect& rect, double feather);
 
  private:
   KVImageProcessor_Private* m_private;
@@ -154,6 +158,9 @@ class KVIMAGE_EXPORT KVImageKeyer : public KVAbstractImageKeyer {
                           double greenFactor, double blueFactor, double referenceFactor);
   int SetAlphaCrop(double left, double top, double right, double bottom);
   int SetWhiteErode(KVWhiteErodeDirection direction, int size);
+
+  int SetYUVBlur(unsigned int radius, KVYUVBlurType type);
+  int SetAlphaStackBlur(unsigned int radius, bool horizontal, bool vertical);
 
 
  private:

@@ -126,6 +126,16 @@ enum KVWhiteErodeDirection : int {
   kWhiteErodeLeftward = 2    // the pixel and those to its right, rows only
 };
 
+// The passes of the YUV blur over the chroma bytes. Any other value runs no
+// blur: the image only goes through the conversion and back.
+enum KVYUVBlurType : int {
+  kYUVBlurHorizontal = 0,           // box blur along rows
+  kYUVBlurVertical = 1,             // box blur down columns
+  kYUVBlurHorizontalVertical = 2,   // box blur along rows, then down columns
+  kYUVBlurStack = 3,                // stack blur, both directions
+  kYUVBlurNone = 4                  // no blur (as every value above 3)
+};
+
 }  // namespace image
 }  // namespace kvo
 

@@ -1,11 +1,12 @@
-#include <kvimage/keying.h>
+#include <kvimage/blur.h>
 #include <kvimage/colour.h>
+#include <kvimage/keying.h>
 #include <kvimage/pipeline.h>
 
 #include "pipeline/RendererQueue.h"
 #include "pipeline/ResultCodes.h"
-#include "support/Conversions.h"
 #include "support/CPUExtensions.h"
+#include "support/Conversions.h"
 
 namespace kvo {
 namespace image {
@@ -85,6 +86,18 @@ int KVImageKeyer::SetWhiteErode(KVWhiteErodeDirection direction, int size) {
     if (size < 0) return static_cast<int>(kResultOutOfRange);
     const int scaled = TruncateToInt(size * DownsampleValue(m_private->factor));
     return m_private->Append(new WhiteErodeRenderer(direction, scaled));
+  });
+}
+
+int KVImageKeyer::SetYUVBlur(unsigned int radius, KVYUVBlurType type) {
+  return GuardedCall([&] { return m_private->Append(new YUVBlurRenderer(m_private->ScaledRadius(radius), type)); });
+}
+
+int KVImageKeyer::SetAlphaStackBlur(unsigned int radius, bool horizontal, bool vertical) {
+  return GuardedCall([&] {
+    if (!horizontal && !vertical) return static_cast<int>(kResultInvalidCombination);
+    return m_private->Append(
+        new StackBlurRenderer(m_private->ScaledRadius(radius), horizontal, vertical, kChannelsAlpha));
   });
 }
 

@@ -1,9 +1,11 @@
+#include <kvimage/blur.h>
 #include <kvimage/colour.h>
 #include <kvimage/pipeline.h>
 
 #include "pipeline/RendererQueue.h"
 #include "pipeline/ResultCodes.h"
 #include "support/CPUExtensions.h"
+#include "support/Conversions.h"
 
 namespace kvo {
 namespace image {
@@ -135,6 +137,27 @@ int KVImageProcessor::SetThreeStripColor(double a, double b, double c) {
   return GuardedCall([&] {
     if (a < 0.0 || a > 1.0 || b < 0.0 || b > 1.0 || c < 0.0 || c > 1.0) return static_cast<int>(kResultOutOfRange);
     return m_private->Append(new ThreeStripColorRenderer(a, b, c));
+  });
+}
+
+int KVImageProcessor::SetStackBlur(unsigned int radius, bool horizontal, bool vertical, KVChannelsToProcess channels) {
+  return GuardedCall([&] {
+    if (!horizontal && !vertical) return static_cast<int>(kResultInvalidCombination);
+    return m_private->Append(new StackBlurRenderer(m_private->ScaledRadius(radius), horizontal, vertical, channels));
+  });
+}
+
+int KVImageProcessor::SetYUVBlur(unsigned int radius, KVYUVBlurType type) {
+  return GuardedCall([&] { return m_private->Append(new YUVBlurRenderer(m_private->ScaledRadius(radius), type)); });
+}
+
+int KVImageProcessor::SetBoundedStackBlur(unsigned int radius, bool horizontal, bool vertical,
+                                          KVChannelsToProcess channels, const kvo::maths::KVRect& rect,
+                                          double feather) {
+  return GuardedCall([&] {
+    if (!horizontal && !vertical) return static_cast<int>(kResultInvalidCombination);
+    return m_private->Append(
+        new BoundedStackBlurRenderer(m_private->ScaledRadius(radius), horizontal, vertical, channels, rect, feather));
   });
 }
 

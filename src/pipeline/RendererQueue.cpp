@@ -1,6 +1,7 @@
 #include "pipeline/RendererQueue.h"
 
 #include "pipeline/ResultCodes.h"
+#include "support/Conversions.h"
 
 namespace kvo {
 namespace image {
@@ -9,6 +10,10 @@ int RendererQueue::Append(AbstractRenderer* stage) {
   std::tr1::shared_ptr<AbstractRenderer> held(stage);
   queue.push_back(held);
   return kResultSuccess;
+}
+
+unsigned int RendererQueue::ScaledRadius(unsigned int radius) const {
+  return static_cast<unsigned int>(TruncateToInt(static_cast<double>(radius) * DownsampleValue(factor)));
 }
 
 unsigned short RendererQueue::Count() const { return static_cast<unsigned short>(queue.size()); }

@@ -1,10 +1,10 @@
 #ifndef KVIMAGE_SRC_PIPELINE_RENDERERQUEUE_H
 #define KVIMAGE_SRC_PIPELINE_RENDERERQUEUE_H
 
+#include <kvimage/pipeline.h>
+
 #include <tr1/memory>
 #include <vector>
-
-#include <kvimage/pipeline.h>
 
 #include "support/Threads.h"
 
@@ -26,6 +26,9 @@ struct RendererQueue {
   // Takes ownership of stage and appends it; returns 0.
   int Append(AbstractRenderer* stage);
   unsigned short Count() const;
+  // A radius in the front end's resolution: radius * DownsampleValue(factor),
+  // truncated toward zero.
+  unsigned int ScaledRadius(unsigned int radius) const;
   int Clear();
   // Runs every stage in order: stage 0 reads the source, each stage but the
   // last writes a fresh zero-filled image that the next one reads and that is

@@ -1,0 +1,253 @@
+#ifndef KVIMAGE_BLUR_H
+#define KVIMAGE_BLUR_H
+
+#include <cstdint>
+#include <tr1/memory>
+#include <vector>
+
+#include <kvimage/export.h>
+#include <kvimage/image.h>
+#include <kvimage/pipeline.h>
+#include <kvimage/support.h>
+#include <kvimage/types.h>
+
+namespace kvo {
+namespace image {
+
+// ---------------------------------------------------------------------------
+// Stack blur: every pixel becomes the triangle-weighted mean of the pixels
+// within `radius` of it (edge pixels repeat), computed with running sums so
+// that the cost per pixel does not depend on the radius.
+//
+// The row pass ("Vert" procedures, they walk along rows) runs in Setup on the
+// stage's own threads and leaves one 32-bit plane per channel; the column pass
+// ("Horiz" procedures, they walk down columns) runs in Render, one share of
+// columns per render thread.
+//
+// The largest radius is 2895: beyond it the weighted sums of a window no
+// longer fit the 32-bit arithmetic and the divide table (256 * (radius+1)^2
+// entries) cannot be built, so Setup throws std::bad_alloc (result code 8).
+// ---------------------------------------------------------------------------
+
+// One pass procedure's work. Only the fields a pass reads are filled.
+struct StackBlurData {
+  uint32_t threadIndex;
+  uint32_t rowsPerThread;      // row pass
+  uint32_t columnsPerThread;   // column pass
+  uint32_t width;
+  uint32_t height;
+  uint32_t radius;
+  int32_t* plane3;             // alpha (byte 3)
+  int32_t* plane2;             // byte 2, all-channel mode only
+  int32_t* plane1;             // byte 1, all-channel mode only
+  int32_t* plane0;             // byte 0, all-channel mode only
+  unsigned char* pixels;       // row pass: read; column pass: written
+  const unsigned char* sourcePixels;  // column pass, alpha-only mode: colour bytes kept
+  const int32_t* edgeIndex;    // the entering position of every step, filled before the pass starts
+  // divideTable[i] = i / (radius+1)^2. The passes divide their sums with an
+  // exact multiply-and-shift giving the same values, which stays in registers
+  // where a table of 256 * (radius+1)^2 entries outgrows the caches.
+  const int32_t* divideTable;
+};
+
+// The pass procedures: each takes a StackBlurData* and returns null (at once
+// when given none). The edgeIndex entries are thread-independent and are
+// filled by the caller before the threads start: for a row pass entry x holds
+// min(x + radius + 1, width - 1), for a column pass entry y holds
+// min(y + radius + 1, height - 1) * width.
+KVIMAGE_EXPORT void* StackBlurVertRGBAProc(void* data);
+KVIMAGE_EXPORT void* StackBlurVertAlphaProc(void* data);
+KVIMAGE_EXPORT void* StackBlurHorizRGBAProc(void* data);
+KVIMAGE_EXPORT void* StackBlurHorizAlphaProc(void* data);
+
+// The single-channel passes: the row or the column pass on one plane of
+// 32-bit values (one per pixel, 0..255), written as divideTable[sum] into a
+// second plane (not the input plane).
+struct StackBlurSingleChannelData {
+  uint32_t threadIndex;
+  uint32_t rowsPerThread;     // StackBlurVertSingleChannelProc
+  uint32_t columnsPerThread;  // StackBlurHorizSingleChannelProc
+  uint32_t width;
+  uint32_t height;
+  uint32_t radius;
+  const int32_t* input;
+  int32_t* output;
+  const int32_t* edgeIndex;   // as for the four-channel passes of the same direction
+  const int32_t* divideTable;
+};
+
+KVIMAGE_EXPORT void* StackBlurVertSingleChannelProc(void* data);
+KVIMAGE_EXPORT void* StackBlurHorizSingleChannelProc(void* data);
+
+// Fills the tables a pass reads. StackBlurDivideTable throws std::bad_alloc
+// for a radius above 2895 (see above) and for a table larger than the
+// machine's memory.
+KVIMAGE_EXPORT std::vector<int32_t> StackBlurDivideTable(uint32_t radius);
+KVIMAGE_EXPORT void FillStackBlurRowEdgeIndex(int32_t* edgeIndex, uint32_t width, uint32_t radius);
+KVIMAGE_EXPORT void FillStackBlurColumnEdgeIndex(int32_t* edgeIndex, uint32_t width, uint32_t height,
+                                                 uint32_t radius);
+
+// Channels 3 blurs alpha alone and keeps the render source's colour bytes;
+// every other value blurs all four bytes. The two flags are stored and not
+// read: the blur always runs in both directions.
+class KVIMAGE_EXPORT StackBlurRenderer : public AbstractRenderer {
+ public:
+  StackBlurRenderer(unsigned int radius, bool horizontal, bool vertical, KVChannelsToProcess channels);
+  ~StackBlurRenderer() override;
+  StackBlurRenderer(const StackBlurRenderer&) = delete;
+  StackBlurRenderer& operator=(const StackBlurRenderer&) = delete;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
+
+ private:
+  bool AlphaOnly() const { return channels == kChannelsAlpha; }
+
+  uint32_t radius;
+  [[maybe_unused]] bool horizontal;
+  [[maybe_unused]] bool vertical;
+  int channels;  // the KVChannelsToProcess value, kept as given
+  std::vector<int32_t> plane0;
+  std::vector<int32_t> plane1;
+  std::vector<int32_t> plane2;
+  std::vector<int32_t> plane3;
+  std::vector<int32_t> edgeIndex;
+  std::vector<int32_t> divideTable;
+  // The size of the image the planes were computed from (0 x 0 before any
+  // Setup); Render renders nothing for images of another size.
+  uint32_t setupWidth;
+  uint32_t setupHeight;
+  uint32_t divideTableRadius;
+};
+
+// ---------------------------------------------------------------------------
+// YUV blur: blurs the two chroma bytes of a luma/chroma form of the image
+// (bytes: 0 chroma V, 1 chroma U, 2 luma Y, 3 alpha) and converts back.
+// ---------------------------------------------------------------------------
+
+typedef std::tr1::shared_ptr<std::vector<unsigned char> > SharedByteArray;
+typedef std::tr1::shared_ptr<std::vector<int32_t> > SharedIntArray;
+
+// A conversion share: the byte range GetBufferSizePerThread gives.
+struct YUVBlurData {
+  unsigned char threadCount;
+  unsigned char threadIndex;
+  KVAbstractImage* image;  // read by the forward conversion, written by the backward one
+  uint32_t byteSize;
+  SharedByteArray yuvPixels;
+};
+
+// A box pass share.
+struct YUVBoxBlurData {
+  uint32_t threadCount;
+  uint32_t threadIndex;
+  SharedByteArray yuvPixels;
+  uint32_t height;
+  uint32_t width;
+  uint32_t radius;
+  // The vertical pass runs in two phases: 0 walks the columns a share owns,
+  // 1 the extra walk past the share's end (see VerticalYUVBlurProc).
+  uint32_t phase;
+};
+
+// A chroma stack-blur share.
+struct YUVStackBlurData {
+  uint32_t threadIndex;
+  uint32_t rowsPerThread;
+  uint32_t columnsPerThread;
+  uint32_t width;
+  uint32_t height;
+  uint32_t radius;
+  SharedIntArray chromaPlane0;
+  SharedIntArray chromaPlane1;
+  SharedByteArray yuvPixels;
+  SharedIntArray edgeIndex;
+  const int32_t* divideTable;
+};
+
+KVIMAGE_EXPORT void* YUVBlurConvertToProc(void* data);
+KVIMAGE_EXPORT void* YUVBlurConvertFromProc(void* data);
+KVIMAGE_EXPORT void* HorizontalYUVBlurProc(void* data);
+KVIMAGE_EXPORT void* VerticalYUVBlurProc(void* data);
+KVIMAGE_EXPORT void* StackBlurVertYUVProc(void* data);
+KVIMAGE_EXPORT void* StackBlurHorizYUVProc(void* data);
+
+class KVIMAGE_EXPORT YUVBlurRenderer : public AbstractRenderer {
+ public:
+  YUVBlurRenderer(unsigned int radius, KVYUVBlurType type);
+  ~YUVBlurRenderer() override;
+  YUVBlurRenderer(const YUVBlurRenderer&) = delete;
+  YUVBlurRenderer& operator=(const YUVBlurRenderer&) = delete;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
+
+ private:
+  void RunBoxPass(void* (*pass)(void*), uint32_t width, uint32_t height, uint32_t phase);
+  void RunStackBlur(uint32_t width, uint32_t height);
+
+  uint32_t radius;
+  int blurType;  // the KVYUVBlurType value, kept as given
+  SharedByteArray yuvPixels;
+  SharedIntArray chromaPlane0;
+  SharedIntArray chromaPlane1;
+  SharedIntArray edgeIndex;
+};
+
+// ---------------------------------------------------------------------------
+// Bounded stack blur: the stack blur inside a rectangle (in image pixels,
+// clipped to the image), whose edges act as the image's edges; pixels outside
+// it are the source's. horizontal / vertical choose the passes; channels 3
+// blurs alpha alone, 4 the colour bytes alone (alpha copied), any other value
+// all four bytes. Within `feather` pixels inside a rectangle edge that lies
+// inside the image, the output ramps linearly from the source to the blurred
+// value (a negative or NaN feather acts as 0: a hard edge).
+// ---------------------------------------------------------------------------
+class KVIMAGE_EXPORT BoundedStackBlurRenderer : public AbstractRenderer {
+ public:
+  BoundedStackBlurRenderer(unsigned int radius, bool horizontal, bool vertical, KVChannelsToProcess channels,
+                           const kvo::maths::KVRect& rect, double feather);
+  ~BoundedStackBlurRenderer() override;
+  BoundedStackBlurRenderer(const BoundedStackBlurRenderer&) = delete;
+  BoundedStackBlurRenderer& operator=(const BoundedStackBlurRenderer&) = delete;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
+
+ private:
+  // The weight of the blurred value at a pixel inside the rectangle, 0..1.
+  double BlurWeight(uint32_t x, uint32_t y) const;
+
+  uint32_t radius;
+  bool horizontal;
+  bool vertical;
+  int channels;  // the KVChannelsToProcess value, kept as given
+  kvo::maths::KVRect rect;
+  double feather;
+
+  // From the last Setup: the image size, the clipped rectangle (right and
+  // bottom exclusive), the feathered edges and the blurred rectangle, four
+  // bytes per pixel.
+  uint32_t setupWidth;
+  uint32_t setupHeight;
+  uint32_t left;
+  uint32_t top;
+  uint32_t right;
+  uint32_t bottom;
+  bool featherLeft;
+  bool featherTop;
+  bool featherRight;
+  bool featherBottom;
+  std::vector<unsigned char> blurred;
+};
+
+}  // namespace image
+}  // namespace kvo
+
+#endif

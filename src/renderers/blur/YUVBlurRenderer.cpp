@@ -1,0 +1,374 @@
+#include <algorithm>
+#include <vector>
+
+#include <kvimage/blur.h>
+
+#include "renderers/blur/StackBlurCore.h"
+#include "support/Conversions.h"
+#include "support/PixelLayout.h"
+#include "support/ThreadShare.h"
+#include "support/Threads.h"
+
+namespace kvo {
+namespace image {
+
+namespace {
+
+// Bytes of a converted pixel.
+enum : unsigned int { kChromaVByte = 0, kChromaUByte = 1, kLumaByte = 2 };
+
+size_t ArrayBytes(const SharedByteArray& array) { return array ? array->size() : 0; }
+
+// One box-blur walk over `length` positions start + j * stride (byte offsets
+// of a pixel's first byte), in place on bytes 0 and 1: every position gets the
+// mean of the unblurred values within `radius` positions of it, the window
+// clipped to the walk and divided by the number of positions in it. A trailing
+// position writes while a leading cursor, radius + 1 positions ahead, adds the
+// values that enter; two rings keep the unblurred values of the last
+// radius + 1 positions written, for the values that leave.
+void BoxBlurWalk(unsigned char* bytes, int64_t start, int64_t stride, int64_t length, uint32_t radius,
+                 std::vector<unsigned char>& ring0, std::vector<unsigned char>& ring1) {
+  if (length <= 0) return;
+  const int64_t r = radius;
+  uint32_t sum0 = 0, sum1 = 0, count = 0;
+  uint32_t ringPosition = 0;
+  int64_t cursor = 0;
+  for (int64_t t = -(r + 1); t < length; ++t) {
+    if (t >= 0) {
+      unsigned char* p = bytes + start + t * stride;
+      ring0[ringPosition] = p[kChromaVByte];
+      ring1[ringPosition] = p[kChromaUByte];
+      p[kChromaVByte] = static_cast<unsigned char>(sum0 / count);
+      p[kChromaUByte] = static_cast<unsigned char>(sum1 / count);
+      ringPosition = ringPosition == radius ? 0 : ringPosition + 1;
+    }
+    if (cursor < length) {
+      const unsigned char* p = bytes + start + cursor * stride;
+      sum0 += p[kChromaVByte];
+      sum1 += p[kChromaUByte];
+      ++count;
+      ++cursor;
+    }
+    if (t - r >= 0) {
+      sum0 -= ring0[ringPosition];
+      sum1 -= ring1[ringPosition];
+      --count;
+    }
+  }
+}
+
+// A window wider than the walk covers the whole walk at every position, so a
+// radius beyond the longest walk gives the same bytes as that length.
+uint32_t UsefulBoxRadius(uint32_t radius, uint32_t longestWalk) { return std::min(radius, longestWalk); }
+
+template <class Body>
+void* RunRecord(void* data, Body body) {
+  if (data == nullptr) return nullptr;
+  try {
+    body(data);
+  } catch (std::exception&) {
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+// ----- conversions ------------------------------------------------------------
+
+void* YUVBlurConvertToProc(void* data) {
+  return RunRecord(data, [](void* record) {
+    const YUVBlurData& d = *static_cast<YUVBlurData*>(record);
+    if (d.image == nullptr || d.threadCount == 0 || !d.yuvPixels) return;
+    int t299[256], t587[256], t114[256];
+    for (int v = 0; v < 256; ++v) {
+      t299[v] = TruncateToInt(v * 0.299);
+      t587[v] = TruncateToInt(v * 0.587);
+      t114[v] = TruncateToInt(v * 0.114);
+    }
+    const size_t limit = std::min<size_t>(std::min<size_t>(d.image->BufferByteSize(), ArrayBytes(d.yuvPixels)),
+                                          static_cast<size_t>(d.image->Width()) * d.image->Height() * kBytesPerPixel);
+    const ShareRun share = ByteShare(d.image->Width(), d.image->Height(), d.threadIndex, d.threadCount, limit);
+    const unsigned char* in = PixelBytes(d.image) + share.start;
+    unsigned char* out = d.yuvPixels->data() + share.start;
+    for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
+      const int red = in[i + kRedByte], green = in[i + kGreenByte], blue = in[i + kBlueByte];
+      const int luma = t299[red] + t587[green] + t114[blue];
+      out[i + kChromaVByte] = static_cast<unsigned char>(TruncateToInt((red - luma) * 0.713) - 128);
+      out[i + kChromaUByte] = static_cast<unsigned char>(TruncateToInt((blue - luma) * 0.565) - 128);
+      out[i + kLumaByte] = static_cast<unsigned char>(luma);
+      out[i + kAlphaByte] = in[i + kAlphaByte];
+    }
+  });
+}
+
+void* YUVBlurConvertFromProc(void* data) {
+  return RunRecord(data, [](void* record) {
+    const YUVBlurData& d = *static_cast<YUVBlurData*>(record);
+    if (d.image == nullptr || d.threadCount == 0 || !d.yuvPixels) return;
+    // Indexed by chroma byte c, i.e. the signed value c - 128.
+    int a[256], b[256], c[256], e[256];
+    for (int v = -128; v < 128; ++v) {
+      a[v + 128] = TruncateToInt(v * 1.403);
+      b[v + 128] = TruncateToInt(v * 1.77);
+      c[v + 128] = TruncateToInt(v * 0.344);
+      e[v + 128] = TruncateToInt(v * 0.714);
+    }
+    const size_t limit = std::min<size_t>(std::min<size_t>(d.image->BufferByteSize(), ArrayBytes(d.yuvPixels)),
+                                          static_cast<size_t>(d.image->Width()) * d.image->Height() * kBytesPerPixel);
+    const ShareRun share = ByteShare(d.image->Width(), d.image->Height(), d.threadIndex, d.threadCount, limit);
+    const unsigned char* in = d.yuvPixels->data() + share.start;
+    unsigned char* out = PixelBytes(d.image) + share.start;
+    for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
+      const int luma = in[i + kLumaByte], u = in[i + kChromaUByte], v = in[i + kChromaVByte];
+      out[i + kBlueByte] = static_cast<unsigned char>(ClampToByte(luma + b[u]));
+      out[i + kGreenByte] = static_cast<unsigned char>(ClampToByte(luma - c[u] - e[v]));
+      out[i + kRedByte] = static_cast<unsigned char>(ClampToByte(luma + a[v]));
+      out[i + kAlphaByte] = in[i + kAlphaByte];
+    }
+  });
+}
+
+// ----- box blurs --------------------------------------------------------------
+
+void* HorizontalYUVBlurProc(void* data) {
+  return RunRecord(data, [](void* record) {
+    const YUVBoxBlurData& d = *static_cast<YUVBoxBlurData*>(record);
+    const size_t bytes = static_cast<size_t>(d.width) * d.height * kBytesPerPixel;
+    if (bytes == 0 || ArrayBytes(d.yuvPixels) < bytes) return;
+    const LineShare rows = LineShareOf(d.threadIndex, LinesPerThread(d.height, d.threadCount), d.height);
+    const uint32_t radius = UsefulBoxRadius(d.radius, d.width);
+    std::vector<unsigned char> ring0(radius + 1), ring1(radius + 1);
+    const int64_t rowBytes = static_cast<int64_t>(d.width) * kBytesPerPixel;
+    // Each share's leading cursor starts at its own first row (a walk from the
+    // buffer's start would only read and discard the rows before it).
+    for (uint32_t y = rows.first; y < rows.end; ++y) {
+      BoxBlurWalk(d.yuvPixels->data(), y * rowBytes, kBytesPerPixel, d.width, radius, ring0, ring1);
+    }
+  });
+}
+
+// Each share walks its own columns and then the first column past its end:
+// the next share's first column, or, for the share that reaches the right
+// edge, the columns past it, which continue in columns 0, 1, ... one row down.
+// The walk of the share's column k stops at the byte offset
+// width * 4 * height - 4 * columnsPerThread + 4 * k, so a share that reaches
+// the right edge leaves the bottom row of its columns alone. Phase 0 walks the
+// columns a share owns, phase 1 (started after every share's phase 0) the
+// columns past its end, on the values their owners wrote.
+void* VerticalYUVBlurProc(void* data) {
+  return RunRecord(data, [](void* record) {
+    const YUVBoxBlurData& d = *static_cast<YUVBoxBlurData*>(record);
+    const int64_t width = d.width, height = d.height;
+    const int64_t bytes = width * height * kBytesPerPixel;
+    if (bytes == 0 || static_cast<int64_t>(ArrayBytes(d.yuvPixels)) < bytes) return;
+    const int64_t columnsPerThread = LinesPerThread(d.width, d.threadCount);
+    const int64_t first = static_cast<int64_t>(d.threadIndex) * columnsPerThread;
+    if (columnsPerThread == 0 || first >= width) return;
+    const int64_t owned = std::min(columnsPerThread, width - first);
+    const int64_t kBegin = d.phase == 0 ? 0 : owned;
+    const int64_t kEnd = d.phase == 0 ? owned : columnsPerThread + 1;
+
+    const uint32_t radius = UsefulBoxRadius(d.radius, d.height);
+    std::vector<unsigned char> ring0(radius + 1), ring1(radius + 1);
+    const int64_t stride = width * kBytesPerPixel;
+    for (int64_t k = kBegin; k < kEnd; ++k) {
+      const int64_t start = (first + k) * kBytesPerPixel;
+      const int64_t bound = bytes - kBytesPerPixel * columnsPerThread + kBytesPerPixel * k;
+      const int64_t length = start < bound ? (bound - start + stride - 1) / stride : 0;
+      BoxBlurWalk(d.yuvPixels->data(), start, stride, length, radius, ring0, ring1);
+    }
+  });
+}
+
+// ----- chroma stack blur ------------------------------------------------------
+
+namespace {
+
+StackBlurData AsPassData(const YUVStackBlurData& d) {
+  StackBlurData data = StackBlurData();
+  data.threadIndex = d.threadIndex;
+  data.rowsPerThread = d.rowsPerThread;
+  data.columnsPerThread = d.columnsPerThread;
+  data.width = d.width;
+  data.height = d.height;
+  data.radius = d.radius;
+  data.edgeIndex = d.edgeIndex ? d.edgeIndex->data() : nullptr;
+  data.divideTable = d.divideTable;
+  return data;
+}
+
+bool StackRecordUsable(const YUVStackBlurData& d) {
+  const size_t pixels = static_cast<size_t>(d.width) * d.height;
+  return pixels != 0 && ArrayBytes(d.yuvPixels) >= pixels * kBytesPerPixel && d.chromaPlane0 && d.chromaPlane1 &&
+         d.chromaPlane0->size() >= pixels && d.chromaPlane1->size() >= pixels && d.edgeIndex &&
+         d.edgeIndex->size() >= std::max(d.width, d.height) && d.divideTable != nullptr;
+}
+
+}  // namespace
+
+void* StackBlurVertYUVProc(void* data) {
+  return RunRecord(data, [](void* record) {
+    const YUVStackBlurData& d = *static_cast<YUVStackBlurData*>(record);
+    if (!StackRecordUsable(d)) return;
+    const unsigned char* pixels = d.yuvPixels->data();
+    int32_t* plane0 = d.chromaPlane0->data();
+    int32_t* plane1 = d.chromaPlane1->data();
+    const StackBlurDivider divide(d.radius);
+    RowPass<2>(
+        AsPassData(d),
+        [&](size_t pixel, uint32_t* values) {
+          values[0] = pixels[pixel * kBytesPerPixel + kChromaVByte];
+          values[1] = pixels[pixel * kBytesPerPixel + kChromaUByte];
+        },
+        [&](size_t pixel, const uint32_t* sums) {
+          plane0[pixel] = divide(sums[0]);
+          plane1[pixel] = divide(sums[1]);
+        });
+  });
+}
+
+void* StackBlurHorizYUVProc(void* data) {
+  return RunRecord(data, [](void* record) {
+    const YUVStackBlurData& d = *static_cast<YUVStackBlurData*>(record);
+    if (!StackRecordUsable(d)) return;
+    unsigned char* pixels = d.yuvPixels->data();
+    const int32_t* plane0 = d.chromaPlane0->data();
+    const int32_t* plane1 = d.chromaPlane1->data();
+    ColumnPass<2>(
+        AsPassData(d),
+        [&](size_t pixel, uint32_t* values) {
+          values[0] = static_cast<uint32_t>(plane0[pixel]);
+          values[1] = static_cast<uint32_t>(plane1[pixel]);
+        },
+        [&](size_t pixel, const uint32_t (*results)[2], unsigned count) {
+          for (unsigned l = 0; l < count; ++l) {
+            pixels[(pixel + l) * kBytesPerPixel + kChromaVByte] = static_cast<unsigned char>(results[l][0]);
+            pixels[(pixel + l) * kBytesPerPixel + kChromaUByte] = static_cast<unsigned char>(results[l][1]);
+          }
+        });
+  });
+}
+
+// ----- the stage --------------------------------------------------------------
+
+YUVBlurRenderer::YUVBlurRenderer(unsigned int radius_, KVYUVBlurType type) : radius(radius_), blurType(static_cast<int>(type)) {}
+
+YUVBlurRenderer::~YUVBlurRenderer() {}
+
+unsigned int YUVBlurRenderer::Type() const { return 1; }
+
+void YUVBlurRenderer::Setup(KVAbstractImage* image) {
+  const uint32_t threads = PassThreadCount();
+  const uint32_t w = image->Width(), h = image->Height();
+  yuvPixels.reset();
+  chromaPlane0.reset();
+  chromaPlane1.reset();
+  edgeIndex.reset();
+  const size_t bytes = static_cast<size_t>(w) * h * kBytesPerPixel;
+  if (blurType == kYUVBlurStack) CheckStackBlurRadius(radius);
+  if (bytes == 0 || image->BitsPerChannel() != 0 || image->BufferByteSize() < bytes) return;
+
+  yuvPixels.reset(new std::vector<unsigned char>(bytes));
+  if (threads == 0) return;
+  std::vector<YUVBlurData> conversions(threads);
+  for (uint32_t t = 0; t < threads; ++t) {
+    YUVBlurData& data = conversions[t];
+    data.threadCount = static_cast<unsigned char>(threads);
+    data.threadIndex = static_cast<unsigned char>(t);
+    data.image = image;
+    data.byteSize = static_cast<uint32_t>(bytes);
+    data.yuvPixels = yuvPixels;
+  }
+  RunThreads(YUVBlurConvertToProc, conversions);
+
+  switch (blurType) {
+    case kYUVBlurHorizontal:
+      RunBoxPass(HorizontalYUVBlurProc, w, h, 0);
+      break;
+    case kYUVBlurVertical:
+      RunBoxPass(VerticalYUVBlurProc, w, h, 0);
+      RunBoxPass(VerticalYUVBlurProc, w, h, 1);
+      break;
+    case kYUVBlurHorizontalVertical:
+      RunBoxPass(HorizontalYUVBlurProc, w, h, 0);
+      RunBoxPass(VerticalYUVBlurProc, w, h, 0);
+      RunBoxPass(VerticalYUVBlurProc, w, h, 1);
+      break;
+    case kYUVBlurStack:
+      RunStackBlur(w, h);
+      break;
+    default:
+      break;  // conversion only
+  }
+}
+
+void YUVBlurRenderer::RunBoxPass(void* (*pass)(void*), uint32_t width, uint32_t height, uint32_t phase) {
+  const uint32_t threads = PassThreadCount();
+  std::vector<YUVBoxBlurData> records(threads);
+  for (uint32_t t = 0; t < threads; ++t) {
+    YUVBoxBlurData& data = records[t];
+    data.threadCount = threads;
+    data.threadIndex = t;
+    data.yuvPixels = yuvPixels;
+    data.height = height;
+    data.width = width;
+    data.radius = radius;
+    data.phase = phase;
+  }
+  RunThreads(pass, records);
+}
+
+void YUVBlurRenderer::RunStackBlur(uint32_t width, uint32_t height) {
+  const uint32_t threads = PassThreadCount();
+  const size_t pixels = static_cast<size_t>(width) * height;
+  chromaPlane0.reset(new std::vector<int32_t>(pixels));
+  chromaPlane1.reset(new std::vector<int32_t>(pixels));
+  edgeIndex.reset(new std::vector<int32_t>(std::max(width, height)));
+  const std::vector<int32_t> divideTable = StackBlurDivideTable(radius);
+
+  std::vector<YUVStackBlurData> records(threads);
+  const uint32_t rowsPerThread = LinesPerThread(height, threads);
+  const uint32_t columnsPerThread = LinesPerThread(width, threads);
+  for (uint32_t t = 0; t < threads; ++t) {
+    YUVStackBlurData& data = records[t];
+    data.threadIndex = t;
+    data.rowsPerThread = rowsPerThread;
+    data.columnsPerThread = columnsPerThread;
+    data.width = width;
+    data.height = height;
+    data.radius = radius;
+    data.chromaPlane0 = chromaPlane0;
+    data.chromaPlane1 = chromaPlane1;
+    data.yuvPixels = yuvPixels;
+    data.edgeIndex = edgeIndex;
+    data.divideTable = divideTable.data();
+  }
+  // The entering positions do not depend on the thread: filled here, before
+  // each pass, rather than by every share.
+  FillStackBlurRowEdgeIndex(edgeIndex->data(), width, radius);
+  RunThreads(StackBlurVertYUVProc, records);
+  FillStackBlurColumnEdgeIndex(edgeIndex->data(), width, height, radius);
+  RunThreads(StackBlurHorizYUVProc, records);
+}
+
+int YUVBlurRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                            unsigned char threadCount) {
+  if (source->BitsPerChannel() != 0) return static_cast<int>(source->BitsPerChannel());
+  return Render8(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
+}
+
+int YUVBlurRenderer::Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
+                             unsigned char threadCount) {
+  if (!yuvPixels || threadCount == 0) return 0;
+  YUVBlurData data;
+  data.threadCount = threadCount;
+  data.threadIndex = threadIndex;
+  data.image = destination;
+  data.byteSize = static_cast<uint32_t>(static_cast<size_t>(source->Width()) * source->Height() * kBytesPerPixel);
+  data.yuvPixels = yuvPixels;
+  YUVBlurConvertFromProc(&data);
+  return 0;
+}
+
+}  // namespace image
+}  // namespace kvo

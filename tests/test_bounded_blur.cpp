@@ -1,0 +1,210 @@
+// The bounded stack blur: the stack blur inside a rectangle.
+#include <gtest/gtest.h>
+
+#include <kvimage/kvimage.h>
+
+#include <cmath>
+#include <limits>
+
+#include "BlurReference.h"
+#include "TestSupport.h"
+
+using namespace kvo::image;
+using kvo::maths::KVPoint2;
+using kvo::maths::KVRect;
+using kvtest::GuardedImage;
+using kvtest::PatternBytes;
+using kvtest::ScopedCoreCount;
+
+namespace {
+
+typedef std::vector<unsigned char> Bytes;
+
+kvo::KVLookupTables& Tables() {
+  static kvo::KVLookupTables tables;
+  return tables;
+}
+
+struct Blur {
+  unsigned int radius;
+  bool horizontal;
+  bool vertical;
+  int channels;
+  KVRect rect;
+  double feather;
+};
+
+Bytes Bounded(const Bytes& pixels, unsigned int width, unsigned int height, const Blur& blur, unsigned int threads,
+              int* result = nullptr, KVDownsampleFactor factor = kDownsampleNone) {
+  ScopedCoreCount cores(threads);
+  GuardedImage source(width, height, 1), target(width, height);
+  if (!pixels.empty()) source.fill(pixels);
+  KVImageProcessor processor(source.image(), target.image(), Tables(), factor);
+  EXPECT_EQ(0, processor.SetBoundedStackBlur(blur.radius, blur.horizontal, blur.vertical,
+                                             static_cast<KVChannelsToProcess>(blur.channels), blur.rect,
+                                             blur.feather));
+  const int code = processor.Render();
+  if (result != nullptr) *result = code;
+  EXPECT_TRUE(source.guardsIntact());
+  EXPECT_TRUE(target.guardsIntact());
+  EXPECT_EQ(pixels, source.contents());
+  return target.contents();
+}
+
+Bytes StackBlur(const Bytes& pixels, unsigned int width, unsigned int height, unsigned int radius) {
+  GuardedImage source(width, height), target(width, height);
+  source.fill(pixels);
+  KVImageProcessor processor(source.image(), target.image(), Tables(), kDownsampleNone);
+  EXPECT_EQ(0, processor.SetStackBlur(radius, true, true, kChannelsAll));
+  EXPECT_EQ(0, processor.Render());
+  return target.contents();
+}
+
+// The expected image: the rectangle [x0, x1) x [y0, y1) blurred on its own
+// (rows and/or columns, chosen bytes), everything else the source.
+Bytes ReferenceBounded(const Bytes& pixels, int width, int x0, int y0, int x1, int y1, int radius,
+                       const bool channel[4], bool rows, bool columns) {
+  const int w = x1 - x0, h = y1 - y0;
+  Bytes inner(static_cast<size_t>(w) * h * 4);
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w * 4; ++x) inner[(y * w) * 4 + x] = pixels[((y0 + y) * width + x0) * 4 + x];
+  }
+  inner = kvtest::ReferenceStackBlur(inner, w, h, radius, channel, rows, columns);
+  Bytes out(pixels);
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w * 4; ++x) out[((y0 + y) * width + x0) * 4 + x] = inner[(y * w) * 4 + x];
+  }
+  return out;
+}
+
+TEST(BoundedStackBlur, CoveringRectangleMatchesTheStackBlur) {
+  const unsigned int width = 21, height = 13;
+  const Bytes pixels = PatternBytes(width * height * 4, 81);
+  const Bytes stack = StackBlur(pixels, width, height, 4);
+  Bytes expected(stack);
+  for (size_t i = 3; i < expected.size(); i += 4) expected[i] = pixels[i];  // alpha is the source's
+  const double feathers[] = {0.0, 3.0, 1e9, -2.0, std::numeric_limits<double>::quiet_NaN(),
+                             std::numeric_limits<double>::infinity()};
+  const KVRect rects[] = {KVRect(KVPoint2(0, 0), width, height), KVRect(KVPoint2(-5, -3), width + 40, height + 9)};
+  for (const KVRect& rect : rects) {
+    for (double feather : feathers) {
+      for (unsigned int threads : {1u, 2u, 5u, 16u}) {
+        EXPECT_EQ(expected, Bounded(pixels, width, height, {4, true, true, kChannelsColor, rect, feather}, threads))
+            << feather << " " << threads;
+      }
+    }
+  }
+  // Every other channel value blurs alpha as well.
+  const KVRect all(KVPoint2(0, 0), width, height);
+  EXPECT_EQ(stack, Bounded(pixels, width, height, {4, true, true, kChannelsAll, all, 0.0}, 2));
+  EXPECT_EQ(stack, Bounded(pixels, width, height, {4, true, true, 17, all, 0.0}, 2));
+}
+
+TEST(BoundedStackBlur, RectangleEdgesActAsImageEdges) {
+  const unsigned int width = 16, height = 11;
+  const Bytes pixels = PatternBytes(width * height * 4, 82);
+  const KVRect rect(KVPoint2(3, 2), 9, 6);  // columns 3..11, rows 2..7
+  struct Case {
+    bool horizontal, vertical;
+    int channels;
+    const bool* mask;
+  } cases[] = {{true, true, kChannelsAll, kvtest::kAllChannels},
+               {true, false, kChannelsAll, kvtest::kAllChannels},
+               {false, true, kChannelsAll, kvtest::kAllChannels},
+               {true, true, kChannelsAlpha, kvtest::kAlphaChannel},
+               {true, true, kChannelsColor, kvtest::kColourChannels}};
+  for (const Case& c : cases) {
+    const Bytes expected =
+        ReferenceBounded(pixels, width, 3, 2, 12, 8, 3, c.mask, c.horizontal, c.vertical);
+    for (unsigned int threads : {1u, 2u, 3u, 7u, 16u}) {
+      EXPECT_EQ(expected, Bounded(pixels, width, height, {3, c.horizontal, c.vertical, c.channels, rect, 0.0}, threads))
+          << c.horizontal << c.vertical << c.channels << " threads " << threads;
+    }
+  }
+  // A rectangle wider than one block of columns walked side by side.
+  const Bytes wide = PatternBytes(700 * 3 * 4, 87);
+  EXPECT_EQ(ReferenceBounded(wide, 700, 20, 0, 620, 3, 2, kvtest::kAllChannels, true, true),
+            Bounded(wide, 700, 3, {2, true, true, kChannelsAll, KVRect(KVPoint2(20, 0), 600, 5), 0.0}, 1));
+  // A rectangle reaching past the image is clipped; radius larger than it.
+  const Bytes clipped = ReferenceBounded(pixels, width, 10, 0, 16, 4, 9, kvtest::kAllChannels, true, true);
+  EXPECT_EQ(clipped, Bounded(pixels, width, height, {9, true, true, kChannelsAll, KVRect(KVPoint2(10, -4), 30, 8), 0.0}, 3));
+}
+
+TEST(BoundedStackBlur, EmptyRectanglesCopyTheImage) {
+  const unsigned int width = 8, height = 5;
+  const Bytes pixels = PatternBytes(width * height * 4, 83);
+  const KVRect empties[] = {KVRect(KVPoint2(8, 0), 4, 4), KVRect(KVPoint2(-6, 1), 6, 3), KVRect(KVPoint2(2, 2), 0, 3),
+                            KVRect(KVPoint2(2, 2), -3, 3), KVRect(KVPoint2(1, 5), 3, 3)};
+  for (const KVRect& rect : empties) {
+    EXPECT_EQ(pixels, Bounded(pixels, width, height, {2, true, true, kChannelsAll, rect, 1.0}, 2));
+  }
+}
+
+TEST(BoundedStackBlur, FeatherRampsInsideInnerEdges) {
+  // Rectangle columns 4..11 of a 12-wide image, all rows: only its left edge
+  // lies inside the image. With feather 2 the blurred value weighs
+  // (d + 0.5) / 2 at distance d from that edge: 0.25 at column 4, 0.75 at 5,
+  // then 1; the result is source + (blurred - source) * weight, rounded.
+  const unsigned int width = 12, height = 3;
+  const Bytes pixels = PatternBytes(width * height * 4, 84);
+  const KVRect rect(KVPoint2(4, 0), 20, 3);
+  const Bytes hard = Bounded(pixels, width, height, {2, true, true, kChannelsAll, rect, 0.0}, 2);
+  EXPECT_EQ(ReferenceBounded(pixels, width, 4, 0, 12, 3, 2, kvtest::kAllChannels, true, true), hard);
+  const Bytes soft = Bounded(pixels, width, height, {2, true, true, kChannelsAll, rect, 2.0}, 2);
+  for (unsigned int y = 0; y < height; ++y) {
+    for (unsigned int x = 0; x < width; ++x) {
+      for (unsigned int c = 0; c < 4; ++c) {
+        const size_t i = (y * width + x) * 4 + c;
+        const double weight = x < 4 ? 0.0 : x == 4 ? 0.25 : x == 5 ? 0.75 : 1.0;
+        const int expected = static_cast<int>(pixels[i] + (hard[i] - pixels[i]) * weight + 0.5);
+        EXPECT_EQ(expected, soft[i]) << x << "," << y << "," << c;
+      }
+    }
+  }
+}
+
+TEST(BoundedStackBlur, SetterArguments) {
+  const unsigned int width = 9, height = 6;
+  const Bytes pixels = PatternBytes(width * height * 4, 85);
+  GuardedImage source(width, height), target(width, height);
+  source.fill(pixels);
+  const KVRect all(KVPoint2(0, 0), width, height);
+  KVImageProcessor processor(source.image(), target.image(), Tables(), kDownsampleNone);
+  EXPECT_EQ(4, processor.SetBoundedStackBlur(3, false, false, kChannelsAll, all, 0.0));
+  EXPECT_EQ(0, processor.RenderQueueCount());
+  EXPECT_EQ(0, processor.SetBoundedStackBlur(3, true, false, static_cast<KVChannelsToProcess>(0), all, -1.0));
+  EXPECT_EQ(1, processor.RenderQueueCount());
+
+  // The factor scales the radius (10 * 0.25 = 2.5 -> 2), not the rectangle.
+  const KVRect part(KVPoint2(1, 1), 5, 4);
+  EXPECT_EQ(ReferenceBounded(pixels, width, 1, 1, 6, 5, 2, kvtest::kAllChannels, true, true),
+            Bounded(pixels, width, height, {10, true, true, kChannelsAll, part, 0.0}, 2, nullptr, kDownsampleQuarter));
+
+  int result = 0;
+  Bounded(pixels, width, height, {100000, true, true, kChannelsAll, all, 0.0}, 2, &result);
+  EXPECT_EQ(8, result);
+}
+
+TEST(BoundedStackBlur, ThinAndEmptyImages) {
+  for (unsigned int size : {1u, 7u}) {
+    const Bytes row = PatternBytes(size * 4, 86);
+    const bool* mask = kvtest::kAllChannels;
+    EXPECT_EQ(kvtest::ReferenceStackBlur(row, size, 1, 3, mask),
+              Bounded(row, size, 1, {3, true, true, kChannelsAll, KVRect(KVPoint2(0, 0), size, 1), 0.0}, 4));
+    EXPECT_EQ(kvtest::ReferenceStackBlur(row, 1, size, 3, mask),
+              Bounded(row, 1, size, {3, true, true, kChannelsAll, KVRect(KVPoint2(0, 0), 1, size), 0.0}, 4));
+  }
+  Bounded(Bytes(), 0, 3, {3, true, true, kChannelsAll, KVRect(KVPoint2(0, 0), 4, 4), 2.0}, 3);
+  Bounded(Bytes(), 3, 0, {3, true, true, kChannelsAll, KVRect(KVPoint2(0, 0), 4, 4), 2.0}, 3);
+
+  BoundedStackBlurRenderer stage(2, true, true, kChannelsAll, KVRect(KVPoint2(0, 0), 4, 4), 0.0);
+  EXPECT_EQ(1u, stage.Type());
+  GuardedImage a(4, 4), b(5, 4);
+  EXPECT_EQ(0, stage.Render(a.image(), b.image(), 0, 1));  // before any Setup: nothing
+  stage.Setup(a.image());
+  EXPECT_EQ(0, stage.Render(a.image(), b.image(), 0, 1));  // another size: nothing
+  EXPECT_EQ(Bytes(b.bytes(), 0), b.contents());
+  EXPECT_TRUE(b.guardsIntact());
+}
+
+}  // namespace

@@ -1,0 +1,270 @@
+// The stack blur stage, its setters and its single-channel passes.
+#include <gtest/gtest.h>
+
+#include <kvimage/kvimage.h>
+
+#include "BlurReference.h"
+#include "renderers/blur/StackBlurCore.h"
+#include "TestSupport.h"
+
+using namespace kvo::image;
+using kvtest::GuardedImage;
+using kvtest::PatternBytes;
+using kvtest::ScopedCoreCount;
+
+namespace {
+
+// Built once: the tables take a while to fill and are only read.
+kvo::KVLookupTables& Tables() {
+  static kvo::KVLookupTables tables;
+  return tables;
+}
+
+// Runs one SetStackBlur through a processor and returns the destination.
+std::vector<unsigned char> ProcessorStackBlur(const std::vector<unsigned char>& pixels, unsigned int width,
+                                              unsigned int height, unsigned int radius, KVChannelsToProcess channels,
+                                              unsigned int threads, int* result = nullptr) {
+  ScopedCoreCount cores(threads);
+  GuardedImage source(width, height, 1), target(width, height, 0);
+  source.fill(pixels);
+  kvo::KVLookupTables& tables = Tables();
+  KVImageProcessor processor(source.image(), target.image(), tables, kDownsampleNone);
+  EXPECT_EQ(0, processor.SetStackBlur(radius, true, true, channels));
+  const int code = processor.Render();
+  if (result != nullptr) *result = code;
+  EXPECT_TRUE(source.guardsIntact());
+  EXPECT_TRUE(target.guardsIntact());
+  EXPECT_EQ(pixels, source.contents());
+  return target.contents();
+}
+
+TEST(StackBlur, RadiusZeroIsTheIdentity) {
+  const std::vector<unsigned char> pixels = PatternBytes(13 * 7 * 4, 1);
+  for (unsigned int threads : {1u, 2u, 5u}) {
+    EXPECT_EQ(pixels, ProcessorStackBlur(pixels, 13, 7, 0, kChannelsAll, threads));
+  }
+}
+
+TEST(StackBlur, FiveByOneRowAtRadiusOne) {
+  // Row weights 1 2 1 over 4, rounded down, the edge pixels repeating:
+  // x0 = (0 + 0 + 41) / 4 = 10, x1 = (0 + 82 + 80) / 4 = 40,
+  // x2 = (41 + 160 + 121) / 4 = 80, x3 = (80 + 242 + 200) / 4 = 130,
+  // x4 = (121 + 400 + 200) / 4 = 180. The single row repeats in the column
+  // pass, which therefore leaves the values as they are.
+  const unsigned char row[5] = {0, 41, 80, 121, 200};
+  const unsigned char expected[5] = {10, 40, 80, 130, 180};
+  std::vector<unsigned char> pixels(5 * 4);
+  for (int x = 0; x < 5; ++x) {
+    for (int c = 0; c < 4; ++c) pixels[x * 4 + c] = row[c % 2 == 0 ? x : 4 - x];
+  }
+  const std::vector<unsigned char> out = ProcessorStackBlur(pixels, 5, 1, 1, kChannelsAll, 2);
+  for (int x = 0; x < 5; ++x) {
+    for (int c = 0; c < 4; ++c) EXPECT_EQ(expected[c % 2 == 0 ? x : 4 - x], out[x * 4 + c]) << x << "," << c;
+  }
+  // The same values down a 1x5 column.
+  const std::vector<unsigned char> column = ProcessorStackBlur(pixels, 1, 5, 1, kChannelsAll, 3);
+  EXPECT_EQ(out, column);
+}
+
+TEST(StackBlur, MatchesTheTriangleWeightedMean) {
+  struct Case {
+    unsigned int width, height, radius;
+  } cases[] = {{17, 11, 1}, {17, 11, 4}, {6, 5, 9}, {3, 2, 40}, {1, 9, 3}, {9, 1, 3}, {1, 1, 7}, {64, 3, 2},
+               {600, 3, 2}};  // shares wider than one block of columns walked side by side
+  for (const Case& c : cases) {
+    const std::vector<unsigned char> pixels = PatternBytes(c.width * c.height * 4, c.radius + c.width);
+    const std::vector<unsigned char> expected =
+        kvtest::ReferenceStackBlur(pixels, c.width, c.height, c.radius, kvtest::kAllChannels);
+    for (unsigned int threads : {1u, 2u}) {
+      EXPECT_EQ(expected, ProcessorStackBlur(pixels, c.width, c.height, c.radius, kChannelsAll, threads))
+          << c.width << "x" << c.height << " r" << c.radius;
+    }
+  }
+}
+
+TEST(StackBlur, EveryThreadCountGivesTheSameBytes) {
+  const unsigned int width = 23, height = 14, radius = 3;
+  const std::vector<unsigned char> pixels = PatternBytes(width * height * 4, 7);
+  const std::vector<unsigned char> expected =
+      kvtest::ReferenceStackBlur(pixels, width, height, radius, kvtest::kAllChannels);
+  for (unsigned int threads = 1; threads <= 16; ++threads) {
+    EXPECT_EQ(expected, ProcessorStackBlur(pixels, width, height, radius, kChannelsAll, threads)) << threads;
+  }
+  // More threads than rows and columns of a thin image.
+  const std::vector<unsigned char> thin = PatternBytes(3 * 2 * 4, 8);
+  const std::vector<unsigned char> thinExpected = kvtest::ReferenceStackBlur(thin, 3, 2, 2, kvtest::kAllChannels);
+  for (unsigned int threads = 1; threads <= 16; ++threads) {
+    EXPECT_EQ(thinExpected, ProcessorStackBlur(thin, 3, 2, 2, kChannelsAll, threads)) << threads;
+  }
+}
+
+TEST(StackBlur, AlphaOnlyKeepsTheColourBytes) {
+  const unsigned int width = 19, height = 8, radius = 5;
+  const std::vector<unsigned char> pixels = PatternBytes(width * height * 4, 3);
+  const std::vector<unsigned char> expected =
+      kvtest::ReferenceStackBlur(pixels, width, height, radius, kvtest::kAlphaChannel);
+  EXPECT_EQ(expected, ProcessorStackBlur(pixels, width, height, radius, kChannelsAlpha, 3));
+
+  ScopedCoreCount cores(2);
+  GuardedImage source(width, height), target(width, height, 1);
+  source.fill(pixels);
+  kvo::KVLookupTables& tables = Tables();
+  KVImageKeyer keyer(source.image(), target.image(), tables, kDownsampleNone);
+  EXPECT_EQ(0, keyer.SetAlphaStackBlur(radius, false, true));
+  EXPECT_EQ(0, keyer.Render());
+  EXPECT_EQ(expected, target.contents());
+  EXPECT_TRUE(target.guardsIntact());
+}
+
+TEST(StackBlur, ColourOnlyAndOtherValuesBlurAllFourBytes) {
+  const std::vector<unsigned char> pixels = PatternBytes(10 * 6 * 4, 4);
+  const std::vector<unsigned char> expected = kvtest::ReferenceStackBlur(pixels, 10, 6, 2, kvtest::kAllChannels);
+  EXPECT_EQ(expected, ProcessorStackBlur(pixels, 10, 6, 2, kChannelsColor, 2));
+  EXPECT_EQ(expected, ProcessorStackBlur(pixels, 10, 6, 2, static_cast<KVChannelsToProcess>(1), 2));
+}
+
+TEST(StackBlur, SettersCheckTheirArguments) {
+  std::vector<unsigned char> in(4 * 4 * 4, 9), out(in.size(), 0);
+  KVImage8 source(in.data(), 4, 4, kPixelOrderBGRA), target(out.data(), 4, 4, kPixelOrderBGRA);
+  kvo::KVLookupTables& tables = Tables();
+  KVImageProcessor processor(&source, &target, tables, kDownsampleNone);
+  EXPECT_EQ(4, processor.SetStackBlur(3, false, false, kChannelsAll));
+  EXPECT_EQ(0, processor.RenderQueueCount());
+  EXPECT_EQ(0, processor.SetStackBlur(3, true, false, kChannelsAll));
+  EXPECT_EQ(0, processor.SetStackBlur(3, false, true, static_cast<KVChannelsToProcess>(0)));
+  EXPECT_EQ(2, processor.RenderQueueCount());
+
+  KVImageKeyer keyer(&source, &target, tables, kDownsampleNone);
+  EXPECT_EQ(4, keyer.SetAlphaStackBlur(10, false, false));
+  EXPECT_EQ(0, keyer.RenderQueueCount());
+}
+
+TEST(StackBlur, SetterScalesTheRadiusByTheDownsampleFactor) {
+  // 10 * 0.33 = 3.3 gives radius 3.
+  const unsigned int width = 12, height = 9;
+  const std::vector<unsigned char> pixels = PatternBytes(width * height * 4, 5);
+  std::vector<unsigned char> in(pixels), out(pixels.size());
+  KVImage8 source(in.data(), width, height, kPixelOrderBGRA), target(out.data(), width, height, kPixelOrderBGRA);
+  kvo::KVLookupTables& tables = Tables();
+  KVImageProcessor processor(&source, &target, tables, kDownsampleThird);
+  ASSERT_EQ(0, processor.SetStackBlur(10, true, true, kChannelsAll));
+  ASSERT_EQ(0, processor.Render());
+  EXPECT_EQ(kvtest::ReferenceStackBlur(pixels, width, height, 3, kvtest::kAllChannels), out);
+
+  KVImageKeyer keyer(&source, &target, tables, kDownsampleHalf);
+  ASSERT_EQ(0, keyer.SetAlphaStackBlur(9, true, false));  // 4.5 gives 4
+  ASSERT_EQ(0, keyer.Render());
+  EXPECT_EQ(kvtest::ReferenceStackBlur(pixels, width, height, 4, kvtest::kAlphaChannel), out);
+}
+
+TEST(StackBlur, RadiusBeyondTheArithmeticFailsAsAnAllocation) {
+  std::vector<unsigned char> in(8 * 8 * 4, 77), out(in.size(), 1);
+  KVImage8 source(in.data(), 8, 8, kPixelOrderBGRA), target(out.data(), 8, 8, kPixelOrderBGRA);
+  kvo::KVLookupTables& tables = Tables();
+  for (unsigned int radius : {2896u, 100000u, 4294967295u}) {
+    KVImageProcessor processor(&source, &target, tables, kDownsampleNone);
+    ASSERT_EQ(0, processor.SetStackBlur(radius, true, true, kChannelsAll));
+    EXPECT_EQ(8, processor.Render()) << radius;
+    EXPECT_EQ(std::vector<unsigned char>(in.size(), 1), out);
+  }
+}
+
+TEST(StackBlur, EmptyImagesRenderNothing) {
+  ScopedCoreCount cores(3);
+  kvo::KVLookupTables& tables = Tables();
+  for (unsigned int width : {0u, 5u}) {
+    GuardedImage source(width, width == 0 ? 5 : 0), target(width, width == 0 ? 5 : 0);
+    KVImageProcessor processor(source.image(), target.image(), tables, kDownsampleNone);
+    ASSERT_EQ(0, processor.SetStackBlur(4, true, true, kChannelsAll));
+    ASSERT_EQ(0, processor.SetStackBlur(4, true, true, kChannelsAlpha));
+    EXPECT_EQ(0, processor.Render());
+    EXPECT_TRUE(target.guardsIntact());
+    EXPECT_TRUE(source.guardsIntact());
+  }
+}
+
+TEST(StackBlur, StageDrivenDirectly) {
+  const unsigned int width = 9, height = 4;
+  const std::vector<unsigned char> pixels = PatternBytes(width * height * 4, 12);
+  GuardedImage source(width, height), target(width, height), other(width + 1, height);
+  source.fill(pixels);
+  StackBlurRenderer stage(2, true, true, kChannelsAll);
+  EXPECT_EQ(1u, stage.Type());
+  // Render before any Setup, and on an image of another size, writes nothing.
+  EXPECT_EQ(0, stage.Render(source.image(), target.image(), 0, 1));
+  EXPECT_EQ(std::vector<unsigned char>(target.bytes(), 0), target.contents());
+  stage.Setup(source.image());
+  EXPECT_EQ(0, stage.Render(source.image(), other.image(), 0, 1));
+  EXPECT_EQ(std::vector<unsigned char>(other.bytes(), 0), other.contents());
+  EXPECT_EQ(0, stage.Render(source.image(), target.image(), 0, 0));
+  for (unsigned char t = 0; t < 4; ++t) EXPECT_EQ(0, stage.Render(source.image(), target.image(), t, 4));
+  EXPECT_EQ(kvtest::ReferenceStackBlur(pixels, width, height, 2, kvtest::kAllChannels), target.contents());
+  EXPECT_TRUE(target.guardsIntact());
+  EXPECT_EQ(nullptr, StackBlurVertRGBAProc(nullptr));
+  EXPECT_EQ(nullptr, StackBlurHorizAlphaProc(nullptr));
+}
+
+TEST(StackBlur, SingleChannelPassesBlurOnePlane) {
+  const uint32_t width = 11, height = 7, radius = 2;
+  const std::vector<unsigned char> bytes = PatternBytes(width * height, 21);
+  std::vector<int32_t> input(bytes.begin(), bytes.end()), rows(input.size()), both(input.size());
+  const std::vector<int32_t> table = StackBlurDivideTable(radius);
+  std::vector<int32_t> edge(std::max(width, height));
+
+  StackBlurSingleChannelData data = {};
+  data.width = width;
+  data.height = height;
+  data.radius = radius;
+  data.divideTable = table.data();
+  data.edgeIndex = edge.data();
+  FillStackBlurRowEdgeIndex(edge.data(), width, radius);
+  data.rowsPerThread = 4;
+  data.input = input.data();
+  data.output = rows.data();
+  for (data.threadIndex = 0; data.threadIndex < 3; ++data.threadIndex) StackBlurVertSingleChannelProc(&data);
+  FillStackBlurColumnEdgeIndex(edge.data(), width, height, radius);
+  data.columnsPerThread = 5;
+  data.input = rows.data();
+  data.output = both.data();
+  for (data.threadIndex = 0; data.threadIndex < 3; ++data.threadIndex) StackBlurHorizSingleChannelProc(&data);
+
+  std::vector<unsigned char> image(width * height * 4, 0);
+  for (size_t i = 0; i < bytes.size(); ++i) image[i * 4] = bytes[i];
+  const bool first[4] = {true, false, false, false};
+  const std::vector<unsigned char> expectedRows =
+      kvtest::ReferenceStackBlur(image, width, height, radius, first, true, false);
+  const std::vector<unsigned char> expected = kvtest::ReferenceStackBlur(image, width, height, radius, first);
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    EXPECT_EQ(expectedRows[i * 4], rows[i]) << i;
+    EXPECT_EQ(expected[i * 4], both[i]) << i;
+  }
+}
+
+TEST(StackBlur, DivideTableRoundsDown) {
+  const std::vector<int32_t> table = StackBlurDivideTable(2);
+  ASSERT_EQ(256u * 9u, table.size());
+  EXPECT_EQ(0, table[8]);
+  EXPECT_EQ(1, table[9]);
+  EXPECT_EQ(255, table[256 * 9 - 1]);
+  EXPECT_THROW(StackBlurDivideTable(2896), std::bad_alloc);
+}
+
+TEST(StackBlur, DividerMatchesTheDivideTable) {
+  // The passes divide by multiplication; the table is the oracle.
+  for (uint32_t radius : {0u, 1u, 2u, 7u, 128u}) {
+    const std::vector<int32_t> table = StackBlurDivideTable(radius);
+    const StackBlurDivider divide(radius);
+    for (uint32_t sum = 0; sum < table.size(); ++sum) ASSERT_EQ(table[sum], divide(sum)) << radius << " " << sum;
+  }
+  for (uint32_t radius : {1000u, 2000u, 2895u}) {
+    const uint32_t divsum = (radius + 1) * (radius + 1);
+    const StackBlurDivider divide(radius);
+    for (uint32_t q = 0; q < 256; ++q) {
+      for (uint32_t sum : {q * divsum, q * divsum + 1, q * divsum + divsum / 2, q * divsum + divsum - 1}) {
+        ASSERT_EQ(static_cast<int32_t>(sum / divsum), divide(sum)) << radius << " " << sum;
+      }
+    }
+  }
+}
+
+}  // namespace
