@@ -15,19 +15,6 @@
 #include "TestSupport.h"
 #include "pipeline/RendererQueue.h"
 
-namespace kvo {
-namespace image {
-// The processor's and the keyer's private records, as the library defines
-// them: the tests queue their own stages through them (below).
-struct KVImageProcessor_Private : RendererQueue {
-  using RendererQueue::RendererQueue;
-};
-struct KVImageKeyer_Private : RendererQueue {
-  using RendererQueue::RendererQueue;
-};
-}  // namespace image
-}  // namespace kvo
-
 using namespace kvo::image;
 using kvtest::GuardedImage;
 using kvtest::ScopedCoreCount;

@@ -11,10 +11,6 @@
 namespace kvo {
 namespace image {
 
-struct KVImageKeyer_Private : RendererQueue {
-  using RendererQueue::RendererQueue;
-};
-
 KVImageKeyer::KVImageKeyer(KVAbstractImage* source, KVAbstractImage* destination, kvo::KVLookupTables& tables,
                            KVDownsampleFactor factor)
     : m_private(new KVImageKeyer_Private(source, destination, tables, factor)) {}

@@ -10,10 +10,6 @@
 namespace kvo {
 namespace image {
 
-struct KVImageProcessor_Private : RendererQueue {
-  using RendererQueue::RendererQueue;
-};
-
 KVImageProcessor::KVImageProcessor(KVAbstractImage* source, KVAbstractImage* destination, kvo::KVLookupTables& tables,
                                    KVDownsampleFactor factor)
     : m_private(new KVImageProcessor_Private(source, destination, tables, factor)) {}

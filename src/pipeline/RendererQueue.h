@@ -38,6 +38,14 @@ struct RendererQueue {
   int Render(ThreadEntry workerEntry);
 };
 
+// The private records of the processor and the keyer: the same queue.
+struct KVImageProcessor_Private : RendererQueue {
+  using RendererQueue::RendererQueue;
+};
+struct KVImageKeyer_Private : RendererQueue {
+  using RendererQueue::RendererQueue;
+};
+
 // The body of both renderer worker entries.
 void* RunRenderThreadData(RenderThreadData* data);
 
