@@ -247,6 +247,132 @@ class KVIMAGE_EXPORT BoundedStackBlurRenderer : public AbstractRenderer {
   std::vector<unsigned char> blurred;
 };
 
+// ---------------------------------------------------------------------------
+// Focus stages. Each runs, in Setup, a nested KVImageProcessor with one
+// SetBoundedStackBlur(radius, true, true, kChannelsColor, rect, blurParameter)
+// (the nested setter scales the radius by the downsample factor; alpha is
+// copied), then combines sharp and blurred pixels per render thread. A failed
+// nested setter or render (for example a radius that the stack blur refuses)
+// is a broken invariant: the stage prints its assertion and aborts. Render
+// handles 8-bit images of channel order 1 only and aborts on any other with
+// the assertion `false && "Not implemented"'. Each render thread writes the
+// byte share GetBufferSizePerThread gives, cut at the end of the images (and
+// of the blurred copy).
+// ---------------------------------------------------------------------------
+
+// Blurs its input image in place (whole image; the rectangle is 4 x the image
+// for kDownsampleQuarter, unscaled otherwise) and then brightens the colour
+// bytes through gainCurve[i] = clamp(trunc(i / 255 / (1 - a) * 255)), with a
+// = amount limited to 0 .. 0.8 (NaN: 0.8). Alpha is copied. Render applies
+// the curve to whatever source it is given: in a pipeline that is the image
+// Setup blurred, so a defocus queued first blurs the host's source image.
+class KVIMAGE_EXPORT DefocusRenderer : public AbstractRenderer {
+ public:
+  DefocusRenderer(unsigned int radius, double amount, double blurParameter, KVDownsampleFactor factor,
+                  kvo::KVLookupTables& tables);
+  ~DefocusRenderer() override;
+  DefocusRenderer(const DefocusRenderer&) = delete;
+  DefocusRenderer& operator=(const DefocusRenderer&) = delete;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
+
+ private:
+  uint32_t radius;
+  double amount;
+  double blurParameter;
+  KVDownsampleFactor factor;
+  kvo::KVLookupTables& tables;
+  unsigned char gainCurve[256];
+};
+
+// Blurs a copy of its input (as the defocus stage blurs) and mixes it into the
+// sharp image: colour = BlendPixel(sharp, blurred, kBlendNormal,
+// trunc(blurred alpha x amount)); alpha copied from the source.
+class KVIMAGE_EXPORT DiffuseRenderer : public AbstractRenderer {
+ public:
+  DiffuseRenderer(unsigned int radius, double amount, double blurParameter, KVDownsampleFactor factor,
+                  kvo::KVLookupTables& tables);
+  ~DiffuseRenderer() override;
+  DiffuseRenderer(const DiffuseRenderer&) = delete;
+  DiffuseRenderer& operator=(const DiffuseRenderer&) = delete;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
+
+ private:
+  uint32_t radius;
+  double amount;
+  double blurParameter;
+  KVDownsampleFactor factor;
+  kvo::KVLookupTables& tables;
+  std::tr1::shared_ptr<KVAbstractImage> blurredImage;
+  int opacityOfAlpha[256];  // trunc(alpha x amount)
+};
+
+// Unsharp mask: blurs a copy of its input (as the diffuse stage does) and maps
+// each colour byte s with blurred value b through sharpenTable[s * 256 + b] =
+// clamp(trunc(d x amount + s)), where d = s - b, or 0 when |2 (s - b)| is
+// below t = trunc(threshold x 255) & 255. Alpha copied from the source.
+class KVIMAGE_EXPORT SharpenRenderer : public AbstractRenderer {
+ public:
+  SharpenRenderer(unsigned int radius, double amount, double threshold, double blurParameter,
+                  KVDownsampleFactor factor, kvo::KVLookupTables& tables);
+  ~SharpenRenderer() override;
+  SharpenRenderer(const SharpenRenderer&) = delete;
+  SharpenRenderer& operator=(const SharpenRenderer&) = delete;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
+
+ private:
+  uint32_t radius;
+  double amount;
+  double threshold;
+  double blurParameter;
+  KVDownsampleFactor factor;
+  kvo::KVLookupTables& tables;
+  std::tr1::shared_ptr<KVAbstractImage> blurredImage;
+  std::vector<uint32_t> sharpenTable;  // 256 x 256, each 0..255
+};
+
+// Blurs a copy of its input inside rect (image pixels, not scaled by the
+// factor), mixes it into the sharp image with `mode` weighted by
+// trunc(blurred alpha x amount), and lays the result over what the
+// destination already holds, the source alpha as coverage: where the combined
+// alpha AlphaChannelBlend(destination alpha, source alpha) is 0 the
+// destination pixel is left as it is.
+class KVIMAGE_EXPORT SoftFocusRenderer : public AbstractRenderer {
+ public:
+  SoftFocusRenderer(KVBlendMode mode, unsigned int radius, double amount, const kvo::maths::KVRect& rect,
+                    double blurParameter, KVDownsampleFactor factor, kvo::KVLookupTables& tables);
+  ~SoftFocusRenderer() override;
+  SoftFocusRenderer(const SoftFocusRenderer&) = delete;
+  SoftFocusRenderer& operator=(const SoftFocusRenderer&) = delete;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
+
+ private:
+  KVBlendMode mode;
+  uint32_t radius;
+  double amount;
+  kvo::maths::KVRect rect;
+  double blurParameter;
+  KVDownsampleFactor factor;
+  kvo::KVLookupTables& tables;
+  std::tr1::shared_ptr<KVAbstractImage> blurredImage;
+  int opacityOfAlpha[256];  // trunc(alpha x amount)
+};
+
 }  // namespace image
 }  // namespace kvo
 

@@ -110,6 +110,16 @@ class KVIMAGE_EXPORT KVImageProcessor : public KVAbstractImageProcessor {
   int SetYUVBlur(unsigned int radius, KVYUVBlurType type);
   int SetBoundedStackBlur(unsigned int radius, bool horizontal, bool vertical, KVChannelsToProcess channels,
                           const kvo::maths::KVRect& rect, double feather);
+  // Focus stages. Each checks its amount (and sharpen its threshold) and
+  // returns 7, queueing nothing, outside the range: defocus 0..0.8, diffuse,
+  // sharpen and soft focus 0..1, threshold 0..1 (NaN passes). The radius is
+  // scaled when the stage blurs, and blurParameter is the bounded blur's
+  // feather width.
+  int SetDefocus(unsigned int radius, double amount, double blurParameter);
+  int SetDiffuse(unsigned int radius, double amount, double blurParameter);
+  int SetSharpen(unsigned int radius, double amount, double threshold, double blurParameter);
+  int SetSoftFocus(KVBlendMode mode, unsigned int radius, double amount, const kvo::maths::KVRect& rect,
+                   double blurParameter);
 
  private:
   KVImageProcessor_Private* m_private;

@@ -157,5 +157,42 @@ int KVImageProcessor::SetBoundedStackBlur(unsigned int radius, bool horizontal, 
   });
 }
 
+// The focus stages keep the processor's factor and tables: their nested
+// processor scales the radius.
+int KVImageProcessor::SetDefocus(unsigned int radius, double amount, double blurParameter) {
+  return GuardedCall([&] {
+    if (amount < 0.0 || amount > 0.8) return static_cast<int>(kResultOutOfRange);
+    return m_private->Append(
+        new DefocusRenderer(radius, amount, blurParameter, m_private->factor, m_private->tables));
+  });
+}
+
+int KVImageProcessor::SetDiffuse(unsigned int radius, double amount, double blurParameter) {
+  return GuardedCall([&] {
+    if (amount < 0.0 || amount > 1.0) return static_cast<int>(kResultOutOfRange);
+    return m_private->Append(
+        new DiffuseRenderer(radius, amount, blurParameter, m_private->factor, m_private->tables));
+  });
+}
+
+int KVImageProcessor::SetSharpen(unsigned int radius, double amount, double threshold, double blurParameter) {
+  return GuardedCall([&] {
+    if (amount < 0.0 || amount > 1.0 || threshold < 0.0 || threshold > 1.0) {
+      return static_cast<int>(kResultOutOfRange);
+    }
+    return m_private->Append(
+        new SharpenRenderer(radius, amount, threshold, blurParameter, m_private->factor, m_private->tables));
+  });
+}
+
+int KVImageProcessor::SetSoftFocus(KVBlendMode mode, unsigned int radius, double amount,
+                                   const kvo::maths::KVRect& rect, double blurParameter) {
+  return GuardedCall([&] {
+    if (amount < 0.0 || amount > 1.0) return static_cast<int>(kResultOutOfRange);
+    return m_private->Append(
+        new SoftFocusRenderer(mode, radius, amount, rect, blurParameter, m_private->factor, m_private->tables));
+  });
+}
+
 }  // namespace image
 }  // namespace kvo

@@ -1,0 +1,64 @@
+#include <kvimage/blur.h>
+
+#include "renderers/blur/FocusBlur.h"
+#include "support/Conversions.h"
+#include "support/PixelLayout.h"
+#include "support/ThreadShare.h"
+
+namespace kvo {
+namespace image {
+
+namespace {
+const FocusAssertionSite kDefocusSite = {"DefocusRenderer", 66, 72};
+const unsigned int kNotImplementedLine = 135;
+const double kLargestAmount = 0.8;
+}  // namespace
+
+DefocusRenderer::DefocusRenderer(unsigned int radius_, double amount_, double blurParameter_,
+                                 KVDownsampleFactor factor_, kvo::KVLookupTables& tables_)
+    : radius(radius_), amount(amount_), blurParameter(blurParameter_), factor(factor_), tables(tables_) {
+  for (int i = 0; i < 256; ++i) gainCurve[i] = static_cast<unsigned char>(i);
+}
+
+DefocusRenderer::~DefocusRenderer() {}
+
+unsigned int DefocusRenderer::Type() const { return 1; }
+
+// The blur works in place on the stage's input, which Render then reads.
+void DefocusRenderer::Setup(KVAbstractImage* image) {
+  BlurColourBytes(image, image, tables, factor, radius, WholeImageBlurRect(image, factor), blurParameter,
+                  kDefocusSite);
+
+  // A NaN or an amount above the largest gives the largest.
+  double a = amount <= kLargestAmount ? amount : kLargestAmount;
+  if (a < 0.0) a = 0.0;
+  for (int i = 0; i < 256; ++i) {
+    gainCurve[i] = static_cast<unsigned char>(ClampToByte(TruncateToInt((i / 255.0) / (1.0 - a) * 255.0)));
+  }
+}
+
+int DefocusRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                            unsigned char threadCount) {
+  CheckFocusImage(source, kDefocusSite.source, kNotImplementedLine);
+  return Render8_CPP(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
+}
+
+int DefocusRenderer::Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
+                                 unsigned char threadCount) {
+  if (threadCount == 0) return 0;
+  const ShareRun share =
+      ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
+  if (share.count == 0) return 0;
+  const unsigned char* in = source->Buffer() + share.start;
+  unsigned char* out = destination->Buffer() + share.start;
+  for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
+    out[i + kBlueByte] = gainCurve[in[i + kBlueByte]];
+    out[i + kGreenByte] = gainCurve[in[i + kGreenByte]];
+    out[i + kRedByte] = gainCurve[in[i + kRedByte]];
+    out[i + kAlphaByte] = in[i + kAlphaByte];
+  }
+  return 0;
+}
+
+}  // namespace image
+}  // namespace kvo

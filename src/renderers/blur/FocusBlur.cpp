@@ -1,0 +1,58 @@
+#include "renderers/blur/FocusBlur.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include <kvimage/image.h>
+
+#include "support/Assert.h"
+#include "support/Conversions.h"
+#include "support/PixelLayout.h"
+#include "support/ThreadShare.h"
+
+namespace kvo {
+namespace image {
+
+kvo::maths::KVRect WholeImageBlurRect(const KVAbstractImage* image, KVDownsampleFactor factor) {
+  kvo::maths::KVRect rect(kvo::maths::KVPoint2(0, 0), static_cast<int>(image->Width()),
+                          static_cast<int>(image->Height()));
+  // Only the quarter factor scales the rectangle; half and third leave it as
+  // it is. Either way it covers the image, whose bounds clip it.
+  rect.Scale(factor == kDownsampleQuarter ? 4.0 : 1.0);
+  return rect;
+}
+
+std::tr1::shared_ptr<KVAbstractImage> ZeroFilledImageLike(const KVAbstractImage* image) {
+  KVImage8* copy = new KVImage8(image->Width(), image->Height(), image->PixelChannelOrder(), false);
+  std::tr1::shared_ptr<KVAbstractImage> held(copy);
+  if (copy->BufferByteSize() != 0) std::memset(copy->Buffer(), 0, copy->BufferByteSize());
+  return held;
+}
+
+void BlurColourBytes(KVAbstractImage* image, KVAbstractImage* destination, kvo::KVLookupTables& tables,
+                     KVDownsampleFactor factor, unsigned int radius, const kvo::maths::KVRect& rect,
+                     double blurParameter, const FocusAssertionSite& site) {
+  KVImageProcessor nested(image, destination, tables, factor);
+  const int queued = nested.SetBoundedStackBlur(radius, true, true, kChannelsColor, rect, blurParameter);
+  KV_ASSERT(queued == 0, site.source, site.setterLine, "false && \"SetStackBlur call failed.\"");
+  const int rendered = nested.Render();
+  KV_ASSERT(rendered == 0, site.source, site.renderLine, "false && \"KVImageProcessor Render call failed.\"");
+}
+
+void CheckFocusImage(const KVAbstractImage* source, const char* stageSource, unsigned int line) {
+  KV_ASSERT(source->BitsPerChannel() == 0 && source->PixelChannelOrder() == kPixelOrderBGRA, stageSource, line,
+            "false && \"Not implemented\"");
+}
+
+size_t FocusByteLimit(const KVAbstractImage* source, const KVAbstractImage* destination,
+                      const KVAbstractImage* blurred) {
+  if (blurred == nullptr) return 0;
+  return std::min(CommonByteSize(source, destination), static_cast<size_t>(blurred->BufferByteSize()));
+}
+
+void FillBlendOpacities(int (&opacityOfAlpha)[256], double amount) {
+  for (int alpha = 0; alpha < 256; ++alpha) opacityOfAlpha[alpha] = TruncateToInt(alpha * amount);
+}
+
+}  // namespace image
+}  // namespace kvo

@@ -1,0 +1,356 @@
+// The focus stages: defocus, diffuse, sharpen and soft focus, each built on a
+// nested bounded stack blur of the colour bytes.
+#include <gtest/gtest.h>
+
+#include <kvimage/kvimage.h>
+
+#include <functional>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "BlurReference.h"
+#include "TestSupport.h"
+
+using namespace kvo::image;
+using kvo::maths::KVPoint2;
+using kvo::maths::KVRect;
+using kvtest::GuardedImage;
+using kvtest::PatternBytes;
+using kvtest::ScopedCoreCount;
+
+namespace {
+
+typedef std::vector<unsigned char> Bytes;
+typedef std::function<int(KVImageProcessor&)> Setter;
+
+const double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+kvo::KVLookupTables& Tables() {
+  static kvo::KVLookupTables tables;
+  return tables;
+}
+
+struct FocusRun {
+  Bytes output;
+  Bytes sourceAfter;  // the defocus stage blurs its input in place
+};
+
+// Runs one focus setter through a processor over a source at a 1-byte offset
+// and a destination holding `destination` (zeros when empty), checking the
+// guard bytes behind both.
+FocusRun RunFocus(const Setter& set, const Bytes& pixels, unsigned int width, unsigned int height,
+                  unsigned int threads = 2, const Bytes& destination = Bytes(),
+                  KVDownsampleFactor factor = kDownsampleNone) {
+  ScopedCoreCount cores(threads);
+  GuardedImage source(width, height, 1), target(width, height);
+  source.fill(pixels);
+  if (!destination.empty()) target.fill(destination);
+  KVImageProcessor processor(source.image(), target.image(), Tables(), factor);
+  EXPECT_EQ(0, set(processor));
+  EXPECT_EQ(0, processor.Render());
+  EXPECT_TRUE(source.guardsIntact());
+  EXPECT_TRUE(target.guardsIntact());
+  FocusRun run = {target.contents(), source.contents()};
+  return run;
+}
+
+Bytes Focus(const Setter& set, const Bytes& pixels, unsigned int width, unsigned int height,
+            unsigned int threads = 2, const Bytes& destination = Bytes()) {
+  FocusRun run = RunFocus(set, pixels, width, height, threads, destination);
+  return run.output;
+}
+
+// A row of pixels whose three colour bytes hold `colour` and whose alpha is
+// `alpha`.
+Bytes GreyRow(const std::vector<int>& colour, int alpha) {
+  Bytes pixels;
+  for (int value : colour) {
+    for (int c = 0; c < 3; ++c) pixels.push_back(static_cast<unsigned char>(value));
+    pixels.push_back(static_cast<unsigned char>(alpha));
+  }
+  return pixels;
+}
+
+// Byte `channel` of every pixel.
+std::vector<int> Channel(const Bytes& pixels, int channel) {
+  std::vector<int> values;
+  for (size_t i = channel; i < pixels.size(); i += 4) values.push_back(pixels[i]);
+  return values;
+}
+
+void ExpectGreyRow(const std::vector<int>& colour, int alpha, const Bytes& pixels) {
+  EXPECT_EQ(colour, Channel(pixels, 0));
+  EXPECT_EQ(colour, Channel(pixels, 1));
+  EXPECT_EQ(colour, Channel(pixels, 2));
+  EXPECT_EQ(std::vector<int>(colour.size(), alpha), Channel(pixels, 3));
+}
+
+Setter Defocus(unsigned int radius, double amount, double blur = 0.0) {
+  return [=](KVImageProcessor& p) { return p.SetDefocus(radius, amount, blur); };
+}
+Setter Diffuse(unsigned int radius, double amount, double blur = 0.0) {
+  return [=](KVImageProcessor& p) { return p.SetDiffuse(radius, amount, blur); };
+}
+Setter Sharpen(unsigned int radius, double amount, double threshold, double blur = 0.0) {
+  return [=](KVImageProcessor& p) { return p.SetSharpen(radius, amount, threshold, blur); };
+}
+Setter SoftFocus(KVBlendMode mode, unsigned int radius, double amount, const KVRect& rect, double blur = 0.0) {
+  return [=](KVImageProcessor& p) { return p.SetSoftFocus(mode, radius, amount, rect, blur); };
+}
+
+// Rows [0, 90, 180] blurred at radius 1 (weights 1 2 1 over 4, edges
+// repeating): (0 + 0 + 90) / 4 = 22, (0 + 180 + 180) / 4 = 90,
+// (90 + 360 + 180) / 4 = 157.
+const std::vector<int> kRow = {0, 90, 180};
+
+TEST(FocusSetters, RangeCodesQueueNothing) {
+  GuardedImage source(4, 4), target(4, 4);
+  KVImageProcessor processor(source.image(), target.image(), Tables(), kDownsampleNone);
+  const KVRect all(KVPoint2(0, 0), 4, 4);
+  EXPECT_EQ(7, processor.SetDefocus(3, -0.01, 0.0));
+  EXPECT_EQ(7, processor.SetDefocus(3, 0.81, 0.0));
+  EXPECT_EQ(7, processor.SetDiffuse(3, -0.01, 0.0));
+  EXPECT_EQ(7, processor.SetDiffuse(3, 1.01, 0.0));
+  EXPECT_EQ(7, processor.SetSharpen(3, 1.5, 0.0, 0.0));
+  EXPECT_EQ(7, processor.SetSharpen(3, -0.1, 0.0, 0.0));
+  EXPECT_EQ(7, processor.SetSharpen(3, 0.5, 1.01, 0.0));
+  EXPECT_EQ(7, processor.SetSharpen(3, 0.5, -0.01, 0.0));
+  EXPECT_EQ(7, processor.SetSoftFocus(kBlendScreen, 3, 1.01, all, 0.0));
+  EXPECT_EQ(7, processor.SetSoftFocus(kBlendScreen, 3, -0.01, all, 0.0));
+  EXPECT_EQ(0, processor.RenderQueueCount());
+
+  // The ends of every range, NaN, and any radius, rectangle, mode or feather.
+  EXPECT_EQ(0, processor.SetDefocus(0, 0.0, -5.0));
+  EXPECT_EQ(0, processor.SetDefocus(100000, 0.8, kNaN));
+  EXPECT_EQ(0, processor.SetDefocus(3, kNaN, 0.0));
+  EXPECT_EQ(0, processor.SetDiffuse(3, 1.0, 1e300));
+  EXPECT_EQ(0, processor.SetDiffuse(3, kNaN, 0.0));
+  EXPECT_EQ(0, processor.SetSharpen(3, 1.0, 1.0, -1.0));
+  EXPECT_EQ(0, processor.SetSharpen(3, kNaN, kNaN, kNaN));
+  EXPECT_EQ(0, processor.SetSoftFocus(static_cast<KVBlendMode>(99), 3, 1.0, KVRect(KVPoint2(-9, 50), -3, 2), 2.0));
+  EXPECT_EQ(0, processor.SetSoftFocus(kBlendAdd, 3, kNaN, all, 0.0));
+  EXPECT_EQ(9, processor.RenderQueueCount());
+}
+
+TEST(Defocus, AmountZeroGivesTheBlurredColourAndBlursItsInputInPlace) {
+  const unsigned int width = 11, height = 6;
+  const Bytes pixels = PatternBytes(width * height * 4, 501);
+  const Bytes blurred = kvtest::ReferenceStackBlur(pixels, width, height, 3, kvtest::kColourChannels);
+  const FocusRun run = RunFocus(Defocus(3, 0.0), pixels, width, height, 3);
+  EXPECT_EQ(blurred, run.output);  // alpha is the source's
+  // Queued first, the stage's input is the host's source.
+  EXPECT_EQ(blurred, run.sourceAfter);
+}
+
+TEST(Defocus, GainCurveEndPoints) {
+  // Radius 0 blurs nothing, so each pixel meets the curve directly:
+  // trunc(v / 255 / (1 - a) * 255). At 0.8 everything from 51 saturates.
+  const std::vector<int> values = {0, 10, 50, 51, 120, 200, 255};
+  const Bytes pixels = GreyRow(values, 77);
+  ExpectGreyRow({0, 50, 250, 255, 255, 255, 255}, 77, Focus(Defocus(0, 0.8), pixels, 7, 1));
+  ExpectGreyRow({0, 50, 250, 255, 255, 255, 255}, 77, Focus(Defocus(0, kNaN), pixels, 7, 1));
+  ExpectGreyRow(values, 77, Focus(Defocus(0, 0.0), pixels, 7, 1));
+  // 120 / 255 / 0.8 * 255 is 149.99999999999997 in double precision.
+  ExpectGreyRow({0, 12, 62, 63, 149, 250, 255}, 77, Focus(Defocus(0, 0.2), pixels, 7, 1));
+
+  // A 5x1 row at radius 1 blurs to 10 40 80 120 150, then doubles at 0.5.
+  ExpectGreyRow({20, 80, 160, 240, 255}, 200, Focus(Defocus(1, 0.5), GreyRow({0, 40, 80, 120, 160}, 200), 5, 1));
+}
+
+TEST(Diffuse, HandComputedGlow) {
+  // Blurred row 22 90 157; opacity trunc(255 x amount).
+  // amount 1: 0 + (22 x 255 >> 8) = 21; 180 + (-23 x 255 >> 8) = 157.
+  ExpectGreyRow({21, 90, 157}, 255, Focus(Diffuse(1, 1.0), GreyRow(kRow, 255), 3, 1));
+  // amount 0.5 (opacity 127): 22 x 127 >> 8 = 10; -23 x 127 >> 8 = -12.
+  ExpectGreyRow({10, 90, 168}, 255, Focus(Diffuse(1, 0.5), GreyRow(kRow, 255), 3, 1));
+  // amount 0, a transparent blurred alpha and a NaN amount leave the sharp
+  // pixels.
+  ExpectGreyRow(kRow, 255, Focus(Diffuse(1, 0.0), GreyRow(kRow, 255), 3, 1));
+  ExpectGreyRow(kRow, 0, Focus(Diffuse(1, 1.0), GreyRow(kRow, 0), 3, 1));
+  ExpectGreyRow(kRow, 255, Focus(Diffuse(1, kNaN), GreyRow(kRow, 255), 3, 1));
+}
+
+TEST(Diffuse, MatchesTheBlendOfTheBlurredImage) {
+  const unsigned int width = 9, height = 5;
+  const Bytes pixels = PatternBytes(width * height * 4, 502);
+  const Bytes blurred = kvtest::ReferenceStackBlur(pixels, width, height, 2, kvtest::kColourChannels);
+  Bytes expected(pixels);
+  for (size_t i = 0; i < expected.size(); i += 4) {
+    const int opacity = static_cast<int>(blurred[i + 3] * 0.7);
+    for (int c = 0; c < 3; ++c) {
+      expected[i + c] = static_cast<unsigned char>(BlendPixel(pixels[i + c], blurred[i + c], kBlendNormal, opacity,
+                                                              Tables()));
+    }
+  }
+  const FocusRun run = RunFocus(Diffuse(2, 0.7), pixels, width, height, 3);
+  EXPECT_EQ(expected, run.output);
+  EXPECT_EQ(pixels, run.sourceAfter);
+}
+
+TEST(Sharpen, HandComputedUnsharpMask) {
+  // Row 40 90 180 blurs to 52 100 157: differences -12, -10, 23.
+  const Bytes row = GreyRow({40, 90, 180}, 99);
+  ExpectGreyRow({28, 80, 203}, 99, Focus(Sharpen(1, 1.0, 0.0), row, 3, 1));
+  ExpectGreyRow({34, 85, 191}, 99, Focus(Sharpen(1, 0.5, 0.0), row, 3, 1));
+  // The doubled difference meets t = trunc(threshold x 255): at 0.095 (t 24)
+  // -12 doubles to 24 and is sharpened, -10 is not; at 0.1 (t 25) neither.
+  ExpectGreyRow({28, 90, 203}, 99, Focus(Sharpen(1, 1.0, 0.095), row, 3, 1));
+  ExpectGreyRow({40, 90, 203}, 99, Focus(Sharpen(1, 1.0, 0.1), row, 3, 1));
+  // amount 0 is the identity; a uniform image equals its blur.
+  ExpectGreyRow({40, 90, 180}, 99, Focus(Sharpen(1, 0.0, 0.0), row, 3, 1));
+  ExpectGreyRow({70, 70, 70, 70}, 5, Focus(Sharpen(2, 1.0, 0.0), GreyRow({70, 70, 70, 70}, 5), 4, 1));
+  const Bytes pattern = PatternBytes(8 * 5 * 4, 503);
+  EXPECT_EQ(pattern, Focus(Sharpen(3, 0.0, 0.3), pattern, 8, 5));
+}
+
+TEST(Sharpen, ThresholdOneSharpensOnlyDifferencesOf128OrMore) {
+  // Spikes 8 pixels apart at radius 3 (centre weight 4 / 16): 160 blurs to 40
+  // (difference 120, below 128) and 200 to 50 (difference 150).
+  std::vector<int> spikes(15, 0);
+  spikes[3] = 160;
+  spikes[11] = 200;
+  const Bytes row = GreyRow(spikes, 255);
+  std::vector<int> expected = spikes;
+  expected[11] = 230;  // 200 + 150 x 0.2
+  ExpectGreyRow(expected, 255, Focus(Sharpen(3, 0.2, 1.0), row, 15, 1));
+  expected[3] = 184;  // t = 229: the doubled 120 passes
+  ExpectGreyRow(expected, 255, Focus(Sharpen(3, 0.2, 0.9), row, 15, 1));
+  expected[3] = 255;  // without a threshold: 160 + 120 clamps
+  expected[11] = 255;
+  ExpectGreyRow(expected, 255, Focus(Sharpen(3, 1.0, 0.0), row, 15, 1));
+}
+
+TEST(SoftFocus, HandComputedComposite) {
+  // Source alpha 128 over a destination of colour 50, alpha 255: the
+  // combined alpha is 255 and each colour is trunc((128 c + 50 x 127) / 255)
+  // in single precision, c the blend of sharp and blurred (22 90 157) at
+  // opacity trunc(128 x amount).
+  const KVRect all(KVPoint2(0, 0), 3, 1);
+  const Bytes source = GreyRow(kRow, 128), destination = GreyRow({50, 50, 50}, 255);
+  // normal, amount 1: c = 11 90 168.
+  ExpectGreyRow({30, 70, 109}, 255, Focus(SoftFocus(kBlendNormal, 1, 1.0, all), source, 3, 1, 1, destination));
+  // amount 0: c is the sharp value in every mode but replace.
+  ExpectGreyRow({24, 70, 115}, 255, Focus(SoftFocus(kBlendNormal, 1, 0.0, all), source, 3, 1, 1, destination));
+  ExpectGreyRow({24, 70, 115}, 255, Focus(SoftFocus(kBlendScreen, 1, 0.0, all), source, 3, 1, 1, destination));
+  // replace writes the blurred value whatever the opacity: c = 22 90 157.
+  ExpectGreyRow({35, 70, 103}, 255, Focus(SoftFocus(kBlendReplace, 1, 0.0, all), source, 3, 1, 1, destination));
+
+  // Opaque over a clear destination: the blended colour itself.
+  ExpectGreyRow({21, 90, 157}, 255, Focus(SoftFocus(kBlendNormal, 1, 1.0, all), GreyRow(kRow, 255), 3, 1));
+  // Where both alphas are 0 the destination stays as it was.
+  const Bytes clear = GreyRow({77, 77, 77}, 0);
+  ExpectGreyRow({77, 77, 77}, 0, Focus(SoftFocus(kBlendNormal, 1, 1.0, all), GreyRow(kRow, 0), 3, 1, 1, clear));
+}
+
+TEST(SoftFocus, RectangleIsInImagePixels) {
+  // Columns 1..2 blur on their own: 90 180 -> 112 157; column 0 keeps 0.
+  // Opaque over clear at opacity 255: 90 + (22 x 255 >> 8) = 111, 157.
+  const KVRect right(KVPoint2(1, 0), 2, 1);
+  ExpectGreyRow({0, 111, 157}, 255, Focus(SoftFocus(kBlendNormal, 1, 1.0, right), GreyRow(kRow, 255), 3, 1));
+  // The factor scales the radius (4 x 0.25 = 1) and not the rectangle.
+  const FocusRun quarter = RunFocus(SoftFocus(kBlendNormal, 4, 1.0, right), GreyRow(kRow, 255), 3, 1, 1, Bytes(),
+                                    kDownsampleQuarter);
+  ExpectGreyRow({0, 111, 157}, 255, quarter.output);
+}
+
+TEST(FocusStages, QuarterFactorBlursTheWholeImage) {
+  // With the quarter factor the nested rectangle is four times the image and
+  // the radius a quarter: the whole image blurs at radius 2, as without a
+  // factor at radius 2 (half and third leave the rectangle as the image).
+  const unsigned int width = 10, height = 7;
+  const Bytes pixels = PatternBytes(width * height * 4, 504);
+  const Setter setters[][2] = {{Defocus(8, 0.3, 4.0), Defocus(2, 0.3, 4.0)},
+                               {Diffuse(8, 0.6, 4.0), Diffuse(2, 0.6, 4.0)},
+                               {Sharpen(8, 0.6, 0.05, 4.0), Sharpen(2, 0.6, 0.05, 4.0)}};
+  for (const auto& pair : setters) {
+    EXPECT_EQ(RunFocus(pair[1], pixels, width, height).output,
+              RunFocus(pair[0], pixels, width, height, 2, Bytes(), kDownsampleQuarter).output);
+  }
+  EXPECT_EQ(RunFocus(Diffuse(2, 0.6, 4.0), pixels, width, height).output,
+            RunFocus(Diffuse(4, 0.6, 4.0), pixels, width, height, 2, Bytes(), kDownsampleHalf).output);
+}
+
+TEST(FocusStages, EveryThreadCountGivesTheSameBytes) {
+  const KVRect inner(KVPoint2(2, 1), 8, 4);
+  const Setter setters[] = {Defocus(2, 0.4, 1.0), Diffuse(3, 0.8, 1.0), Sharpen(2, 0.7, 0.05, 1.0),
+                            SoftFocus(kBlendScreen, 2, 0.9, inner, 2.0)};
+  const unsigned int sizes[][2] = {{13, 7}, {1, 5}, {6, 1}};
+  for (const auto& size : sizes) {
+    const Bytes pixels = PatternBytes(size[0] * size[1] * 4, 505 + size[0]);
+    const Bytes destination = PatternBytes(size[0] * size[1] * 4, 600 + size[1]);
+    for (const Setter& set : setters) {
+      const Bytes single = Focus(set, pixels, size[0], size[1], 1, destination);
+      for (unsigned int threads = 2; threads <= 16; ++threads) {
+        ASSERT_EQ(single, Focus(set, pixels, size[0], size[1], threads, destination))
+            << size[0] << "x" << size[1] << " threads " << threads;
+      }
+    }
+  }
+}
+
+TEST(FocusStages, EmptyImagesRenderNothing) {
+  const KVRect all(KVPoint2(0, 0), 4, 4);
+  const Setter setters[] = {Defocus(2, 0.4), Diffuse(3, 0.8), Sharpen(2, 0.7, 0.05),
+                            SoftFocus(kBlendScreen, 2, 0.9, all)};
+  for (const Setter& set : setters) {
+    EXPECT_TRUE(Focus(set, Bytes(), 0, 3, 3).empty());
+    EXPECT_TRUE(Focus(set, Bytes(), 3, 0, 3).empty());
+  }
+}
+
+TEST(FocusStages, DrivenDirectly) {
+  const KVRect all(KVPoint2(0, 0), 4, 4);
+  DefocusRenderer defocus(1, 0.5, 0.0, kDownsampleNone, Tables());
+  DiffuseRenderer diffuse(1, 0.5, 0.0, kDownsampleNone, Tables());
+  SharpenRenderer sharpen(1, 0.5, 0.0, 0.0, kDownsampleNone, Tables());
+  SoftFocusRenderer softFocus(kBlendNormal, 1, 0.5, all, 0.0, kDownsampleNone, Tables());
+  AbstractRenderer* stages[] = {&defocus, &diffuse, &sharpen, &softFocus};
+  GuardedImage source(4, 4), target(4, 4), larger(5, 4);
+  source.fill(PatternBytes(4 * 4 * 4, 506));
+  for (AbstractRenderer* stage : stages) EXPECT_EQ(1u, stage->Type());
+  // Before any Setup the stages that read a blurred copy write nothing.
+  for (AbstractRenderer* stage : {stages[1], stages[2], stages[3]}) {
+    EXPECT_EQ(0, stage->Render(source.image(), target.image(), 0, 1));
+    EXPECT_EQ(Bytes(target.bytes(), 0), target.contents());
+  }
+  // After a Setup on a smaller image, a larger destination is written only
+  // as far as the blurred copy reaches.
+  diffuse.Setup(source.image());
+  EXPECT_EQ(0, diffuse.Render(source.image(), larger.image(), 0, 1));
+  EXPECT_TRUE(larger.guardsIntact());
+  EXPECT_EQ(Bytes(4 * 4, 0), Bytes(larger.pixels() + 4 * 4 * 4, larger.pixels() + larger.bytes()));
+}
+
+TEST(FocusStagesDeathTest, AssertionTexts) {
+  GuardedImage argb(4, 4, 0, kPixelOrderARGB), target(4, 4, 0, kPixelOrderARGB);
+  const KVRect all(KVPoint2(0, 0), 4, 4);
+  const auto notImplemented = [](const std::string& where) {
+    return kvtest::LiteralRegex(where + ": failed assertion `false && \"Not implemented\"'");
+  };
+  DefocusRenderer defocus(1, 0.5, 0.0, kDownsampleNone, Tables());
+  DiffuseRenderer diffuse(1, 0.5, 0.0, kDownsampleNone, Tables());
+  SharpenRenderer sharpen(1, 0.5, 0.0, 0.0, kDownsampleNone, Tables());
+  SoftFocusRenderer softFocus(kBlendNormal, 1, 0.5, all, 0.0, kDownsampleNone, Tables());
+  EXPECT_DEATH(defocus.Render(argb.image(), target.image(), 0, 1), notImplemented("DefocusRenderer:135"));
+  EXPECT_DEATH(diffuse.Render(argb.image(), target.image(), 0, 1), notImplemented("DiffuseRenderer:141"));
+  EXPECT_DEATH(sharpen.Render(argb.image(), target.image(), 0, 1), notImplemented("SharpenRenderer:140"));
+  EXPECT_DEATH(softFocus.Render(argb.image(), target.image(), 0, 1), notImplemented("SoftFocusRenderer:134"));
+  kvtest::DeepImage deep(4, 4);
+  EXPECT_DEATH(defocus.Render(&deep, target.image(), 0, 1), notImplemented("DefocusRenderer:135"));
+
+  // A radius the stack blur refuses makes the nested render fail.
+  const auto renderFailed = [](const std::string& where) {
+    return kvtest::LiteralRegex(where + ": failed assertion `false && \"KVImageProcessor Render call failed.\"'");
+  };
+  DefocusRenderer wideDefocus(3000, 0.5, 0.0, kDownsampleNone, Tables());
+  DiffuseRenderer wideDiffuse(3000, 0.5, 0.0, kDownsampleNone, Tables());
+  SharpenRenderer wideSharpen(3000, 0.5, 0.0, 0.0, kDownsampleNone, Tables());
+  SoftFocusRenderer wideSoftFocus(kBlendNormal, 3000, 0.5, all, 0.0, kDownsampleNone, Tables());
+  EXPECT_DEATH(wideDefocus.Setup(argb.image()), renderFailed("DefocusRenderer:72"));
+  EXPECT_DEATH(wideDiffuse.Setup(argb.image()), renderFailed("DiffuseRenderer:78"));
+  EXPECT_DEATH(wideSharpen.Setup(argb.image()), renderFailed("SharpenRenderer:77"));
+  EXPECT_DEATH(wideSoftFocus.Setup(argb.image()), renderFailed("SoftFocusRenderer:71"));
+}
+
+}  // namespace
