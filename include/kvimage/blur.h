@@ -373,6 +373,68 @@ class KVIMAGE_EXPORT SoftFocusRenderer : public AbstractRenderer {
   int opacityOfAlpha[256];  // trunc(alpha x amount)
 };
 
+// ---------------------------------------------------------------------------
+// Depth of field: a lens blur that grows with the distance from a sharp
+// region, a disc around `focus` (radial) or a band through it at `angle`
+// degrees (linear; 0 a horizontal band, counter-clockwise on screen).
+// focusSize is the region's half-size and transition the distance over which
+// the blur reaches `radius`, both as fractions of the image diagonal; the
+// blur radius follows a smoothstep over the transition. Setup builds bounded
+// stack blurs of the rectangle at radius/4, radius/2 and radius (feathered
+// by blurParameter pixels at rectangle edges inside the image); Render mixes,
+// per pixel, the two levels around the pixel's blur radius (the source is
+// level 0) and then mixes the result with the source by amount. All four
+// bytes are blurred. Outside bounds (empty: the whole image) the source is
+// copied; amount 0 or radius 0 copies the source.
+// ---------------------------------------------------------------------------
+class KVIMAGE_EXPORT DepthOfFieldRenderer : public AbstractRenderer {
+ public:
+  DepthOfFieldRenderer(KVDepthOfFieldType type, const kvo::maths::KVPoint2F& focus, double angle,
+                       unsigned int radius, double focusSize, double transition, double amount,
+                       double blurParameter, const kvo::maths::KVRect& bounds);
+  ~DepthOfFieldRenderer() override;
+  DepthOfFieldRenderer(const DepthOfFieldRenderer&) = delete;
+  DepthOfFieldRenderer& operator=(const DepthOfFieldRenderer&) = delete;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
+
+  // The blur radius, in pixels, at the centre of pixel (x, y) of the image
+  // the last Setup was given (0 inside the sharp region).
+  double BlurRadiusAt(uint32_t x, uint32_t y) const;
+
+ private:
+  int type;  // the KVDepthOfFieldType value, kept as given
+  kvo::maths::KVPoint2F focus;
+  double angle;
+  uint32_t radius;
+  double focusSize;
+  double transition;
+  double amount;
+  double blurParameter;
+  kvo::maths::KVRect bounds;
+
+  // From the last Setup: the image size, the rectangle clipped to it (right
+  // and bottom exclusive), the geometry in pixels, the amount weight
+  // (0..256), and the blurred levels in increasing radius, each a whole
+  // image.
+  uint32_t setupWidth;
+  uint32_t setupHeight;
+  uint32_t left;
+  uint32_t top;
+  uint32_t right;
+  uint32_t bottom;
+  double focusPixels;
+  double transitionPixels;
+  double bandSin;
+  double bandCos;
+  int amountWeight;
+  std::vector<uint32_t> levelRadius;
+  std::vector<std::vector<unsigned char> > levels;
+};
+
 }  // namespace image
 }  // namespace kvo
 

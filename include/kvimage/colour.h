@@ -1,6 +1,8 @@
 #ifndef KVIMAGE_COLOUR_H
 #define KVIMAGE_COLOUR_H
 
+#include <vector>
+
 #include <kvimage/export.h>
 #include <kvimage/image.h>
 #include <kvimage/pipeline.h>
@@ -317,6 +319,75 @@ class KVIMAGE_EXPORT ThreeStripColorRenderer : public AbstractRenderer {
   int m_blueWeight[511];
   int m_greenWeight[511];
   int m_redWeight[511];
+};
+
+// The look of skipping the bleach in film processing. Each colour byte is
+// overlaid with the pixel's Rec. 601 luminance L = (77 R + 150 G + 29 B) >> 8
+// (BlendPixel(byte, L, kBlendOverlay, clamp(trunc(amount * 256), 0, 256))),
+// pulled toward the result's own luminance by desaturation and given an
+// S-curve of strength contrast about 128. Alpha copied. The tables are not
+// owned.
+class KVIMAGE_EXPORT BleachBypassRenderer : public AbstractRenderer {
+ public:
+  BleachBypassRenderer(double amount, double desaturation, double contrast, kvo::KVLookupTables& tables);
+  ~BleachBypassRenderer() override;
+  BleachBypassRenderer(const BleachBypassRenderer&) = delete;
+  BleachBypassRenderer& operator=(const BleachBypassRenderer&) = delete;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
+
+ private:
+  double m_amount;
+  double m_desaturation;
+  double m_contrast;
+  kvo::KVLookupTables& m_tables;
+  // Derived by Setup: the overlay of every (luminance, byte) pair at the
+  // stage's opacity, the desaturation weight (0..256) and the S-curve.
+  unsigned char m_overlay[256 * 256];
+  int m_desaturationWeight;
+  unsigned char m_curve[256];
+};
+
+// Lays a colour over the image toward the edges of a rectangle. The distance
+// d of a pixel centre from the rectangle's centre is measured on an ellipse
+// through the midpoints of the rectangle's sides at roundness 0 and on a
+// circle through the nearer pair at roundness 1 (the axes interpolate
+// between); the weight rises from 0 at d = midpoint to amount over a
+// smoothstep of width feather (a step at feather 0) and keeps growing
+// outside the rectangle, and bright pixels are protected by
+// (1 - highlights * L / 255). An empty rectangle means the whole image.
+// Alpha copied.
+class KVIMAGE_EXPORT VignetteRenderer : public AbstractRenderer {
+ public:
+  VignetteRenderer(const KVPixel8_RGB& colour, double amount, double midpoint, double roundness, double feather,
+                   double highlights, const kvo::maths::KVRect& bounds);
+  ~VignetteRenderer() override;
+  unsigned int Type() const override;
+  void Setup(KVAbstractImage* source) override;
+  int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+             unsigned char threadCount) override;
+  int Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
+
+ private:
+  // The weight (0..256) at squared normalised distance s.
+  int WeightAt(double s) const;
+
+  KVPixel8_RGB m_colour;
+  double m_amount;
+  double m_midpoint;
+  double m_roundness;
+  double m_feather;
+  double m_highlights;
+  kvo::maths::KVRect m_bounds;
+  // Derived by Setup for the image it was given: the squared normalised
+  // offset of every column and every row from the centre, and the
+  // highlight protection (0..256) of every luminance.
+  std::vector<double> m_columnTerm;
+  std::vector<double> m_rowTerm;
+  int m_protection[256];
 };
 
 // Integer RGB to HLS (hue -1 and saturation 0 for a grey).

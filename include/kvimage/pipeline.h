@@ -121,6 +121,18 @@ class KVIMAGE_EXPORT KVImageProcessor : public KVAbstractImageProcessor {
   int SetSoftFocus(KVBlendMode mode, unsigned int radius, double amount, const kvo::maths::KVRect& rect,
                    double blurParameter);
 
+  // Bleach bypass: amount, desaturation and contrast, each 0 .. 1.
+  int SetBleachBypass(double amount, double desaturation, double contrast);
+  // Vignette toward the edges of bounds (empty: the whole image): amount,
+  // midpoint, roundness, feather and highlights, each 0 .. 1.
+  int SetVignette(const KVPixel8_RGB& colour, double amount, double midpoint, double roundness, double feather,
+                  double highlights, const kvo::maths::KVRect& bounds);
+  // Depth of field: focusSize, transition and amount each 0 .. 1; the radius
+  // is scaled by the downsample factor; the type and the angle are not checked.
+  int SetDepthOfField(KVDepthOfFieldType type, const kvo::maths::KVPoint2F& focus, double angle, unsigned int radius,
+                      double focusSize, double transition, double amount, double blurParameter,
+                      const kvo::maths::KVRect& bounds);
+
  private:
   KVImageProcessor_Private* m_private;
 };

@@ -136,6 +136,13 @@ enum KVYUVBlurType : int {
   kYUVBlurNone = 4                  // no blur (as every value above 3)
 };
 
+// The shape of the depth-of-field stage's sharp region. Any other value acts
+// as radial.
+enum KVDepthOfFieldType : int {
+  kDepthOfFieldRadial = 0,  // a disc around the focus point
+  kDepthOfFieldLinear = 1   // a band through the focus point at an angle (tilt-shift)
+};
+
 }  // namespace image
 }  // namespace kvo
 

@@ -194,5 +194,41 @@ int KVImageProcessor::SetSoftFocus(KVBlendMode mode, unsigned int radius, double
   });
 }
 
+int KVImageProcessor::SetBleachBypass(double amount, double desaturation, double contrast) {
+  return GuardedCall([&] {
+    if (amount < 0.0 || amount > 1.0 || desaturation < 0.0 || desaturation > 1.0 || contrast < 0.0 ||
+        contrast > 1.0) {
+      return static_cast<int>(kResultOutOfRange);
+    }
+    return m_private->Append(new BleachBypassRenderer(amount, desaturation, contrast, m_private->tables));
+  });
+}
+
+int KVImageProcessor::SetVignette(const KVPixel8_RGB& colour, double amount, double midpoint, double roundness,
+                                  double feather, double highlights, const kvo::maths::KVRect& bounds) {
+  return GuardedCall([&] {
+    if (amount < 0.0 || amount > 1.0 || midpoint < 0.0 || midpoint > 1.0 || roundness < 0.0 || roundness > 1.0 ||
+        feather < 0.0 || feather > 1.0 || highlights < 0.0 || highlights > 1.0) {
+      return static_cast<int>(kResultOutOfRange);
+    }
+    return m_private->Append(new VignetteRenderer(colour, amount, midpoint, roundness, feather, highlights, bounds));
+  });
+}
+
+// The type (any other value is radial), the angle and blurParameter are not
+// checked.
+int KVImageProcessor::SetDepthOfField(KVDepthOfFieldType type, const kvo::maths::KVPoint2F& focus, double angle,
+                                      unsigned int radius, double focusSize, double transition, double amount,
+                                      double blurParameter, const kvo::maths::KVRect& bounds) {
+  return GuardedCall([&] {
+    if (focusSize < 0.0 || focusSize > 1.0 || transition < 0.0 || transition > 1.0 || amount < 0.0 ||
+        amount > 1.0) {
+      return static_cast<int>(kResultOutOfRange);
+    }
+    return m_private->Append(new DepthOfFieldRenderer(type, focus, angle, m_private->ScaledRadius(radius), focusSize,
+                                                      transition, amount, blurParameter, bounds));
+  });
+}
+
 }  // namespace image
 }  // namespace kvo

@@ -1,0 +1,257 @@
+// The depth-of-field stage: identities, the sharp region, the blur growing
+// with the distance to the full-radius bounded blur (radial and linear),
+// bounds, argument codes and every thread count.
+#include <gtest/gtest.h>
+
+#include <kvimage/kvimage.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <vector>
+
+#include "ProcessorStageTest.h"
+#include "TestSupport.h"
+
+using namespace kvo::image;
+using kvo::maths::KVPoint2;
+using kvo::maths::KVPoint2F;
+using kvo::maths::KVRect;
+using kvtest::Bytes;
+using kvtest::GuardedImage;
+using kvtest::kNaN;
+using kvtest::PatternBytes;
+using kvtest::RenderStage;
+
+namespace {
+
+kvo::KVLookupTables& Tables() {
+  static kvo::KVLookupTables tables;
+  return tables;
+}
+
+struct Focus {
+  KVDepthOfFieldType type;
+  KVPoint2F point;
+  double angle;
+  unsigned int radius;
+  double focusSize;
+  double transition;
+  double amount;
+  double feather;
+  KVRect bounds;
+};
+
+kvtest::StageSetter DepthOfField(const Focus& f) {
+  return [=](KVImageProcessor& p) {
+    return p.SetDepthOfField(f.type, f.point, f.angle, f.radius, f.focusSize, f.transition, f.amount, f.feather,
+                             f.bounds);
+  };
+}
+
+kvtest::StageSetter Bounded(unsigned int radius, KVRect rect) {
+  return [=](KVImageProcessor& p) { return p.SetBoundedStackBlur(radius, true, true, kChannelsAll, rect, 0.0); };
+}
+
+// 60 x 40: diagonal 72.11.
+const unsigned int kW = 60, kH = 40;
+const KVRect kWhole(KVPoint2(0, 0), kW, kH);
+
+Focus Radial() { return Focus{kDepthOfFieldRadial, KVPoint2F(30, 20), 0.0, 6, 0.1, 0.2, 1.0, 0.0, KVRect()}; }
+
+bool SamePixel(const Bytes& a, const Bytes& b, size_t p) {
+  for (int c = 0; c < 4; ++c) {
+    if (a[p * 4 + c] != b[p * 4 + c]) return false;
+  }
+  return true;
+}
+
+TEST(DepthOfField, ZeroAmountOrRadiusIsTheIdentity) {
+  const Bytes pixels = PatternBytes(kW * kH * 4, 1);
+  Focus f = Radial();
+  f.amount = 0.0;
+  EXPECT_EQ(pixels, RenderStage(DepthOfField(f), pixels, kW, kH));
+  f.amount = kNaN;  // passes the checks, acts as 0
+  EXPECT_EQ(pixels, RenderStage(DepthOfField(f), pixels, kW, kH));
+  f = Radial();
+  f.radius = 0;
+  EXPECT_EQ(pixels, RenderStage(DepthOfField(f), pixels, kW, kH));
+}
+
+TEST(DepthOfField, RadialSharpInsideTheFocusDiscFullBlurBeyondTheTransition) {
+  const Bytes pixels = PatternBytes(kW * kH * 4, 2);
+  const Focus f = Radial();
+  const Bytes out = RenderStage(DepthOfField(f), pixels, kW, kH);
+  const Bytes full = RenderStage(Bounded(f.radius, kWhole), pixels, kW, kH);
+  const double diagonal = std::sqrt(60.0 * 60.0 + 40.0 * 40.0);
+  int sharp = 0, blurred = 0;
+  for (unsigned int y = 0; y < kH; ++y) {
+    for (unsigned int x = 0; x < kW; ++x) {
+      const double d = std::hypot(x + 0.5 - 30.0, y + 0.5 - 20.0);
+      const size_t p = y * kW + x;
+      if (d <= 0.1 * diagonal) {
+        ASSERT_TRUE(SamePixel(out, pixels, p)) << x << "," << y;
+        ++sharp;
+      } else if (d >= 0.3 * diagonal + 1e-9) {
+        ASSERT_TRUE(SamePixel(out, full, p)) << x << "," << y;
+        ++blurred;
+      }
+    }
+  }
+  EXPECT_GT(sharp, 50);
+  EXPECT_GT(blurred, 100);
+}
+
+// The mean difference from the source grows ring by ring through the
+// transition.
+TEST(DepthOfField, BlurGrowsWithTheDistance) {
+  const unsigned int w = 120, h = 120;
+  const Bytes pixels = PatternBytes(w * h * 4, 4);
+  const double diagonal = std::sqrt(2.0) * 120.0;
+  const Focus f{kDepthOfFieldRadial, KVPoint2F(60, 60), 0.0, 8, 0.05, 0.3, 1.0, 0.0, KVRect()};
+  const Bytes out = RenderStage(DepthOfField(f), pixels, w, h);
+  const int kRings = 6;
+  double sum[kRings] = {}, count[kRings] = {};
+  for (unsigned int y = 0; y < h; ++y) {
+    for (unsigned int x = 0; x < w; ++x) {
+      const double d = std::hypot(x + 0.5 - 60.0, y + 0.5 - 60.0) / diagonal;
+      const int ring = static_cast<int>((d - 0.05) / 0.05);
+      if (d <= 0.05 || ring >= kRings) continue;
+      for (int c = 0; c < 4; ++c) sum[ring] += std::abs(out[(y * w + x) * 4 + c] - pixels[(y * w + x) * 4 + c]);
+      count[ring] += 4;
+    }
+  }
+  for (int r = 1; r < kRings; ++r) EXPECT_GT(sum[r] / count[r], sum[r - 1] / count[r - 1]) << r;
+
+  // The stage's own radius map: 0 inside, smoothly rising, the radius beyond.
+  DepthOfFieldRenderer stage(f.type, f.point, f.angle, f.radius, f.focusSize, f.transition, f.amount, 0.0, KVRect());
+  GuardedImage image(w, h);
+  stage.Setup(image.image());
+  EXPECT_EQ(0.0, stage.BlurRadiusAt(60, 60));
+  double previous = 0.0;
+  for (unsigned int x = 60; x < w; ++x) {
+    const double r = stage.BlurRadiusAt(x, 60);
+    EXPECT_GE(r, previous);
+    EXPECT_LE(r - previous, 8.0 * 1.5 / (0.3 * diagonal) + 1e-9);  // smoothstep slope at most 1.5
+    previous = r;
+  }
+  EXPECT_EQ(8.0, stage.BlurRadiusAt(119, 119));
+}
+
+TEST(DepthOfField, LinearBandFollowsTheAngle) {
+  const Bytes pixels = PatternBytes(kW * kH * 4, 6);
+  Focus f{kDepthOfFieldLinear, KVPoint2F(10, 20), 0.0, 4, 0.05, 0.1, 1.0, 0.0, KVRect()};
+  const Bytes full = RenderStage(Bounded(f.radius, kWhole), pixels, kW, kH);
+  const double diagonal = std::sqrt(60.0 * 60.0 + 40.0 * 40.0);
+  // Angle 0: a horizontal band, the same along every row.
+  Bytes out = RenderStage(DepthOfField(f), pixels, kW, kH);
+  for (unsigned int y = 0; y < kH; ++y) {
+    const double d = std::fabs(y + 0.5 - 20.0);
+    for (unsigned int x = 0; x < kW; ++x) {
+      if (d <= 0.05 * diagonal) {
+        ASSERT_TRUE(SamePixel(out, pixels, y * kW + x)) << x << "," << y;
+      }
+      if (d >= 0.15 * diagonal + 1e-9) {
+        ASSERT_TRUE(SamePixel(out, full, y * kW + x)) << x << "," << y;
+      }
+    }
+  }
+  // Angle 90: a vertical band through x = 10.
+  f.angle = 90.0;
+  out = RenderStage(DepthOfField(f), pixels, kW, kH);
+  for (unsigned int y = 0; y < kH; ++y) {
+    for (unsigned int x = 0; x < 3; ++x) ASSERT_TRUE(SamePixel(out, pixels, y * kW + 10 + x - 1)) << x << "," << y;
+    for (unsigned int x = 22; x < kW; ++x) ASSERT_TRUE(SamePixel(out, full, y * kW + x)) << x << "," << y;
+  }
+  DepthOfFieldRenderer stage(kDepthOfFieldLinear, KVPoint2F(10, 20), 45.0, 4, 0.0, 0.5, 1.0, 0.0, KVRect());
+  GuardedImage image(kW, kH);
+  stage.Setup(image.image());
+  // 45 degrees counter-clockwise on screen: the band runs up and to the right.
+  EXPECT_NEAR(0.0, stage.BlurRadiusAt(20, 9), 1e-6);
+  EXPECT_GT(stage.BlurRadiusAt(20, 29), 0.5);
+}
+
+TEST(DepthOfField, OtherTypesActAsRadial) {
+  const Bytes pixels = PatternBytes(kW * kH * 4, 7);
+  Focus f = Radial();
+  const Bytes radial = RenderStage(DepthOfField(f), pixels, kW, kH);
+  f.type = static_cast<KVDepthOfFieldType>(7);
+  EXPECT_EQ(radial, RenderStage(DepthOfField(f), pixels, kW, kH));
+  f.type = static_cast<KVDepthOfFieldType>(-1);
+  EXPECT_EQ(radial, RenderStage(DepthOfField(f), pixels, kW, kH));
+}
+
+TEST(DepthOfField, OutsideTheBoundsTheSourceIsCopied) {
+  const Bytes pixels = PatternBytes(kW * kH * 4, 8);
+  const KVRect rect(KVPoint2(25, -5), 50, 30);  // clipped to x 25..59, y 0..24
+  Focus f = Radial();
+  f.point = KVPoint2F(0, 0);
+  f.focusSize = 0.0;
+  f.transition = 0.0;  // blurred at the full radius everywhere
+  f.bounds = rect;
+  const Bytes out = RenderStage(DepthOfField(f), pixels, kW, kH);
+  const Bytes inside = RenderStage(Bounded(f.radius, rect), pixels, kW, kH);
+  EXPECT_EQ(inside, out);
+  for (unsigned int y = 0; y < kH; ++y) {
+    for (unsigned int x = 0; x < kW; ++x) {
+      if (x < 25 || y >= 25) {
+        ASSERT_TRUE(SamePixel(out, pixels, y * kW + x));
+      }
+    }
+  }
+  // A half amount lies halfway between the source and the blur.
+  f.amount = 0.5;
+  const Bytes half = RenderStage(DepthOfField(f), pixels, kW, kH);
+  for (size_t i = 0; i < half.size(); ++i) ASSERT_EQ((pixels[i] * 128 + inside[i] * 128 + 128) >> 8, half[i]) << i;
+}
+
+TEST(DepthOfField, ArgumentCodes) {
+  GuardedImage src(kW, kH), dst(kW, kH);
+  KVImageProcessor p(src.image(), dst.image(), Tables(), kDownsampleNone);
+  const KVPoint2F centre(30, 20);
+  for (double b : {-0.25, 1.25}) {
+    EXPECT_EQ(7, p.SetDepthOfField(kDepthOfFieldRadial, centre, 0.0, 4, b, 0.2, 1.0, 0.0, kWhole));
+    EXPECT_EQ(7, p.SetDepthOfField(kDepthOfFieldRadial, centre, 0.0, 4, 0.2, b, 1.0, 0.0, kWhole));
+    EXPECT_EQ(7, p.SetDepthOfField(kDepthOfFieldRadial, centre, 0.0, 4, 0.2, 0.2, b, 0.0, kWhole));
+  }
+  EXPECT_EQ(0, p.RenderQueueCount());
+  // NaN passes; the angle, the type and the feather are not checked.
+  EXPECT_EQ(0, p.SetDepthOfField(kDepthOfFieldRadial, centre, kNaN, 4, kNaN, kNaN, 1.0, -3.0, kWhole));
+  EXPECT_EQ(0, p.SetDepthOfField(static_cast<KVDepthOfFieldType>(9), centre, 1e300, 4, 0.2, 0.2, 1.0, kNaN, kWhole));
+  EXPECT_EQ(2, p.RenderQueueCount());
+  EXPECT_EQ(0, p.Render());
+  // A radius beyond the stack blur's limit fails in Setup with 8.
+  p.ClearRenderQueue();
+  EXPECT_EQ(0, p.SetDepthOfField(kDepthOfFieldRadial, centre, 0.0, 3000, 0.2, 0.2, 1.0, 0.0, kWhole));
+  EXPECT_EQ(8, p.Render());
+}
+
+TEST(DepthOfField, TheRadiusIsScaledByTheDownsampleFactor) {
+  const Bytes pixels = PatternBytes(kW * kH * 4, 10);
+  Focus f = Radial();
+  f.radius = 8;
+  kvtest::ScopedCoreCount cores(2);
+  GuardedImage src(kW, kH), half(kW, kH), plain(kW, kH);
+  src.fill(pixels);
+  KVImageProcessor a(src.image(), half.image(), Tables(), kDownsampleHalf);
+  ASSERT_EQ(0, DepthOfField(f)(a));
+  ASSERT_EQ(0, a.Render());
+  f.radius = 4;
+  EXPECT_EQ(half.contents(), RenderStage(DepthOfField(f), pixels, kW, kH));
+}
+
+TEST(DepthOfField, EveryThreadCountGivesTheSameBytes) {
+  const unsigned int w = 33, h = 21;
+  const Bytes pixels = PatternBytes(w * h * 4, 12);
+  const Focus f{kDepthOfFieldLinear, KVPoint2F(12.5f, 8.25f), 30.0, 5, 0.05, 0.2, 0.8, 2.0,
+                KVRect(KVPoint2(2, 1), 40, 18)};
+  const Bytes one = RenderStage(DepthOfField(f), pixels, w, h, 1);
+  EXPECT_NE(pixels, one);
+  for (unsigned int t = 2; t <= 16; ++t) EXPECT_EQ(one, RenderStage(DepthOfField(f), pixels, w, h, t, 1)) << t;
+  // Tiny images: more threads than pixels.
+  const Bytes tiny = PatternBytes(3 * 2 * 4, 13);
+  const Focus g{kDepthOfFieldRadial, KVPoint2F(0, 0), 0.0, 2, 0.0, 0.0, 1.0, 0.0, KVRect()};
+  const Bytes tinyOne = RenderStage(DepthOfField(g), tiny, 3, 2, 1);
+  for (unsigned int t = 2; t <= 16; ++t) EXPECT_EQ(tinyOne, RenderStage(DepthOfField(g), tiny, 3, 2, t)) << t;
+}
+
+}  // namespace
