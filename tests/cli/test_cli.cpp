@@ -1,22 +1,22 @@
 // The kvimage tool, run as a separate process on small generated images. Its
 // outputs are compared byte for byte with the engine's own results through
 // the public API, and every error path with its message and exit status.
-#include <gtest/gtest.h>
-
 #include <dirent.h>
+#include <gtest/gtest.h>
+#include <kvimage/kvimage.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <kvimage/kvimage.h>
 
 #include "Demo.h"
 #include "ImageFiles.h"
@@ -115,8 +115,7 @@ void ExpectSameImage(const Image& expected, const Image& actual) {
   ASSERT_EQ(expected.width, actual.width);
   ASSERT_EQ(expected.height, actual.height);
   for (size_t i = 0; i < expected.bgra.size(); ++i) {
-    ASSERT_EQ(expected.bgra[i], actual.bgra[i]) << "byte " << i << " (pixel " << i / 4 << ", channel " << i % 4
-                                                 << ")";
+    ASSERT_EQ(expected.bgra[i], actual.bgra[i]) << "byte " << i << " (pixel " << i / 4 << ", channel " << i % 4 << ")";
   }
 }
 
@@ -225,8 +224,8 @@ TEST_F(ToolTest, JpegOutputFlattensOverTheMatteColour) {
   }
   WriteImage(Path("in.png"), input);
   ASSERT_EQ(0, Run("process " + Path("in.png") + " " + Path("black.jpg")).status);
-  ASSERT_EQ(0, Run("process " + Path("in.png") + " " + Path("blue.JPEG") + " --matte-colour 0,0,255 --quality 100")
-                   .status);
+  ASSERT_EQ(
+      0, Run("process " + Path("in.png") + " " + Path("blue.JPEG") + " --matte-colour 0,0,255 --quality 100").status);
   const Image black = ReadImage(Path("black.jpg")), blue = ReadImage(Path("blue.JPEG"));
   ASSERT_EQ(16u, black.width);
   ASSERT_EQ(16u, blue.height);
@@ -264,9 +263,9 @@ TEST_F(ToolTest, KeyMatchesTheKeyerAndCompositesOverTheBackground) {
     k.SetYUVBlur(2, kYUVBlurHorizontalVertical);
   });
   ExpectSameImage(expected, ReadImage(Path("keyed.png")));
-  ASSERT_EQ(0, Run("key " + Path("frame.png") + " " + Path("comp.png") + " --background " + Path("scene.png") +
-                   options)
-                   .status);
+  ASSERT_EQ(
+      0,
+      Run("key " + Path("frame.png") + " " + Path("comp.png") + " --background " + Path("scene.png") + options).status);
   ExpectSameImage(Over(scene, expected), ReadImage(Path("comp.png")));
 }
 
@@ -387,8 +386,8 @@ TEST_F(ToolTest, EveryErrorPathHasItsMessageAndStatus) {
   mkdir(Path("folder.png").c_str(), 0777);
   WriteText(Path("keep.png"), "previous contents");
   const std::string in = Path("in.png"), out = Path("out.png");
-  const std::vector<std::string> made = {"in.png", "other.png", "in.jpg",     "short.png", "corrupt.png",
-                                         "short.jpg", "anim.gif", "empty.png", "folder.png", "keep.png"};
+  const std::vector<std::string> made = {"in.png",    "other.png", "in.jpg",    "short.png",  "corrupt.png",
+                                         "short.jpg", "anim.gif",  "empty.png", "folder.png", "keep.png"};
 
   struct Case {
     std::string arguments;
@@ -441,7 +440,8 @@ TEST_F(ToolTest, EveryErrorPathHasItsMessageAndStatus) {
       {"process " + Path("missing.png") + " " + Path("keep.png"), 1,
        "kvimage process: cannot read '" + Path("missing.png") + "': No such file or directory"},
       {"key " + in + " " + out + " --saturation-limit 1.5", 2,
-       "kvimage key: --key auto: the engine refused it: code 7 (argument out of range)"},
+       "kvimage key: --key auto --balance 0.5 --saturation-limit 1.5 --saturation-softness 0.5: the engine refused "
+       "it: code 7 (argument out of range)"},
       {"key " + in + " " + out + " --erode -1", 2,
        "kvimage key: --erode -1: the engine refused it: code 7 (argument out of range)"},
       {"key " + in + " " + out + " --crop 0.1,0,1.1,0", 2,

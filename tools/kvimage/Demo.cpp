@@ -1,6 +1,10 @@
 #include "Demo.h"
 
+#include <kvimage/kvimage.h>
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
@@ -8,11 +12,6 @@
 #include <functional>
 #include <string>
 #include <vector>
-
-#include <cerrno>
-#include <sys/stat.h>
-
-#include <kvimage/kvimage.h>
 
 #include "BitmapFont.h"
 #include "Options.h"
@@ -95,8 +94,8 @@ struct Subject {
     // Rounded shoulders: the half width grows from the neck's like a quarter
     // ellipse, then the jacket narrows slightly towards the waist.
     const double t = Clamp01((y - shoulderTop) / (h * 0.09));
-    const double half = Mix(neckHalf * 1.8, shoulderHalf, std::sqrt(t * (2.0 - t))) -
-                        std::max(0.0, y - shoulderTop - h * 0.12) * 0.06;
+    const double half =
+        Mix(neckHalf * 1.8, shoulderHalf, std::sqrt(t * (2.0 - t))) - std::max(0.0, y - shoulderTop - h * 0.12) * 0.06;
     return std::max(std::fabs(x - cx) - half, shoulderTop - y);
   }
   // Signed distance to the whole subject (negative inside).
@@ -169,8 +168,8 @@ Colour SubjectColour(double x, double y, const Subject& s, double h) {
   } else if (s.Hair(x, y) < 0.0 && y < s.neckTop) {
     c = hair;
     shade = 0.7 + 0.3 * std::sin((x - s.cx) * 0.9 / (h / 540.0)) * 0.3 + 0.3 * Clamp01((s.hairY - y) / s.hairRy);
-  } else if (y < s.shoulderTop - h * 0.01 || (std::fabs(x - s.cx) < (y - s.shoulderTop) * 0.45 + s.neckHalf * 1.2 &&
-                                               y < s.shoulderTop + h * 0.2)) {
+  } else if (y < s.shoulderTop - h * 0.01 ||
+             (std::fabs(x - s.cx) < (y - s.shoulderTop) * 0.45 + s.neckHalf * 1.2 && y < s.shoulderTop + h * 0.2)) {
     // Neck and the open collar of a light shirt.
     if (y < s.shoulderTop - h * 0.01) {
       c = skin;
@@ -253,8 +252,8 @@ Image SynthesiseBackgroundScene(unsigned int width, unsigned int height) {
       c = {c.r + 90 * glow, c.g + 70 * glow, c.b + 30 * glow};
       if (sunDistance < 0.045) c = {255, 236, 190};
       // Far ridge, near hills and the ground in front.
-      const double far = horizon - 0.1 - 0.05 * std::sin(u * 7.0 + 1.0) - 0.03 * std::sin(u * 17.0 + 0.4) -
-                         0.012 * std::sin(u * 41.0);
+      const double far =
+          horizon - 0.1 - 0.05 * std::sin(u * 7.0 + 1.0) - 0.03 * std::sin(u * 17.0 + 0.4) - 0.012 * std::sin(u * 41.0);
       const double nearRidge = horizon - 0.02 - 0.06 * std::sin(u * 4.0 + 2.2) - 0.015 * std::sin(u * 23.0 + 1.3);
       if (v > far) {
         const double haze = Clamp01((v - far) / 0.3);
@@ -336,13 +335,17 @@ const std::vector<EffectTile>& EffectTiles() {
   static const std::vector<EffectTile> tiles = {
       {"original", false, nullptr},
       {"opacity 0.5", true, [](KVImageProcessor& p, unsigned, unsigned) { return p.SetOpacity(0.5); }},
-      {"mirror (writes nothing)", false, [](KVImageProcessor& p, unsigned, unsigned) { return p.SetMirror(true, false); }},
+      {"mirror (writes nothing)", false,
+       [](KVImageProcessor& p, unsigned, unsigned) { return p.SetMirror(true, false); }},
       {"silhouette", true,
-       [](KVImageProcessor& p, unsigned, unsigned) { return p.SetSilhouette(KVPixel8_RGB{24, 28, 40}); }},
+       [](KVImageProcessor& p, unsigned, unsigned) {
+         return p.SetSilhouette(KVPixel8_RGB{24, 28, 40});
+       }},
       {"matte view", true, [](KVImageProcessor& p, unsigned, unsigned) { return p.SetMatteView(); }},
       {"brightness 0.25", false,
        [](KVImageProcessor& p, unsigned, unsigned) { return p.SetBrightness(0.25, kChannelsColor); }},
-      {"contrast 1.6", false, [](KVImageProcessor& p, unsigned, unsigned) { return p.SetContrast(1.6, kChannelsColor); }},
+      {"contrast 1.6", false,
+       [](KVImageProcessor& p, unsigned, unsigned) { return p.SetContrast(1.6, kChannelsColor); }},
       {"super contrast .2-.8", false,
        [](KVImageProcessor& p, unsigned, unsigned) { return p.SetSuperContrast(0.2, 0.8, kChannelsColor); }},
       {"colour balance", false,
@@ -353,19 +356,18 @@ const std::vector<EffectTile>& EffectTiles() {
       {"saturation 0", false, [](KVImageProcessor& p, unsigned, unsigned) { return p.SetSaturation(0.0); }},
       {"saturation 1.8", false, [](KVImageProcessor& p, unsigned, unsigned) { return p.SetSaturation(1.8); }},
       {"hue shift 120", false, [](KVImageProcessor& p, unsigned, unsigned) { return p.SetHueShift(120, 1.0); }},
-      {"hue colourize 200", false,
-       [](KVImageProcessor& p, unsigned, unsigned) { return p.SetHueColorize(200, 0.8); }},
+      {"hue colourize 200", false, [](KVImageProcessor& p, unsigned, unsigned) { return p.SetHueColorize(200, 0.8); }},
       {"tint grey", false, [](KVImageProcessor& p, unsigned, unsigned) { return p.SetTint(kTintGrey, 1.0); }},
       {"tint warm", false, [](KVImageProcessor& p, unsigned, unsigned) { return p.SetTint(kTintWarm, 1.0); }},
       {"tint bronze", false, [](KVImageProcessor& p, unsigned, unsigned) { return p.SetTint(kTintBronze, 1.0); }},
-      {"tint cyanotype", false,
-       [](KVImageProcessor& p, unsigned, unsigned) { return p.SetTint(kTintCyanotype, 1.0); }},
+      {"tint cyanotype", false, [](KVImageProcessor& p, unsigned, unsigned) { return p.SetTint(kTintCyanotype, 1.0); }},
       {"tint selenium", false, [](KVImageProcessor& p, unsigned, unsigned) { return p.SetTint(kTintSelenium, 1.0); }},
       {"three-strip .3", false,
        [](KVImageProcessor& p, unsigned, unsigned) { return p.SetThreeStripColor(0.3, 0.3, 0.3); }},
       {"stack blur 6", false,
        [](KVImageProcessor& p, unsigned, unsigned) { return p.SetStackBlur(6, true, true, kChannelsAll); }},
-      {"yuv blur 10 stack", false, [](KVImageProcessor& p, unsigned, unsigned) { return p.SetYUVBlur(10, kYUVBlurStack); }},
+      {"yuv blur 10 stack", false,
+       [](KVImageProcessor& p, unsigned, unsigned) { return p.SetYUVBlur(10, kYUVBlurStack); }},
       {"bounded blur", false,
        [](KVImageProcessor& p, unsigned w, unsigned h) {
          const kvo::maths::KVRect rect(kvo::maths::KVPoint2(0, 0), static_cast<int>(w), static_cast<int>(h * 6 / 10));
@@ -489,7 +491,11 @@ void RunDemo(const std::string& directory, unsigned int width, unsigned int heig
   const struct {
     const char* name;
     const Image* image;
-  } outputs[] = {{"frame.png", &frame}, {"matte.png", &matte}, {"keyed.png", &keyed}, {"composite.png", &composite}, {"effects.png", &sheet}};
+  } outputs[] = {{"frame.png", &frame},
+                 {"matte.png", &matte},
+                 {"keyed.png", &keyed},
+                 {"composite.png", &composite},
+                 {"effects.png", &sheet}};
   for (const auto& output : outputs) {
     step = Clock::now();
     const std::string path = prefix + output.name;

@@ -1,19 +1,18 @@
 #include "ImageFiles.h"
 
+#include <fcntl.h>
+#include <jerror.h>
+#include <jpeglib.h>
+#include <png.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <csetjmp>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-#include <cerrno>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <jpeglib.h>
-#include <jerror.h>
-#include <png.h>
 
 namespace kvimage_cli {
 
@@ -94,6 +93,9 @@ void ReadPngBody(PngReadJob* job) {
   png_read_info(job->png, job->info);
   const png_uint_32 width = png_get_image_width(job->png, job->info);
   const png_uint_32 height = png_get_image_height(job->png, job->info);
+  if (static_cast<uint64_t>(width) * height * 4 > 0xFFFFFFFFull) {
+    png_error(job->png, "too large: an image holds at most 4 GiB");
+  }
   const int colourType = png_get_color_type(job->png, job->info);
   if (png_get_bit_depth(job->png, job->info) == 16) png_set_strip_16(job->png);
   if (colourType == PNG_COLOR_TYPE_PALETTE) png_set_palette_to_rgb(job->png);

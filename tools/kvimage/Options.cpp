@@ -1,11 +1,13 @@
 #include "Options.h"
 
+#include <strings.h>
+
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <strings.h>
 
 namespace kvimage_cli {
 
@@ -13,16 +15,26 @@ using namespace kvo::image;
 
 const char* ResultCodeMeaning(int code) {
   switch (code) {
-    case 0: return "success";
-    case 2: return "runtime error";
-    case 3: return "logic error";
-    case 4: return "invalid combination of arguments";
-    case 7: return "argument out of range";
-    case 8: return "out of memory";
-    case 10: return "unsupported format or channel selection";
-    case 1000: return "images do not match";
-    case 1001: return "a stage failed inside a worker thread";
-    default: return "unknown result code";
+    case 0:
+      return "success";
+    case 2:
+      return "runtime error";
+    case 3:
+      return "logic error";
+    case 4:
+      return "invalid combination of arguments";
+    case 7:
+      return "argument out of range";
+    case 8:
+      return "out of memory";
+    case 10:
+      return "unsupported format or channel selection";
+    case 1000:
+      return "images do not match";
+    case 1001:
+      return "a stage failed inside a worker thread";
+    default:
+      return "unknown result code";
   }
 }
 
@@ -114,9 +126,9 @@ namespace {
 
 const long kLargestBlurRadius = 2895;  // beyond it the stack blur's sums overflow
 
-const std::vector<const char*> kTintNames = {"grey",      "warm",     "bronze",   "cyanotype",
-                                             "emerald",   "gold",     "palladium", "platinum",
-                                             "platinum-palladium", "selenium", "silver"};
+const std::vector<const char*> kTintNames = {"grey",  "warm",      "bronze",   "cyanotype",          "emerald",
+                                             "gold",  "palladium", "platinum", "platinum-palladium", "selenium",
+                                             "silver"};
 const std::vector<const char*> kYUVBlurNames = {"horizontal", "vertical", "both", "stack", "none"};
 
 KVPixel8_RGB ParseColour(const Fields& f) {
@@ -232,8 +244,7 @@ const std::vector<OptionSpec> kEffectOptions = {
        return [=](StageTarget& t) { return t.processor->SetStackBlur(radius, horizontal, vertical, channels); };
      }},
     {"--yuv-blur", "RADIUS[:TYPE]",
-     "blur the chroma only; RADIUS 0..2895 pixels; TYPE horizontal|vertical|both|stack|none (stack)",
-     FrontEnd::kEither,
+     "blur the chroma only; RADIUS 0..2895 pixels; TYPE horizontal|vertical|both|stack|none (stack)", FrontEnd::kEither,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(1, 2);
        const unsigned int radius = static_cast<unsigned int>(f.Integer(0, 0, kLargestBlurRadius));
@@ -305,9 +316,9 @@ const std::vector<OptionSpec> kKeyOptions = {
        const double amount = f.NumberOr(1, 1.0);
        return [=](StageTarget& t) {
          const KeySettings& s = *t.settings;
-         const KVChannel channel =
-             s.spillChannel >= 0 ? static_cast<KVChannel>(s.spillChannel)
-                                 : (EffectiveKey(t) == kKeyColorBlue ? kChannelBlue : kChannelGreen);
+         const KVChannel channel = s.spillChannel >= 0
+                                       ? static_cast<KVChannel>(s.spillChannel)
+                                       : (EffectiveKey(t) == kKeyColorBlue ? kChannelBlue : kChannelGreen);
          double factors[4] = {s.spillFactors[0], s.spillFactors[1], s.spillFactors[2], s.spillFactors[3]};
          if (!s.spillFactorsGiven) {
            factors[0] = 0.0;
@@ -430,6 +441,16 @@ void StageChain::PrependAutomaticKey() {
 
 namespace {
 
+// How a refused stage is named in a message: a key stage with the settings it
+// was given, since any of them may be the value refused.
+std::string Describe(const ParsedStage& stage, const KeySettings& settings) {
+  if (std::strcmp(stage.spec->name, "--key") != 0) return stage.text;
+  char text[160];
+  std::snprintf(text, sizeof text, " --balance %g --saturation-limit %g --saturation-softness %g", settings.balance,
+                settings.saturationLimit, settings.saturationSoftness);
+  return stage.text + text;
+}
+
 // The front end a stage goes to, given the one of the run it would join: a
 // stage both front ends have stays in the current run.
 bool GoesToKeyer(FrontEnd frontEnd, bool currentIsKeyer) {
@@ -466,7 +487,8 @@ Image StageChain::Run(const Image& input, kvo::KVLookupTables& tables) const {
     for (; next < m_stages.size() && GoesToKeyer(m_stages[next].spec->frontEnd, keyer) == keyer; ++next) {
       const int code = m_stages[next].queue(target);
       if (code != 0) {
-        throw EngineError(m_stages[next].text + ": the engine refused it: " + DescribeResultCode(code), code, true);
+        throw EngineError(Describe(m_stages[next], m_settings) + ": the engine refused it: " + DescribeResultCode(code),
+                          code, true);
       }
     }
     const int code = keyer ? keyerFrontEnd->Render() : processor->Render();
@@ -490,7 +512,10 @@ void StageChain::Validate(kvo::KVLookupTables& tables) const {
     target.processor = inKeyer ? nullptr : &processor;
     target.keyer = inKeyer ? &keyer : nullptr;
     const int code = stage.queue(target);
-    if (code != 0) throw EngineError(stage.text + ": the engine refused it: " + DescribeResultCode(code), code, true);
+    if (code != 0) {
+      throw EngineError(Describe(stage, m_settings) + ": the engine refused it: " + DescribeResultCode(code), code,
+                        true);
+    }
   }
 }
 

@@ -3,12 +3,12 @@
 #ifndef KVIMAGE_TOOLS_OPTIONS_H
 #define KVIMAGE_TOOLS_OPTIONS_H
 
+#include <kvimage/kvimage.h>
+
 #include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <kvimage/kvimage.h>
 
 #include "ImageFiles.h"
 
@@ -40,8 +40,8 @@ struct KeySettings {
   double balance = 0.5;
   double saturationLimit = 0.2;
   double saturationSoftness = 0.5;
-  int spillChannel = -1;           // -1: the key colour (detected for an automatic key)
-  bool spillFactorsGiven = false;  // else -1 on the key channel, 0 elsewhere, reference 1
+  int spillChannel = -1;                  // -1: the key colour (detected for an automatic key)
+  bool spillFactorsGiven = false;         // else -1 on the key channel, 0 elsewhere, reference 1
   double spillFactors[4] = {0, 0, 0, 1};  // red, green, blue, reference
 };
 
@@ -50,7 +50,7 @@ struct StageTarget {
   kvo::image::KVImageProcessor* processor = nullptr;
   kvo::image::KVImageKeyer* keyer = nullptr;
   const KeySettings* settings = nullptr;
-  kvo::image::KVKeyColor keyColour = kvo::image::kKeyColorAuto;       // of the last --key queued
+  kvo::image::KVKeyColor keyColour = kvo::image::kKeyColorAuto;           // of the last --key queued
   kvo::image::KVKeyColor detectedKeyColour = kvo::image::kKeyColorGreen;  // of the chain's input
 };
 
@@ -85,19 +85,19 @@ class Fields {
 };
 
 enum class FrontEnd {
-  kProcessor,   // a processor setter
-  kKeyer,       // a keyer setter
-  kEither,      // a setter both have: joins the current run of stages
-  kKeySetting   // a key parameter: queues nothing
+  kProcessor,  // a processor setter
+  kKeyer,      // a keyer setter
+  kEither,     // a setter both have: joins the current run of stages
+  kKeySetting  // a key parameter: queues nothing
 };
 
 // One option. parse checks the value's form and returns the function that
 // queues the stage (an empty function for settings); value ranges the engine
 // checks are left to the engine, so that its code is what the user sees.
 struct OptionSpec {
-  const char* name;      // "--brightness"
-  const char* value;     // "AMOUNT[:CHANNELS]", or "" for an option without a value
-  const char* help;      // the range of every field
+  const char* name;   // "--brightness"
+  const char* value;  // "AMOUNT[:CHANNELS]", or "" for an option without a value
+  const char* help;   // the range of every field
   FrontEnd frontEnd;
   StageFunction (*parse)(const Fields& fields, KeySettings& settings);
 };

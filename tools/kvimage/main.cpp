@@ -2,20 +2,20 @@
 // composite, stream. Exit status 0 on success, 1 when a file or a render
 // fails, 2 for a command line the tool cannot act on (an unknown option, a
 // malformed value, a value the engine refuses).
+#include <kvimage/kvimage.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
-
-#include <strings.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <kvimage/kvimage.h>
 
 #include "Demo.h"
 #include "ImageFiles.h"
@@ -41,8 +41,8 @@ struct CommandHelp {
   const char* name;
   const char* synopsis;
   const char* summary;
-  bool effects;  // lists the effect options
-  bool keys;     // lists the key options
+  bool effects;       // lists the effect options
+  bool keys;          // lists the key options
   const char* extra;  // the command's own options
 };
 
@@ -69,8 +69,7 @@ const CommandHelp kCommands[] = {
      "order. OUT keeps the matte as alpha; with --background it is the composite over BG.",
      false, true, "  --background FILE        composite the keyed frame over FILE (same size)\n"},
     {"composite", "kvimage composite BACKGROUND OUT --layer FILE[:MODE[:OPACITY[:TYPE]]] ...",
-     "Lays the layers over the background in order.",
-     false, false,
+     "Lays the layers over the background in order.", false, false,
      "  --layer FILE[:MODE[:OPACITY[:TYPE]]]\n"
      "                           MODE add|colour-burn|colour-dodge|darken|difference|exclusion|hard-light|\n"
      "                           lighten|multiply|normal|overlay|screen|soft-light|replace (normal);\n"
@@ -179,9 +178,9 @@ void ParseSize(const std::string& option, const std::string& value, unsigned int
 }
 
 CommandLine::Layer ParseLayer(const std::string& value) {
-  static const std::vector<const char*> kModes = {
-      "add",     "colour-burn", "colour-dodge", "darken",  "difference", "exclusion",  "hard-light",
-      "lighten", "multiply",    "normal",       "overlay", "screen",     "soft-light", "replace"};
+  static const std::vector<const char*> kModes = {"add",       "colour-burn", "colour-dodge", "darken",   "difference",
+                                                  "exclusion", "hard-light",  "lighten",      "multiply", "normal",
+                                                  "overlay",   "screen",      "soft-light",   "replace"};
   CommandLine::Layer layer{value, kBlendNormal, 1.0, kCompositeAlpha};
   struct stat info;
   const size_t colon = value.find(':');
@@ -373,8 +372,8 @@ int RunStream(CommandLine& line) {
     background = ReadImage(line.background);
     if (background.width != line.width || background.height != line.height) {
       throw FileError("'" + line.background + "' is " + std::to_string(background.width) + "x" +
-                      std::to_string(background.height) + " but the frames are " + std::to_string(line.width) +
-                      "x" + std::to_string(line.height) + ": sizes do not match");
+                      std::to_string(background.height) + " but the frames are " + std::to_string(line.width) + "x" +
+                      std::to_string(line.height) + ": sizes do not match");
     }
   }
   std::signal(SIGPIPE, SIG_IGN);
@@ -396,8 +395,8 @@ int RunStream(CommandLine& line) {
     if (std::ferror(stdin)) throw FileError(std::string("cannot read standard input: ") + std::strerror(errno));
     if (got < frameBytes) {
       if (progress) report(true);
-      throw FileError("input ended inside frame " + std::to_string(frames + 1) + " (" + std::to_string(got) +
-                      " of " + std::to_string(frameBytes) + " bytes)");
+      throw FileError("input ended inside frame " + std::to_string(frames + 1) + " (" + std::to_string(got) + " of " +
+                      std::to_string(frameBytes) + " bytes)");
     }
     Image output = line.chain.Run(frame, tables);
     if (!line.background.empty()) {
