@@ -514,10 +514,10 @@ TEST_F(ToolTest, HelpListsEveryOptionWithItsRange) {
 }
 
 TEST_F(ToolTest, DemoWritesItsPicturesAndReportsEachStep) {
-  const Result r = Run("demo --size 128x72 --out " + Path("out/demo"));
+  const Result r = Run("demo --size 128x72 --threads 3 --out " + Path("out/demo"));
   ASSERT_EQ(0, r.status) << r.err;
   EXPECT_EQ("", r.err);
-  EXPECT_EQ(0u, r.out.find("kvimage demo: 128x72 frame")) << r.out;
+  EXPECT_EQ(0u, r.out.find("kvimage demo: 128x72 frame, 3 threads")) << r.out;
   for (const char* name : {"frame.png", "matte.png", "keyed.png", "composite.png", "effects.png"}) {
     const std::string path = Path("out/demo/") + name;
     EXPECT_NE(std::string::npos, r.out.find("wrote " + path)) << r.out;

@@ -59,7 +59,8 @@ const CommandHelp kCommands[] = {
      "matte.png, keyed.png, composite.png and effects.png (one tile per effect).",
      false, false,
      "  --out DIR                where to write (created if missing; default kvimage-demo)\n"
-     "  --size WxH               frame size, 64x36..3840x2160 (960x540)\n"},
+     "  --size WxH               frame size, 64x36..3840x2160 (960x540)\n"
+     "  --threads N              worker threads per pass, 1..255 (the processor count)\n"},
     {"process", "kvimage process IN OUT [EFFECT OPTIONS ...]",
      "Applies the effects in the order given (an option given twice applies twice). With no\n"
      "effect the output is a copy: a format conversion.",
@@ -232,7 +233,7 @@ CommandLine Parse(const std::string& command, int argc, char** argv) {
     for (size_t at = name.find("color"); at != std::string::npos; at = name.find("color", at + 6)) {
       name.replace(at, 5, "colour");
     }
-    if (command != "demo" && name == "--threads") {
+    if (name == "--threads") {
       const Fields f(name, takeValue());
       f.ExpectCount(1, 1);
       kvo::KVSystem::SetCPUCoreCount(static_cast<unsigned int>(f.Integer(0, 1, 255)));
