@@ -79,7 +79,7 @@ struct Subject {
         hairRy(h * 0.13),
         neckHalf(h * 0.035),
         neckTop(h * 0.42),
-        shoulderTop(h * 0.53),
+        shoulderTop(h * 0.485),
         shoulderHalf(h * 0.25),
         waistHalf(h * 0.2) {}
 
@@ -93,9 +93,9 @@ struct Subject {
   double Body(double x, double y, double h) const {
     // Rounded shoulders: the half width grows from the neck's like a quarter
     // ellipse, then the jacket narrows slightly towards the waist.
-    const double t = Clamp01((y - shoulderTop) / (h * 0.09));
-    const double half =
-        Mix(neckHalf * 1.8, shoulderHalf, std::sqrt(t * (2.0 - t))) - std::max(0.0, y - shoulderTop - h * 0.12) * 0.06;
+    const double t = Clamp01((y - shoulderTop) / (h * 0.16));
+    const double half = Mix(neckHalf * 1.6, shoulderHalf, 1.0 - (1.0 - t) * (1.0 - t) * (1.0 - t)) -
+                        std::max(0.0, y - shoulderTop - h * 0.2) * 0.06;
     return std::max(std::fabs(x - cx) - half, shoulderTop - y);
   }
   // Signed distance to the whole subject (negative inside).
