@@ -419,13 +419,6 @@ void StageChain::Add(const OptionSpec& spec, const std::string& value) {
   m_stages.push_back(ParsedStage{&spec, std::string(spec.name) + (*spec.value ? " " + value : ""), queue});
 }
 
-bool StageChain::HasKeyStage() const {
-  for (const ParsedStage& stage : m_stages) {
-    if (stage.spec->frontEnd == FrontEnd::kKeyer) return true;
-  }
-  return false;
-}
-
 bool StageChain::HasKeyColourStage() const {
   for (const ParsedStage& stage : m_stages) {
     if (std::strcmp(stage.spec->name, "--key") == 0) return true;
@@ -463,12 +456,6 @@ Image StageChain::Run(const Image& input, kvo::KVLookupTables& tables) const {
   Image current = input;
   StageTarget target;
   target.settings = &m_settings;
-  if (HasKeyStage()) {
-    KVImage8 wrapped(current.bgra.data(), current.width, current.height, kPixelOrderBGRA);
-    KVKeyColor detected = kKeyColorGreen;
-    AutoDetectKeyColor(&wrapped, static_cast<int>(kvo::KVSystem::GetCPUCoreCount()), &detected);
-    target.detectedKeyColour = detected;
-  }
   size_t next = 0;
   while (next < m_stages.size()) {
     const bool keyer = GoesToKeyer(m_stages[next].spec->frontEnd, false);  // a lone kEither runs on a processor
@@ -478,6 +465,11 @@ Image StageChain::Run(const Image& input, kvo::KVLookupTables& tables) const {
     std::unique_ptr<KVImageProcessor> processor;
     std::unique_ptr<KVImageKeyer> keyerFrontEnd;
     if (keyer) {
+      // What an automatic key will find in this keyer's input: the spill
+      // stage pulls down that colour.
+      KVKeyColor detected = kKeyColorGreen;
+      AutoDetectKeyColor(&source, static_cast<int>(kvo::KVSystem::GetCPUCoreCount()), &detected);
+      target.detectedKeyColour = detected;
       keyerFrontEnd.reset(new KVImageKeyer(&source, &destination, tables, m_factor));
     } else {
       processor.reset(new KVImageProcessor(&source, &destination, tables, m_factor));

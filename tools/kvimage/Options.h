@@ -122,7 +122,6 @@ class StageChain {
   // Parses one option; value is ignored for options without one.
   void Add(const OptionSpec& spec, const std::string& value);
   bool Empty() const { return m_stages.empty(); }
-  bool HasKeyStage() const;
   bool HasKeyColourStage() const;
   // Queues --key auto in front of the others.
   void PrependAutomaticKey();
