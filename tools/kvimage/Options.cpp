@@ -1,0 +1,529 @@
+#include "Options.h"
+
+#include <strings.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace kvimage_cli {
+
+using namespace kvo::image;
+
+const char* ResultCodeMeaning(int code) {
+  switch (code) {
+    case 0:
+      return "success";
+    case 2:
+      return "runtime error";
+    case 3:
+      return "logic error";
+    case 4:
+      return "invalid combination of arguments";
+    case 7:
+      return "argument out of range";
+    case 8:
+      return "out of memory";
+    case 10:
+      return "unsupported format or channel selection";
+    case 1000:
+      return "images do not match";
+    case 1001:
+      return "a stage failed inside a worker thread";
+    default:
+      return "unknown result code";
+  }
+}
+
+std::string DescribeResultCode(int code) {
+  return "code " + std::to_string(code) + " (" + ResultCodeMeaning(code) + ")";
+}
+
+// ---------------------------------------------------------------------------
+// Fields
+// ---------------------------------------------------------------------------
+
+Fields::Fields(const std::string& option, const std::string& value) : m_option(option), m_value(value) {
+  if (value.empty()) return;
+  std::string field;
+  for (char c : value) {
+    if (c == ':' || c == ',') {
+      m_fields.push_back(field);
+      field.clear();
+    } else {
+      field += c;
+    }
+  }
+  m_fields.push_back(field);
+}
+
+void Fields::Fail(const std::string& problem) const {
+  throw UsageError(m_option + (m_value.empty() ? "" : " " + m_value) + ": " + problem);
+}
+
+void Fields::ExpectCount(size_t min, size_t max) const {
+  if (m_fields.size() < min || m_fields.size() > max) {
+    std::string expected = min == max ? std::to_string(min) : std::to_string(min) + " to " + std::to_string(max);
+    Fail("expected " + expected + " value" + (max == 1 ? "" : "s") + ", got " + std::to_string(m_fields.size()));
+  }
+}
+
+double Fields::Number(size_t index) const {
+  if (!Has(index)) Fail("value " + std::to_string(index + 1) + " is missing");
+  const std::string& text = m_fields[index];
+  char* end = nullptr;
+  errno = 0;
+  const double value = std::strtod(text.c_str(), &end);
+  if (end == text.c_str() || *end != '\0' || !std::isfinite(value)) Fail("'" + text + "' is not a number");
+  return value;
+}
+
+long Fields::Integer(size_t index, long min, long max) const {
+  if (!Has(index)) Fail("value " + std::to_string(index + 1) + " is missing");
+  const std::string& text = m_fields[index];
+  char* end = nullptr;
+  errno = 0;
+  const long value = std::strtol(text.c_str(), &end, 10);
+  if (end == text.c_str() || *end != '\0') Fail("'" + text + "' is not a whole number");
+  if (errno == ERANGE || value < min || value > max) {
+    Fail("'" + text + "' is out of range (" + std::to_string(min) + ".." + std::to_string(max) + ")");
+  }
+  return value;
+}
+
+int Fields::Choice(size_t index, const std::vector<const char*>& choices) const {
+  if (!Has(index)) Fail("value " + std::to_string(index + 1) + " is missing");
+  for (size_t i = 0; i < choices.size(); ++i) {
+    if (strcasecmp(m_fields[index].c_str(), choices[i]) == 0) return static_cast<int>(i);
+  }
+  std::string list;
+  for (const char* choice : choices) list += (list.empty() ? "" : "|") + std::string(choice);
+  Fail("'" + m_fields[index] + "' is not one of " + list);
+}
+
+KVChannelsToProcess Fields::Channels(size_t index, KVChannelsToProcess otherwise) const {
+  static const std::vector<const char*> kNames = {"alpha", "colour", "all", "color"};
+  if (!Has(index)) return otherwise;
+  const int choice = Choice(index, kNames);
+  return choice == 0 ? kChannelsAlpha : (choice == 2 ? kChannelsAll : kChannelsColor);
+}
+
+void Fields::Directions(size_t index, bool& horizontal, bool& vertical) const {
+  const int choice = ChoiceOr(index, {"hv", "h", "v"}, 0);
+  horizontal = choice != 2;
+  vertical = choice != 1;
+}
+
+// ---------------------------------------------------------------------------
+// The option tables. Each entry is one setter: adding a stage to the tool is
+// adding an entry here.
+// ---------------------------------------------------------------------------
+
+namespace {
+
+const long kLargestBlurRadius = 2895;  // beyond it the stack blur's sums overflow
+
+const std::vector<const char*> kTintNames = {"grey",  "warm",      "bronze",   "cyanotype",          "emerald",
+                                             "gold",  "palladium", "platinum", "platinum-palladium", "selenium",
+                                             "silver"};
+const std::vector<const char*> kYUVBlurNames = {"horizontal", "vertical", "both", "stack", "none"};
+
+KVPixel8_RGB ParseColour(const Fields& f) {
+  f.ExpectCount(3, 3);
+  KVPixel8_RGB colour;
+  colour.red = static_cast<unsigned char>(f.Integer(0, 0, 255));
+  colour.green = static_cast<unsigned char>(f.Integer(1, 0, 255));
+  colour.blue = static_cast<unsigned char>(f.Integer(2, 0, 255));
+  return colour;
+}
+
+KVKeyColor EffectiveKey(const StageTarget& t) {
+  return t.keyColour == kKeyColorAuto ? t.detectedKeyColour : t.keyColour;
+}
+
+const std::vector<OptionSpec> kEffectOptions = {
+    {"--opacity", "OPACITY", "scale alpha; OPACITY 0..1", FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(1, 1);
+       const double opacity = f.Number(0);
+       return [=](StageTarget& t) { return t.processor->SetOpacity(opacity); };
+     }},
+    {"--mirror", "", "queue the mirror stage (it carries its flags and writes nothing)", FrontEnd::kProcessor,
+     [](const Fields&, KeySettings&) -> StageFunction {
+       return [](StageTarget& t) { return t.processor->SetMirror(true, false); };
+     }},
+    {"--silhouette", "R,G,B", "one colour, alpha kept; R, G, B 0..255", FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       const KVPixel8_RGB colour = ParseColour(f);
+       return [=](StageTarget& t) { return t.processor->SetSilhouette(colour); };
+     }},
+    {"--matte-view", "", "show alpha as opaque grey", FrontEnd::kProcessor,
+     [](const Fields&, KeySettings&) -> StageFunction {
+       return [](StageTarget& t) { return t.processor->SetMatteView(); };
+     }},
+    {"--brightness", "AMOUNT[:CHANNELS]", "AMOUNT -1..1; CHANNELS colour|alpha|all (colour)", FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(1, 2);
+       const double amount = f.Number(0);
+       const KVChannelsToProcess channels = f.Channels(1, kChannelsColor);
+       return [=](StageTarget& t) { return t.processor->SetBrightness(amount, channels); };
+     }},
+    {"--contrast", "AMOUNT[:CHANNELS]", "AMOUNT 0..2 (1 unchanged); CHANNELS colour|alpha|all (colour)",
+     FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(1, 2);
+       const double amount = f.Number(0);
+       const KVChannelsToProcess channels = f.Channels(1, kChannelsColor);
+       return [=](StageTarget& t) { return t.processor->SetContrast(amount, channels); };
+     }},
+    {"--super-contrast", "LOW:HIGH[:CHANNELS]", "stretch LOW..HIGH to the full range; LOW, HIGH 0..1",
+     FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(2, 3);
+       const double low = f.Number(0), high = f.Number(1);
+       const KVChannelsToProcess channels = f.Channels(2, kChannelsColor);
+       return [=](StageTarget& t) { return t.processor->SetSuperContrast(low, high, channels); };
+     }},
+    {"--colour-balance", "R:G:B", "channel gains; R, G, B 0..2 (1 unchanged)", FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(3, 3);
+       const double r = f.Number(0), g = f.Number(1), b = f.Number(2);
+       return [=](StageTarget& t) { return t.processor->SetColorBalance(r, g, b); };
+     }},
+    {"--colour-temperature", "KELVIN", "black-body cast; KELVIN 1500..13500", FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(1, 1);
+       const double kelvin = f.Number(0);
+       return [=](StageTarget& t) { return t.processor->SetColorTemperature(kelvin); };
+     }},
+    {"--saturation", "AMOUNT", "AMOUNT 0..2 (1 unchanged, 0 grey)", FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(1, 1);
+       const double amount = f.Number(0);
+       return [=](StageTarget& t) { return t.processor->SetSaturation(amount); };
+     }},
+    {"--hue-shift", "DEGREES[:AMOUNT]", "DEGREES 0..360; AMOUNT 0..1 (1)", FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(1, 2);
+       const double degrees = f.Number(0), amount = f.NumberOr(1, 1.0);
+       return [=](StageTarget& t) { return t.processor->SetHueShift(degrees, amount); };
+     }},
+    {"--hue-colourize", "HUE[:AMOUNT]", "HUE 0..360; AMOUNT 0..1 (1)", FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(1, 2);
+       const double hue = f.Number(0), amount = f.NumberOr(1, 1.0);
+       return [=](StageTarget& t) { return t.processor->SetHueColorize(hue, amount); };
+     }},
+    {"--tint", "TONE[:AMOUNT]",
+     "TONE grey|warm|bronze|cyanotype|emerald|gold|palladium|platinum|platinum-palladium|selenium|silver; "
+     "AMOUNT 0..1 (1)",
+     FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(1, 2);
+       const KVTintType tone = static_cast<KVTintType>(f.Choice(0, kTintNames));
+       const double amount = f.NumberOr(1, 1.0);
+       return [=](StageTarget& t) { return t.processor->SetTint(tone, amount); };
+     }},
+    {"--three-strip", "A:B:C", "three-strip colour levels; A, B, C 0..1", FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(3, 3);
+       const double a = f.Number(0), b = f.Number(1), c = f.Number(2);
+       return [=](StageTarget& t) { return t.processor->SetThreeStripColor(a, b, c); };
+     }},
+    {"--stack-blur", "RADIUS[:DIRECTIONS[:CHANNELS]]",
+     "RADIUS 0..2895 pixels; DIRECTIONS hv|h|v (hv); CHANNELS colour|alpha|all (all)", FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(1, 3);
+       const unsigned int radius = static_cast<unsigned int>(f.Integer(0, 0, kLargestBlurRadius));
+       bool horizontal, vertical;
+       f.Directions(1, horizontal, vertical);
+       const KVChannelsToProcess channels = f.Channels(2, kChannelsAll);
+       return [=](StageTarget& t) { return t.processor->SetStackBlur(radius, horizontal, vertical, channels); };
+     }},
+    {"--yuv-blur", "RADIUS[:TYPE]",
+     "blur the chroma only; RADIUS 0..2895 pixels; TYPE horizontal|vertical|both|stack|none (stack)", FrontEnd::kEither,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(1, 2);
+       const unsigned int radius = static_cast<unsigned int>(f.Integer(0, 0, kLargestBlurRadius));
+       const KVYUVBlurType type = static_cast<KVYUVBlurType>(f.ChoiceOr(1, kYUVBlurNames, kYUVBlurStack));
+       return [=](StageTarget& t) {
+         return t.processor ? t.processor->SetYUVBlur(radius, type) : t.keyer->SetYUVBlur(radius, type);
+       };
+     }},
+    {"--bounded-blur", "RADIUS:X:Y:W:H[:FEATHER[:DIRECTIONS[:CHANNELS]]]",
+     "stack blur inside a rectangle (pixels); RADIUS 0..2895; FEATHER pixels >= 0 (0); "
+     "DIRECTIONS hv|h|v (hv); CHANNELS colour|alpha|all (all)",
+     FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(5, 8);
+       const unsigned int radius = static_cast<unsigned int>(f.Integer(0, 0, kLargestBlurRadius));
+       const int x = static_cast<int>(f.Integer(1, -1000000, 1000000));
+       const int y = static_cast<int>(f.Integer(2, -1000000, 1000000));
+       const int w = static_cast<int>(f.Integer(3, 0, 1000000));
+       const int h = static_cast<int>(f.Integer(4, 0, 1000000));
+       const double feather = f.NumberOr(5, 0.0);
+       bool horizontal, vertical;
+       f.Directions(6, horizontal, vertical);
+       const KVChannelsToProcess channels = f.Channels(7, kChannelsAll);
+       return [=](StageTarget& t) {
+         const kvo::maths::KVRect rect(kvo::maths::KVPoint2(x, y), w, h);
+         return t.processor->SetBoundedStackBlur(radius, horizontal, vertical, channels, rect, feather);
+       };
+     }},
+};
+
+const std::vector<OptionSpec> kKeyOptions = {
+    {"--key", "auto|green|blue", "pull a colour-difference key (auto detects green or blue per image)",
+     FrontEnd::kKeyer,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(1, 1);
+       const KVKeyColor colour = static_cast<KVKeyColor>(f.Choice(0, {"auto", "green", "blue"}));
+       return [=](StageTarget& t) {
+         t.keyColour = colour;
+         const KeySettings& s = *t.settings;
+         return t.keyer->SetAutoColorDifferenceKey(colour, s.balance, s.saturationLimit, s.saturationSoftness);
+       };
+     }},
+    {"--balance", "AMOUNT", "key: upper threshold from the matte's middle (0) to its mean (1); 0..1 (0.5)",
+     FrontEnd::kKeySetting,
+     [](const Fields& f, KeySettings& s) -> StageFunction {
+       f.ExpectCount(1, 1);
+       s.balance = f.Number(0);
+       return StageFunction();
+     }},
+    {"--saturation-limit", "AMOUNT", "key: chroma below which the matte weakens, a fraction of 255; 0..1 (0.2)",
+     FrontEnd::kKeySetting,
+     [](const Fields& f, KeySettings& s) -> StageFunction {
+       f.ExpectCount(1, 1);
+       s.saturationLimit = f.Number(0);
+       return StageFunction();
+     }},
+    {"--saturation-softness", "AMOUNT", "key: fraction of the limit below which the matte is 0; 0..1 (0.5)",
+     FrontEnd::kKeySetting,
+     [](const Fields& f, KeySettings& s) -> StageFunction {
+       f.ExpectCount(1, 1);
+       s.saturationSoftness = f.Number(0);
+       return StageFunction();
+     }},
+    {"--spill", "METHOD[:AMOUNT]", "remove the backing's cast; METHOD standard|extended|advanced; AMOUNT 0..1 (1)",
+     FrontEnd::kKeyer,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(1, 2);
+       const KVSpillType method = static_cast<KVSpillType>(f.Choice(0, {"standard", "extended", "advanced"}));
+       const double amount = f.NumberOr(1, 1.0);
+       return [=](StageTarget& t) {
+         const KeySettings& s = *t.settings;
+         const KVChannel channel = s.spillChannel >= 0
+                                       ? static_cast<KVChannel>(s.spillChannel)
+                                       : (EffectiveKey(t) == kKeyColorBlue ? kChannelBlue : kChannelGreen);
+         double factors[4] = {s.spillFactors[0], s.spillFactors[1], s.spillFactors[2], s.spillFactors[3]};
+         if (!s.spillFactorsGiven) {
+           factors[0] = 0.0;
+           factors[1] = channel == kChannelBlue ? 0.0 : -1.0;
+           factors[2] = channel == kChannelBlue ? -1.0 : 0.0;
+           factors[3] = 1.0;
+         }
+         return t.keyer->SetSpillSuppression(channel, method, amount, factors[0], factors[1], factors[2], factors[3]);
+       };
+     }},
+    {"--spill-channel", "green|blue", "spill: the channel to pull down (the key colour)", FrontEnd::kKeySetting,
+     [](const Fields& f, KeySettings& s) -> StageFunction {
+       f.ExpectCount(1, 1);
+       s.spillChannel = f.Choice(0, {"green", "blue"});
+       return StageFunction();
+     }},
+    {"--spill-factors", "R:G:B:REFERENCE",
+     "advanced spill: spill added to each channel times R, G, B (any value); spill = key - other x REFERENCE "
+     "(-1 on the key channel, 0, reference 1)",
+     FrontEnd::kKeySetting,
+     [](const Fields& f, KeySettings& s) -> StageFunction {
+       f.ExpectCount(4, 4);
+       for (size_t i = 0; i < 4; ++i) s.spillFactors[i] = f.Number(i);
+       s.spillFactorsGiven = true;
+       return StageFunction();
+     }},
+    {"--erode", "SIZE[:SHAPE]", "shrink the opaque matte; SIZE pixels >= 0; SHAPE all|rightward|leftward (all)",
+     FrontEnd::kKeyer,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(1, 2);
+       const int size = static_cast<int>(f.Integer(0, -2147483647L, 2147483647L));
+       const KVWhiteErodeDirection shape =
+           static_cast<KVWhiteErodeDirection>(f.ChoiceOr(1, {"all", "rightward", "leftward"}, 0));
+       return [=](StageTarget& t) { return t.keyer->SetWhiteErode(shape, size); };
+     }},
+    {"--crop", "L,T,R,B", "garbage matte: clear alpha outside the margins; fractions of the size 0..1",
+     FrontEnd::kKeyer,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(4, 4);
+       const double l = f.Number(0), t = f.Number(1), r = f.Number(2), b = f.Number(3);
+       return [=](StageTarget& target) { return target.keyer->SetAlphaCrop(l, t, r, b); };
+     }},
+    {"--alpha-blur", "RADIUS[:DIRECTIONS]", "stack blur of the matte; RADIUS 0..2895; DIRECTIONS hv|h|v (hv)",
+     FrontEnd::kKeyer,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(1, 2);
+       const unsigned int radius = static_cast<unsigned int>(f.Integer(0, 0, kLargestBlurRadius));
+       bool horizontal, vertical;
+       f.Directions(1, horizontal, vertical);
+       return [=](StageTarget& t) { return t.keyer->SetAlphaStackBlur(radius, horizontal, vertical); };
+     }},
+    {"--alpha-contrast", "LOW:HIGH", "stretch the matte LOW..HIGH to the full range; 0..1", FrontEnd::kKeyer,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(2, 2);
+       const double low = f.Number(0), high = f.Number(1);
+       return [=](StageTarget& t) { return t.keyer->SetAlphaSuperContrast(low, high); };
+     }},
+};
+
+std::string BritishSpelling(const std::string& name) {
+  std::string out = name;
+  for (size_t at = out.find("color"); at != std::string::npos; at = out.find("color", at + 6)) {
+    out.replace(at, 5, "colour");
+  }
+  return out;
+}
+
+}  // namespace
+
+const std::vector<OptionSpec>& EffectOptions() { return kEffectOptions; }
+const std::vector<OptionSpec>& KeyOptions() { return kKeyOptions; }
+
+const OptionSpec* FindStageOption(const std::string& name, bool effects, bool keys) {
+  const std::string wanted = BritishSpelling(name);
+  if (effects) {
+    for (const OptionSpec& spec : kEffectOptions) {
+      if (wanted == spec.name) return &spec;
+    }
+  }
+  if (keys) {
+    for (const OptionSpec& spec : kKeyOptions) {
+      if (wanted == spec.name) return &spec;
+    }
+    // The YUV blur is in both front ends; the key tables list it too.
+    if (!effects && wanted == "--yuv-blur") return FindStageOption(name, true, false);
+  }
+  return nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// The chain
+// ---------------------------------------------------------------------------
+
+void StageChain::Add(const OptionSpec& spec, const std::string& value) {
+  Fields fields(spec.name, value);
+  StageFunction queue = spec.parse(fields, m_settings);
+  if (spec.frontEnd == FrontEnd::kKeySetting) return;
+  m_stages.push_back(ParsedStage{&spec, std::string(spec.name) + (*spec.value ? " " + value : ""), queue});
+}
+
+bool StageChain::HasKeyColourStage() const {
+  for (const ParsedStage& stage : m_stages) {
+    if (std::strcmp(stage.spec->name, "--key") == 0) return true;
+  }
+  return false;
+}
+
+void StageChain::PrependAutomaticKey() {
+  const OptionSpec* key = FindStageOption("--key", false, true);
+  Fields fields(key->name, "auto");
+  m_stages.insert(m_stages.begin(), ParsedStage{key, "--key auto", key->parse(fields, m_settings)});
+}
+
+namespace {
+
+// How a refused stage is named in a message: a key stage with the settings it
+// was given, since any of them may be the value refused.
+std::string Describe(const ParsedStage& stage, const KeySettings& settings) {
+  if (std::strcmp(stage.spec->name, "--key") != 0) return stage.text;
+  char text[160];
+  std::snprintf(text, sizeof text, " --balance %g --saturation-limit %g --saturation-softness %g", settings.balance,
+                settings.saturationLimit, settings.saturationSoftness);
+  return stage.text + text;
+}
+
+// The front end a stage goes to, given the one of the run it would join: a
+// stage both front ends have stays in the current run.
+bool GoesToKeyer(FrontEnd frontEnd, bool currentIsKeyer) {
+  return frontEnd == FrontEnd::kKeyer || (frontEnd == FrontEnd::kEither && currentIsKeyer);
+}
+
+}  // namespace
+
+Image StageChain::Run(const Image& input, kvo::KVLookupTables& tables) const {
+  Image current = input;
+  StageTarget target;
+  target.settings = &m_settings;
+  size_t next = 0;
+  while (next < m_stages.size()) {
+    const bool keyer = GoesToKeyer(m_stages[next].spec->frontEnd, false);  // a lone kEither runs on a processor
+    Image output = current;
+    KVImage8 source(current.bgra.data(), current.width, current.height, kPixelOrderBGRA);
+    KVImage8 destination(output.bgra.data(), output.width, output.height, kPixelOrderBGRA);
+    std::unique_ptr<KVImageProcessor> processor;
+    std::unique_ptr<KVImageKeyer> keyerFrontEnd;
+    if (keyer) {
+      // What an automatic key will find in this keyer's input: the spill
+      // stage pulls down that colour.
+      KVKeyColor detected = kKeyColorGreen;
+      AutoDetectKeyColor(&source, static_cast<int>(kvo::KVSystem::GetCPUCoreCount()), &detected);
+      target.detectedKeyColour = detected;
+      keyerFrontEnd.reset(new KVImageKeyer(&source, &destination, tables, m_factor));
+    } else {
+      processor.reset(new KVImageProcessor(&source, &destination, tables, m_factor));
+    }
+    target.processor = processor.get();
+    target.keyer = keyerFrontEnd.get();
+    for (; next < m_stages.size() && GoesToKeyer(m_stages[next].spec->frontEnd, keyer) == keyer; ++next) {
+      const int code = m_stages[next].queue(target);
+      if (code != 0) {
+        throw EngineError(Describe(m_stages[next], m_settings) + ": the engine refused it: " + DescribeResultCode(code),
+                          code, true);
+      }
+    }
+    const int code = keyer ? keyerFrontEnd->Render() : processor->Render();
+    if (code != 0) throw EngineError("render failed: " + DescribeResultCode(code), code, false);
+    current.bgra.swap(output.bgra);
+  }
+  return current;
+}
+
+void StageChain::Validate(kvo::KVLookupTables& tables) const {
+  unsigned char pixels[2][4] = {{0, 0, 0, 255}, {0, 0, 0, 255}};
+  KVImage8 source(pixels[0], 1, 1, kPixelOrderBGRA);
+  KVImage8 destination(pixels[1], 1, 1, kPixelOrderBGRA);
+  KVImageProcessor processor(&source, &destination, tables, m_factor);
+  KVImageKeyer keyer(&source, &destination, tables, m_factor);
+  StageTarget target;
+  target.settings = &m_settings;
+  bool inKeyer = false;
+  for (const ParsedStage& stage : m_stages) {
+    inKeyer = GoesToKeyer(stage.spec->frontEnd, inKeyer);
+    target.processor = inKeyer ? nullptr : &processor;
+    target.keyer = inKeyer ? &keyer : nullptr;
+    const int code = stage.queue(target);
+    if (code != 0) {
+      throw EngineError(Describe(stage, m_settings) + ": the engine refused it: " + DescribeResultCode(code), code,
+                        true);
+    }
+  }
+}
+
+void CompositeOver(Image& background, const Image& layer, kvo::KVLookupTables& tables, const std::string& what) {
+  KVImage8 back(background.bgra.data(), background.width, background.height, kPixelOrderBGRA);
+  KVImage8 front(const_cast<unsigned char*>(layer.bgra.data()), layer.width, layer.height, kPixelOrderBGRA);
+  KVImageCompositor compositor(&back, 1.0, tables, kDownsampleNone);
+  int code = compositor.AddLayer(&front, 1.0, kBlendNormal, kCompositeAlpha);
+  if (code == 1000) {
+    throw EngineError(what + " is " + std::to_string(layer.width) + "x" + std::to_string(layer.height) +
+                          " but the background is " + std::to_string(background.width) + "x" +
+                          std::to_string(background.height) + ": " + DescribeResultCode(code),
+                      code, true);
+  }
+  if (code == 0) code = compositor.Render();
+  if (code != 0) throw EngineError("composite failed: " + DescribeResultCode(code), code, false);
+}
+
+}  // namespace kvimage_cli
