@@ -373,6 +373,26 @@ const std::vector<EffectTile>& EffectTiles() {
          const kvo::maths::KVRect rect(kvo::maths::KVPoint2(0, 0), static_cast<int>(w), static_cast<int>(h * 6 / 10));
          return p.SetBoundedStackBlur(8, true, true, kChannelsAll, rect, 10.0);
        }},
+      {"defocus 6", false,
+       [](KVImageProcessor& p, unsigned, unsigned) { return p.SetDefocus(6, 0.3, 0.0); }},
+      {"diffuse 8", false, [](KVImageProcessor& p, unsigned, unsigned) { return p.SetDiffuse(8, 0.6, 0.0); }},
+      {"sharpen 3", false, [](KVImageProcessor& p, unsigned, unsigned) { return p.SetSharpen(3, 1.0, 0.02, 0.0); }},
+      {"soft focus screen", false,
+       [](KVImageProcessor& p, unsigned w, unsigned h) {
+         const kvo::maths::KVRect all(kvo::maths::KVPoint2(0, 0), static_cast<int>(w), static_cast<int>(h));
+         return p.SetSoftFocus(kBlendScreen, 8, 0.6, all, 0.0);
+       }},
+      {"bleach bypass", false,
+       [](KVImageProcessor& p, unsigned, unsigned) { return p.SetBleachBypass(0.8, 0.5, 0.5); }},
+      {"vignette", false,
+       [](KVImageProcessor& p, unsigned, unsigned) {
+         return p.SetVignette(KVPixel8_RGB{0, 0, 0}, 0.8, 0.3, 0.5, 0.6, 0.2, kvo::maths::KVRect());
+       }},
+      {"depth of field", false,
+       [](KVImageProcessor& p, unsigned w, unsigned h) {
+         return p.SetDepthOfField(kDepthOfFieldLinear, kvo::maths::KVPoint2F(w / 2.0, h * 0.7), 0.0, 8, 0.05, 0.25,
+                                  1.0, 0.0, kvo::maths::KVRect());
+       }},
       {"alpha blur 4", true,
        [](KVImageProcessor& p, unsigned, unsigned) { return p.SetStackBlur(4, true, true, kChannelsAlpha); }},
   };

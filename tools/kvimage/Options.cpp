@@ -129,6 +129,12 @@ const long kLargestBlurRadius = 2895;  // beyond it the stack blur's sums overfl
 const std::vector<const char*> kTintNames = {"grey",  "warm",      "bronze",   "cyanotype",          "emerald",
                                              "gold",  "palladium", "platinum", "platinum-palladium", "selenium",
                                              "silver"};
+const std::vector<const char*> kBlendNames = {"add",       "colour-burn", "colour-dodge", "darken",   "difference",
+                                              "exclusion", "hard-light",  "lighten",      "multiply", "normal",
+                                              "overlay",   "screen",      "soft-light",   "replace"};
+const std::vector<const char*> kDepthOfFieldNames = {"radial", "linear"};
+// A rectangle beyond any image: the stages clip it to the whole frame.
+const kvo::maths::KVRect kWholeImage(kvo::maths::KVPoint2(0, 0), 1 << 24, 1 << 24);
 const std::vector<const char*> kYUVBlurNames = {"horizontal", "vertical", "both", "stack", "none"};
 
 KVPixel8_RGB ParseColour(const Fields& f) {
@@ -273,6 +279,80 @@ const std::vector<OptionSpec> kEffectOptions = {
          return t.processor->SetBoundedStackBlur(radius, horizontal, vertical, channels, rect, feather);
        };
      }},
+    {"--defocus", "RADIUS:AMOUNT[:FEATHER]", "lens blur that brightens; RADIUS 0..2895; AMOUNT 0..0.8",
+     FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(2, 3);
+       const unsigned int radius = static_cast<unsigned int>(f.Integer(0, 0, kLargestBlurRadius));
+       const double amount = f.Number(1), feather = f.NumberOr(2, 0.0);
+       return [=](StageTarget& t) { return t.processor->SetDefocus(radius, amount, feather); };
+     }},
+    {"--diffuse", "RADIUS:AMOUNT[:FEATHER]", "glow: a blurred copy laid over the image; RADIUS 0..2895; AMOUNT 0..1",
+     FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(2, 3);
+       const unsigned int radius = static_cast<unsigned int>(f.Integer(0, 0, kLargestBlurRadius));
+       const double amount = f.Number(1), feather = f.NumberOr(2, 0.0);
+       return [=](StageTarget& t) { return t.processor->SetDiffuse(radius, amount, feather); };
+     }},
+    {"--sharpen", "RADIUS:AMOUNT:THRESHOLD[:FEATHER]", "unsharp mask; RADIUS 0..2895; AMOUNT 0..1; THRESHOLD 0..1",
+     FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(3, 4);
+       const unsigned int radius = static_cast<unsigned int>(f.Integer(0, 0, kLargestBlurRadius));
+       const double amount = f.Number(1), threshold = f.Number(2), feather = f.NumberOr(3, 0.0);
+       return [=](StageTarget& t) { return t.processor->SetSharpen(radius, amount, threshold, feather); };
+     }},
+    {"--soft-focus", "MODE:RADIUS:AMOUNT[:FEATHER]",
+     "a blurred copy blended over the image; MODE a blend mode (see composite); RADIUS 0..2895; AMOUNT 0..1",
+     FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(3, 4);
+       const KVBlendMode mode = static_cast<KVBlendMode>(f.Choice(0, kBlendNames));
+       const unsigned int radius = static_cast<unsigned int>(f.Integer(1, 0, kLargestBlurRadius));
+       const double amount = f.Number(2), feather = f.NumberOr(3, 0.0);
+       return [=](StageTarget& t) { return t.processor->SetSoftFocus(mode, radius, amount, kWholeImage, feather); };
+     }},
+    {"--bleach-bypass", "AMOUNT:DESATURATION:CONTRAST", "skipped-bleach film look; each 0..1", FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(3, 3);
+       const double amount = f.Number(0), desaturation = f.Number(1), contrast = f.Number(2);
+       return [=](StageTarget& t) { return t.processor->SetBleachBypass(amount, desaturation, contrast); };
+     }},
+    {"--vignette", "AMOUNT:MIDPOINT:ROUNDNESS:FEATHER:HIGHLIGHTS[:R:G:B]",
+     "darken (or colour) toward the edges; each 0..1; R, G, B 0..255 (black)", FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(5, 8);
+       if (f.Has(5)) f.ExpectCount(8, 8);
+       const double amount = f.Number(0), midpoint = f.Number(1), roundness = f.Number(2), feather = f.Number(3),
+                    highlights = f.Number(4);
+       KVPixel8_RGB colour = {0, 0, 0};
+       if (f.Has(5)) {
+         colour.red = static_cast<unsigned char>(f.Integer(5, 0, 255));
+         colour.green = static_cast<unsigned char>(f.Integer(6, 0, 255));
+         colour.blue = static_cast<unsigned char>(f.Integer(7, 0, 255));
+       }
+       return [=](StageTarget& t) {
+         return t.processor->SetVignette(colour, amount, midpoint, roundness, feather, highlights,
+                                         kvo::maths::KVRect());
+       };
+     }},
+    {"--depth-of-field", "radial|linear:X:Y:RADIUS:FOCUS:TRANSITION[:AMOUNT[:ANGLE]]",
+     "blur growing away from a disc or band through X,Y (pixels); RADIUS 0..2895; FOCUS, TRANSITION, AMOUNT 0..1 "
+     "(fractions of the diagonal; AMOUNT 1); ANGLE degrees (0)",
+     FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(6, 8);
+       const KVDepthOfFieldType type = static_cast<KVDepthOfFieldType>(f.Choice(0, kDepthOfFieldNames));
+       const double x = f.Number(1), y = f.Number(2);
+       const unsigned int radius = static_cast<unsigned int>(f.Integer(3, 0, kLargestBlurRadius));
+       const double focus = f.Number(4), transition = f.Number(5), amount = f.NumberOr(6, 1.0),
+                    angle = f.NumberOr(7, 0.0);
+       return [=](StageTarget& t) {
+         return t.processor->SetDepthOfField(type, kvo::maths::KVPoint2F(x, y), angle, radius, focus, transition,
+                                             amount, 0.0, kvo::maths::KVRect());
+       };
+     }},
 };
 
 const std::vector<OptionSpec> kKeyOptions = {
@@ -388,6 +468,7 @@ std::string BritishSpelling(const std::string& name) {
 
 }  // namespace
 
+const std::vector<const char*>& BlendModeNames() { return kBlendNames; }
 const std::vector<OptionSpec>& EffectOptions() { return kEffectOptions; }
 const std::vector<OptionSpec>& KeyOptions() { return kKeyOptions; }
 

@@ -102,6 +102,8 @@ struct OptionSpec {
   StageFunction (*parse)(const Fields& fields, KeySettings& settings);
 };
 
+// The blend modes' names, in KVBlendMode order.
+const std::vector<const char*>& BlendModeNames();
 const std::vector<OptionSpec>& EffectOptions();
 const std::vector<OptionSpec>& KeyOptions();
 

@@ -179,9 +179,7 @@ void ParseSize(const std::string& option, const std::string& value, unsigned int
 }
 
 CommandLine::Layer ParseLayer(const std::string& value) {
-  static const std::vector<const char*> kModes = {"add",       "colour-burn", "colour-dodge", "darken",   "difference",
-                                                  "exclusion", "hard-light",  "lighten",      "multiply", "normal",
-                                                  "overlay",   "screen",      "soft-light",   "replace"};
+  const std::vector<const char*>& kModes = BlendModeNames();
   CommandLine::Layer layer{value, kBlendNormal, 1.0, kCompositeAlpha};
   struct stat info;
   const size_t colon = value.find(':');
