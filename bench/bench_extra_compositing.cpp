@@ -33,8 +33,7 @@ void BM_ShadowCastLayer(benchmark::State& state) {
   kvo::KVLookupTables tables;
   kvo::image::KVImageCompositor compositor(background.image(), 1.0, tables, kvo::image::kDownsampleNone);
   const kvo::maths::KVRect bounds(kvo::maths::KVPoint2(480, 135), 960, 810);
-  const kvo::maths::KVQuad floor(KVPoint2F(900, 560), KVPoint2F(1900, 560), KVPoint2F(480, 945),
-                                 KVPoint2F(1440, 945));
+  const kvo::maths::KVQuad floor(KVPoint2F(900, 560), KVPoint2F(1900, 560), KVPoint2F(480, 945), KVPoint2F(1440, 945));
   const kvo::image::KVPixel8_RGB black = {0, 0, 0};
   compositor.AddShadowCastLayer(layer.image(), bounds, floor, static_cast<unsigned int>(state.range(0)), 0.7, black,
                                 kvo::image::kBlendMultiply, true, kvo::image::kDownsampleNone);

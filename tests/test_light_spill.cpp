@@ -77,8 +77,8 @@ Bytes ExpectedGlow(const Bytes& background, const Bytes& layer, unsigned int wid
 
 // Lays a glow through the compositor and returns the background.
 Bytes Glow(const Bytes& background, const Bytes& layer, unsigned int width, unsigned int height, int radius,
-           double amount, KVBlendMode mode, size_t offset = 0,
-           KVDownsampleFactor compositorFactor = kDownsampleNone, KVDownsampleFactor callFactor = kDownsampleNone) {
+           double amount, KVBlendMode mode, size_t offset = 0, KVDownsampleFactor compositorFactor = kDownsampleNone,
+           KVDownsampleFactor callFactor = kDownsampleNone) {
   KVLookupTables& tables = SharedTables();
   GuardedImage canvas(width, height, offset), over(width, height, offset);
   canvas.fill(background);
@@ -119,8 +119,8 @@ TEST(LightSpill, IsTheBlurredLayerThroughTheAlphaPath) {
       for (double amount : {0.3, 1.0, 2.5}) {
         const Bytes expected = ExpectedGlow(background, layer, width, height, radius, amount, KVBlendMode(mode));
         for (size_t offset : {0u, 1u}) {
-          ASSERT_EQ(expected, Glow(background, layer, width, height, static_cast<int>(radius), amount,
-                                   KVBlendMode(mode), offset))
+          ASSERT_EQ(expected,
+                    Glow(background, layer, width, height, static_cast<int>(radius), amount, KVBlendMode(mode), offset))
               << "mode " << mode << " radius " << radius << " amount " << amount << " offset " << offset;
         }
       }
@@ -203,10 +203,10 @@ TEST(LightSpill, RadiusIsScaledByTheCompositorsFactor) {
   const Bytes radius4 = Glow(background, layer, width, height, 4, 1.0, kBlendScreen);
   EXPECT_NE(radius4, Glow(background, layer, width, height, 9, 1.0, kBlendScreen));
   EXPECT_EQ(radius4, Glow(background, layer, width, height, 9, 1.0, kBlendScreen, 0, kDownsampleHalf));
-  EXPECT_EQ(radius4, Glow(background, layer, width, height, 4, 1.0, kBlendScreen, 0, kDownsampleNone,
-                          kDownsampleQuarter));
-  EXPECT_EQ(radius4, Glow(background, layer, width, height, 16, 1.0, kBlendScreen, 0, kDownsampleQuarter,
-                          kDownsampleHalf));
+  EXPECT_EQ(radius4,
+            Glow(background, layer, width, height, 4, 1.0, kBlendScreen, 0, kDownsampleNone, kDownsampleQuarter));
+  EXPECT_EQ(radius4,
+            Glow(background, layer, width, height, 16, 1.0, kBlendScreen, 0, kDownsampleQuarter, kDownsampleHalf));
 }
 
 TEST(LightSpill, EveryThreadCountGivesTheSameBytes) {

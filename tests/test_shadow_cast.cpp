@@ -63,9 +63,8 @@ Bytes Cast(const Bytes& background, unsigned int width, unsigned int height, con
   canvas.fill(background);
   over.fill(layer);
   KVImageCompositor compositor(canvas.image(), 1.0, SharedTables(), factor);
-  EXPECT_EQ(0, compositor.AddShadowCastLayer(over.image(), shadow.bounds, shadow.corners, shadow.radius,
-                                             shadow.amount, kShadowColour, shadow.mode, shadow.fade,
-                                             kDownsampleNone));
+  EXPECT_EQ(0, compositor.AddShadowCastLayer(over.image(), shadow.bounds, shadow.corners, shadow.radius, shadow.amount,
+                                             kShadowColour, shadow.mode, shadow.fade, kDownsampleNone));
   EXPECT_EQ(0, compositor.Render());
   EXPECT_EQ(layer, over.contents());
   EXPECT_TRUE(canvas.guardsIntact());
@@ -94,9 +93,7 @@ std::vector<int> ShadowAlpha(unsigned int width, unsigned int height, const Byte
 TEST(ShadowCast, TranslatedRectangleLiesUnderTheTranslatedAlpha) {
   const unsigned int width = 32, height = 24;
   const KVRect bounds(KVPoint2(3, 2), 20, 15);
-  const struct {
-    unsigned int width, height;
-  } layers[] = {{32, 24}, {16, 12}, {40, 30}};
+  const struct { unsigned int width, height; } layers[] = {{32, 24}, {16, 12}, {40, 30}};
   const int moves[][2] = {{0, 0}, {5, 4}, {-2, 3}, {9, -1}, {-20, -10}, {30, 2}};
   for (const auto& size : layers) {
     const Bytes layer = LayerBytes(size.width, size.height, 1);
@@ -149,8 +146,8 @@ TEST(ShadowCast, FadeGrowsTowardsTheContactEdge) {
     }
   }
   // Without the flag the same cast is solid.
-  const std::vector<int> solid =
-      ShadowAlpha(width, height, layer, width, height, Shadow{bounds, Translated(bounds, 0, 0), 0, 1.0, kBlendNormal, false});
+  const std::vector<int> solid = ShadowAlpha(width, height, layer, width, height,
+                                             Shadow{bounds, Translated(bounds, 0, 0), 0, 1.0, kBlendNormal, false});
   for (unsigned int y = 0; y < 10; ++y) EXPECT_EQ(255, solid[y * width]);
 }
 
@@ -185,13 +182,13 @@ TEST(ShadowCast, DegenerateQuadrilateralsAndEmptyBoundsCastNothing) {
   const KVRect bounds(KVPoint2(1, 1), 10, 8);
   const KVPoint2F a(2, 2), b(10, 2), c(2, 9), d(10, 9);
   const KVQuad degenerate[] = {
-      KVQuad(a, a, a, a),                                               // a point
-      KVQuad(a, b, KVPoint2F(4, 2), KVPoint2F(7, 2)),                   // a line
-      KVQuad(a, b, c, KVPoint2F(6, 5.5)),                               // three corners in line
-      KVQuad(a, b, d, c),                                               // crossed: a bow tie
-      KVQuad(a, b, c, KVPoint2F(4, 4)),                                 // not convex
-      KVQuad(KVPoint2F(kNaN, 2), b, c, d),                              // not a number
-      KVQuad(a, KVPoint2F(kInfinity, 2), c, d),                         // infinite
+      KVQuad(a, a, a, a),                              // a point
+      KVQuad(a, b, KVPoint2F(4, 2), KVPoint2F(7, 2)),  // a line
+      KVQuad(a, b, c, KVPoint2F(6, 5.5)),              // three corners in line
+      KVQuad(a, b, d, c),                              // crossed: a bow tie
+      KVQuad(a, b, c, KVPoint2F(4, 4)),                // not convex
+      KVQuad(KVPoint2F(kNaN, 2), b, c, d),             // not a number
+      KVQuad(a, KVPoint2F(kInfinity, 2), c, d),        // infinite
       KVQuad(a, b, c, KVPoint2F(10, -kInfinity)),
   };
   for (const KVQuad& quad : degenerate) {
@@ -201,8 +198,8 @@ TEST(ShadowCast, DegenerateQuadrilateralsAndEmptyBoundsCastNothing) {
     }
   }
   const KVQuad good(a, b, c, d);
-  const KVRect empty[] = {KVRect(KVPoint2(1, 1), 0, 8), KVRect(KVPoint2(1, 1), 10, -3),
-                          KVRect(KVPoint2(20, 20), 5, 5), KVRect(KVPoint2(-30, 1), 10, 8)};
+  const KVRect empty[] = {KVRect(KVPoint2(1, 1), 0, 8), KVRect(KVPoint2(1, 1), 10, -3), KVRect(KVPoint2(20, 20), 5, 5),
+                          KVRect(KVPoint2(-30, 1), 10, 8)};
   for (const KVRect& rect : empty) {
     EXPECT_EQ(background,
               Cast(background, width, height, layer, width, height, Shadow{rect, good, 0, 1.0, kBlendNormal, false}));
@@ -288,26 +285,31 @@ TEST(ShadowCast, ZeroAmountChangesNothingInAnyMode) {
 // The blur is the single-channel stack blur of the sharp shadow: the same
 // values as the stack blur's alpha-only mode over an image holding them. The
 // radius is scaled by the compositor's factor.
+// The shadow near the edges and well inside the image (where only the pixels
+// it can reach are blurred).
 TEST(ShadowCast, RadiusBlursTheShadowAlphaWithTheStackBlur) {
   const unsigned int width = 31, height = 19;
   const Bytes layer = LayerBytes(width, height, 11);
   const KVRect bounds(KVPoint2(4, 2), 20, 14);
-  const KVQuad quad(KVPoint2F(10, 6), KVPoint2F(26, 5), KVPoint2F(3, 17), KVPoint2F(29, 18));
-  const std::vector<int> sharp =
-      ShadowAlpha(width, height, layer, width, height, Shadow{bounds, quad, 0, 1.0, kBlendNormal, true});
-  for (unsigned int radius : {1u, 4u, 40u}) {
-    Bytes planeImage(width * height * 4, 0), blurred(width * height * 4, 0);
-    for (size_t p = 0; p < sharp.size(); ++p) planeImage[p * 4 + 3] = static_cast<unsigned char>(sharp[p]);
-    KVImage8 source(planeImage.data(), width, height, kPixelOrderBGRA);
-    KVImage8 destination(blurred.data(), width, height, kPixelOrderBGRA);
-    KVImageProcessor processor(&source, &destination, SharedTables(), kDownsampleNone);
-    ASSERT_EQ(0, processor.SetStackBlur(radius, true, true, kChannelsAlpha));
-    ASSERT_EQ(0, processor.Render());
-    const std::vector<int> cast =
-        ShadowAlpha(width, height, layer, width, height, Shadow{bounds, quad, radius, 1.0, kBlendNormal, true});
-    for (size_t p = 0; p < cast.size(); ++p) ASSERT_EQ(blurred[p * 4 + 3], cast[p]) << radius << " at " << p;
-    EXPECT_EQ(cast, ShadowAlpha(width, height, layer, width, height,
-                                Shadow{bounds, quad, radius * 2, 1.0, kBlendNormal, true}, kDownsampleHalf));
+  const KVQuad quads[] = {KVQuad(KVPoint2F(10, 6), KVPoint2F(26, 5), KVPoint2F(3, 17), KVPoint2F(29, 18)),
+                          KVQuad(KVPoint2F(14, 8), KVPoint2F(18, 8.5), KVPoint2F(12, 11), KVPoint2F(19, 10))};
+  for (const KVQuad& quad : quads) {
+    const std::vector<int> sharp =
+        ShadowAlpha(width, height, layer, width, height, Shadow{bounds, quad, 0, 1.0, kBlendNormal, true});
+    for (unsigned int radius : {1u, 3u, 4u, 40u}) {
+      Bytes planeImage(width * height * 4, 0), blurred(width * height * 4, 0);
+      for (size_t p = 0; p < sharp.size(); ++p) planeImage[p * 4 + 3] = static_cast<unsigned char>(sharp[p]);
+      KVImage8 source(planeImage.data(), width, height, kPixelOrderBGRA);
+      KVImage8 destination(blurred.data(), width, height, kPixelOrderBGRA);
+      KVImageProcessor processor(&source, &destination, SharedTables(), kDownsampleNone);
+      ASSERT_EQ(0, processor.SetStackBlur(radius, true, true, kChannelsAlpha));
+      ASSERT_EQ(0, processor.Render());
+      const std::vector<int> cast =
+          ShadowAlpha(width, height, layer, width, height, Shadow{bounds, quad, radius, 1.0, kBlendNormal, true});
+      for (size_t p = 0; p < cast.size(); ++p) ASSERT_EQ(blurred[p * 4 + 3], cast[p]) << radius << " at " << p;
+      EXPECT_EQ(cast, ShadowAlpha(width, height, layer, width, height,
+                                  Shadow{bounds, quad, radius * 2, 1.0, kBlendNormal, true}, kDownsampleHalf));
+    }
   }
 }
 
@@ -315,8 +317,11 @@ TEST(ShadowCast, EveryThreadCountGivesTheSameBytes) {
   const unsigned int width = 23, height = 11;
   const Bytes background = PatternBytes(width * height * 4, 12), layer = LayerBytes(width, height, 13);
   const Shadow shadow = {KVRect(KVPoint2(1, 0), 20, 11),
-                         KVQuad(KVPoint2F(8, 5), KVPoint2F(22, 6), KVPoint2F(0, 11), KVPoint2F(21, 11)), 3, 0.8,
-                         kBlendMultiply, true};
+                         KVQuad(KVPoint2F(8, 5), KVPoint2F(22, 6), KVPoint2F(0, 11), KVPoint2F(21, 11)),
+                         3,
+                         0.8,
+                         kBlendMultiply,
+                         true};
   ScopedCoreCount one(1);
   const Bytes expected = Cast(background, width, height, layer, width, height, shadow);
   ASSERT_NE(background, expected);

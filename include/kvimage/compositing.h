@@ -145,14 +145,19 @@ class KVIMAGE_EXPORT ShadowCastCompositor : public AbstractCompositor {
   // red) and background value the blend result at full weight.
   unsigned char m_opacity[256];
   unsigned char m_blended[3][256];
-  // From the last Setup: the shadow alpha (0 .. 255) of every background
-  // pixel, and the size it was made for (0 x 0: no shadow).
+  // From the last Setup: the size of the background it was made for (0 x 0:
+  // no shadow) and the shadow alpha (0 .. 255) of the rectangle of it that the
+  // shadow can reach, from (m_planeLeft, m_planeTop); 0 everywhere else.
   std::vector<int32_t> m_shadowAlpha;
   std::vector<int32_t> m_blurScratch;
   std::vector<int32_t> m_edgeIndex;
   std::vector<int32_t> m_divideTable;
   uint32_t m_setupWidth;
   uint32_t m_setupHeight;
+  uint32_t m_planeLeft;
+  uint32_t m_planeTop;
+  uint32_t m_planeWidth;
+  uint32_t m_planeHeight;
 };
 
 }  // namespace image

@@ -1,6 +1,6 @@
-#include <vector>
-
 #include <kvimage/compositing.h>
+
+#include <vector>
 
 #include "compositing/BlendOperations.h"
 #include "renderers/blur/StackBlurCore.h"

@@ -1,9 +1,9 @@
+#include <kvimage/compositing.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <vector>
-
-#include <kvimage/compositing.h>
 
 #include "compositing/BlendOperations.h"
 #include "renderers/blur/StackBlurCore.h"
@@ -67,7 +67,7 @@ bool SolveShadowTransform(const kvo::maths::KVQuad& quad, ShadowTransform& trans
   if (!(denominator != 0.0)) return false;
   const double g = Cross(sx, sy, dx2, dy2) / denominator;
   const double h = Cross(dx1, dy1, sx, sy) / denominator;
-  double (&m)[3][3] = transform.forward;
+  double(&m)[3][3] = transform.forward;
   m[0][0] = x[1] - x[0] + g * x[1];
   m[0][1] = x[3] - x[0] + h * x[3];
   m[0][2] = x[0];
@@ -78,7 +78,7 @@ bool SolveShadowTransform(const kvo::maths::KVQuad& quad, ShadowTransform& trans
   m[2][1] = h;
   m[2][2] = 1.0;
 
-  double (&i)[3][3] = transform.inverse;
+  double(&i)[3][3] = transform.inverse;
   i[0][0] = m[1][1] * m[2][2] - m[1][2] * m[2][1];
   i[0][1] = m[0][2] * m[2][1] - m[0][1] * m[2][2];
   i[0][2] = m[0][1] * m[1][2] - m[0][2] * m[1][1];
@@ -112,7 +112,10 @@ struct ShadowFill {
   uint32_t reachTop;
   uint32_t reachRight;
   uint32_t reachBottom;
-  uint32_t width;
+  // The plane: the background pixels from (planeLeft, planeTop), planeWidth a row.
+  uint32_t planeLeft;
+  uint32_t planeTop;
+  uint32_t planeWidth;
   int32_t* plane;
 };
 
@@ -133,7 +136,7 @@ inline double SampledAlpha(const ShadowFill& fill, int64_t column, int64_t row) 
 
 // The shadow alpha of the background pixel whose centre is (px, py).
 int32_t ShadowAlphaAt(const ShadowFill& fill, double px, double py) {
-  const double (&inv)[3][3] = fill.transform.inverse;
+  const double(&inv)[3][3] = fill.transform.inverse;
   const double w = inv[2][0] * px + inv[2][1] * py + inv[2][2];
   const double u = (inv[0][0] * px + inv[0][1] * py + inv[0][2]) / w;
   const double v = (inv[1][0] * px + inv[1][1] * py + inv[1][2]) / w;
@@ -159,11 +162,14 @@ void* ShadowFillProc(void* record) {
   const ShadowFillShare& share = *static_cast<ShadowFillShare*>(record);
   const ShadowFill& fill = *share.fill;
   const LineShare rows = LineShareOf(share.threadIndex, share.rowsPerThread, share.height);
-  for (uint32_t y = rows.first; y < rows.end; ++y) {
-    int32_t* line = fill.plane + static_cast<size_t>(y) * fill.width;
-    std::fill(line, line + fill.width, 0);
+  for (uint32_t row = rows.first; row < rows.end; ++row) {
+    int32_t* line = fill.plane + static_cast<size_t>(row) * fill.planeWidth;
+    std::fill(line, line + fill.planeWidth, 0);
+    const uint32_t y = fill.planeTop + row;
     if (y < fill.reachTop || y >= fill.reachBottom) continue;
-    for (uint32_t x = fill.reachLeft; x < fill.reachRight; ++x) line[x] = ShadowAlphaAt(fill, x + 0.5, y + 0.5);
+    for (uint32_t x = fill.reachLeft; x < fill.reachRight; ++x) {
+      line[x - fill.planeLeft] = ShadowAlphaAt(fill, x + 0.5, y + 0.5);
+    }
   }
   return nullptr;
 }
@@ -183,7 +189,7 @@ void FindReach(ShadowFill& fill, uint32_t width, uint32_t height) {
   fill.reachLeft = fill.reachTop = 0;
   fill.reachRight = width;
   fill.reachBottom = height;
-  const double (&m)[3][3] = fill.transform.forward;
+  const double(&m)[3][3] = fill.transform.forward;
   const double left = (static_cast<double>(fill.sampleLeft) - 0.5 - fill.boundsLeft) / fill.boundsWidth;
   const double right = (static_cast<double>(fill.sampleRight) + 0.5 - fill.boundsLeft) / fill.boundsWidth;
   const double top = (static_cast<double>(fill.sampleTop) - 0.5 - fill.boundsTop) / fill.boundsHeight;
@@ -232,7 +238,11 @@ ShadowCastCompositor::ShadowCastCompositor(KVAbstractImage* layer, const kvo::ma
       m_tables(tables),
       m_extensions(extensions),
       m_setupWidth(0),
-      m_setupHeight(0) {
+      m_setupHeight(0),
+      m_planeLeft(0),
+      m_planeTop(0),
+      m_planeWidth(0),
+      m_planeHeight(0) {
   FillWeightedAlpha(ClampedUnit(m_amount), m_opacity);
   // At full weight BlendPixel gives the mode's result r(colour, bottom) itself;
   // Render weights it by each pixel's opacity exactly as BlendPixel would.
@@ -279,43 +289,59 @@ void ShadowCastCompositor::Setup(KVAbstractImage* background) {
   fill.layerPixels = PixelBytes(m_layer);
   fill.layerWidth = layerWidth;
   fill.fade = m_fade;
-  fill.width = width;
   FindReach(fill, width, height);
+  if (fill.reachLeft == fill.reachRight || fill.reachTop == fill.reachBottom) return;
+  // The plane covers what the blur can spread the reach to: beyond the radius
+  // everything is 0, and the blur repeats the plane's edge values, zeros or
+  // the image's own edges, exactly as over the whole image.
+  m_planeLeft = fill.reachLeft - std::min(fill.reachLeft, m_radius);
+  m_planeTop = fill.reachTop - std::min(fill.reachTop, m_radius);
+  m_planeWidth =
+      static_cast<uint32_t>(std::min<uint64_t>(static_cast<uint64_t>(fill.reachRight) + m_radius, width)) - m_planeLeft;
+  m_planeHeight =
+      static_cast<uint32_t>(std::min<uint64_t>(static_cast<uint64_t>(fill.reachBottom) + m_radius, height)) -
+      m_planeTop;
+  fill.planeLeft = m_planeLeft;
+  fill.planeTop = m_planeTop;
+  fill.planeWidth = m_planeWidth;
 
   const uint32_t threads = PassThreadCount();
   if (threads == 0) return;
-  SizePlane(m_shadowAlpha, pixels);
+  const size_t planePixels = static_cast<size_t>(m_planeWidth) * m_planeHeight;
+  SizePlane(m_shadowAlpha, planePixels);
   fill.plane = m_shadowAlpha.data();
   std::vector<ShadowFillShare> shares(threads);
-  for (uint32_t t = 0; t < threads; ++t) shares[t] = ShadowFillShare{&fill, t, LinesPerThread(height, threads), height};
+  for (uint32_t t = 0; t < threads; ++t) {
+    shares[t] = ShadowFillShare{&fill, t, LinesPerThread(m_planeHeight, threads), m_planeHeight};
+  }
   RunThreads(ShadowFillProc, shares);
 
   if (m_radius != 0) {
     // Rows into the scratch plane, then columns back into the shadow plane.
-    SizePlane(m_blurScratch, pixels);
-    SizePlane(m_edgeIndex, std::max(width, height));
+    SizePlane(m_blurScratch, planePixels);
+    SizePlane(m_edgeIndex, std::max(m_planeWidth, m_planeHeight));
     std::vector<StackBlurSingleChannelData> passes(threads);
     for (uint32_t t = 0; t < threads; ++t) {
       StackBlurSingleChannelData& pass = passes[t];
       pass = StackBlurSingleChannelData();
       pass.threadIndex = t;
-      pass.rowsPerThread = LinesPerThread(height, threads);
-      pass.columnsPerThread = LinesPerThread(width, threads);
-      pass.width = width;
-      pass.height = height;
+      pass.rowsPerThread = LinesPerThread(m_planeHeight, threads);
+      pass.columnsPerThread = LinesPerThread(m_planeWidth, threads);
+      pass.width = m_planeWidth;
+      pass.height = m_planeHeight;
       pass.radius = m_radius;
       pass.input = m_shadowAlpha.data();
       pass.output = m_blurScratch.data();
       pass.edgeIndex = m_edgeIndex.data();
       pass.divideTable = m_divideTable.data();
     }
-    FillStackBlurRowEdgeIndex(m_edgeIndex.data(), width, m_radius);
+    FillStackBlurRowEdgeIndex(m_edgeIndex.data(), m_planeWidth, m_radius);
     RunThreads(StackBlurVertSingleChannelProc, passes);
     for (StackBlurSingleChannelData& pass : passes) {
       pass.input = m_blurScratch.data();
       pass.output = m_shadowAlpha.data();
     }
-    FillStackBlurColumnEdgeIndex(m_edgeIndex.data(), width, height, m_radius);
+    FillStackBlurColumnEdgeIndex(m_edgeIndex.data(), m_planeWidth, m_planeHeight, m_radius);
     RunThreads(StackBlurHorizSingleChannelProc, passes);
   }
   m_setupWidth = width;
@@ -334,25 +360,37 @@ int ShadowCastCompositor::Render8(KVImage8* backgroundLayer, unsigned char threa
   if (m_setupWidth == 0 || backgroundLayer->Width() != m_setupWidth || backgroundLayer->Height() != m_setupHeight) {
     return 0;
   }
-  const size_t planeBytes = m_shadowAlpha.size() * kBytesPerPixel;
+  const size_t imageBytes = static_cast<size_t>(m_setupWidth) * m_setupHeight * kBytesPerPixel;
   const ShareRun share = ByteShare(m_setupWidth, m_setupHeight, threadIndex, threadCount,
-                                   std::min<size_t>(planeBytes, backgroundLayer->BufferByteSize()));
+                                   std::min<size_t>(imageBytes, backgroundLayer->BufferByteSize()));
   if (share.count == 0) return 0;
-  const int32_t* shadow = m_shadowAlpha.data() + share.start / kBytesPerPixel;
-  unsigned char* canvas = backgroundLayer->Buffer() + share.start;
-  const size_t pixels = share.count / kBytesPerPixel;
   const bool replace = m_blendMode == kBlendReplace;
   const unsigned char colour[3] = {m_colour.blue, m_colour.green, m_colour.red};
-  for (size_t p = 0; p < pixels; ++p, canvas += kBytesPerPixel) {
-    const int opacity = m_opacity[static_cast<unsigned char>(shadow[p])];
-    if (opacity == 0) continue;
-    for (unsigned int c = kBlueByte; c <= kRedByte; ++c) {
-      // BlendPixel(canvas[c], colour[c], mode, opacity): replace writes the
-      // colour whole, every other mode moves towards r by opacity / 256.
-      canvas[c] = replace ? colour[c]
-                          : static_cast<unsigned char>(BlendTowards(canvas[c], m_blended[c][canvas[c]], opacity));
+  const size_t firstPixel = share.start / kBytesPerPixel, endPixel = firstPixel + share.count / kBytesPerPixel;
+  const uint32_t planeRight = m_planeLeft + m_planeWidth;
+  // The share's run of pixels, row by row, where it crosses the plane.
+  for (size_t rowStart = firstPixel - firstPixel % m_setupWidth; rowStart < endPixel; rowStart += m_setupWidth) {
+    const uint32_t y = static_cast<uint32_t>(rowStart / m_setupWidth);
+    if (y < m_planeTop) continue;
+    if (y >= m_planeTop + m_planeHeight) break;
+    const uint32_t first =
+        static_cast<uint32_t>(std::max<size_t>(std::max(firstPixel, rowStart) - rowStart, m_planeLeft));
+    const uint32_t end =
+        static_cast<uint32_t>(std::min<size_t>(std::min(endPixel, rowStart + m_setupWidth) - rowStart, planeRight));
+    const int32_t* shadow = m_shadowAlpha.data() + static_cast<size_t>(y - m_planeTop) * m_planeWidth - m_planeLeft;
+    unsigned char* canvas = backgroundLayer->Buffer() + rowStart * kBytesPerPixel;
+    for (uint32_t x = first; x < end; ++x) {
+      const int opacity = m_opacity[static_cast<unsigned char>(shadow[x])];
+      if (opacity == 0) continue;
+      unsigned char* pixel = canvas + static_cast<size_t>(x) * kBytesPerPixel;
+      for (unsigned int c = kBlueByte; c <= kRedByte; ++c) {
+        // BlendPixel(pixel[c], colour[c], mode, opacity): replace writes the
+        // colour whole, every other mode moves towards r by opacity / 256.
+        pixel[c] =
+            replace ? colour[c] : static_cast<unsigned char>(BlendTowards(pixel[c], m_blended[c][pixel[c]], opacity));
+      }
+      pixel[kAlphaByte] = m_tables.AlphaChannelBlend(pixel[kAlphaByte], static_cast<unsigned char>(opacity));
     }
-    canvas[kAlphaByte] = m_tables.AlphaChannelBlend(canvas[kAlphaByte], static_cast<unsigned char>(opacity));
   }
   return 0;
 }
