@@ -134,12 +134,17 @@ inline double SampledAlpha(const ShadowFill& fill, int64_t column, int64_t row) 
   return fill.layerPixels[(row * fill.layerWidth + column) * kBytesPerPixel + kAlphaByte];
 }
 
-// The shadow alpha of the background pixel whose centre is (px, py).
-int32_t ShadowAlphaAt(const ShadowFill& fill, double px, double py) {
+// floor(value) for a value above -1 (0 .. -1 round down to -1) without a
+// library call.
+inline int64_t FloorAboveMinusOne(double value) { return TruncateToInt64(value) - (value < 0.0 ? 1 : 0); }
+
+// The shadow alpha of the background pixel whose centre is (px, py), given
+// the terms of the inverse map that depend on the row alone.
+inline int32_t ShadowAlphaAt(const ShadowFill& fill, double px, const double (&rowTerms)[3]) {
   const double(&inv)[3][3] = fill.transform.inverse;
-  const double w = inv[2][0] * px + inv[2][1] * py + inv[2][2];
-  const double u = (inv[0][0] * px + inv[0][1] * py + inv[0][2]) / w;
-  const double v = (inv[1][0] * px + inv[1][1] * py + inv[1][2]) / w;
+  const double reciprocal = 1.0 / (inv[2][0] * px + rowTerms[2]);
+  const double u = (inv[0][0] * px + rowTerms[0]) * reciprocal;
+  const double v = (inv[1][0] * px + rowTerms[1]) * reciprocal;
   // Pixel centres lie at .5: the sample grid is offset by half a pixel.
   const double sx = fill.boundsLeft + u * fill.boundsWidth - 0.5;
   const double sy = fill.boundsTop + v * fill.boundsHeight - 0.5;
@@ -148,11 +153,26 @@ int32_t ShadowAlphaAt(const ShadowFill& fill, double px, double py) {
         sy > static_cast<double>(fill.sampleTop - 1) && sy < static_cast<double>(fill.sampleBottom))) {
     return 0;
   }
-  const double floorX = std::floor(sx), floorY = std::floor(sy);
-  const int64_t column = TruncateToInt64(floorX), row = TruncateToInt64(floorY);
-  const double tx = sx - floorX, ty = sy - floorY;
-  const double upper = SampledAlpha(fill, column, row) * (1.0 - tx) + SampledAlpha(fill, column + 1, row) * tx;
-  const double lower = SampledAlpha(fill, column, row + 1) * (1.0 - tx) + SampledAlpha(fill, column + 1, row + 1) * tx;
+  // Above -1 once past the test: the sampled area starts at 0 or later.
+  const int64_t column = FloorAboveMinusOne(sx), row = FloorAboveMinusOne(sy);
+  const double tx = sx - static_cast<double>(column), ty = sy - static_cast<double>(row);
+  double a00, a10, a01, a11;
+  if (column >= fill.sampleLeft && column + 1 < fill.sampleRight && row >= fill.sampleTop &&
+      row + 1 < fill.sampleBottom) {
+    const unsigned char* p = fill.layerPixels + (row * fill.layerWidth + column) * kBytesPerPixel + kAlphaByte;
+    const size_t down = static_cast<size_t>(fill.layerWidth) * kBytesPerPixel;
+    a00 = p[0];
+    a10 = p[kBytesPerPixel];
+    a01 = p[down];
+    a11 = p[down + kBytesPerPixel];
+  } else {
+    a00 = SampledAlpha(fill, column, row);
+    a10 = SampledAlpha(fill, column + 1, row);
+    a01 = SampledAlpha(fill, column, row + 1);
+    a11 = SampledAlpha(fill, column + 1, row + 1);
+  }
+  const double upper = a00 * (1.0 - tx) + a10 * tx;
+  const double lower = a01 * (1.0 - tx) + a11 * tx;
   double alpha = upper * (1.0 - ty) + lower * ty;
   if (fill.fade) alpha *= std::min(std::max(v, 0.0), 1.0);
   return ClampToByte(TruncateToInt(alpha + 0.5));
@@ -161,14 +181,17 @@ int32_t ShadowAlphaAt(const ShadowFill& fill, double px, double py) {
 void* ShadowFillProc(void* record) {
   const ShadowFillShare& share = *static_cast<ShadowFillShare*>(record);
   const ShadowFill& fill = *share.fill;
+  const double(&inv)[3][3] = fill.transform.inverse;
   const LineShare rows = LineShareOf(share.threadIndex, share.rowsPerThread, share.height);
   for (uint32_t row = rows.first; row < rows.end; ++row) {
     int32_t* line = fill.plane + static_cast<size_t>(row) * fill.planeWidth;
     std::fill(line, line + fill.planeWidth, 0);
     const uint32_t y = fill.planeTop + row;
     if (y < fill.reachTop || y >= fill.reachBottom) continue;
+    const double py = y + 0.5;
+    const double rowTerms[3] = {inv[0][1] * py + inv[0][2], inv[1][1] * py + inv[1][2], inv[2][1] * py + inv[2][2]};
     for (uint32_t x = fill.reachLeft; x < fill.reachRight; ++x) {
-      line[x - fill.planeLeft] = ShadowAlphaAt(fill, x + 0.5, y + 0.5);
+      line[x - fill.planeLeft] = ShadowAlphaAt(fill, x + 0.5, rowTerms);
     }
   }
   return nullptr;
