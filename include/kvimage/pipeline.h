@@ -226,6 +226,27 @@ class KVIMAGE_EXPORT KVImageCompositor : public KVAbstractImageCompositor {
   int AddLayer(std::tr1::shared_ptr<KVAbstractImage> layer, double opacity, KVBlendMode blendMode,
                KVCompositeType compositeType);
 
+  // Queues a LightSpillLayerCompositor, a glow of the layer: 1000 when the
+  // layer does not match the background (checked first), 7 for a negative
+  // radius, else 0. The radius is scaled by this compositor's downsample
+  // factor; the stage receives the factor passed here. amount is clamped to
+  // 0 .. 1 by the stage (NaN as 0); the mode is not checked.
+  int AddLightSpillLayer(KVAbstractImage* layer, int radius, double amount, KVBlendMode mode,
+                         KVDownsampleFactor factor);
+  int AddLightSpillLayer(std::tr1::shared_ptr<KVAbstractImage> layer, int radius, double amount, KVBlendMode mode,
+                         KVDownsampleFactor factor);
+  // Queues a ShadowCastCompositor: the layer's alpha within bounds, cast onto
+  // the quadrilateral corners, blurred by radius (scaled by this compositor's
+  // downsample factor) and laid as colour with the mode and amount; flag fades
+  // it towards the top of bounds. No argument is checked (the layer may differ
+  // from the background in size): returns 0.
+  int AddShadowCastLayer(KVAbstractImage* layer, const kvo::maths::KVRect& bounds, const kvo::maths::KVQuad& corners,
+                         unsigned int radius, double amount, KVPixel8_RGB colour, KVBlendMode mode, bool flag,
+                         KVDownsampleFactor factor);
+  int AddShadowCastLayer(std::tr1::shared_ptr<KVAbstractImage> layer, const kvo::maths::KVRect& bounds,
+                         const kvo::maths::KVQuad& corners, unsigned int radius, double amount, KVPixel8_RGB colour,
+                         KVBlendMode mode, bool flag, KVDownsampleFactor factor);
+
  private:
   KVImageCompositor_Private* m_private;
 };

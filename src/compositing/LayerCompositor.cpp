@@ -1,10 +1,6 @@
-#include <cstring>
-
 #include <kvimage/compositing.h>
 
 #include "compositing/BlendOperations.h"
-#include "support/Assert.h"
-#include "support/Conversions.h"
 #include "support/PixelLayout.h"
 #include "support/ThreadShare.h"
 
@@ -56,44 +52,6 @@ void ReplaceColour(const unsigned char* layer, unsigned char* canvas, size_t pix
   }
 }
 
-// The over-composite. The blend operand is the background colour weighted by
-// its alpha, while the un-premultiplication weights the raw background colour;
-// the arithmetic is single precision, one rounding at a time, as written.
-template <bool kFillWhereClear>
-struct AlphaComposite {
-  const unsigned char* top;
-  unsigned char* bottom;
-  size_t pixels;
-  const unsigned char* weightedAlpha;
-  kvo::KVLookupTables& tables;
-
-  template <class Operation>
-  int Run() {
-    const unsigned char* layer = top;
-    unsigned char* canvas = bottom;
-    for (size_t p = 0; p < pixels; ++p, layer += kBytesPerPixel, canvas += kBytesPerPixel) {
-      const unsigned char backgroundAlpha = canvas[kAlphaByte];
-      const int fa = weightedAlpha[layer[kAlphaByte]];
-      const unsigned char combinedAlpha = tables.AlphaChannelBlend(backgroundAlpha, static_cast<unsigned char>(fa));
-      if (combinedAlpha == 0) {
-        if (kFillWhereClear) std::memcpy(canvas, layer, kBytesPerPixel);
-        continue;
-      }
-      const float inverse = tables.Invert(combinedAlpha);
-      const float backgroundWeight = tables.DivideBy255(backgroundAlpha) * static_cast<float>(255 - fa);
-      for (unsigned int c = kBlueByte; c <= kRedByte; ++c) {
-        const int operand = tables.AlphaBlend(canvas[c], backgroundAlpha);
-        const int blended = Operation::Apply(tables, layer[c], operand);
-        const float value =
-            (static_cast<float>(blended * fa) + static_cast<float>(canvas[c]) * backgroundWeight) * inverse;
-        canvas[c] = static_cast<unsigned char>(ClampToByte(TruncateToInt(value)));
-      }
-      canvas[kAlphaByte] = combinedAlpha;
-    }
-    return 0;
-  }
-};
-
 }  // namespace
 
 LayerCompositor::LayerCompositor(KVAbstractImage* foregroundLayer, double opacity, KVCompositeType compositeType,
@@ -103,11 +61,7 @@ LayerCompositor::LayerCompositor(KVAbstractImage* foregroundLayer, double opacit
       m_compositeType(compositeType),
       m_blendMode(blendMode),
       m_tables(tables) {
-  // A NaN or out-of-range opacity comes out of the conversion clamped, so it
-  // composites as 0 (or full) instead of reaching the arithmetic.
-  for (int alpha = 0; alpha < 256; ++alpha) {
-    m_weightedAlpha[alpha] = static_cast<unsigned char>(ClampToByte(TruncateToInt(alpha * m_opacity)));
-  }
+  FillWeightedAlpha(m_opacity, m_weightedAlpha);
 }
 
 LayerCompositor::~LayerCompositor() {}
@@ -117,20 +71,9 @@ unsigned int LayerCompositor::Type() const { return 0; }
 void LayerCompositor::Setup(KVAbstractImage*) {}
 
 int LayerCompositor::Render(KVAbstractImage* backgroundLayer, unsigned char threadIndex, unsigned char threadCount) {
-  KV_ASSERT(m_foregroundLayer->Width() == backgroundLayer->Width(), "LayerCompositor", kWidthAssertionLine,
-            "m_foregroundLayer->Width() == backgroundLayer->Width() && \"Width of foreground and background layers "
-            "does not match\"");
-  KV_ASSERT(m_foregroundLayer->Height() == backgroundLayer->Height(), "LayerCompositor", kHeightAssertionLine,
-            "m_foregroundLayer->Height() == backgroundLayer->Height() && \"Height of foreground and background "
-            "layers does not match\"");
-  KV_ASSERT(m_foregroundLayer->BitsPerChannel() == backgroundLayer->BitsPerChannel(), "LayerCompositor",
-            kDepthAssertionLine,
-            "m_foregroundLayer->BitsPerChannel() == backgroundLayer->BitsPerChannel() && \"BPC of foreground and "
-            "background layers does not match\"");
-  KV_ASSERT(m_foregroundLayer->PixelChannelOrder() == backgroundLayer->PixelChannelOrder(), "LayerCompositor",
-            kOrderAssertionLine,
-            "m_foregroundLayer->PixelChannelOrder() == backgroundLayer->PixelChannelOrder() && \"Pixel channel "
-            "order of foreground and background layers does not match\"");
+  const LayerMatchAssertionLines lines = {kWidthAssertionLine, kHeightAssertionLine, kDepthAssertionLine,
+                                          kOrderAssertionLine};
+  AssertLayerMatchesBackground(m_foregroundLayer, backgroundLayer, "LayerCompositor", lines);
   const unsigned int depth = backgroundLayer->BitsPerChannel();
   if (depth != 0) return static_cast<int>(depth);
   return Render8(static_cast<KVImage8*>(backgroundLayer), threadIndex, threadCount);
@@ -153,10 +96,10 @@ int LayerCompositor::Render8(KVImage8* backgroundLayer, unsigned char threadInde
     return DispatchBlendMode(m_blendMode, composite);
   }
   if (m_compositeType == kCompositeAlphaFill) {
-    AlphaComposite<true> composite = {layer, canvas, pixels, m_weightedAlpha, m_tables};
+    AlphaComposite<true, false> composite = {layer, canvas, pixels, m_weightedAlpha, m_tables};
     return DispatchBlendMode(m_blendMode, composite);
   }
-  AlphaComposite<false> composite = {layer, canvas, pixels, m_weightedAlpha, m_tables};
+  AlphaComposite<false, false> composite = {layer, canvas, pixels, m_weightedAlpha, m_tables};
   return DispatchBlendMode(m_blendMode, composite);
 }
 

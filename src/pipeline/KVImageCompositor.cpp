@@ -5,6 +5,7 @@
 #include <kvimage/compositing.h>
 #include <kvimage/pipeline.h>
 
+#include "pipeline/RendererQueue.h"
 #include "pipeline/ResultCodes.h"
 #include "support/CPUExtensions.h"
 #include "support/Threads.h"
@@ -103,6 +104,47 @@ int KVImageCompositor::AddLayer(KVAbstractImage* layer, double opacity, KVBlendM
 int KVImageCompositor::AddLayer(std::tr1::shared_ptr<KVAbstractImage> layer, double opacity, KVBlendMode blendMode,
                                 KVCompositeType compositeType) {
   return AddLayer(layer.get(), opacity, blendMode, compositeType);
+}
+
+int KVImageCompositor::AddLightSpillLayer(KVAbstractImage* layer, int radius, double amount, KVBlendMode mode,
+                                          KVDownsampleFactor factor) {
+  return GuardedCall([&] {
+    if (layer == nullptr || !DoKVAbstractImagesMatch(layer, m_private->background)) {
+      return static_cast<int>(kResultImagesDoNotMatch);
+    }
+    if (radius < 0) return static_cast<int>(kResultOutOfRange);
+    const kvtl::CPUExtensions extensions = DetectedCPUExtensions();
+    // Scaled by this compositor's factor; the stage keeps the one passed here.
+    const unsigned int scaledRadius = ScaledRadius(static_cast<unsigned int>(radius), m_private->factor);
+    return m_private->Append(new LightSpillLayerCompositor(layer, scaledRadius, amount, mode, factor,
+                                                           m_private->tables, extensions));
+  });
+}
+
+int KVImageCompositor::AddLightSpillLayer(std::tr1::shared_ptr<KVAbstractImage> layer, int radius, double amount,
+                                          KVBlendMode mode, KVDownsampleFactor factor) {
+  return AddLightSpillLayer(layer.get(), radius, amount, mode, factor);
+}
+
+int KVImageCompositor::AddShadowCastLayer(KVAbstractImage* layer, const kvo::maths::KVRect& bounds,
+                                          const kvo::maths::KVQuad& corners, unsigned int radius, double amount,
+                                          KVPixel8_RGB colour, KVBlendMode mode, bool flag,
+                                          KVDownsampleFactor factor) {
+  return GuardedCall([&] {
+    const kvtl::CPUExtensions extensions = DetectedCPUExtensions();
+    const kvo::maths::KVRect rectangle = bounds;
+    const kvo::maths::KVQuad quad = corners;
+    return m_private->Append(new ShadowCastCompositor(layer, rectangle, quad,
+                                                      ScaledRadius(radius, m_private->factor), amount, colour, mode,
+                                                      flag, factor, m_private->tables, extensions));
+  });
+}
+
+int KVImageCompositor::AddShadowCastLayer(std::tr1::shared_ptr<KVAbstractImage> layer,
+                                          const kvo::maths::KVRect& bounds, const kvo::maths::KVQuad& corners,
+                                          unsigned int radius, double amount, KVPixel8_RGB colour, KVBlendMode mode,
+                                          bool flag, KVDownsampleFactor factor) {
+  return AddShadowCastLayer(layer.get(), bounds, corners, radius, amount, colour, mode, flag, factor);
 }
 
 void* CompositeRenderWorkerThread(void* data) {

@@ -12,9 +12,11 @@ int RendererQueue::Append(AbstractRenderer* stage) {
   return kResultSuccess;
 }
 
-unsigned int RendererQueue::ScaledRadius(unsigned int radius) const {
+unsigned int ScaledRadius(unsigned int radius, KVDownsampleFactor factor) {
   return static_cast<unsigned int>(TruncateToInt(static_cast<double>(radius) * DownsampleValue(factor)));
 }
+
+unsigned int RendererQueue::ScaledRadius(unsigned int radius) const { return image::ScaledRadius(radius, factor); }
 
 unsigned short RendererQueue::Count() const { return static_cast<unsigned short>(queue.size()); }
 

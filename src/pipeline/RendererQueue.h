@@ -11,6 +11,10 @@
 namespace kvo {
 namespace image {
 
+// A radius in a front end's resolution: radius * DownsampleValue(factor),
+// truncated toward zero.
+unsigned int ScaledRadius(unsigned int radius, KVDownsampleFactor factor);
+
 // The state and queue algorithm shared by the image processor and the keyer.
 struct RendererQueue {
   RendererQueue(KVAbstractImage* sourceImage, KVAbstractImage* destinationImage, kvo::KVLookupTables& lookupTables,

@@ -1,0 +1,110 @@
+#include <kvimage/compositing.h>
+
+#include <vector>
+
+#include "compositing/BlendOperations.h"
+#include "renderers/blur/StackBlurCore.h"
+#include "support/PixelLayout.h"
+#include "support/ThreadShare.h"
+#include "support/Threads.h"
+
+namespace kvo {
+namespace image {
+
+namespace {
+
+// The mismatch assertions' fixed source lines.
+const LayerMatchAssertionLines kMatchAssertionLines = {88, 90, 92, 94};
+
+// One thread's share of the blur's column pass, which writes the blurred copy.
+struct GlowBlurShare {
+  StackBlurRenderer* blur;
+  KVImage8* layer;
+  KVImage8* blurred;
+  unsigned char threadIndex;
+  unsigned char threadCount;
+};
+
+void* GlowBlurColumnsProc(void* record) {
+  GlowBlurShare& share = *static_cast<GlowBlurShare*>(record);
+  share.blur->Render8(share.layer, share.blurred, share.threadIndex, share.threadCount);
+  return ThreadExitValue(0);
+}
+
+}  // namespace
+
+LightSpillLayerCompositor::LightSpillLayerCompositor(KVAbstractImage* layer, unsigned int radius, double amount,
+                                                     KVBlendMode blendMode, KVDownsampleFactor factor,
+                                                     kvo::KVLookupTables& tables, kvtl::CPUExtensions extensions)
+    : m_layer(layer),
+      m_radius(radius),
+      m_amount(amount),
+      m_blendMode(blendMode),
+      m_factor(factor),
+      m_tables(tables),
+      m_extensions(extensions),
+      m_blur(radius, true, true, kChannelsAll),
+      m_blurredReady(false) {
+  FillWeightedAlpha(ClampedUnit(m_amount), m_weightedAlpha);
+}
+
+LightSpillLayerCompositor::~LightSpillLayerCompositor() {}
+
+unsigned int LightSpillLayerCompositor::Type() const { return 1; }
+
+KVAbstractImage* LightSpillLayerCompositor::GlowLayer() const {
+  if (m_radius == 0) return m_layer;
+  return m_blurredReady ? m_blurred.get() : nullptr;
+}
+
+void LightSpillLayerCompositor::Setup(KVAbstractImage*) {
+  m_blurredReady = false;
+  if (m_radius == 0 || m_layer == nullptr) return;
+  // A radius the stack blur refuses fails here whatever the layer and the
+  // amount: the same arguments fail the same way on every image.
+  CheckStackBlurRadius(m_radius);
+  const uint32_t width = m_layer->Width(), height = m_layer->Height();
+  const size_t bytes = static_cast<size_t>(width) * height * kBytesPerPixel;
+  // Nothing to lay at zero weight; nothing to read in an empty or deep layer.
+  if (m_weightedAlpha[255] == 0 || bytes == 0 || m_layer->BitsPerChannel() != 0 || m_layer->BufferByteSize() < bytes) {
+    return;
+  }
+  m_blur.Setup(m_layer);
+  if (!m_blurred || m_blurred->Width() != width || m_blurred->Height() != height ||
+      m_blurred->PixelChannelOrder() != m_layer->PixelChannelOrder()) {
+    m_blurred.reset(new KVImage8(width, height, m_layer->PixelChannelOrder(), false));
+  }
+  const unsigned char threads = PassThreadCount();
+  std::vector<GlowBlurShare> shares(threads);
+  for (unsigned char t = 0; t < threads; ++t) {
+    shares[t] = GlowBlurShare{&m_blur, static_cast<KVImage8*>(m_layer), m_blurred.get(), t, threads};
+  }
+  RunThreads(GlowBlurColumnsProc, shares);
+  m_blurredReady = true;
+}
+
+int LightSpillLayerCompositor::Render(KVAbstractImage* backgroundLayer, unsigned char threadIndex,
+                                      unsigned char threadCount) {
+  AssertLayerMatchesBackground(m_layer, backgroundLayer, "LightSpillLayerCompositor", kMatchAssertionLines);
+  const unsigned int depth = backgroundLayer->BitsPerChannel();
+  if (depth != 0) return static_cast<int>(depth);
+  return Render8(static_cast<KVImage8*>(backgroundLayer), threadIndex, threadCount);
+}
+
+int LightSpillLayerCompositor::Render8(KVImage8* backgroundLayer, unsigned char threadIndex,
+                                       unsigned char threadCount) {
+  KVAbstractImage* glow = GlowLayer();
+  if (glow == nullptr || m_weightedAlpha[255] == 0 || glow->Width() != backgroundLayer->Width() ||
+      glow->Height() != backgroundLayer->Height()) {
+    return 0;
+  }
+  const ShareRun share = ByteShare(backgroundLayer->Width(), backgroundLayer->Height(), threadIndex, threadCount,
+                                   CommonByteSize(glow, backgroundLayer));
+  if (share.count == 0) return 0;
+  AlphaComposite<false, true> composite = {PixelBytes(glow) + share.start, backgroundLayer->Buffer() + share.start,
+                                           share.count / kBytesPerPixel, m_weightedAlpha, m_tables};
+  return DispatchBlendMode(m_blendMode, composite);
+}
+
+}  // namespace image
+}  // namespace kvo

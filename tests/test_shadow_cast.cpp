@@ -1,0 +1,399 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "TestSupport.h"
+
+using namespace kvo::image;
+using kvo::KVLookupTables;
+using kvo::maths::KVPoint2;
+using kvo::maths::KVPoint2F;
+using kvo::maths::KVQuad;
+using kvo::maths::KVRect;
+using kvtest::DeepImage;
+using kvtest::GuardedImage;
+using kvtest::PatternBytes;
+using kvtest::ScopedCoreCount;
+
+namespace {
+
+typedef std::vector<unsigned char> Bytes;
+
+const double kNaN = std::numeric_limits<double>::quiet_NaN();
+const double kInfinity = std::numeric_limits<double>::infinity();
+const KVPixel8_RGB kShadowColour = {200, 40, 90};
+
+KVLookupTables& SharedTables() {
+  static KVLookupTables tables;
+  return tables;
+}
+
+// The corners of a rectangle moved by (dx, dy).
+KVQuad Translated(const KVRect& rect, double dx, double dy) {
+  const double left = rect.TopLeft().X() + dx, top = rect.TopLeft().Y() + dy;
+  const double right = left + rect.Width(), bottom = top + rect.Height();
+  return KVQuad(KVPoint2F(left, top), KVPoint2F(right, top), KVPoint2F(left, bottom), KVPoint2F(right, bottom));
+}
+
+// A layer alpha pattern with clear and opaque pixels.
+Bytes LayerBytes(unsigned int width, unsigned int height, uint32_t seed) {
+  Bytes bytes = PatternBytes(static_cast<size_t>(width) * height * 4, seed);
+  for (size_t i = 3; i < bytes.size(); i += 12) bytes[i] = 0;
+  for (size_t i = 7; i < bytes.size(); i += 20) bytes[i] = 255;
+  return bytes;
+}
+
+struct Shadow {
+  KVRect bounds;
+  KVQuad corners;
+  unsigned int radius;
+  double amount;
+  KVBlendMode mode;
+  bool fade;
+};
+
+// Casts a shadow through the compositor and returns the background.
+Bytes Cast(const Bytes& background, unsigned int width, unsigned int height, const Bytes& layer,
+           unsigned int layerWidth, unsigned int layerHeight, const Shadow& shadow, size_t offset = 0,
+           KVDownsampleFactor factor = kDownsampleNone) {
+  GuardedImage canvas(width, height, offset), over(layerWidth, layerHeight, offset);
+  canvas.fill(background);
+  over.fill(layer);
+  KVImageCompositor compositor(canvas.image(), 1.0, SharedTables(), factor);
+  EXPECT_EQ(0, compositor.AddShadowCastLayer(over.image(), shadow.bounds, shadow.corners, shadow.radius, shadow.amount,
+                                             kShadowColour, shadow.mode, shadow.fade, kDownsampleNone));
+  EXPECT_EQ(0, compositor.Render());
+  EXPECT_EQ(layer, over.contents());
+  EXPECT_TRUE(canvas.guardsIntact());
+  EXPECT_TRUE(over.guardsIntact());
+  return canvas.contents();
+}
+
+// The shadow alpha itself: normal mode at amount 1 over a clear background,
+// whose alpha becomes AlphaChannelBlend(0, opacity) = opacity = shadow alpha.
+std::vector<int> ShadowAlpha(unsigned int width, unsigned int height, const Bytes& layer, unsigned int layerWidth,
+                             unsigned int layerHeight, Shadow shadow, KVDownsampleFactor factor = kDownsampleNone) {
+  shadow.amount = 1.0;
+  shadow.mode = kBlendNormal;
+  const Bytes cast = Cast(Bytes(static_cast<size_t>(width) * height * 4, 0), width, height, layer, layerWidth,
+                          layerHeight, shadow, 0, factor);
+  std::vector<int> alpha(static_cast<size_t>(width) * height);
+  for (size_t p = 0; p < alpha.size(); ++p) alpha[p] = cast[p * 4 + 3];
+  return alpha;
+}
+
+}  // namespace
+
+// A rectangle cast onto a copy of itself moved by whole pixels lays exactly
+// the moved alpha of the layer's part within the rectangle, for layers of the
+// background's size, smaller and larger, and moves off the image.
+TEST(ShadowCast, TranslatedRectangleLiesUnderTheTranslatedAlpha) {
+  const unsigned int width = 32, height = 24;
+  const KVRect bounds(KVPoint2(3, 2), 20, 15);
+  const struct { unsigned int width, height; } layers[] = {{32, 24}, {16, 12}, {40, 30}};
+  const int moves[][2] = {{0, 0}, {5, 4}, {-2, 3}, {9, -1}, {-20, -10}, {30, 2}};
+  for (const auto& size : layers) {
+    const Bytes layer = LayerBytes(size.width, size.height, 1);
+    for (const auto& move : moves) {
+      const Shadow shadow = {bounds, Translated(bounds, move[0], move[1]), 0, 1.0, kBlendNormal, false};
+      const std::vector<int> alpha = ShadowAlpha(width, height, layer, size.width, size.height, shadow);
+      for (unsigned int y = 0; y < height; ++y) {
+        for (unsigned int x = 0; x < width; ++x) {
+          const int sx = static_cast<int>(x) - move[0], sy = static_cast<int>(y) - move[1];
+          const bool inside = sx >= 3 && sx < 23 && sy >= 2 && sy < 17 && sx < static_cast<int>(size.width) &&
+                              sy < static_cast<int>(size.height);
+          const int expected = inside ? layer[(sy * size.width + sx) * 4 + 3] : 0;
+          ASSERT_EQ(expected, alpha[y * width + x])
+              << "layer " << size.width << " move " << move[0] << "," << move[1] << " at " << x << "," << y;
+        }
+      }
+    }
+  }
+}
+
+// Corners swapped left for right: the shadow is the mirror image.
+TEST(ShadowCast, SwappedCornersMirrorTheShadow) {
+  const unsigned int width = 17, height = 9;
+  const Bytes layer = LayerBytes(width, height, 2);
+  const KVRect bounds(KVPoint2(0, 0), width, height);
+  const KVQuad mirrored(KVPoint2F(width, 0), KVPoint2F(0, 0), KVPoint2F(width, height), KVPoint2F(0, height));
+  const std::vector<int> alpha =
+      ShadowAlpha(width, height, layer, width, height, Shadow{bounds, mirrored, 0, 1.0, kBlendNormal, false});
+  for (unsigned int y = 0; y < height; ++y) {
+    for (unsigned int x = 0; x < width; ++x) {
+      ASSERT_EQ(layer[(y * width + (width - 1 - x)) * 4 + 3], alpha[y * width + x]) << x << "," << y;
+    }
+  }
+}
+
+// The fade follows the mapped point's height in the bounds: at row y of a
+// 10-row rectangle cast onto itself, round(alpha * (y + 0.5) / 10); moved
+// down, the rows move with it.
+TEST(ShadowCast, FadeGrowsTowardsTheContactEdge) {
+  const unsigned int width = 6, height = 16;
+  Bytes layer(width * height * 4, 255);
+  const KVRect bounds(KVPoint2(0, 0), width, 10);
+  for (int down : {0, 3}) {
+    const Shadow shadow = {bounds, Translated(bounds, 0, down), 0, 1.0, kBlendNormal, true};
+    const std::vector<int> alpha = ShadowAlpha(width, height, layer, width, height, shadow);
+    for (unsigned int y = 0; y < height; ++y) {
+      const int row = static_cast<int>(y) - down;
+      const int expected = row >= 0 && row < 10 ? static_cast<int>(std::lround(255.0 * (row + 0.5) / 10.0)) : 0;
+      for (unsigned int x = 0; x < width; ++x) ASSERT_EQ(expected, alpha[y * width + x]) << x << "," << y;
+    }
+  }
+  // Without the flag the same cast is solid.
+  const std::vector<int> solid = ShadowAlpha(width, height, layer, width, height,
+                                             Shadow{bounds, Translated(bounds, 0, 0), 0, 1.0, kBlendNormal, false});
+  for (unsigned int y = 0; y < 10; ++y) EXPECT_EQ(255, solid[y * width]);
+}
+
+// A floor shadow of a standing rectangle: the top edge thrown back and
+// widened. The shadow stays within the quadrilateral's bounding box, and with
+// the fade it is strongest at the contact edge.
+TEST(ShadowCast, PerspectiveShadowStaysWithinTheQuadrilateral) {
+  const unsigned int width = 60, height = 40;
+  Bytes layer(width * height * 4, 255);
+  const KVRect bounds(KVPoint2(20, 5), 20, 30);
+  const KVQuad floor(KVPoint2F(30, 28), KVPoint2F(58, 28), KVPoint2F(20, 35), KVPoint2F(40, 35));
+  const std::vector<int> alpha =
+      ShadowAlpha(width, height, layer, width, height, Shadow{bounds, floor, 0, 1.0, kBlendNormal, true});
+  int contact = 0, far = 0;
+  for (unsigned int y = 0; y < height; ++y) {
+    for (unsigned int x = 0; x < width; ++x) {
+      const int a = alpha[y * width + x];
+      if (a == 0) continue;
+      EXPECT_TRUE(x >= 19 && x <= 58 && y >= 27 && y <= 35) << x << "," << y;
+      if (y == 34) contact = std::max(contact, a);
+      if (y == 28) far = std::max(far, a);
+    }
+  }
+  EXPECT_GT(contact, 200);
+  EXPECT_GT(far, 0);
+  EXPECT_LT(far, contact / 4);
+}
+
+TEST(ShadowCast, DegenerateQuadrilateralsAndEmptyBoundsCastNothing) {
+  const unsigned int width = 12, height = 10;
+  const Bytes background = PatternBytes(width * height * 4, 3), layer = LayerBytes(width, height, 4);
+  const KVRect bounds(KVPoint2(1, 1), 10, 8);
+  const KVPoint2F a(2, 2), b(10, 2), c(2, 9), d(10, 9);
+  const KVQuad degenerate[] = {
+      KVQuad(a, a, a, a),                              // a point
+      KVQuad(a, b, KVPoint2F(4, 2), KVPoint2F(7, 2)),  // a line
+      KVQuad(a, b, c, KVPoint2F(6, 5.5)),              // three corners in line
+      KVQuad(a, b, d, c),                              // crossed: a bow tie
+      KVQuad(a, b, c, KVPoint2F(4, 4)),                // not convex
+      KVQuad(KVPoint2F(kNaN, 2), b, c, d),             // not a number
+      KVQuad(a, KVPoint2F(kInfinity, 2), c, d),        // infinite
+      KVQuad(a, b, c, KVPoint2F(10, -kInfinity)),
+  };
+  for (const KVQuad& quad : degenerate) {
+    for (unsigned int radius : {0u, 2u}) {
+      EXPECT_EQ(background, Cast(background, width, height, layer, width, height,
+                                 Shadow{bounds, quad, radius, 1.0, kBlendNormal, true}));
+    }
+  }
+  const KVQuad good(a, b, c, d);
+  const KVRect empty[] = {KVRect(KVPoint2(1, 1), 0, 8), KVRect(KVPoint2(1, 1), 10, -3), KVRect(KVPoint2(20, 20), 5, 5),
+                          KVRect(KVPoint2(-30, 1), 10, 8)};
+  for (const KVRect& rect : empty) {
+    EXPECT_EQ(background,
+              Cast(background, width, height, layer, width, height, Shadow{rect, good, 0, 1.0, kBlendNormal, false}));
+  }
+  EXPECT_NE(background,
+            Cast(background, width, height, layer, width, height, Shadow{bounds, good, 0, 1.0, kBlendNormal, false}));
+}
+
+// Extreme but finite corners and bounds: no undefined behaviour, nothing
+// written outside the background.
+TEST(ShadowCast, ExtremeGeometryStaysInBounds) {
+  const unsigned int width = 9, height = 7;
+  const Bytes background = PatternBytes(width * height * 4, 5), layer = LayerBytes(width, height, 6);
+  const double big = 1e300, max = std::numeric_limits<double>::max();
+  const KVQuad quads[] = {
+      KVQuad(KVPoint2F(-big, -big), KVPoint2F(big, -big), KVPoint2F(-big, big), KVPoint2F(big, big)),
+      KVQuad(KVPoint2F(0, 0), KVPoint2F(max, 0), KVPoint2F(0, max), KVPoint2F(max, max)),
+      KVQuad(KVPoint2F(4, 3), KVPoint2F(4 + 1e-9, 3), KVPoint2F(4, 3 + 1e-9), KVPoint2F(4 + 1e-9, 3 + 1e-9)),
+      KVQuad(KVPoint2F(0, 0), KVPoint2F(9, 0), KVPoint2F(-1e9, 1e9), KVPoint2F(1e9, 1e9)),
+      KVQuad(KVPoint2F(0, 3), KVPoint2F(9, 3), KVPoint2F(4.4, 3.0000001), KVPoint2F(4.6, 3.0000001)),
+  };
+  const KVRect rects[] = {KVRect(KVPoint2(0, 0), width, height),
+                          KVRect(KVPoint2(std::numeric_limits<int>::max(), 0), std::numeric_limits<int>::max(), 5),
+                          KVRect(KVPoint2(std::numeric_limits<int>::min(), std::numeric_limits<int>::min()),
+                                 std::numeric_limits<int>::max(), std::numeric_limits<int>::max())};
+  for (const KVRect& rect : rects) {
+    for (const KVQuad& quad : quads) {
+      for (bool fade : {false, true}) {
+        Cast(background, width, height, layer, width, height, Shadow{rect, quad, 1, 0.7, kBlendMultiply, fade});
+      }
+    }
+  }
+}
+
+// Every mode over a patterned background against BlendPixel and
+// AlphaChannelBlend at opacity trunc(shadow alpha * amount), on the aligned
+// and the unaligned buffer; pixels of opacity 0 keep their bytes.
+TEST(ShadowCast, LaysTheColourWithBlendPixel) {
+  const unsigned int width = 21, height = 13;
+  KVLookupTables& tables = SharedTables();
+  const Bytes background = PatternBytes(width * height * 4, 7), layer = LayerBytes(width, height, 8);
+  const KVRect bounds(KVPoint2(2, 1), 15, 11);
+  const KVQuad trapezoid(KVPoint2F(6, 3), KVPoint2F(17, 4), KVPoint2F(1, 12), KVPoint2F(20, 12.5));
+  for (double amount : {0.6, 1.0, 3.0}) {
+    const std::vector<int> alpha =
+        ShadowAlpha(width, height, layer, width, height, Shadow{bounds, trapezoid, 2, 1.0, kBlendNormal, true});
+    for (int mode = 0; mode <= 15; ++mode) {
+      Bytes expected = background;
+      const double clamped = std::min(amount, 1.0);
+      for (size_t p = 0; p < alpha.size(); ++p) {
+        const int opacity = static_cast<int>(alpha[p] * clamped);
+        if (opacity == 0) continue;
+        unsigned char* px = &expected[p * 4];
+        px[0] = static_cast<unsigned char>(BlendPixel(px[0], kShadowColour.blue, KVBlendMode(mode), opacity, tables));
+        px[1] = static_cast<unsigned char>(BlendPixel(px[1], kShadowColour.green, KVBlendMode(mode), opacity, tables));
+        px[2] = static_cast<unsigned char>(BlendPixel(px[2], kShadowColour.red, KVBlendMode(mode), opacity, tables));
+        px[3] = tables.AlphaChannelBlend(px[3], static_cast<unsigned char>(opacity));
+      }
+      for (size_t offset : {0u, 1u}) {
+        ASSERT_EQ(expected, Cast(background, width, height, layer, width, height,
+                                 Shadow{bounds, trapezoid, 2, amount, KVBlendMode(mode), true}, offset))
+            << "mode " << mode << " amount " << amount << " offset " << offset;
+      }
+    }
+  }
+}
+
+TEST(ShadowCast, ZeroAmountChangesNothingInAnyMode) {
+  const unsigned int width = 10, height = 8;
+  const Bytes background = PatternBytes(width * height * 4, 9), layer = LayerBytes(width, height, 10);
+  const KVRect bounds(KVPoint2(0, 0), width, height);
+  for (int mode : {0, 8, 9, 13, 14}) {
+    for (double amount : {0.0, -0.5, kNaN, -kInfinity}) {
+      for (unsigned int radius : {0u, 3u}) {
+        ASSERT_EQ(background, Cast(background, width, height, layer, width, height,
+                                   Shadow{bounds, Translated(bounds, 1, 1), radius, amount, KVBlendMode(mode), false}))
+            << mode << " " << amount;
+      }
+    }
+  }
+}
+
+// The blur is the single-channel stack blur of the sharp shadow: the same
+// values as the stack blur's alpha-only mode over an image holding them. The
+// radius is scaled by the compositor's factor.
+// The shadow near the edges and well inside the image (where only the pixels
+// it can reach are blurred).
+TEST(ShadowCast, RadiusBlursTheShadowAlphaWithTheStackBlur) {
+  const unsigned int width = 31, height = 19;
+  const Bytes layer = LayerBytes(width, height, 11);
+  const KVRect bounds(KVPoint2(4, 2), 20, 14);
+  const KVQuad quads[] = {KVQuad(KVPoint2F(10, 6), KVPoint2F(26, 5), KVPoint2F(3, 17), KVPoint2F(29, 18)),
+                          KVQuad(KVPoint2F(14, 8), KVPoint2F(18, 8.5), KVPoint2F(12, 11), KVPoint2F(19, 10))};
+  for (const KVQuad& quad : quads) {
+    const std::vector<int> sharp =
+        ShadowAlpha(width, height, layer, width, height, Shadow{bounds, quad, 0, 1.0, kBlendNormal, true});
+    for (unsigned int radius : {1u, 3u, 4u, 40u}) {
+      Bytes planeImage(width * height * 4, 0), blurred(width * height * 4, 0);
+      for (size_t p = 0; p < sharp.size(); ++p) planeImage[p * 4 + 3] = static_cast<unsigned char>(sharp[p]);
+      KVImage8 source(planeImage.data(), width, height, kPixelOrderBGRA);
+      KVImage8 destination(blurred.data(), width, height, kPixelOrderBGRA);
+      KVImageProcessor processor(&source, &destination, SharedTables(), kDownsampleNone);
+      ASSERT_EQ(0, processor.SetStackBlur(radius, true, true, kChannelsAlpha));
+      ASSERT_EQ(0, processor.Render());
+      const std::vector<int> cast =
+          ShadowAlpha(width, height, layer, width, height, Shadow{bounds, quad, radius, 1.0, kBlendNormal, true});
+      for (size_t p = 0; p < cast.size(); ++p) ASSERT_EQ(blurred[p * 4 + 3], cast[p]) << radius << " at " << p;
+      EXPECT_EQ(cast, ShadowAlpha(width, height, layer, width, height,
+                                  Shadow{bounds, quad, radius * 2, 1.0, kBlendNormal, true}, kDownsampleHalf));
+    }
+  }
+}
+
+TEST(ShadowCast, EveryThreadCountGivesTheSameBytes) {
+  const unsigned int width = 23, height = 11;
+  const Bytes background = PatternBytes(width * height * 4, 12), layer = LayerBytes(width, height, 13);
+  const Shadow shadow = {KVRect(KVPoint2(1, 0), 20, 11),
+                         KVQuad(KVPoint2F(8, 5), KVPoint2F(22, 6), KVPoint2F(0, 11), KVPoint2F(21, 11)),
+                         3,
+                         0.8,
+                         kBlendMultiply,
+                         true};
+  ScopedCoreCount one(1);
+  const Bytes expected = Cast(background, width, height, layer, width, height, shadow);
+  ASSERT_NE(background, expected);
+  for (unsigned int threads = 2; threads <= 16; ++threads) {
+    ScopedCoreCount cores(threads);
+    ASSERT_EQ(expected, Cast(background, width, height, layer, width, height, shadow)) << threads << " threads";
+  }
+}
+
+TEST(ShadowCast, AnyLayerIsAcceptedAndHugeRadiiFailCleanly) {
+  KVLookupTables& tables = SharedTables();
+  GuardedImage background(8, 6), small(3, 2), empty(0, 0);
+  const Bytes before = PatternBytes(background.bytes(), 14);
+  background.fill(before);
+  small.fill(Bytes(small.bytes(), 255));
+  DeepImage deep(8, 6);
+  const KVRect bounds(KVPoint2(0, 0), 8, 6);
+  const KVQuad quad = Translated(bounds, 1, 1);
+  KVImageCompositor compositor(background.image(), 1.0, tables, kDownsampleNone);
+  EXPECT_EQ(0, compositor.AddShadowCastLayer(static_cast<KVAbstractImage*>(nullptr), bounds, quad, 0, 1.0,
+                                             kShadowColour, kBlendNormal, false, kDownsampleNone));
+  EXPECT_EQ(0, compositor.AddShadowCastLayer(&deep, bounds, quad, 0, 1.0, kShadowColour, kBlendNormal, false,
+                                             kDownsampleNone));
+  EXPECT_EQ(0, compositor.AddShadowCastLayer(empty.image(), bounds, quad, 2, 1.0, kShadowColour, kBlendNormal, false,
+                                             kDownsampleNone));
+  EXPECT_EQ(0, compositor.Render());  // nothing to cast
+  EXPECT_EQ(before, background.contents());
+  std::tr1::shared_ptr<KVAbstractImage> shared = CreateImage(small.pixels(), 3, 2, kPixelOrderBGRA);
+  EXPECT_EQ(0, compositor.AddShadowCastLayer(shared, bounds, quad, 0, 1.0, kShadowColour, kBlendNormal, false,
+                                             KVDownsampleFactor(9)));
+  EXPECT_EQ(1, shared.use_count());  // the compositor keeps no reference
+  EXPECT_EQ(4, compositor.RenderQueueCount());
+  EXPECT_EQ(0, compositor.Render());
+  // The 3 x 2 layer moved by (1, 1): pixels (1..3, 1..2) only.
+  const Bytes after = background.contents();
+  for (unsigned int y = 0; y < 6; ++y) {
+    for (unsigned int x = 0; x < 8; ++x) {
+      const bool shaded = x >= 1 && x <= 3 && y >= 1 && y <= 2;
+      const size_t at = (y * 8 + x) * 4;
+      EXPECT_EQ(shaded, !std::equal(&after[at], &after[at] + 4, &before[at])) << x << "," << y;
+    }
+  }
+
+  background.fill(before);
+  KVImageCompositor huge(background.image(), 1.0, tables, kDownsampleHalf);
+  EXPECT_EQ(0, huge.AddShadowCastLayer(small.image(), bounds, quad, 5792, 1.0, kShadowColour, kBlendNormal, false,
+                                       kDownsampleNone));
+  EXPECT_EQ(8, huge.Render());
+  EXPECT_EQ(0, huge.ClearRenderQueue());
+  EXPECT_EQ(0, huge.AddShadowCastLayer(small.image(), bounds, quad, 4294967295u, 1.0, kShadowColour, kBlendNormal,
+                                       false, kDownsampleNone));
+  EXPECT_EQ(8, huge.Render());
+  EXPECT_EQ(before, background.contents());
+  EXPECT_TRUE(background.guardsIntact());
+}
+
+TEST(ShadowCastStage, DrivenDirectly) {
+  KVLookupTables& tables = SharedTables();
+  DeepImage deepBackground(4, 3);
+  GuardedImage background(4, 3), layer(4, 3);
+  layer.fill(Bytes(layer.bytes(), 255));
+  const KVRect bounds(KVPoint2(0, 0), 4, 3);
+  ShadowCastCompositor stage(layer.image(), bounds, Translated(bounds, 0, 0), 0, 1.0, kShadowColour, kBlendNormal,
+                             false, kDownsampleNone, tables, kvtest::kPlainPath);
+  EXPECT_EQ(1u, stage.Type());
+  stage.Setup(&deepBackground);
+  EXPECT_EQ(16, stage.Render(&deepBackground, 0, 1));
+  // Render before any Setup on this size: nothing; shares past the end: empty.
+  EXPECT_EQ(0, stage.Render(background.image(), 0, 1));
+  EXPECT_EQ(Bytes(background.bytes(), 0), background.contents());
+  stage.Setup(background.image());
+  for (unsigned char t = 0; t < 30; ++t) EXPECT_EQ(0, stage.Render(background.image(), t, 30));
+  for (size_t i = 3; i < background.bytes(); i += 4) EXPECT_EQ(255, background.pixels()[i]);
+  EXPECT_TRUE(background.guardsIntact());
+}
