@@ -419,7 +419,9 @@ Image ContactSheet(const Image& composite, const Image& keyed, kvo::KVLookupTabl
     const Image& source = tiles[i].keyedSource ? smallKeyed : smallComposite;
     Image tile = source;  // the destination starts as the source: a stage that writes nothing shows it
     if (tiles[i].queue) {
-      KVImage8 in(const_cast<unsigned char*>(source.bgra.data()), tileWidth, tileHeight, kPixelOrderBGRA);
+      // A copy per tile: some stages (defocus) blur their input in place.
+      Image input = source;
+      KVImage8 in(input.bgra.data(), tileWidth, tileHeight, kPixelOrderBGRA);
       KVImage8 out(tile.bgra.data(), tileWidth, tileHeight, kPixelOrderBGRA);
       KVImageProcessor processor(&in, &out, tables, kDownsampleNone);
       Check(tiles[i].queue(processor, tileWidth, tileHeight), tiles[i].label);
@@ -489,8 +491,24 @@ void RunDemo(const std::string& directory, unsigned int width, unsigned int heig
                MillisecondsSince(step));
 
   step = Clock::now();
+  {
+    // The subject throws a soft shadow across the floor and a faint glow of
+    // its own colours onto the scene before it is laid over it.
+    KVImage8 sceneImage(composite.bgra.data(), width, height, kPixelOrderBGRA);
+    KVImageCompositor compositor(&sceneImage, 1.0, tables, kDownsampleNone);
+    const double w = width, h = height;
+    const kvo::maths::KVRect standing(kvo::maths::KVPoint2(0, 0), static_cast<int>(width), static_cast<int>(height));
+    const kvo::maths::KVQuad floor(kvo::maths::KVPoint2F(0.45 * w, 0.62 * h), kvo::maths::KVPoint2F(1.2 * w, 0.62 * h),
+                                   kvo::maths::KVPoint2F(0.0, h), kvo::maths::KVPoint2F(w, h));
+    Check(compositor.AddShadowCastLayer(&keyedImage, standing, floor, 6, 0.45, KVPixel8_RGB{10, 10, 20}, kBlendMultiply,
+                                        true, kDownsampleNone),
+          "cast shadow");
+    Check(compositor.AddLightSpillLayer(&keyedImage, 12, 0.3, kBlendScreen, kDownsampleNone), "light spill");
+    Check(compositor.Render(), "shadow and light spill");
+  }
   CompositeOver(composite, keyed, tables, "the keyed frame");
-  std::fprintf(out, "  %-58s %8.1f ms\n", "composited the keyed frame over the scene", MillisecondsSince(step));
+  std::fprintf(out, "  %-58s %8.1f ms\n", "cast shadow, light spill, keyed frame laid over the scene",
+               MillisecondsSince(step));
 
   step = Clock::now();
   Image matte(width, height);
