@@ -490,16 +490,16 @@ TEST_F(ToolTest, HelpListsEveryOptionWithItsRange) {
   ASSERT_EQ(0, process.status);
   ASSERT_EQ(0, key.status);
   ASSERT_EQ(0, stream.status);
-  for (const OptionSpec& spec : EffectOptions()) {
-    EXPECT_NE(std::string::npos, all.out.find(std::string(spec.name) + " ")) << spec.name;
-    EXPECT_NE(std::string::npos, all.out.find(spec.help)) << spec.name;
-    EXPECT_NE(std::string::npos, process.out.find(spec.help)) << spec.name;
-    EXPECT_NE(std::string::npos, stream.out.find(spec.help)) << spec.name;
+  for (const OptionSpec& entry : EffectOptions()) {
+    EXPECT_NE(std::string::npos, all.out.find(std::string(entry.name) + " ")) << entry.name;
+    EXPECT_NE(std::string::npos, all.out.find(entry.help)) << entry.name;
+    EXPECT_NE(std::string::npos, process.out.find(entry.help)) << entry.name;
+    EXPECT_NE(std::string::npos, stream.out.find(entry.help)) << entry.name;
   }
-  for (const OptionSpec& spec : KeyOptions()) {
-    EXPECT_NE(std::string::npos, all.out.find(spec.help)) << spec.name;
-    EXPECT_NE(std::string::npos, key.out.find(spec.help)) << spec.name;
-    EXPECT_NE(std::string::npos, stream.out.find(spec.help)) << spec.name;
+  for (const OptionSpec& entry : KeyOptions()) {
+    EXPECT_NE(std::string::npos, all.out.find(entry.help)) << entry.name;
+    EXPECT_NE(std::string::npos, key.out.find(entry.help)) << entry.name;
+    EXPECT_NE(std::string::npos, stream.out.find(entry.help)) << entry.name;
   }
   for (const char* command : {"demo", "composite"}) {
     const Result r = Run(std::string(command) + " --help");

@@ -475,13 +475,13 @@ const std::vector<OptionSpec>& KeyOptions() { return kKeyOptions; }
 const OptionSpec* FindStageOption(const std::string& name, bool effects, bool keys) {
   const std::string wanted = BritishSpelling(name);
   if (effects) {
-    for (const OptionSpec& spec : kEffectOptions) {
-      if (wanted == spec.name) return &spec;
+    for (const OptionSpec& entry : kEffectOptions) {
+      if (wanted == entry.name) return &entry;
     }
   }
   if (keys) {
-    for (const OptionSpec& spec : kKeyOptions) {
-      if (wanted == spec.name) return &spec;
+    for (const OptionSpec& entry : kKeyOptions) {
+      if (wanted == entry.name) return &entry;
     }
     // The YUV blur is in both front ends; the key tables list it too.
     if (!effects && wanted == "--yuv-blur") return FindStageOption(name, true, false);
@@ -493,16 +493,16 @@ const OptionSpec* FindStageOption(const std::string& name, bool effects, bool ke
 // The chain
 // ---------------------------------------------------------------------------
 
-void StageChain::Add(const OptionSpec& spec, const std::string& value) {
-  Fields fields(spec.name, value);
-  StageFunction queue = spec.parse(fields, m_settings);
-  if (spec.frontEnd == FrontEnd::kKeySetting) return;
-  m_stages.push_back(ParsedStage{&spec, std::string(spec.name) + (*spec.value ? " " + value : ""), queue});
+void StageChain::Add(const OptionSpec& entry, const std::string& value) {
+  Fields fields(entry.name, value);
+  StageFunction queue = entry.parse(fields, m_settings);
+  if (entry.frontEnd == FrontEnd::kKeySetting) return;
+  m_stages.push_back(ParsedStage{&entry, std::string(entry.name) + (*entry.value ? " " + value : ""), queue});
 }
 
 bool StageChain::HasKeyColourStage() const {
   for (const ParsedStage& stage : m_stages) {
-    if (std::strcmp(stage.spec->name, "--key") == 0) return true;
+    if (std::strcmp(stage.entry->name, "--key") == 0) return true;
   }
   return false;
 }
@@ -518,7 +518,7 @@ namespace {
 // How a refused stage is named in a message: a key stage with the settings it
 // was given, since any of them may be the value refused.
 std::string Describe(const ParsedStage& stage, const KeySettings& settings) {
-  if (std::strcmp(stage.spec->name, "--key") != 0) return stage.text;
+  if (std::strcmp(stage.entry->name, "--key") != 0) return stage.text;
   char text[160];
   std::snprintf(text, sizeof text, " --balance %g --saturation-limit %g --saturation-softness %g", settings.balance,
                 settings.saturationLimit, settings.saturationSoftness);
@@ -539,7 +539,7 @@ Image StageChain::Run(const Image& input, kvo::KVLookupTables& tables) const {
   target.settings = &m_settings;
   size_t next = 0;
   while (next < m_stages.size()) {
-    const bool keyer = GoesToKeyer(m_stages[next].spec->frontEnd, false);  // a lone kEither runs on a processor
+    const bool keyer = GoesToKeyer(m_stages[next].entry->frontEnd, false);  // a lone kEither runs on a processor
     Image output = current;
     KVImage8 source(current.bgra.data(), current.width, current.height, kPixelOrderBGRA);
     KVImage8 destination(output.bgra.data(), output.width, output.height, kPixelOrderBGRA);
@@ -557,7 +557,7 @@ Image StageChain::Run(const Image& input, kvo::KVLookupTables& tables) const {
     }
     target.processor = processor.get();
     target.keyer = keyerFrontEnd.get();
-    for (; next < m_stages.size() && GoesToKeyer(m_stages[next].spec->frontEnd, keyer) == keyer; ++next) {
+    for (; next < m_stages.size() && GoesToKeyer(m_stages[next].entry->frontEnd, keyer) == keyer; ++next) {
       const int code = m_stages[next].queue(target);
       if (code != 0) {
         throw EngineError(Describe(m_stages[next], m_settings) + ": the engine refused it: " + DescribeResultCode(code),
@@ -581,7 +581,7 @@ void StageChain::Validate(kvo::KVLookupTables& tables) const {
   target.settings = &m_settings;
   bool inKeyer = false;
   for (const ParsedStage& stage : m_stages) {
-    inKeyer = GoesToKeyer(stage.spec->frontEnd, inKeyer);
+    inKeyer = GoesToKeyer(stage.entry->frontEnd, inKeyer);
     target.processor = inKeyer ? nullptr : &processor;
     target.keyer = inKeyer ? &keyer : nullptr;
     const int code = stage.queue(target);

@@ -111,7 +111,7 @@ const std::vector<OptionSpec>& KeyOptions();
 const OptionSpec* FindStageOption(const std::string& name, bool effects, bool keys);
 
 struct ParsedStage {
-  const OptionSpec* spec;
+  const OptionSpec* entry;
   std::string text;  // "--brightness 0.2", for messages
   StageFunction queue;
 };
@@ -122,7 +122,7 @@ struct ParsedStage {
 class StageChain {
  public:
   // Parses one option; value is ignored for options without one.
-  void Add(const OptionSpec& spec, const std::string& value);
+  void Add(const OptionSpec& entry, const std::string& value);
   bool Empty() const { return m_stages.empty(); }
   bool HasKeyColourStage() const;
   // Queues --key auto in front of the others.

@@ -95,12 +95,12 @@ const CommandHelp* FindCommand(const std::string& name) {
 }
 
 void PrintOptionTable(std::FILE* out, const std::vector<OptionSpec>& options) {
-  for (const OptionSpec& spec : options) {
-    const std::string head = std::string(spec.name) + (*spec.value ? " " + std::string(spec.value) : "");
+  for (const OptionSpec& entry : options) {
+    const std::string head = std::string(entry.name) + (*entry.value ? " " + std::string(entry.value) : "");
     if (head.size() <= 24) {
-      std::fprintf(out, "  %-24s %s\n", head.c_str(), spec.help);
+      std::fprintf(out, "  %-24s %s\n", head.c_str(), entry.help);
     } else {
-      std::fprintf(out, "  %s\n  %-24s %s\n", head.c_str(), "", spec.help);
+      std::fprintf(out, "  %s\n  %-24s %s\n", head.c_str(), "", entry.help);
     }
   }
 }
@@ -222,9 +222,9 @@ CommandLine Parse(const std::string& command, int argc, char** argv) {
       if (i + 1 >= argc) throw UsageError(argument + " needs a value");
       return argv[++i];
     };
-    const OptionSpec* spec = FindStageOption(argument, effects, keys);
-    if (spec) {
-      line.chain.Add(*spec, *spec->value ? takeValue() : "");
+    const OptionSpec* entry = FindStageOption(argument, effects, keys);
+    if (entry) {
+      line.chain.Add(*entry, *entry->value ? takeValue() : "");
       continue;
     }
     std::string name = argument;
