@@ -8,15 +8,8 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 out=${KVIMAGE_BUILD_ROOT:-$root/build}
 jobs=$(nproc)
 
-# The kvimage tool reads and writes PNG and JPEG files: install the
-# development packages when the machine lacks them.
-missing=()
-dpkg -s libpng-dev >/dev/null 2>&1 || missing+=(libpng-dev)
-dpkg -s libjpeg62-turbo-dev >/dev/null 2>&1 || dpkg -s libjpeg-dev >/dev/null 2>&1 || missing+=(libjpeg62-turbo-dev)
-if ((${#missing[@]})); then
-  sudo=$([ "$(id -u)" -eq 0 ] || echo sudo)
-  $sudo apt-get update -qq && $sudo apt-get install -y -qq "${missing[@]}"
-fi
+# The tool needs the PNG and JPEG development packages.
+source "$root/scripts/install-deps.sh"
 
 # Death tests abort on purpose; keep the sanitizers from adding reports of
 # their own on those exits, and fail fast on anything else.

@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Installs the development packages the kvimage tool needs (PNG and JPEG)
+# when the machine lacks them. Sourced by demo.sh and test.sh.
+missing=()
+dpkg -s libpng-dev >/dev/null 2>&1 || missing+=(libpng-dev)
+dpkg -s libjpeg62-turbo-dev >/dev/null 2>&1 || dpkg -s libjpeg-dev >/dev/null 2>&1 || missing+=(libjpeg62-turbo-dev)
+if ((${#missing[@]})); then
+  sudo=$([ "$(id -u)" -eq 0 ] || echo sudo)
+  $sudo apt-get update -qq && $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}"
+fi
