@@ -1,10 +1,10 @@
 #include <emmintrin.h>
-#include <mmintrin.h>
 
 #include <cstdint>
 
 #include <kvimage/colour.h>
 
+#include "renderers/colour/ChannelTables.h"
 #include "support/Assert.h"
 #include "support/CPUExtensions.h"
 #include "support/Conversions.h"
@@ -61,19 +61,9 @@ int OpacityRenderer::Render8_SSE2(KVAbstractImage* source, KVAbstractImage* dest
 
   const uint32_t decrement = static_cast<uint32_t>(TruncateToInt((1.0 - m_opacity) * 255.0)) & 0xFFu;
   const __m128i alphaMask = _mm_set1_epi32(static_cast<int>(decrement << (8 * kAlphaByte)));
-  const __m128i* in = reinterpret_cast<const __m128i*>(PixelBytes(source) + share.start * kBytesPerPixel);
-  __m128i* out = reinterpret_cast<__m128i*>(PixelBytes(destination) + share.start * kBytesPerPixel);
-  const size_t blocks = share.count / 4;
-  const bool aligned = ((reinterpret_cast<uintptr_t>(in) | reinterpret_cast<uintptr_t>(out)) & 15u) == 0;
-  if (aligned) {
-    for (size_t b = 0; b < blocks; ++b) _mm_stream_si128(out + b, _mm_subs_epu8(_mm_load_si128(in + b), alphaMask));
-    _mm_sfence();
-  } else {
-    for (size_t b = 0; b < blocks; ++b) {
-      _mm_storeu_si128(out + b, _mm_subs_epu8(_mm_loadu_si128(in + b), alphaMask));
-    }
-  }
-  _mm_empty();
+  const PixelRun run = {PixelBytes(source) + share.start * kBytesPerPixel,
+                        PixelBytes(destination) + share.start * kBytesPerPixel, share.count};
+  TransformBlocks(run, [alphaMask](__m128i block) { return _mm_subs_epu8(block, alphaMask); });
   return 0;
 }
 
