@@ -309,6 +309,29 @@ TEST_F(ToolTest, CompositeLaysLayersInOrder) {
   ExpectSameImage(expected, ReadImage(Path("out.png")));
 }
 
+TEST_F(ToolTest, CompositeGlowAndShadowAreTheEngineStages) {
+  const Image background = Opaque(Pattern(31, 19, 3));
+  const Image layerImage = Pattern(31, 19, 12);
+  WriteImage(Path("bg.png"), background);
+  WriteImage(Path("l.png"), layerImage);
+  const Result r = Run("composite " + Path("bg.png") + " " + Path("out.png") + " --shadow " + Path("l.png") +
+                       ":3:2:1:0.5 --glow " + Path("l.png") + ":2:0.7 --layer " + Path("l.png"));
+  ASSERT_EQ(0, r.status) << r.err;
+  Image expected = background, layer = layerImage;
+  KVImage8 bg(expected.bgra.data(), 31, 19, kPixelOrderBGRA), top(layer.bgra.data(), 31, 19, kPixelOrderBGRA);
+  kvo::KVLookupTables tables;
+  KVImageCompositor compositor(&bg, 1.0, tables, kDownsampleNone);
+  const kvo::maths::KVRect bounds(kvo::maths::KVPoint2(0, 0), 31, 19);
+  const kvo::maths::KVQuad moved(kvo::maths::KVPoint2F(3, 2), kvo::maths::KVPoint2F(34, 2),
+                                 kvo::maths::KVPoint2F(3, 21), kvo::maths::KVPoint2F(34, 21));
+  ASSERT_EQ(0, compositor.AddShadowCastLayer(&top, bounds, moved, 1, 0.5, KVPixel8_RGB{0, 0, 0}, kBlendMultiply,
+                                             false, kDownsampleNone));
+  ASSERT_EQ(0, compositor.AddLightSpillLayer(&top, 2, 0.7, kBlendScreen, kDownsampleNone));
+  ASSERT_EQ(0, compositor.AddLayer(&top, 1.0, kBlendNormal, kCompositeAlpha));
+  ASSERT_EQ(0, compositor.Render());
+  ExpectSameImage(expected, ReadImage(Path("out.png")));
+}
+
 // ---------------------------------------------------------------------------
 // stream
 // ---------------------------------------------------------------------------

@@ -75,6 +75,12 @@ const CommandHelp kCommands[] = {
      "                           MODE add|colour-burn|colour-dodge|darken|difference|exclusion|hard-light|\n"
      "                           lighten|multiply|normal|overlay|screen|soft-light|replace (normal);\n"
      "                           OPACITY 0..1 (1); TYPE alpha|alpha-fill|colour-only (alpha)\n"
+     "  --glow FILE:RADIUS[:AMOUNT[:MODE]]\n"
+     "                           a light spill of FILE: blurred by RADIUS 0..2895, laid with MODE (screen)\n"
+     "                           at AMOUNT 0..1 (1)\n"
+     "  --shadow FILE:DX:DY[:RADIUS[:AMOUNT]]\n"
+     "                           a black drop shadow of FILE's alpha moved by DX, DY pixels, blurred by\n"
+     "                           RADIUS 0..2895 (0), multiplied in at AMOUNT 0..1 (0.6)\n"
      "  --background-opacity A   fade the background first, 0..1 (1)\n"},
     {"stream", "kvimage stream --size WxH [EFFECT or KEY OPTIONS ...]",
      "Reads raw BGRA frames from standard input until it ends and writes each processed frame to\n"
@@ -158,11 +164,17 @@ struct CommandLine {
   bool sizeGiven = false;
   bool progress = false;
   double backgroundOpacity = 1.0;
+  // A layer laid with AddLayer, a glow (AddLightSpillLayer) or a drop shadow
+  // (AddShadowCastLayer onto the layer's rectangle moved by dx, dy).
+  enum class LayerKind { kLayer, kGlow, kShadow };
   struct Layer {
     std::string file;
     KVBlendMode mode;
     double opacity;
     KVCompositeType type;
+    LayerKind kind = LayerKind::kLayer;
+    int radius = 0;
+    double dx = 0.0, dy = 0.0;
   };
   std::vector<Layer> layers;
 };
@@ -195,6 +207,31 @@ CommandLine::Layer ParseLayer(const std::string& value) {
   layer.opacity = fields.NumberOr(1, 1.0);
   const int type = fields.ChoiceOr(2, {"colour-only", "alpha-fill", "alpha"}, 2);
   layer.type = static_cast<KVCompositeType>(type);
+  return layer;
+}
+
+// --glow FILE:RADIUS[:AMOUNT[:MODE]] and --shadow FILE:DX:DY[:RADIUS[:AMOUNT]].
+CommandLine::Layer ParseGlowOrShadow(const std::string& option, const std::string& value) {
+  CommandLine::Layer layer{value, kBlendScreen, 1.0, kCompositeAlpha};
+  const size_t colon = value.find(':');
+  if (colon == std::string::npos) throw UsageError(option + " " + value + ": expected FILE and its values");
+  layer.file = value.substr(0, colon);
+  const Fields fields(option, value.substr(colon + 1));
+  if (option == "--glow") {
+    fields.ExpectCount(1, 3);
+    layer.kind = CommandLine::LayerKind::kGlow;
+    layer.radius = static_cast<int>(fields.Integer(0, 0, 2895));
+    layer.opacity = fields.NumberOr(1, 1.0);
+    layer.mode = static_cast<KVBlendMode>(fields.ChoiceOr(2, BlendModeNames(), kBlendScreen));
+  } else {
+    fields.ExpectCount(2, 4);
+    layer.kind = CommandLine::LayerKind::kShadow;
+    layer.mode = kBlendMultiply;
+    layer.dx = fields.Number(0);
+    layer.dy = fields.Number(1);
+    layer.radius = static_cast<int>(fields.Integer(2, 0, 2895));
+    layer.opacity = fields.NumberOr(3, 0.6);
+  }
   return layer;
 }
 
@@ -251,6 +288,8 @@ CommandLine Parse(const std::string& command, int argc, char** argv) {
       line.background = takeValue();
     } else if (command == "composite" && name == "--layer") {
       line.layers.push_back(ParseLayer(takeValue()));
+    } else if (command == "composite" && (name == "--glow" || name == "--shadow")) {
+      line.layers.push_back(ParseGlowOrShadow(name, takeValue()));
     } else if (command == "composite" && name == "--background-opacity") {
       const Fields f(name, takeValue());
       f.ExpectCount(1, 1);
@@ -332,7 +371,22 @@ int RunComposite(CommandLine& line) {
   for (size_t i = 0; i < layers.size(); ++i) {
     wrapped.emplace_back(new KVImage8(layers[i].bgra.data(), layers[i].width, layers[i].height, kPixelOrderBGRA));
     const CommandLine::Layer& layer = line.layers[i];
-    const int code = compositor.AddLayer(wrapped.back().get(), layer.opacity, layer.mode, layer.type);
+    int code = 0;
+    if (layer.kind == CommandLine::LayerKind::kGlow) {
+      code = compositor.AddLightSpillLayer(wrapped.back().get(), layer.radius, layer.opacity, layer.mode,
+                                           kDownsampleNone);
+    } else if (layer.kind == CommandLine::LayerKind::kShadow) {
+      const double w = layers[i].width, h = layers[i].height;
+      const kvo::maths::KVRect bounds(kvo::maths::KVPoint2(0, 0), static_cast<int>(layers[i].width),
+                                      static_cast<int>(layers[i].height));
+      const kvo::maths::KVQuad moved(
+          kvo::maths::KVPoint2F(layer.dx, layer.dy), kvo::maths::KVPoint2F(w + layer.dx, layer.dy),
+          kvo::maths::KVPoint2F(layer.dx, h + layer.dy), kvo::maths::KVPoint2F(w + layer.dx, h + layer.dy));
+      code = compositor.AddShadowCastLayer(wrapped.back().get(), bounds, moved, static_cast<unsigned int>(layer.radius),
+                                           layer.opacity, KVPixel8_RGB{0, 0, 0}, layer.mode, false, kDownsampleNone);
+    } else {
+      code = compositor.AddLayer(wrapped.back().get(), layer.opacity, layer.mode, layer.type);
+    }
     if (code == 1000) {
       throw EngineError("layer '" + layer.file + "' is " + std::to_string(layers[i].width) + "x" +
                             std::to_string(layers[i].height) + " but the background is " +
