@@ -71,6 +71,13 @@ class GuardedImage {
   std::unique_ptr<KVImage8> m_image;
 };
 
+// One set of lookup tables for a whole test binary: building them costs more
+// than the small renders that read them.
+inline kvo::KVLookupTables& SharedTables() {
+  static kvo::KVLookupTables tables;
+  return tables;
+}
+
 // A repeatable pseudo-random byte pattern.
 inline std::vector<unsigned char> PatternBytes(size_t count, uint32_t seed) {
   std::vector<unsigned char> bytes(count);

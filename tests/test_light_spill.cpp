@@ -9,6 +9,8 @@
 
 #include "TestSupport.h"
 
+using kvtest::SharedTables;
+
 using namespace kvo::image;
 using kvo::KVLookupTables;
 using kvtest::DeepImage;
@@ -22,12 +24,6 @@ namespace {
 typedef std::vector<unsigned char> Bytes;
 
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
-
-// Built once: building the tables costs more than these small renders.
-KVLookupTables& SharedTables() {
-  static KVLookupTables tables;
-  return tables;
-}
 
 // A pattern with some clear and some opaque pixels on both sides, and
 // translucent background alphas that the un-premultiplication does not give

@@ -7,6 +7,8 @@
 
 #include "TestSupport.h"
 
+using kvtest::SharedTables;
+
 using namespace kvo::image;
 using kvo::KVLookupTables;
 using kvo::maths::KVPoint2;
@@ -25,11 +27,6 @@ typedef std::vector<unsigned char> Bytes;
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 const double kInfinity = std::numeric_limits<double>::infinity();
 const KVPixel8_RGB kShadowColour = {200, 40, 90};
-
-KVLookupTables& SharedTables() {
-  static KVLookupTables tables;
-  return tables;
-}
 
 // The corners of a rectangle moved by (dx, dy).
 KVQuad Translated(const KVRect& rect, double dx, double dy) {

@@ -9,16 +9,12 @@
 
 #include "TestSupport.h"
 
+using kvtest::SharedTables;
+
 using namespace kvo::image;
 using kvtest::GuardedImage;
 
 namespace {
-
-// Built once: the tables take a few milliseconds and every keyer only reads them.
-kvo::KVLookupTables& SharedTables() {
-  static kvo::KVLookupTables tables;
-  return tables;
-}
 
 struct Pixel {
   int b, g, r, a;
