@@ -15,13 +15,30 @@ namespace kvtest {
 
 using kvo::image::KVImage8;
 
-// Fixes KVSystem's core count for one scope.
+// The core count the whole suite runs with outside ScopedCoreCount: 0 (the
+// detected count) unless KVIMAGE_TEST_THREADS names one (see test_main.cc).
+inline unsigned int& SuiteCoreCount() {
+  static unsigned int count = 0;
+  return count;
+}
+
+// Fixes KVSystem's core count for one scope, then returns to the suite's.
 class ScopedCoreCount {
  public:
   explicit ScopedCoreCount(unsigned int count) { kvo::KVSystem::SetCPUCoreCount(count); }
-  ~ScopedCoreCount() { kvo::KVSystem::SetCPUCoreCount(0); }
+  ~ScopedCoreCount() { kvo::KVSystem::SetCPUCoreCount(SuiteCoreCount()); }
   ScopedCoreCount(const ScopedCoreCount&) = delete;
   ScopedCoreCount& operator=(const ScopedCoreCount&) = delete;
+};
+
+// Caps the wider instruction sets for one scope (kvtl::kWiderNone runs every
+// stage's SSE2 or plain path), then lifts the cap.
+class ScopedWiderExtension {
+ public:
+  explicit ScopedWiderExtension(kvtl::WiderExtension limit) { kvtl::LimitWiderExtension(limit); }
+  ~ScopedWiderExtension() { kvtl::LimitWiderExtension(kvtl::kWiderAVX2); }
+  ScopedWiderExtension(const ScopedWiderExtension&) = delete;
+  ScopedWiderExtension& operator=(const ScopedWiderExtension&) = delete;
 };
 
 // Extension records that force a stage's plain or vector path.

@@ -19,6 +19,20 @@ struct CPUExtensions {
 // no report can be had, SSE3 keeps the caller's value.
 KVIMAGE_EXPORT void GetCPUExtensions(CPUExtensions& extensions);
 
+// Instruction sets wider than SSE2 that some stages use for their vector
+// paths, in increasing order. Every wider path gives exactly the bytes of the
+// path it speeds up; the limit exists so that a host can pin the engine to a
+// narrower set (and so that tests can compare the paths on one machine).
+enum WiderExtension : int { kWiderNone = 0, kWiderSSSE3 = 1, kWiderSSE41 = 2, kWiderAVX2 = 3 };
+
+// The widest set the processor and operating system support.
+KVIMAGE_EXPORT WiderExtension GetSupportedWiderExtension();
+// The widest set stages use now: the supported one, lowered by the limit.
+KVIMAGE_EXPORT WiderExtension GetWiderExtension();
+// Caps the sets stages use (kWiderAVX2, the default, lifts the cap). Takes
+// effect at the next Render; thread-safe.
+KVIMAGE_EXPORT void LimitWiderExtension(WiderExtension limit);
+
 }  // namespace kvtl
 
 namespace kvo {

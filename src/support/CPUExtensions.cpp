@@ -1,6 +1,8 @@
+#include "support/CPUExtensions.h"
+
 #include <cpuid.h>
 
-#include <kvimage/support.h>
+#include <atomic>
 
 namespace kvtl {
 
@@ -10,6 +12,41 @@ void GetCPUExtensions(CPUExtensions& extensions) {
   extensions.sse2 = true;
   unsigned int eax = 0, ebx = 0, ecx = 0, edx = 0;
   if (__get_cpuid(1, &eax, &ebx, &ecx, &edx)) extensions.sse3 = (ecx & bit_SSE3) != 0;
+}
+
+namespace {
+
+WiderExtension DetectWiderExtension() {
+  // __builtin_cpu_supports also checks that the operating system saves the
+  // wide registers (XSAVE/OSXSAVE) before it reports AVX2.
+  __builtin_cpu_init();
+  if (__builtin_cpu_supports("avx2")) return kWiderAVX2;
+  if (__builtin_cpu_supports("sse4.1")) return kWiderSSE41;
+  if (__builtin_cpu_supports("ssse3")) return kWiderSSSE3;
+  return kWiderNone;
+}
+
+std::atomic<int> g_widerLimit{kWiderAVX2};
+
+}  // namespace
+
+WiderExtension GetSupportedWiderExtension() {
+  static const WiderExtension supported = DetectWiderExtension();
+  return supported;
+}
+
+WiderExtension GetWiderExtension() {
+  const int limit = g_widerLimit.load(std::memory_order_relaxed);
+  const WiderExtension supported = GetSupportedWiderExtension();
+  return limit < supported ? static_cast<WiderExtension>(limit) : supported;
+}
+
+void LimitWiderExtension(WiderExtension limit) {
+  // Any integer a host casts in is accepted: below none means none, above
+  // the widest means no cap.
+  const int value = static_cast<int>(limit);
+  g_widerLimit.store(value < kWiderNone ? kWiderNone : (value > kWiderAVX2 ? kWiderAVX2 : value),
+                     std::memory_order_relaxed);
 }
 
 }  // namespace kvtl

@@ -14,7 +14,20 @@ inline kvtl::CPUExtensions DetectedCPUExtensions() {
   return extensions;
 }
 
+// Whether a stage may take its wider path now. Call once per Render (or per
+// Setup) and pass the answer down, so one render never mixes paths.
+inline bool UseAVX2() { return kvtl::GetWiderExtension() >= kvtl::kWiderAVX2; }
+inline bool UseSSE41() { return kvtl::GetWiderExtension() >= kvtl::kWiderSSE41; }
+inline bool UseSSSE3() { return kvtl::GetWiderExtension() >= kvtl::kWiderSSSE3; }
+
 }  // namespace image
 }  // namespace kvo
+
+// Functions holding a wider path are compiled for that set only; the library
+// as a whole stays at the x86-64 baseline and calls them after the checks
+// above.
+#define KV_TARGET_AVX2 __attribute__((target("avx2")))
+#define KV_TARGET_SSE41 __attribute__((target("sse4.1")))
+#define KV_TARGET_SSSE3 __attribute__((target("ssse3")))
 
 #endif
