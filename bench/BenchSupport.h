@@ -10,10 +10,17 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <vector>
 
 namespace kvbench {
 
@@ -53,8 +60,8 @@ class AlignedFrame {
     }
   }
 
-  kvo::image::KVImage8* image() { return m_image; }
-  unsigned char* pixels() { return m_pixels; }
+  kvo::image::KVImage8* image() const { return m_image; }
+  unsigned char* pixels() const { return m_pixels; }
   size_t bytes() const { return m_bytes; }
 
  private:
@@ -106,6 +113,66 @@ inline void FillGreenScreen(AlignedFrame& frame) {
       p[3] = 255;
     }
   }
+}
+
+// The frame sizes the suite runs: 1920x1080 and 3840x2160, or the list in the
+// environment variable KVBENCH_SIZES (for example "1920x1080"; bench/run.sh
+// --quick sets it).
+struct FrameSize {
+  unsigned int width;
+  unsigned int height;
+  std::string Name() const { return std::to_string(width) + "x" + std::to_string(height); }
+};
+
+inline std::vector<FrameSize> BenchSizes() {
+  const char* list = std::getenv("KVBENCH_SIZES");
+  std::vector<FrameSize> sizes;
+  if (list != nullptr) {
+    std::istringstream items(list);
+    std::string item;
+    while (std::getline(items, item, ',')) {
+      unsigned int width = 0, height = 0;
+      char separator = 0;
+      std::istringstream size(item);
+      if (size >> width >> separator >> height && separator == 'x' && width > 0 && height > 0) {
+        sizes.push_back(FrameSize{width, height});
+      }
+    }
+  }
+  if (sizes.empty()) sizes = {FrameSize{kFrameWidth, kFrameHeight}, FrameSize{2 * kFrameWidth, 2 * kFrameHeight}};
+  return sizes;
+}
+
+// The inputs of the benchmarks. The fills are slow at 3840x2160, so each kind
+// and size is made once per run and copied into a benchmark's own buffers.
+enum FrameKind {
+  kPhotoFrame,        // FillPhotoLike
+  kGreenScreenFrame,  // FillGreenScreen
+  kKeyedFrame         // the green-screen frame after an automatic colour-difference key: a real matte
+};
+
+inline const AlignedFrame& ReferenceFrame(FrameKind kind, unsigned int width, unsigned int height) {
+  static std::map<std::tuple<int, unsigned int, unsigned int>, std::unique_ptr<AlignedFrame> > frames;
+  std::unique_ptr<AlignedFrame>& frame = frames[std::make_tuple(static_cast<int>(kind), width, height)];
+  if (frame) return *frame;
+  frame.reset(new AlignedFrame(width, height));
+  if (kind == kPhotoFrame) {
+    frame->FillPhotoLike();
+  } else if (kind == kGreenScreenFrame) {
+    FillGreenScreen(*frame);
+  } else {
+    const AlignedFrame& greenScreen = ReferenceFrame(kGreenScreenFrame, width, height);
+    kvo::KVLookupTables tables;
+    kvo::image::KVImageKeyer keyer(greenScreen.image(), frame->image(), tables, kvo::image::kDownsampleNone);
+    keyer.SetAutoColorDifferenceKey(kvo::image::kKeyColorAuto, 0.5, 0.2, 0.5);
+    keyer.Render();
+  }
+  return *frame;
+}
+
+// A fresh copy of a reference frame.
+inline void CopyFrame(const AlignedFrame& from, AlignedFrame& to) {
+  std::memcpy(to.pixels(), from.pixels(), from.bytes());
 }
 
 }  // namespace kvbench
