@@ -21,8 +21,8 @@ void MemcpyFrame(benchmark::State& state, unsigned int width, unsigned int heigh
     benchmark::ClobberMemory();
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(source.bytes()));
-  state.counters["Mpix"] = benchmark::Counter(static_cast<double>(state.iterations()) * width * height / 1e6,
-                                              benchmark::Counter::kIsRate);
+  state.counters["Mpix"] =
+      benchmark::Counter(static_cast<double>(state.iterations()) * width * height / 1e6, benchmark::Counter::kIsRate);
 }
 
 void TableLookup(const unsigned char* table, const unsigned char* in, unsigned char* out, size_t count) {
@@ -46,23 +46,20 @@ void TableLookupFrame(benchmark::State& state, unsigned int width, unsigned int 
     benchmark::ClobberMemory();
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(source.bytes()));
-  state.counters["Mpix"] = benchmark::Counter(static_cast<double>(state.iterations()) * width * height / 1e6,
-                                              benchmark::Counter::kIsRate);
+  state.counters["Mpix"] =
+      benchmark::Counter(static_cast<double>(state.iterations()) * width * height / 1e6, benchmark::Counter::kIsRate);
 }
 
 int RegisterBaselines() {
   for (const kvbench::FrameSize& size : kvbench::BenchSizes()) {
     const unsigned int width = size.width, height = size.height;
-    benchmark::RegisterBenchmark(("BM_MemcpyFrame/" + size.Name()).c_str(),
-                                 [width, height](benchmark::State& state) { MemcpyFrame(state, width, height); })
-        ->Unit(benchmark::kMillisecond)
-        ->UseRealTime();
+    kvbench::Configure(
+        benchmark::RegisterBenchmark(("BM_MemcpyFrame/" + size.Name()).c_str(),
+                                     [width, height](benchmark::State& state) { MemcpyFrame(state, width, height); }));
     for (int cores : {1, 2}) {
-      benchmark::RegisterBenchmark(
+      kvbench::Configure(benchmark::RegisterBenchmark(
           ("BM_TableLookupFrame/" + size.Name() + "/cores:" + std::to_string(cores)).c_str(),
-          [width, height, cores](benchmark::State& state) { TableLookupFrame(state, width, height, cores); })
-          ->Unit(benchmark::kMillisecond)
-          ->UseRealTime();
+          [width, height, cores](benchmark::State& state) { TableLookupFrame(state, width, height, cores); }));
     }
   }
   return 0;

@@ -86,18 +86,16 @@ int RegisterQueueCosts() {
           ("fixed/stage-in-queue/" + size.Name() + "/cores:" + std::to_string(cores)).c_str(),
           [width, height, cores](benchmark::State& state) { StageInQueue(state, width, height, cores); })
           ->Unit(benchmark::kMillisecond)
-          ->UseManualTime();
+          ->UseManualTime()
+          ->ComputeStatistics("min", kvbench::Fastest);
     }
-    benchmark::RegisterBenchmark(("fixed/zeroed-frame/" + size.Name()).c_str(),
-                                 [width, height](benchmark::State& state) { ZeroedFrame(state, width, height); })
-        ->Unit(benchmark::kMillisecond)
-        ->UseRealTime();
+    kvbench::Configure(
+        benchmark::RegisterBenchmark(("fixed/zeroed-frame/" + size.Name()).c_str(),
+                                     [width, height](benchmark::State& state) { ZeroedFrame(state, width, height); }));
   }
   for (int cores : {1, 2}) {
-    benchmark::RegisterBenchmark(("fixed/thread-pass/cores:" + std::to_string(cores)).c_str(),
-                                 [cores](benchmark::State& state) { ThreadPass(state, cores); })
-        ->Unit(benchmark::kMillisecond)
-        ->UseRealTime();
+    kvbench::Configure(benchmark::RegisterBenchmark(("fixed/thread-pass/cores:" + std::to_string(cores)).c_str(),
+                                                    [cores](benchmark::State& state) { ThreadPass(state, cores); }));
   }
   return 0;
 }

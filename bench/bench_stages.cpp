@@ -52,14 +52,14 @@ typedef int (*KeyerSetter)(KVImageKeyer&, const Shot&);
 typedef int (*CompositorSetter)(KVImageCompositor&, const Shot&);
 
 // Speed target classes (BENCHMARKS.md lists the ratios to memcpy).
-const char* const kTargetSSE2 = "sse2";              // documented SSE2 path: <= 1.5x
-const char* const kTargetPerPixel = "per-pixel";     // other per-pixel stages: <= 3x
-const char* const kTargetAlphaComposite = "alpha";   // layer compositor alpha path: <= 4x
-const char* const kTargetStackBlur = "stack-blur";   // < 12x at every radius
-const char* const kTargetYUVBlur = "yuv-blur";       // < 15x
-const char* const kTargetWhiteErode8 = "erode-8";    // < 15x
-const char* const kTargetChain = "chain";            // the keying chain: < 12x
-const char* const kTargetNone = "none";              // measured, no target
+const char* const kTargetSSE2 = "sse2";             // documented SSE2 path: <= 1.5x
+const char* const kTargetPerPixel = "per-pixel";    // other per-pixel stages: <= 3x
+const char* const kTargetAlphaComposite = "alpha";  // layer compositor alpha path: <= 4x
+const char* const kTargetStackBlur = "stack-blur";  // < 12x at every radius
+const char* const kTargetYUVBlur = "yuv-blur";      // < 15x
+const char* const kTargetWhiteErode8 = "erode-8";   // < 15x
+const char* const kTargetChain = "chain";           // the keying chain: < 12x
+const char* const kTargetNone = "none";             // measured, no target
 
 struct StageCase {
   const char* front;
@@ -92,7 +92,9 @@ std::vector<StageCase> Stages() {
       // Reads and writes nothing: a stage's fixed cost in a queue of one.
       Processor("mirror", kTargetNone, [](KVImageProcessor& p, const Shot&) { return p.SetMirror(true, true); }),
       Processor("silhouette", kTargetPerPixel,
-                [](KVImageProcessor& p, const Shot&) { return p.SetSilhouette(KVPixel8_RGB{20, 30, 40}); }),
+                [](KVImageProcessor& p, const Shot&) {
+                  return p.SetSilhouette(KVPixel8_RGB{20, 30, 40});
+                }),
       Processor("matte-view", kTargetPerPixel, [](KVImageProcessor& p, const Shot&) { return p.SetMatteView(); }),
       Processor("brightness", kTargetSSE2,
                 [](KVImageProcessor& p, const Shot&) { return p.SetBrightness(0.2, kChannelsColor); }),
@@ -108,10 +110,12 @@ std::vector<StageCase> Stages() {
       Processor("colour-temperature", kTargetPerPixel,
                 [](KVImageProcessor& p, const Shot&) { return p.SetColorTemperature(4500.0); }),
       Processor("saturation", kTargetPerPixel, [](KVImageProcessor& p, const Shot&) { return p.SetSaturation(1.4); }),
-      Processor("hue-shift", kTargetPerPixel, [](KVImageProcessor& p, const Shot&) { return p.SetHueShift(45.0, 0.8); }),
+      Processor("hue-shift", kTargetPerPixel,
+                [](KVImageProcessor& p, const Shot&) { return p.SetHueShift(45.0, 0.8); }),
       Processor("hue-colorize", kTargetPerPixel,
                 [](KVImageProcessor& p, const Shot&) { return p.SetHueColorize(200.0, 0.8); }),
-      Processor("tint", kTargetPerPixel, [](KVImageProcessor& p, const Shot&) { return p.SetTint(kTintSelenium, 0.7); }),
+      Processor("tint", kTargetPerPixel,
+                [](KVImageProcessor& p, const Shot&) { return p.SetTint(kTintSelenium, 0.7); }),
       Processor("three-strip", kTargetPerPixel,
                 [](KVImageProcessor& p, const Shot&) { return p.SetThreeStripColor(0.3, 0.5, 0.7); }),
       Processor("bleach-bypass", kTargetPerPixel,
@@ -136,26 +140,28 @@ std::vector<StageCase> Stages() {
   stages.push_back(Processor(
       "bounded-stack-blur-16", kTargetStackBlur,
       [](KVImageProcessor& p, const Shot& s) {
-        return p.SetBoundedStackBlur(static_cast<unsigned int>(s.parameter), true, true, kChannelsAll,
-                                     s.Centre(0.5), s.Scaled(32));
+        return p.SetBoundedStackBlur(static_cast<unsigned int>(s.parameter), true, true, kChannelsAll, s.Centre(0.5),
+                                     s.Scaled(32));
       },
       16));
   const struct {
     const char* name;
     ProcessorSetter set;
   } yuvBlurs[] = {
-      {"horizontal", [](KVImageProcessor& p, const Shot& s) {
+      {"horizontal",
+       [](KVImageProcessor& p, const Shot& s) {
          return p.SetYUVBlur(static_cast<unsigned int>(s.parameter), kYUVBlurHorizontal);
        }},
-      {"vertical", [](KVImageProcessor& p, const Shot& s) {
+      {"vertical",
+       [](KVImageProcessor& p, const Shot& s) {
          return p.SetYUVBlur(static_cast<unsigned int>(s.parameter), kYUVBlurVertical);
        }},
-      {"box", [](KVImageProcessor& p, const Shot& s) {
+      {"box",
+       [](KVImageProcessor& p, const Shot& s) {
          return p.SetYUVBlur(static_cast<unsigned int>(s.parameter), kYUVBlurHorizontalVertical);
        }},
-      {"stack", [](KVImageProcessor& p, const Shot& s) {
-         return p.SetYUVBlur(static_cast<unsigned int>(s.parameter), kYUVBlurStack);
-       }},
+      {"stack", [](KVImageProcessor& p,
+                   const Shot& s) { return p.SetYUVBlur(static_cast<unsigned int>(s.parameter), kYUVBlurStack); }},
   };
   for (const auto& yuvBlur : yuvBlurs) {
     for (int radius : {8, 32}) {
@@ -206,23 +212,24 @@ std::vector<StageCase> Stages() {
       16));
 
   // Keying on the green-screen frame.
-  stages.push_back(Keyer("colour-difference-key-auto", kTargetPerPixel, kvbench::kGreenScreenFrame,
-                         [](KVImageKeyer& k, const Shot&) {
-                           return k.SetAutoColorDifferenceKey(kKeyColorAuto, 0.5, 0.2, 0.5);
-                         }));
-  stages.push_back(Keyer("colour-difference-key-green", kTargetPerPixel, kvbench::kGreenScreenFrame,
-                         [](KVImageKeyer& k, const Shot&) {
-                           return k.SetAutoColorDifferenceKey(kKeyColorGreen, 0.5, 0.2, 0.5);
-                         }));
-  stages.push_back(Keyer("spill-standard", kTargetPerPixel, kvbench::kGreenScreenFrame, [](KVImageKeyer& k, const Shot&) {
-    return k.SetSpillSuppression(kChannelGreen, kSpillStandard, 0.8, 0, 0, 0, 0);
-  }));
-  stages.push_back(Keyer("spill-extended", kTargetPerPixel, kvbench::kGreenScreenFrame, [](KVImageKeyer& k, const Shot&) {
-    return k.SetSpillSuppression(kChannelGreen, kSpillExtended, 0.8, 0, 0, 0, 0);
-  }));
-  stages.push_back(Keyer("spill-advanced", kTargetPerPixel, kvbench::kGreenScreenFrame, [](KVImageKeyer& k, const Shot&) {
-    return k.SetSpillSuppression(kChannelGreen, kSpillAdvanced, 0, 0.3, -1.0, 0.2, 0.9);
-  }));
+  stages.push_back(
+      Keyer("colour-difference-key-auto", kTargetPerPixel, kvbench::kGreenScreenFrame,
+            [](KVImageKeyer& k, const Shot&) { return k.SetAutoColorDifferenceKey(kKeyColorAuto, 0.5, 0.2, 0.5); }));
+  stages.push_back(
+      Keyer("colour-difference-key-green", kTargetPerPixel, kvbench::kGreenScreenFrame,
+            [](KVImageKeyer& k, const Shot&) { return k.SetAutoColorDifferenceKey(kKeyColorGreen, 0.5, 0.2, 0.5); }));
+  stages.push_back(
+      Keyer("spill-standard", kTargetPerPixel, kvbench::kGreenScreenFrame, [](KVImageKeyer& k, const Shot&) {
+        return k.SetSpillSuppression(kChannelGreen, kSpillStandard, 0.8, 0, 0, 0, 0);
+      }));
+  stages.push_back(
+      Keyer("spill-extended", kTargetPerPixel, kvbench::kGreenScreenFrame, [](KVImageKeyer& k, const Shot&) {
+        return k.SetSpillSuppression(kChannelGreen, kSpillExtended, 0.8, 0, 0, 0, 0);
+      }));
+  stages.push_back(
+      Keyer("spill-advanced", kTargetPerPixel, kvbench::kGreenScreenFrame, [](KVImageKeyer& k, const Shot&) {
+        return k.SetSpillSuppression(kChannelGreen, kSpillAdvanced, 0, 0.3, -1.0, 0.2, 0.9);
+      }));
   // The chain a host runs per frame: automatic key, spill suppression, white
   // erode of 2 pixels and a garbage-matte crop, in one render.
   stages.push_back(Keyer("keying-chain", kTargetChain, kvbench::kGreenScreenFrame, [](KVImageKeyer& k, const Shot&) {
@@ -260,7 +267,9 @@ std::vector<StageCase> Stages() {
   }
   stages.push_back(Keyer(
       "yuv-blur-stack-8", kTargetYUVBlur, kvbench::kKeyedFrame,
-      [](KVImageKeyer& k, const Shot& s) { return k.SetYUVBlur(static_cast<unsigned int>(s.parameter), kYUVBlurStack); },
+      [](KVImageKeyer& k, const Shot& s) {
+        return k.SetYUVBlur(static_cast<unsigned int>(s.parameter), kYUVBlurStack);
+      },
       8));
 
   // Layers over the photo-like background, composited in place: every
@@ -283,9 +292,9 @@ std::vector<StageCase> Stages() {
         },
         mode.mode));
   }
-  stages.push_back(Compositor("layer-normal-alpha-fill", kTargetAlphaComposite, [](KVImageCompositor& c, const Shot& s) {
-    return c.AddLayer(s.layer, 0.8, kBlendNormal, kCompositeAlphaFill);
-  }));
+  stages.push_back(Compositor(
+      "layer-normal-alpha-fill", kTargetAlphaComposite,
+      [](KVImageCompositor& c, const Shot& s) { return c.AddLayer(s.layer, 0.8, kBlendNormal, kCompositeAlphaFill); }));
   stages.push_back(Compositor("layer-overlay-alpha", kTargetAlphaComposite, [](KVImageCompositor& c, const Shot& s) {
     return c.AddLayer(s.layer, 0.8, kBlendOverlay, kCompositeAlpha);
   }));
@@ -334,8 +343,8 @@ void MeasureRenders(benchmark::State& state, Front& front, int setterCode, const
   }
   const double pixels = static_cast<double>(shot.width) * shot.height;
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(pixels) * 4);
-  state.counters["Mpix"] = benchmark::Counter(static_cast<double>(state.iterations()) * pixels / 1e6,
-                                              benchmark::Counter::kIsRate);
+  state.counters["Mpix"] =
+      benchmark::Counter(static_cast<double>(state.iterations()) * pixels / 1e6, benchmark::Counter::kIsRate);
   state.SetLabel(stage.target);
 }
 
@@ -363,15 +372,12 @@ int RegisterStages() {
   for (const kvbench::FrameSize& size : kvbench::BenchSizes()) {
     for (const StageCase& stage : stages) {
       for (int cores : {1, 2}) {
-        const std::string name = std::string(stage.front) + "/" + stage.name + "/" + size.Name() + "/cores:" +
-                                 std::to_string(cores);
+        const std::string name =
+            std::string(stage.front) + "/" + stage.name + "/" + size.Name() + "/cores:" + std::to_string(cores);
         const unsigned int width = size.width, height = size.height;
-        benchmark::RegisterBenchmark(name.c_str(),
-                                     [stage, width, height, cores](benchmark::State& state) {
-                                       RunStage(state, stage, width, height, cores);
-                                     })
-            ->Unit(benchmark::kMillisecond)
-            ->UseRealTime();
+        kvbench::Configure(benchmark::RegisterBenchmark(
+            name.c_str(),
+            [stage, width, height, cores](benchmark::State& state) { RunStage(state, stage, width, height, cores); }));
       }
     }
   }

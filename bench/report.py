@@ -47,45 +47,46 @@ SIZE_PATTERN = re.compile(r"^(\d+)x(\d+)$")
 class Row:
     """One benchmark: name split into stage, size and core count."""
 
-    def __init__(self, key, ms, label, mpix):
+    def __init__(self, key, ms, label):
         self.key = key
         self.ms = ms
         self.label = label
-        self.mpix = mpix
+        self.mpix = None
         parts = key.split("/")
         self.size = next((p for p in parts if SIZE_PATTERN.match(p)), None)
         cores = [p for p in parts if p.startswith("cores:")]
         self.cores = int(cores[0].split(":")[1]) if cores else None
         self.stage = "/".join(p for p in parts if p != self.size and not p.startswith("cores:"))
-        if self.mpix is None and self.size and ms > 0:
+        if self.size and ms > 0:
             width, height = (int(v) for v in self.size.split("x"))
             self.mpix = width * height / 1e6 / (ms / 1e3)
 
 
-def load_rows(path):
+def load_rows(path, statistic):
+    """The benchmarks of a result file, one row each: the chosen aggregate over
+    repetitions (min or median), or without repetitions the single run."""
     with open(path) as handle:
         data = json.load(handle)
     samples = {}
-    medians = {}
+    aggregates = {}
     for bench in data.get("benchmarks", []):
         if bench.get("error_occurred"):
             continue
         key = re.sub(r"/(real_time|manual_time)$", "", bench.get("run_name", bench["name"]))
-        ms = bench["real_time"] * UNIT_TO_MS[bench.get("time_unit", "ns")]
-        entry = (ms, bench.get("label", ""), bench.get("Mpix"))
+        entry = (bench["real_time"] * UNIT_TO_MS[bench.get("time_unit", "ns")], bench.get("label", ""))
         if bench.get("run_type") == "aggregate":
-            if bench.get("aggregate_name") == "median":
-                medians[key] = entry
+            if bench.get("aggregate_name") == statistic:
+                aggregates[key] = entry
         else:
             samples.setdefault(key, []).append(entry)
     rows = {}
-    for key in list(samples) + [k for k in medians if k not in samples]:
-        if key in medians:
-            ms, label, mpix = medians[key]
+    for key in list(samples) + [k for k in aggregates if k not in samples]:
+        if key in aggregates:
+            ms, label = aggregates[key]
         else:
             entries = sorted(samples[key])
-            ms, label, mpix = entries[(len(entries) - 1) // 2]
-        rows[key] = Row(key, ms, label, mpix)
+            ms, label = entries[0] if statistic == "min" else entries[(len(entries) - 1) // 2]
+        rows[key] = Row(key, ms, label)
     return data.get("context", {}), rows
 
 
@@ -167,7 +168,11 @@ def render(context, rows, args):
     out = [BEGIN_MARKER, ""]
     when = context.get("date") or datetime.datetime.now(datetime.timezone.utc).isoformat()
     out.append(f"Measured {when} by `bench/run.sh {args.command_line}`".rstrip() + ".")
-    runs = f"the median of {args.repetitions} repetitions" if args.repetitions > 1 else "one run"
+    if args.repetitions > 1:
+        runs = (f"the fastest of {args.repetitions} repetitions" if args.statistic == "min"
+                else f"the median of {args.repetitions} repetitions")
+    else:
+        runs = "one run"
     out.append(f"Each figure is {runs} of at least {args.min_time} s; times are wall-clock time per frame.")
     out.append("")
     out.append("Machine:")
@@ -273,9 +278,11 @@ def main():
     parser.add_argument("--build-info", default="", help="compiler and build type, for the machine section")
     parser.add_argument("--min-time", default="?", help="the --benchmark_min_time the run used")
     parser.add_argument("--repetitions", type=int, default=1, help="the --benchmark_repetitions the run used")
+    parser.add_argument("--statistic", choices=("min", "median"), default="min",
+                        help="the aggregate over repetitions to report (default: the fastest)")
     parser.add_argument("--command-line", default="", help="the run.sh options, for the record")
     args = parser.parse_args()
-    context, rows = load_rows(args.results)
+    context, rows = load_rows(args.results, args.statistic)
     if not rows:
         sys.exit(f"{args.results}: no benchmark results")
     generated = render(context, rows, args)

@@ -10,7 +10,8 @@
 #     --filter REGEX      only the benchmarks whose names match (the memcpy
 #                         baselines always run), e.g. 'stack-blur|keyer/'
 #     --min-time SECONDS  minimum time of each repetition (default 0.1)
-#     --repetitions N     repetitions per benchmark; the median is reported (default 3)
+#     --repetitions N     repetitions per benchmark; the fastest is reported (default 3)
+#     --median            report the median of the repetitions instead of the fastest
 #     --sizes LIST        frame sizes, e.g. 1920x1080,3840x2160 (the default)
 #     --update            also write the tables into BENCHMARKS.md between its markers
 #     --no-build          run the suite already built
@@ -27,11 +28,12 @@ min_time=0.1
 repetitions=3
 sizes="1920x1080,3840x2160"
 update=0
+statistic=min
 build_first=1
 options=()
 
 usage() {
-  sed -n '2,20p' "$0" | sed 's/^# \{0,1\}//'
+  sed -n '2,21p' "$0" | sed 's/^# \{0,1\}//'
   exit "${1:-0}"
 }
 
@@ -42,6 +44,7 @@ while [ $# -gt 0 ]; do
     --min-time) min_time=${2:?--min-time needs seconds}; options+=("$1" "$2"); shift ;;
     --repetitions) repetitions=${2:?--repetitions needs a count}; options+=("$1" "$2"); shift ;;
     --sizes) sizes=${2:?--sizes needs a list}; options+=("$1" "$2"); shift ;;
+    --median) statistic=median; options+=("$1") ;;
     --update) update=1 ;;
     --no-build) build_first=0 ;;
     --build-dir) build=${2:?--build-dir needs a directory}; shift ;;
@@ -86,7 +89,7 @@ if [ -n "$filter" ]; then arguments+=(--benchmark_filter="BM_MemcpyFrame|$filter
 echo "run.sh: $binary ${arguments[*]} (sizes $sizes)" >&2
 KVBENCH_SIZES=$sizes "$binary" "${arguments[@]}" >&2
 
-report=(--min-time "$min_time" --repetitions "$repetitions" --build-info "$build_info"
+report=(--min-time "$min_time" --repetitions "$repetitions" --statistic "$statistic" --build-info "$build_info"
         --command-line "${options[*]:-}")
 if [ "$update" = 1 ]; then report+=(--update "$root/BENCHMARKS.md"); fi
 "$python" "$root/bench/report.py" "$json" "${report[@]}"
