@@ -84,6 +84,9 @@ build_info="${compiler_version:-unknown compiler}, ${build_type:-default} build"
 json=$build/results.json
 arguments=(--benchmark_out="$json" --benchmark_out_format=json --benchmark_min_time="$min_time"
            --benchmark_repetitions="$repetitions" --benchmark_report_aggregates_only=true)
+# Repetitions run in random order across the whole suite, so that a burst of
+# other work on the machine slows one repetition of a benchmark, not all.
+if [ "$repetitions" -gt 1 ]; then arguments+=(--benchmark_enable_random_interleaving=true); fi
 if [ -n "$filter" ]; then arguments+=(--benchmark_filter="BM_MemcpyFrame|$filter"); fi
 
 echo "run.sh: $binary ${arguments[*]} (sizes $sizes)" >&2
