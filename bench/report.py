@@ -258,6 +258,12 @@ def render(context, rows, args):
     slow = [(r, speedup(rows, r)) for r in stages
             if r.size == TARGET_SIZE and r.cores == 2 and speedup(rows, r) is not None
             and speedup(rows, r) < SCALING_FLOOR]
+    reference = rows.get(f"BM_TableLookupFrame/{TARGET_SIZE}/cores:2")
+    if reference and speedup(rows, reference):
+        out.append(f"For reference, the table-lookup baseline, whose two halves share nothing, ran "
+                   f"{speedup(rows, reference):.2f}× faster on 2 cores than on 1 in this run: a stage that "
+                   "scales no better than that is limited by the machine (other jobs, memory), not by itself.")
+        out.append("")
     if slow:
         out.append(", ".join(f"{r.stage} {s:.2f}×" for r, s in slow) + ".")
     else:

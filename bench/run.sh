@@ -93,6 +93,6 @@ echo "run.sh: $binary ${arguments[*]} (sizes $sizes)" >&2
 KVBENCH_SIZES=$sizes "$binary" "${arguments[@]}" >&2
 
 report=(--min-time "$min_time" --repetitions "$repetitions" --statistic "$statistic" --build-info "$build_info"
-        --command-line "${options[*]:-}")
+        "--command-line=${options[*]:-}")
 if [ "$update" = 1 ]; then report+=(--update "$root/BENCHMARKS.md"); fi
 "$python" "$root/bench/report.py" "$json" "${report[@]}"
