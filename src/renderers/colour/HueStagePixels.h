@@ -1,9 +1,14 @@
 #ifndef KVIMAGE_SRC_RENDERERS_COLOUR_HUESTAGEPIXELS_H
 #define KVIMAGE_SRC_RENDERERS_COLOUR_HUESTAGEPIXELS_H
 
+#include <immintrin.h>
+
+#include <cstdint>
+
 #include <kvimage/colour.h>
 
 #include "renderers/colour/HLSModel.h"
+#include "support/CPUExtensions.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
 #include "support/ThreadShare.h"
@@ -35,10 +40,220 @@ inline unsigned char MixWithSource(unsigned char source, unsigned char changed, 
   return static_cast<unsigned char>(ClampToByte(TruncateToInt((source - changed) * keep + changed)));
 }
 
-// The pixel walk of the hue stages over this thread's share: each colour goes
-// through HLS, newHue(hue) replaces its hue, and the converted colour is mixed
-// with the source by keep. The output starts as the source colour, so a grey
-// whose hue became defined keeps its colour through the conversion back.
+// Exact quotients of the non-negative numerators the model produces, as a
+// 32-bit multiply and a shift (the 8-lane path has no integer division). The
+// ranges are where the multiplier's error stays below one step and the
+// product below 2^32; tests check every numerator of each range.
+namespace hls {
+
+const uint32_t kBy360Multiplier = 23302;  // (n / 8) / 45, n < 2^19
+const uint32_t kBy60Multiplier = 69906;   // (n / 4) / 15, n < 2^17
+const uint32_t kBy17Multiplier = 61681;   // n / 17, n < 2^16
+
+inline uint32_t DivideBy360(uint32_t n) { return ((n >> 3) * kBy360Multiplier) >> 20; }
+inline uint32_t DivideBy60(uint32_t n) { return ((n >> 2) * kBy60Multiplier) >> 20; }
+// (sum * 360 + 255) / 510 is (sum * 24 + 17) / 34 (both sides times 15).
+inline uint32_t LightnessOfSum(uint32_t sum) { return (((sum * 24 + 17) >> 1) * kBy17Multiplier) >> 20; }
+
+}  // namespace hls
+
+// The hue a stage gives each hue the forward conversion can produce, -1..360,
+// at index hue + 1. The 8-lane path takes it only when every entry lies in
+// -1..360, where its arithmetic is exact; other settings (a NaN hue) go the
+// plain way.
+const int kHueTableSize = 362;
+
+template <class NewHue>
+bool FillHueTable(NewHue newHue, int* table) {
+  bool inRange = true;
+  for (int hue = -1; hue <= 360; ++hue) {
+    const int mapped = newHue(hue);
+    table[hue + 1] = mapped;
+    inRange = inRange && mapped >= -1 && mapped <= 360;
+  }
+  return inRange;
+}
+
+namespace hue8 {
+
+KV_TARGET_AVX2 inline __m256i DivideBy360(__m256i n) {
+  const __m256i scaled = _mm256_mullo_epi32(_mm256_srli_epi32(n, 3), _mm256_set1_epi32(hls::kBy360Multiplier));
+  return _mm256_srli_epi32(scaled, 20);
+}
+
+KV_TARGET_AVX2 inline __m256i DivideBy60(__m256i n) {
+  const __m256i scaled = _mm256_mullo_epi32(_mm256_srli_epi32(n, 2), _mm256_set1_epi32(hls::kBy60Multiplier));
+  return _mm256_srli_epi32(scaled, 20);
+}
+
+// Numerators below 2^24 and divisors up to 510: the correctly rounded single
+// quotient is at least 1/510 away from the next integer whenever the exact
+// one is not an integer, far more than its rounding error, so truncating it
+// gives the integer quotient.
+KV_TARGET_AVX2 inline __m256i DivideExactly(__m256i numerator, __m256i divisor) {
+  return _mm256_cvttps_epi32(_mm256_div_ps(_mm256_cvtepi32_ps(numerator), _mm256_cvtepi32_ps(divisor)));
+}
+
+KV_TARGET_AVX2 inline __m256i Select(__m256i mask, __m256i whenSet, __m256i otherwise) {
+  return _mm256_blendv_epi8(otherwise, whenSet, mask);
+}
+
+// One channel of the conversion back: low + ((high - low) * t + 30) / 60
+// with t the hue's place on the ramp (0 on the low plateau, 60 on the high
+// one), then (c * 255 + 180) / 360, kept to its low byte.
+KV_TARGET_AVX2 inline __m256i ChannelFromHue(__m256i hue, __m256i low, __m256i span) {
+  const __m256i full = _mm256_set1_epi32(360);
+  hue = _mm256_add_epi32(hue, _mm256_and_si256(_mm256_cmpgt_epi32(_mm256_setzero_si256(), hue), full));
+  hue = _mm256_sub_epi32(hue, _mm256_and_si256(_mm256_cmpgt_epi32(hue, full), full));
+  __m256i ramp = _mm256_min_epi32(hue, _mm256_set1_epi32(60));
+  ramp = _mm256_min_epi32(ramp, _mm256_sub_epi32(_mm256_set1_epi32(240), hue));
+  ramp = _mm256_max_epi32(ramp, _mm256_setzero_si256());
+  const __m256i component =
+      _mm256_add_epi32(low, DivideBy60(_mm256_add_epi32(_mm256_mullo_epi32(span, ramp), _mm256_set1_epi32(30))));
+  const __m256i scaled = _mm256_add_epi32(_mm256_mullo_epi32(component, _mm256_set1_epi32(255)), _mm256_set1_epi32(180));
+  return _mm256_and_si256(DivideBy360(scaled), _mm256_set1_epi32(0xFF));
+}
+
+// clamp(trunc((source - changed) * keep + changed)) in double precision, four
+// lanes at a time.
+KV_TARGET_AVX2 inline __m128i MixHalf(__m128i source, __m128i changed, __m256d keep) {
+  const __m256d difference = _mm256_cvtepi32_pd(_mm_sub_epi32(source, changed));
+  const __m256d mixed = _mm256_add_pd(_mm256_mul_pd(difference, keep), _mm256_cvtepi32_pd(changed));
+  return _mm256_cvttpd_epi32(mixed);
+}
+
+KV_TARGET_AVX2 inline __m256i Mix(__m256i source, __m256i changed, __m256d keep) {
+  const __m128i low = MixHalf(_mm256_castsi256_si128(source), _mm256_castsi256_si128(changed), keep);
+  const __m128i high = MixHalf(_mm256_extracti128_si256(source, 1), _mm256_extracti128_si256(changed, 1), keep);
+  const __m256i mixed = _mm256_inserti128_si256(_mm256_castsi128_si256(low), high, 1);
+  return _mm256_max_epi32(_mm256_min_epi32(mixed, _mm256_set1_epi32(255)), _mm256_setzero_si256());
+}
+
+// The hue stages' pixel, eight at a time, with the same integer results as
+// hls::RGBtoHLS and hls::HLStoRGB for the colours bytes can hold. Returns the
+// number of bytes done (whole blocks of eight pixels).
+KV_TARGET_AVX2 inline size_t RenderHueStageBlocks(const unsigned char* in, unsigned char* out, size_t count,
+                                                  const HueStageBytes& bytes, const int* hueTable, double keepFactor) {
+  const __m128i readRed = _mm_cvtsi32_si128(static_cast<int>(bytes.readRed * 8));
+  const __m128i readGreen = _mm_cvtsi32_si128(static_cast<int>(bytes.readGreen * 8));
+  const __m128i readBlue = _mm_cvtsi32_si128(static_cast<int>(bytes.readBlue * 8));
+  const __m128i readOther = _mm_cvtsi32_si128(static_cast<int>(bytes.readOther * 8));
+  const __m128i writeRed = _mm_cvtsi32_si128(static_cast<int>(bytes.writeRed * 8));
+  const __m128i writeGreen = _mm_cvtsi32_si128(static_cast<int>(bytes.writeGreen * 8));
+  const __m128i writeBlue = _mm_cvtsi32_si128(static_cast<int>(bytes.writeBlue * 8));
+  const __m128i writeOther = _mm_cvtsi32_si128(static_cast<int>(bytes.writeOther * 8));
+  const __m256i byteMask = _mm256_set1_epi32(0xFF);
+  const __m256i half = _mm256_set1_epi32(180);
+  const __m256i full = _mm256_set1_epi32(360);
+  const __m256i third = _mm256_set1_epi32(120);
+  const __m256i sixth = _mm256_set1_epi32(60);
+  const __m256i zero = _mm256_setzero_si256();
+  const __m256i minusOne = _mm256_set1_epi32(-1);
+  const __m256d keep = _mm256_set1_pd(keepFactor);
+  const size_t blockBytes = 8 * kBytesPerPixel;
+  const size_t end = count / blockBytes * blockBytes;
+  for (size_t i = 0; i < end; i += blockBytes) {
+    const __m256i pixels = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in + i));
+    const __m256i red = _mm256_and_si256(_mm256_srl_epi32(pixels, readRed), byteMask);
+    const __m256i green = _mm256_and_si256(_mm256_srl_epi32(pixels, readGreen), byteMask);
+    const __m256i blue = _mm256_and_si256(_mm256_srl_epi32(pixels, readBlue), byteMask);
+    const __m256i other = _mm256_and_si256(_mm256_srl_epi32(pixels, readOther), byteMask);
+
+    // Forward: lightness, saturation, hue.
+    const __m256i max = _mm256_max_epi32(red, _mm256_max_epi32(green, blue));
+    const __m256i min = _mm256_min_epi32(red, _mm256_min_epi32(green, blue));
+    const __m256i sum = _mm256_add_epi32(max, min);
+    const __m256i delta = _mm256_sub_epi32(max, min);
+    const __m256i lightness = _mm256_srli_epi32(
+        _mm256_mullo_epi32(_mm256_srli_epi32(_mm256_add_epi32(_mm256_mullo_epi32(sum, _mm256_set1_epi32(24)),
+                                                              _mm256_set1_epi32(17)),
+                                             1),
+                           _mm256_set1_epi32(hls::kBy17Multiplier)),
+        20);
+    const __m256i grey = _mm256_cmpeq_epi32(delta, zero);
+    const __m256i light = _mm256_cmpgt_epi32(lightness, half);
+    const __m256i spread = Select(light, _mm256_sub_epi32(_mm256_set1_epi32(510), sum), sum);
+    const __m256i saturationRaw = DivideExactly(
+        _mm256_add_epi32(_mm256_mullo_epi32(delta, full), _mm256_srli_epi32(spread, 1)), spread);
+    const __m256i saturation = _mm256_andnot_si256(grey, saturationRaw);
+
+    const __m256i mid = _mm256_sub_epi32(_mm256_add_epi32(red, _mm256_add_epi32(green, blue)), sum);
+    const __m256i midDistance = DivideExactly(
+        _mm256_add_epi32(_mm256_mullo_epi32(_mm256_sub_epi32(max, mid), sixth), _mm256_srli_epi32(delta, 1)), delta);
+    const __m256i redIsMax = _mm256_cmpeq_epi32(red, max), greenIsMax = _mm256_cmpeq_epi32(green, max);
+    const __m256i blueIsMax = _mm256_cmpeq_epi32(blue, max);
+    // Below the maximum: 0 for the maximum, 60 for the minimum, the quotient
+    // for the middle component.
+    const __m256i redDistance = _mm256_andnot_si256(redIsMax, Select(_mm256_cmpeq_epi32(red, min), sixth, midDistance));
+    const __m256i greenDistance =
+        _mm256_andnot_si256(greenIsMax, Select(_mm256_cmpeq_epi32(green, min), sixth, midDistance));
+    const __m256i blueDistance =
+        _mm256_andnot_si256(blueIsMax, Select(_mm256_cmpeq_epi32(blue, min), sixth, midDistance));
+    __m256i hue = _mm256_add_epi32(_mm256_set1_epi32(240), _mm256_sub_epi32(greenDistance, redDistance));
+    hue = Select(greenIsMax, _mm256_add_epi32(third, _mm256_sub_epi32(redDistance, blueDistance)), hue);
+    hue = Select(redIsMax, _mm256_sub_epi32(blueDistance, greenDistance), hue);
+    hue = _mm256_add_epi32(hue, _mm256_and_si256(_mm256_cmpgt_epi32(zero, hue), full));
+    hue = _mm256_sub_epi32(hue, _mm256_and_si256(_mm256_cmpgt_epi32(hue, full), full));
+    hue = _mm256_or_si256(hue, grey);  // -1 for a grey
+
+    const __m256i newHue = _mm256_i32gather_epi32(hueTable + 1, hue, 4);
+
+    // Back: the plateau levels, then each channel on the ramp.
+    const __m256i lightTimesSaturation = _mm256_mullo_epi32(lightness, saturation);
+    const __m256i darkHigh =
+        DivideBy360(_mm256_add_epi32(_mm256_add_epi32(lightTimesSaturation, _mm256_mullo_epi32(lightness, full)), half));
+    const __m256i lightHigh = _mm256_sub_epi32(_mm256_add_epi32(lightness, saturation),
+                                               DivideBy360(_mm256_add_epi32(lightTimesSaturation, half)));
+    const __m256i high = Select(light, lightHigh, darkHigh);
+    const __m256i low = _mm256_sub_epi32(_mm256_add_epi32(lightness, lightness), high);
+    const __m256i span = _mm256_sub_epi32(high, low);
+    __m256i changedRed = ChannelFromHue(_mm256_add_epi32(newHue, third), low, span);
+    __m256i changedGreen = ChannelFromHue(newHue, low, span);
+    __m256i changedBlue = ChannelFromHue(_mm256_sub_epi32(newHue, third), low, span);
+
+    // Saturation 0: a hue of -1 makes the grey of the lightness, any other
+    // hue leaves the colour as read.
+    const __m256i unsaturated = _mm256_cmpeq_epi32(saturation, zero);
+    const __m256i greyLevel =
+        _mm256_and_si256(DivideBy360(_mm256_mullo_epi32(lightness, _mm256_set1_epi32(255))), byteMask);
+    const __m256i undefinedHue = _mm256_cmpeq_epi32(newHue, minusOne);
+    changedRed = Select(unsaturated, Select(undefinedHue, greyLevel, red), changedRed);
+    changedGreen = Select(unsaturated, Select(undefinedHue, greyLevel, green), changedGreen);
+    changedBlue = Select(unsaturated, Select(undefinedHue, greyLevel, blue), changedBlue);
+
+    const __m256i result = _mm256_or_si256(
+        _mm256_or_si256(_mm256_sll_epi32(Mix(red, changedRed, keep), writeRed),
+                        _mm256_sll_epi32(Mix(green, changedGreen, keep), writeGreen)),
+        _mm256_or_si256(_mm256_sll_epi32(Mix(blue, changedBlue, keep), writeBlue), _mm256_sll_epi32(other, writeOther)));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + i), result);
+  }
+  return end;
+}
+
+}  // namespace hue8
+
+// One pixel of the hue stages: the colour goes through HLS, newHue(hue)
+// replaces its hue, and the converted colour is mixed with the source by
+// keep. The output starts as the source colour, so a grey whose hue became
+// defined keeps its colour through the conversion back.
+template <class NewHue>
+inline void RenderHueStagePixel(const unsigned char* in, unsigned char* out, const HueStageBytes& bytes, double keep,
+                                NewHue newHue) {
+  const KVPixel8_RGB original = {in[bytes.readRed], in[bytes.readGreen], in[bytes.readBlue]};
+  KVPixel8_RGB changed = original;
+  KVPixel8_HLS model;
+  hls::RGBtoHLS(original, model);
+  model.hue = newHue(model.hue);
+  hls::HLStoRGB(model, changed);
+  const unsigned char other = in[bytes.readOther];
+  out[bytes.writeRed] = MixWithSource(original.red, changed.red, keep);
+  out[bytes.writeGreen] = MixWithSource(original.green, changed.green, keep);
+  out[bytes.writeBlue] = MixWithSource(original.blue, changed.blue, keep);
+  out[bytes.writeOther] = other;
+}
+
+// The pixel walk of the hue stages over this thread's share: eight pixels at
+// a time where the processor and the setting allow, the rest one by one.
 template <class NewHue>
 int RenderHueStageShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                         unsigned char threadCount, double keep, NewHue newHue) {
@@ -48,18 +263,13 @@ int RenderHueStageShare(KVAbstractImage* source, KVAbstractImage* destination, u
   const HueStageBytes bytes = HueStageBytesFor(source->PixelChannelOrder());
   const unsigned char* in = PixelBytes(source) + share.start;
   unsigned char* out = PixelBytes(destination) + share.start;
-  for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
-    const KVPixel8_RGB original = {in[i + bytes.readRed], in[i + bytes.readGreen], in[i + bytes.readBlue]};
-    KVPixel8_RGB changed = original;
-    KVPixel8_HLS model;
-    hls::RGBtoHLS(original, model);
-    model.hue = newHue(model.hue);
-    hls::HLStoRGB(model, changed);
-    const unsigned char other = in[i + bytes.readOther];
-    out[i + bytes.writeRed] = MixWithSource(original.red, changed.red, keep);
-    out[i + bytes.writeGreen] = MixWithSource(original.green, changed.green, keep);
-    out[i + bytes.writeBlue] = MixWithSource(original.blue, changed.blue, keep);
-    out[i + bytes.writeOther] = other;
+  size_t done = 0;
+  if (UseAVX2()) {
+    int hueTable[kHueTableSize];
+    if (FillHueTable(newHue, hueTable)) done = hue8::RenderHueStageBlocks(in, out, share.count, bytes, hueTable, keep);
+  }
+  for (size_t i = done; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
+    RenderHueStagePixel(in + i, out + i, bytes, keep, newHue);
   }
   return 0;
 }
