@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <limits>
 #include <vector>
 
 #include "ProcessorStageTest.h"
@@ -419,4 +420,21 @@ TEST(HLSFastPath, HueStagesMatchWithNaNAndUnusualSettings) {
   const std::vector<HueShiftRenderer> shifts = {HueShiftRenderer(-0.5, 3.0), HueShiftRenderer(360.9, -2.0),
                                                 HueShiftRenderer(725.0, 0.5)};
   ExpectWiderPathMatchesOnEveryColour(shifts, kPixelOrderBGRA, 13);
+}
+
+TEST(HLSFastPath, SaturationMatchesOnEveryColour) {
+  const std::vector<SaturationRenderer> stages = {SaturationRenderer(1.4, nullptr), SaturationRenderer(0.0, nullptr),
+                                                  SaturationRenderer(1.0, nullptr), SaturationRenderer(2.0, nullptr),
+                                                  SaturationRenderer(0.37, nullptr)};
+  ExpectWiderPathMatchesOnEveryColour(stages, kPixelOrderBGRA);
+}
+
+TEST(HLSFastPath, SaturationMatchesOnOddShapesOffsetsThreadCountsAndOddSettings) {
+  ExpectWiderPathMatchesOnOddShapes(Saturation(1.4));
+  ExpectWiderPathMatchesOnOddShapes(Saturation(0.6), kPixelOrderARGB);
+  ExpectWiderPathMatchesOnOddShapes(Saturation(kNaN));
+  const std::vector<SaturationRenderer> unusual = {SaturationRenderer(-1.5, nullptr),
+                                                   SaturationRenderer(std::numeric_limits<double>::infinity(), nullptr),
+                                                   SaturationRenderer(1e300, nullptr)};
+  ExpectWiderPathMatchesOnEveryColour(unusual, kPixelOrderBGRA, 13);
 }

@@ -1,8 +1,11 @@
+#include <immintrin.h>
+
 #include <algorithm>
 #include <limits>
 
 #include <kvimage/colour.h>
 
+#include "support/CPUExtensions.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
 #include "support/ThreadShare.h"
@@ -29,6 +32,108 @@ int SaturationRenderer::Render(KVAbstractImage* source, KVAbstractImage* destina
   return Render8(source, destination, threadIndex, threadCount);
 }
 
+namespace {
+
+KV_TARGET_AVX2 inline __m256d WidenMask(__m128i mask) { return _mm256_castsi256_pd(_mm256_cvtepi32_epi64(mask)); }
+
+KV_TARGET_AVX2 inline __m128i Select(__m128i mask, __m128i whenSet, __m128i otherwise) {
+  return _mm_blendv_epi8(otherwise, whenSet, mask);
+}
+
+// A gather of four table entries (the masked form: GCC takes the plain one's
+// undefined start value for an uninitialised read).
+KV_TARGET_AVX2 inline __m256d Gather(const double* table, __m128i index) {
+  const __m256d all = _mm256_castsi256_pd(_mm256_set1_epi64x(-1));
+  return _mm256_mask_i32gather_pd(_mm256_setzero_pd(), table, index, all, 8);
+}
+
+// The low halves of four 64-bit lane masks.
+KV_TARGET_AVX2 inline __m128i NarrowMask(__m256d mask) {
+  const __m256i lows = _mm256_permutevar8x32_epi32(_mm256_castpd_si256(mask), _mm256_setr_epi32(0, 2, 4, 6, 1, 3, 5, 7));
+  return _mm256_castsi256_si128(lows);
+}
+
+// Four pixels at a time in the same double operations, in the same order, as
+// the loop above: the reciprocals are gathered from the same tables, the
+// quotient h / 60 is a correctly rounded division like the scalar one, and the
+// truncating conversions give the same integers (the most negative one for
+// NaN, whose low byte 0 is what the scalar cast stores). Returns the bytes
+// done, whole blocks of four pixels.
+KV_TARGET_AVX2 size_t RenderSaturationBlocks(const unsigned char* in, unsigned char* out, size_t count,
+                                             double saturationFactor, const double* reciprocalOfDifference,
+                                             const double* reciprocalOfValue) {
+  const __m128i byteMask = _mm_set1_epi32(0xFF);
+  const __m256d zero = _mm256_setzero_pd(), one = _mm256_set1_pd(1.0), sixty = _mm256_set1_pd(60.0);
+  const __m256d full = _mm256_set1_pd(360.0), factor = _mm256_set1_pd(saturationFactor);
+  const size_t blockBytes = 4 * kBytesPerPixel;
+  const size_t end = count / blockBytes * blockBytes;
+  for (size_t i = 0; i < end; i += blockBytes) {
+    const __m128i pixels = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+    const __m128i c0 = _mm_and_si128(pixels, byteMask);
+    const __m128i c1 = _mm_and_si128(_mm_srli_epi32(pixels, 8), byteMask);
+    const __m128i c2 = _mm_and_si128(_mm_srli_epi32(pixels, 16), byteMask);
+    const __m128i value = _mm_max_epi32(c0, _mm_max_epi32(c1, c2));
+    const __m128i difference = _mm_sub_epi32(value, _mm_min_epi32(c0, _mm_min_epi32(c1, c2)));
+    const __m256d valueD = _mm256_cvtepi32_pd(value);
+
+    // Saturation, 0 for black.
+    const __m256d ofValue = Gather(reciprocalOfValue, value);
+    const __m256d black = WidenMask(_mm_cmpeq_epi32(value, _mm_setzero_si128()));
+    const __m256d saturation = _mm256_andnot_pd(black, _mm256_mul_pd(_mm256_cvtepi32_pd(difference), ofValue));
+    const __m256d coloured = _mm256_cmp_pd(saturation, zero, _CMP_NEQ_OQ);
+
+    // Hue in degrees, 0 where the saturation is 0.
+    const __m256d ofDifference =
+        Gather(reciprocalOfDifference + 255, difference);
+    const __m128i redIsMax = _mm_cmpeq_epi32(value, c2), greenIsMax = _mm_cmpeq_epi32(value, c1);
+    const __m128i numerator =
+        Select(redIsMax, _mm_sub_epi32(c1, c0), Select(greenIsMax, _mm_sub_epi32(c0, c2), _mm_sub_epi32(c2, c1)));
+    const __m256d sector = _mm256_mul_pd(_mm256_cvtepi32_pd(numerator), ofDifference);
+    const __m256d sectorStart = _mm256_blendv_pd(_mm256_set1_pd(4.0), _mm256_set1_pd(2.0), WidenMask(greenIsMax));
+    __m256d hue = _mm256_blendv_pd(_mm256_add_pd(sector, sectorStart), sector, WidenMask(redIsMax));
+    hue = _mm256_mul_pd(hue, sixty);
+    hue = _mm256_blendv_pd(hue, _mm256_add_pd(hue, full), _mm256_cmp_pd(hue, zero, _CMP_LT_OQ));
+    hue = _mm256_and_pd(hue, coloured);
+
+    __m256d scaled = _mm256_mul_pd(saturation, factor);
+    scaled = _mm256_blendv_pd(scaled, one, _mm256_cmp_pd(scaled, one, _CMP_GT_OQ));
+    const __m128i grey = NarrowMask(_mm256_cmp_pd(scaled, zero, _CMP_EQ_OQ));
+
+    hue = _mm256_andnot_pd(_mm256_cmp_pd(hue, full, _CMP_EQ_OQ), hue);
+    const __m256d place = _mm256_div_pd(hue, sixty);
+    const __m128i index = _mm256_cvttpd_epi32(place);
+    const __m256d fraction = _mm256_sub_pd(place, _mm256_cvtepi32_pd(index));
+    const __m128i p = _mm_and_si128(_mm256_cvttpd_epi32(_mm256_mul_pd(_mm256_sub_pd(one, scaled), valueD)), byteMask);
+    const __m128i q = _mm_and_si128(
+        _mm256_cvttpd_epi32(_mm256_mul_pd(_mm256_sub_pd(one, _mm256_mul_pd(scaled, fraction)), valueD)), byteMask);
+    const __m128i t = _mm_and_si128(
+        _mm256_cvttpd_epi32(
+            _mm256_mul_pd(_mm256_sub_pd(one, _mm256_mul_pd(scaled, _mm256_sub_pd(one, fraction))), valueD)),
+        byteMask);
+
+    const __m128i at0 = _mm_cmpeq_epi32(index, _mm_set1_epi32(0)), at1 = _mm_cmpeq_epi32(index, _mm_set1_epi32(1));
+    const __m128i at2 = _mm_cmpeq_epi32(index, _mm_set1_epi32(2)), at3 = _mm_cmpeq_epi32(index, _mm_set1_epi32(3));
+    const __m128i at4 = _mm_cmpeq_epi32(index, _mm_set1_epi32(4)), at5 = _mm_cmpeq_epi32(index, _mm_set1_epi32(5));
+    __m128i r2 = Select(_mm_or_si128(at0, at5), value, c2);
+    r2 = Select(at1, q, Select(_mm_or_si128(at2, at3), p, Select(at4, t, r2)));
+    __m128i r1 = Select(_mm_or_si128(at1, at2), value, c1);
+    r1 = Select(at0, t, Select(at3, q, Select(_mm_or_si128(at4, at5), p, r1)));
+    __m128i r0 = Select(_mm_or_si128(at3, at4), value, c0);
+    r0 = Select(_mm_or_si128(at0, at1), p, Select(at2, t, Select(at5, q, r0)));
+    r2 = Select(grey, value, r2);
+    r1 = Select(grey, value, r1);
+    r0 = Select(grey, value, r0);
+
+    const __m128i alpha = _mm_andnot_si128(_mm_set1_epi32(0x00FFFFFF), pixels);
+    const __m128i result =
+        _mm_or_si128(_mm_or_si128(r0, _mm_slli_epi32(r1, 8)), _mm_or_si128(_mm_slli_epi32(r2, 16), alpha));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), result);
+  }
+  return end;
+}
+
+}  // namespace
+
 // Hue-saturation-value in double precision, one rounding at a time. Bytes 0,
 // 1, 2 play blue, green, red in any channel order; byte 3 is copied. A colour
 // that loses all saturation becomes its maximum, not its luminance.
@@ -39,7 +144,8 @@ int SaturationRenderer::Render8(KVAbstractImage* source, KVAbstractImage* destin
   if (share.count == 0) return 0;
   const unsigned char* in = PixelBytes(source) + share.start;
   unsigned char* out = PixelBytes(destination) + share.start;
-  for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
+  const size_t done = UseAVX2() ? RenderSaturationBlocks(in, out, share.count, m_saturation, m_reciprocalOfDifference, m_reciprocalOfValue) : 0;
+  for (size_t i = done; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
     const int c0 = in[i + kBlueByte], c1 = in[i + kGreenByte], c2 = in[i + kRedByte];
     const int value = std::max(c0, std::max(c1, c2));
     const int min = std::min(c0, std::min(c1, c2));
