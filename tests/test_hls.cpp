@@ -383,7 +383,7 @@ void ExpectWiderPathMatchesOnOddShapes(const Setter& set, KVPixelChannelOrder or
 
 TEST(HLSFastPath, ConstantDivisionsAreExactOverTheirRanges) {
   for (uint32_t n = 0; n < (1u << 19); ++n) ASSERT_EQ(n / 360, hls::DivideBy360(n)) << n;
-  for (uint32_t n = 0; n < (1u << 17); ++n) ASSERT_EQ(n / 60, hls::DivideBy60(n)) << n;
+  for (uint32_t n = 0; n < (1u << 18); ++n) ASSERT_EQ(n / 60, hls::DivideBy60(n)) << n;
   for (uint32_t sum = 0; sum <= 510; ++sum) ASSERT_EQ((sum * 360 + 255) / 510, hls::LightnessOfSum(sum)) << sum;
 }
 

@@ -41,49 +41,69 @@ inline unsigned char MixWithSource(unsigned char source, unsigned char changed, 
 }
 
 // Exact quotients of the non-negative numerators the model produces, as a
-// 32-bit multiply and a shift (the 8-lane path has no integer division). The
-// ranges are where the multiplier's error stays below one step and the
-// product below 2^32; tests check every numerator of each range.
+// 16-bit multiply keeping the high half and a shift (the 8-lane path has no
+// integer division). The ranges are where the shifted numerator fits 16 bits
+// and the multiplier's error stays below one step; tests check every
+// numerator of each range.
 namespace hls {
 
 const uint32_t kBy360Multiplier = 23302;  // (n / 8) / 45, n < 2^19
-const uint32_t kBy60Multiplier = 69906;   // (n / 4) / 15, n < 2^17
+const uint32_t kBy60Multiplier = 34953;   // (n / 4) / 15, n < 2^18
 const uint32_t kBy17Multiplier = 61681;   // n / 17, n < 2^16
 
-inline uint32_t DivideBy360(uint32_t n) { return ((n >> 3) * kBy360Multiplier) >> 20; }
-inline uint32_t DivideBy60(uint32_t n) { return ((n >> 2) * kBy60Multiplier) >> 20; }
+inline uint32_t DivideBy360(uint32_t n) { return (((n >> 3) * kBy360Multiplier) >> 16) >> 4; }
+inline uint32_t DivideBy60(uint32_t n) { return (((n >> 2) * kBy60Multiplier) >> 16) >> 3; }
 // (sum * 360 + 255) / 510 is (sum * 24 + 17) / 34 (both sides times 15).
-inline uint32_t LightnessOfSum(uint32_t sum) { return (((sum * 24 + 17) >> 1) * kBy17Multiplier) >> 20; }
+inline uint32_t LightnessOfSum(uint32_t sum) { return ((((sum * 24 + 17) >> 1) * kBy17Multiplier) >> 16) >> 4; }
 
 }  // namespace hls
 
-// The hue a stage gives each hue the forward conversion can produce, -1..360,
-// at index hue + 1. The 8-lane path takes it only when every entry lies in
-// -1..360, where its arithmetic is exact; other settings (a NaN hue) go the
-// plain way.
-const int kHueTableSize = 362;
+// The hue a stage gives each hue of the forward conversion, in the form the
+// eight-pixel path computes: offset, plus the hue itself if addsHue, then one
+// subtraction of 360 above 359 and one addition below 0. The stage's own
+// function stays the reference: the path is taken only when the two agree
+// on every hue -1..360 and every result lies in -1..360, where the path's
+// arithmetic is exact (other settings, a NaN hue, go the plain way).
+struct HueMapping {
+  int offset;
+  bool addsHue;
+
+  int operator()(int hue) const {
+    int mapped = addsHue ? WrapAdd(offset, hue) : offset;
+    if (mapped > 359) mapped -= 360;
+    if (mapped < 0) mapped = WrapAdd(mapped, 360);
+    return mapped;
+  }
+};
 
 template <class NewHue>
-bool FillHueTable(NewHue newHue, int* table) {
-  bool inRange = true;
+bool MappingMatches(NewHue newHue, const HueMapping& mapping) {
   for (int hue = -1; hue <= 360; ++hue) {
     const int mapped = newHue(hue);
-    table[hue + 1] = mapped;
-    inRange = inRange && mapped >= -1 && mapped <= 360;
+    if (mapped != mapping(hue) || mapped < -1 || mapped > 360) return false;
   }
-  return inRange;
+  return true;
 }
 
 namespace hue8 {
 
+// In 32-bit lanes holding values below 2^16, a 16-bit high multiply by a
+// constant whose upper half is 0 is the lane's (n * m) >> 16, and a 16-bit
+// multiply-add is its full product n * m.
+KV_TARGET_AVX2 inline __m256i HighProduct(__m256i n, uint32_t multiplier) {
+  return _mm256_mulhi_epu16(n, _mm256_set1_epi32(static_cast<int>(multiplier)));
+}
+
+KV_TARGET_AVX2 inline __m256i Product(__m256i a, __m256i b) { return _mm256_madd_epi16(a, b); }
+
+KV_TARGET_AVX2 inline __m256i Product(__m256i a, int b) { return _mm256_madd_epi16(a, _mm256_set1_epi32(b)); }
+
 KV_TARGET_AVX2 inline __m256i DivideBy360(__m256i n) {
-  const __m256i scaled = _mm256_mullo_epi32(_mm256_srli_epi32(n, 3), _mm256_set1_epi32(hls::kBy360Multiplier));
-  return _mm256_srli_epi32(scaled, 20);
+  return _mm256_srli_epi32(HighProduct(_mm256_srli_epi32(n, 3), hls::kBy360Multiplier), 4);
 }
 
 KV_TARGET_AVX2 inline __m256i DivideBy60(__m256i n) {
-  const __m256i scaled = _mm256_mullo_epi32(_mm256_srli_epi32(n, 2), _mm256_set1_epi32(hls::kBy60Multiplier));
-  return _mm256_srli_epi32(scaled, 20);
+  return _mm256_srli_epi32(HighProduct(_mm256_srli_epi32(n, 2), hls::kBy60Multiplier), 3);
 }
 
 // Numerators below 2^24 and divisors up to 510: the correctly rounded single
@@ -109,8 +129,8 @@ KV_TARGET_AVX2 inline __m256i ChannelFromHue(__m256i hue, __m256i low, __m256i s
   ramp = _mm256_min_epi32(ramp, _mm256_sub_epi32(_mm256_set1_epi32(240), hue));
   ramp = _mm256_max_epi32(ramp, _mm256_setzero_si256());
   const __m256i component =
-      _mm256_add_epi32(low, DivideBy60(_mm256_add_epi32(_mm256_mullo_epi32(span, ramp), _mm256_set1_epi32(30))));
-  const __m256i scaled = _mm256_add_epi32(_mm256_mullo_epi32(component, _mm256_set1_epi32(255)), _mm256_set1_epi32(180));
+      _mm256_add_epi32(low, DivideBy60(_mm256_add_epi32(Product(span, ramp), _mm256_set1_epi32(30))));
+  const __m256i scaled = _mm256_add_epi32(Product(component, 255), _mm256_set1_epi32(180));
   return _mm256_and_si256(DivideBy360(scaled), _mm256_set1_epi32(0xFF));
 }
 
@@ -133,7 +153,8 @@ KV_TARGET_AVX2 inline __m256i Mix(__m256i source, __m256i changed, __m256d keep)
 // hls::RGBtoHLS and hls::HLStoRGB for the colours bytes can hold. Returns the
 // number of bytes done (whole blocks of eight pixels).
 KV_TARGET_AVX2 inline size_t RenderHueStageBlocks(const unsigned char* in, unsigned char* out, size_t count,
-                                                  const HueStageBytes& bytes, const int* hueTable, double keepFactor) {
+                                                  const HueStageBytes& bytes, const HueMapping& mapping,
+                                                  double keepFactor) {
   const __m128i readRed = _mm_cvtsi32_si128(static_cast<int>(bytes.readRed * 8));
   const __m128i readGreen = _mm_cvtsi32_si128(static_cast<int>(bytes.readGreen * 8));
   const __m128i readBlue = _mm_cvtsi32_si128(static_cast<int>(bytes.readBlue * 8));
@@ -150,6 +171,9 @@ KV_TARGET_AVX2 inline size_t RenderHueStageBlocks(const unsigned char* in, unsig
   const __m256i zero = _mm256_setzero_si256();
   const __m256i minusOne = _mm256_set1_epi32(-1);
   const __m256d keep = _mm256_set1_pd(keepFactor);
+  const __m256i hueOffset = _mm256_set1_epi32(mapping.offset);
+  const __m256i addsHue = _mm256_set1_epi32(mapping.addsHue ? -1 : 0);
+  const __m256i top = _mm256_set1_epi32(359);
   const size_t blockBytes = 8 * kBytesPerPixel;
   const size_t end = count / blockBytes * blockBytes;
   for (size_t i = 0; i < end; i += blockBytes) {
@@ -165,21 +189,19 @@ KV_TARGET_AVX2 inline size_t RenderHueStageBlocks(const unsigned char* in, unsig
     const __m256i sum = _mm256_add_epi32(max, min);
     const __m256i delta = _mm256_sub_epi32(max, min);
     const __m256i lightness = _mm256_srli_epi32(
-        _mm256_mullo_epi32(_mm256_srli_epi32(_mm256_add_epi32(_mm256_mullo_epi32(sum, _mm256_set1_epi32(24)),
-                                                              _mm256_set1_epi32(17)),
-                                             1),
-                           _mm256_set1_epi32(hls::kBy17Multiplier)),
-        20);
+        HighProduct(_mm256_srli_epi32(_mm256_add_epi32(Product(sum, 24), _mm256_set1_epi32(17)), 1),
+                    hls::kBy17Multiplier),
+        4);
     const __m256i grey = _mm256_cmpeq_epi32(delta, zero);
     const __m256i light = _mm256_cmpgt_epi32(lightness, half);
     const __m256i spread = Select(light, _mm256_sub_epi32(_mm256_set1_epi32(510), sum), sum);
     const __m256i saturationRaw = DivideExactly(
-        _mm256_add_epi32(_mm256_mullo_epi32(delta, full), _mm256_srli_epi32(spread, 1)), spread);
+        _mm256_add_epi32(Product(delta, full), _mm256_srli_epi32(spread, 1)), spread);
     const __m256i saturation = _mm256_andnot_si256(grey, saturationRaw);
 
     const __m256i mid = _mm256_sub_epi32(_mm256_add_epi32(red, _mm256_add_epi32(green, blue)), sum);
     const __m256i midDistance = DivideExactly(
-        _mm256_add_epi32(_mm256_mullo_epi32(_mm256_sub_epi32(max, mid), sixth), _mm256_srli_epi32(delta, 1)), delta);
+        _mm256_add_epi32(Product(_mm256_sub_epi32(max, mid), sixth), _mm256_srli_epi32(delta, 1)), delta);
     const __m256i redIsMax = _mm256_cmpeq_epi32(red, max), greenIsMax = _mm256_cmpeq_epi32(green, max);
     const __m256i blueIsMax = _mm256_cmpeq_epi32(blue, max);
     // Below the maximum: 0 for the maximum, 60 for the minimum, the quotient
@@ -196,12 +218,14 @@ KV_TARGET_AVX2 inline size_t RenderHueStageBlocks(const unsigned char* in, unsig
     hue = _mm256_sub_epi32(hue, _mm256_and_si256(_mm256_cmpgt_epi32(hue, full), full));
     hue = _mm256_or_si256(hue, grey);  // -1 for a grey
 
-    const __m256i newHue = _mm256_i32gather_epi32(hueTable + 1, hue, 4);
+    __m256i newHue = _mm256_add_epi32(hueOffset, _mm256_and_si256(addsHue, hue));
+    newHue = _mm256_sub_epi32(newHue, _mm256_and_si256(_mm256_cmpgt_epi32(newHue, top), full));
+    newHue = _mm256_add_epi32(newHue, _mm256_and_si256(_mm256_cmpgt_epi32(zero, newHue), full));
 
     // Back: the plateau levels, then each channel on the ramp.
-    const __m256i lightTimesSaturation = _mm256_mullo_epi32(lightness, saturation);
+    const __m256i lightTimesSaturation = Product(lightness, saturation);
     const __m256i darkHigh =
-        DivideBy360(_mm256_add_epi32(_mm256_add_epi32(lightTimesSaturation, _mm256_mullo_epi32(lightness, full)), half));
+        DivideBy360(_mm256_add_epi32(_mm256_add_epi32(lightTimesSaturation, Product(lightness, full)), half));
     const __m256i lightHigh = _mm256_sub_epi32(_mm256_add_epi32(lightness, saturation),
                                                DivideBy360(_mm256_add_epi32(lightTimesSaturation, half)));
     const __m256i high = Select(light, lightHigh, darkHigh);
@@ -215,7 +239,7 @@ KV_TARGET_AVX2 inline size_t RenderHueStageBlocks(const unsigned char* in, unsig
     // hue leaves the colour as read.
     const __m256i unsaturated = _mm256_cmpeq_epi32(saturation, zero);
     const __m256i greyLevel =
-        _mm256_and_si256(DivideBy360(_mm256_mullo_epi32(lightness, _mm256_set1_epi32(255))), byteMask);
+        _mm256_and_si256(DivideBy360(Product(lightness, 255)), byteMask);
     const __m256i undefinedHue = _mm256_cmpeq_epi32(newHue, minusOne);
     changedRed = Select(unsaturated, Select(undefinedHue, greyLevel, red), changedRed);
     changedGreen = Select(unsaturated, Select(undefinedHue, greyLevel, green), changedGreen);
@@ -256,7 +280,7 @@ inline void RenderHueStagePixel(const unsigned char* in, unsigned char* out, con
 // a time where the processor and the setting allow, the rest one by one.
 template <class NewHue>
 int RenderHueStageShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
-                        unsigned char threadCount, double keep, NewHue newHue) {
+                        unsigned char threadCount, double keep, NewHue newHue, const HueMapping& mapping) {
   const ShareRun share =
       ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
   if (share.count == 0) return 0;
@@ -264,9 +288,8 @@ int RenderHueStageShare(KVAbstractImage* source, KVAbstractImage* destination, u
   const unsigned char* in = PixelBytes(source) + share.start;
   unsigned char* out = PixelBytes(destination) + share.start;
   size_t done = 0;
-  if (UseAVX2()) {
-    int hueTable[kHueTableSize];
-    if (FillHueTable(newHue, hueTable)) done = hue8::RenderHueStageBlocks(in, out, share.count, bytes, hueTable, keep);
+  if (UseAVX2() && MappingMatches(newHue, mapping)) {
+    done = hue8::RenderHueStageBlocks(in, out, share.count, bytes, mapping, keep);
   }
   for (size_t i = done; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
     RenderHueStagePixel(in + i, out + i, bytes, keep, newHue);
