@@ -1,6 +1,7 @@
 #include <immintrin.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <limits>
 
 #include <kvimage/colour.h>
@@ -48,6 +49,9 @@ KV_TARGET_AVX2 inline __m256d Lookup(const double* table, __m128i index) {
   return _mm256_insertf128_pd(_mm256_castpd128_pd256(low), high, 1);
 }
 
+constexpr int Pattern(uint32_t bytes) { return static_cast<int>(bytes); }
+const int kGreyPattern = Pattern(0x80030303);
+
 // The low halves of four 64-bit lane masks.
 KV_TARGET_AVX2 inline __m128i NarrowMask(__m256d mask) {
   const __m256i lows = _mm256_permutevar8x32_epi32(_mm256_castpd_si256(mask), _mm256_setr_epi32(0, 2, 4, 6, 1, 3, 5, 7));
@@ -67,6 +71,12 @@ KV_TARGET_AVX2 size_t RenderSaturationBlocks(const unsigned char* in, unsigned c
   const __m128i byteMask = _mm_set1_epi32(0xFF);
   const __m256d zero = _mm256_setzero_pd(), one = _mm256_set1_pd(1.0), sixty = _mm256_set1_pd(60.0);
   const __m256d full = _mm256_set1_pd(360.0), factor = _mm256_set1_pd(saturationFactor);
+  // Shuffle patterns: bytes 0, 1, 2 of the result as places in (p, q, t, V),
+  // byte 3 cleared; one per sextant, then the grey one.
+  const __m256i kSextantPatterns = _mm256_setr_epi32(Pattern(0x80030200), Pattern(0x80010300), Pattern(0x80000302),
+                                                     Pattern(0x80000103), Pattern(0x80020003), Pattern(0x80030001),
+                                                     kGreyPattern, kGreyPattern);
+  const __m128i laneBytes = _mm_setr_epi32(0, 0x04040404, 0x08080808, 0x0C0C0C0C);
   const size_t blockBytes = 4 * kBytesPerPixel;
   const size_t end = count / blockBytes * blockBytes;
   for (size_t i = 0; i < end; i += blockBytes) {
@@ -112,22 +122,20 @@ KV_TARGET_AVX2 size_t RenderSaturationBlocks(const unsigned char* in, unsigned c
             _mm256_mul_pd(_mm256_sub_pd(one, _mm256_mul_pd(scaled, _mm256_sub_pd(one, fraction))), valueD)),
         byteMask);
 
-    const __m128i at0 = _mm_cmpeq_epi32(index, _mm_set1_epi32(0)), at1 = _mm_cmpeq_epi32(index, _mm_set1_epi32(1));
-    const __m128i at2 = _mm_cmpeq_epi32(index, _mm_set1_epi32(2)), at3 = _mm_cmpeq_epi32(index, _mm_set1_epi32(3));
-    const __m128i at4 = _mm_cmpeq_epi32(index, _mm_set1_epi32(4)), at5 = _mm_cmpeq_epi32(index, _mm_set1_epi32(5));
-    __m128i r2 = Select(_mm_or_si128(at0, at5), value, c2);
-    r2 = Select(at1, q, Select(_mm_or_si128(at2, at3), p, Select(at4, t, r2)));
-    __m128i r1 = Select(_mm_or_si128(at1, at2), value, c1);
-    r1 = Select(at0, t, Select(at3, q, Select(_mm_or_si128(at4, at5), p, r1)));
-    __m128i r0 = Select(_mm_or_si128(at3, at4), value, c0);
-    r0 = Select(_mm_or_si128(at0, at1), p, Select(at2, t, Select(at5, q, r0)));
-    r2 = Select(grey, value, r2);
-    r1 = Select(grey, value, r1);
-    r0 = Select(grey, value, r0);
-
+    // The sextant picks bytes 0, 1, 2 from (p, q, t, V) by a byte shuffle; a
+    // colour without saturation takes V three times, and an index outside
+    // 0..5 keeps the pixel as read.
+    const __m128i palette = _mm_or_si128(_mm_or_si128(p, _mm_slli_epi32(q, 8)),
+                                         _mm_or_si128(_mm_slli_epi32(t, 16), _mm_slli_epi32(value, 24)));
+    const __m128i sextantPattern =
+        _mm256_castsi256_si128(_mm256_permutevar8x32_epi32(kSextantPatterns, _mm256_zextsi128_si256(index)));
+    const __m128i pattern = Select(grey, _mm_set1_epi32(kGreyPattern), sextantPattern);
+    const __m128i shuffled = _mm_shuffle_epi8(palette, _mm_add_epi32(pattern, laneBytes));
+    const __m128i inSextants = _mm_and_si128(_mm_cmpgt_epi32(index, _mm_set1_epi32(-1)),
+                                             _mm_cmpgt_epi32(_mm_set1_epi32(6), index));
+    const __m128i asRead = _mm_andnot_si128(_mm_or_si128(grey, inSextants), _mm_set1_epi32(-1));
     const __m128i alpha = _mm_andnot_si128(_mm_set1_epi32(0x00FFFFFF), pixels);
-    const __m128i result =
-        _mm_or_si128(_mm_or_si128(r0, _mm_slli_epi32(r1, 8)), _mm_or_si128(_mm_slli_epi32(r2, 16), alpha));
+    const __m128i result = Select(asRead, pixels, _mm_or_si128(shuffled, alpha));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), result);
   }
   return end;
