@@ -150,19 +150,21 @@ KV_TARGET_AVX2 inline __m256i Mix(__m256i source, __m256i changed, __m256d keep)
 }
 
 // The hue stages' pixel, eight at a time, with the same integer results as
-// hls::RGBtoHLS and hls::HLStoRGB for the colours bytes can hold. Returns the
-// number of bytes done (whole blocks of eight pixels).
+// hls::RGBtoHLS and hls::HLStoRGB for the colours bytes can hold. The byte
+// places are fixed at compile time (shifts by a constant are the cheap
+// kind): Layout is HueStageBytes' usual or channel-order-2 mapping. Returns
+// the number of bytes done (whole blocks of eight pixels).
+template <bool kOrderTwo>
+struct HueStageLayout {
+  static constexpr int kReadRed = kOrderTwo ? 0 : 16, kReadGreen = 8, kReadBlue = kOrderTwo ? 16 : 0;
+  static constexpr int kReadOther = 24;
+  static constexpr int kWriteRed = kOrderTwo ? 8 : 16, kWriteGreen = kOrderTwo ? 16 : 8;
+  static constexpr int kWriteBlue = kOrderTwo ? 24 : 0, kWriteOther = kOrderTwo ? 0 : 24;
+};
+
+template <class Layout>
 KV_TARGET_AVX2 inline size_t RenderHueStageBlocks(const unsigned char* in, unsigned char* out, size_t count,
-                                                  const HueStageBytes& bytes, const HueMapping& mapping,
-                                                  double keepFactor) {
-  const __m128i readRed = _mm_cvtsi32_si128(static_cast<int>(bytes.readRed * 8));
-  const __m128i readGreen = _mm_cvtsi32_si128(static_cast<int>(bytes.readGreen * 8));
-  const __m128i readBlue = _mm_cvtsi32_si128(static_cast<int>(bytes.readBlue * 8));
-  const __m128i readOther = _mm_cvtsi32_si128(static_cast<int>(bytes.readOther * 8));
-  const __m128i writeRed = _mm_cvtsi32_si128(static_cast<int>(bytes.writeRed * 8));
-  const __m128i writeGreen = _mm_cvtsi32_si128(static_cast<int>(bytes.writeGreen * 8));
-  const __m128i writeBlue = _mm_cvtsi32_si128(static_cast<int>(bytes.writeBlue * 8));
-  const __m128i writeOther = _mm_cvtsi32_si128(static_cast<int>(bytes.writeOther * 8));
+                                                  const HueMapping& mapping, double keepFactor) {
   const __m256i byteMask = _mm256_set1_epi32(0xFF);
   const __m256i half = _mm256_set1_epi32(180);
   const __m256i full = _mm256_set1_epi32(360);
@@ -178,10 +180,10 @@ KV_TARGET_AVX2 inline size_t RenderHueStageBlocks(const unsigned char* in, unsig
   const size_t end = count / blockBytes * blockBytes;
   for (size_t i = 0; i < end; i += blockBytes) {
     const __m256i pixels = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in + i));
-    const __m256i red = _mm256_and_si256(_mm256_srl_epi32(pixels, readRed), byteMask);
-    const __m256i green = _mm256_and_si256(_mm256_srl_epi32(pixels, readGreen), byteMask);
-    const __m256i blue = _mm256_and_si256(_mm256_srl_epi32(pixels, readBlue), byteMask);
-    const __m256i other = _mm256_and_si256(_mm256_srl_epi32(pixels, readOther), byteMask);
+    const __m256i red = _mm256_and_si256(_mm256_srli_epi32(pixels, Layout::kReadRed), byteMask);
+    const __m256i green = _mm256_and_si256(_mm256_srli_epi32(pixels, Layout::kReadGreen), byteMask);
+    const __m256i blue = _mm256_and_si256(_mm256_srli_epi32(pixels, Layout::kReadBlue), byteMask);
+    const __m256i other = _mm256_srli_epi32(pixels, Layout::kReadOther);
 
     // Forward: lightness, saturation, hue.
     const __m256i max = _mm256_max_epi32(red, _mm256_max_epi32(green, blue));
@@ -246,9 +248,10 @@ KV_TARGET_AVX2 inline size_t RenderHueStageBlocks(const unsigned char* in, unsig
     changedBlue = Select(unsaturated, Select(undefinedHue, greyLevel, blue), changedBlue);
 
     const __m256i result = _mm256_or_si256(
-        _mm256_or_si256(_mm256_sll_epi32(Mix(red, changedRed, keep), writeRed),
-                        _mm256_sll_epi32(Mix(green, changedGreen, keep), writeGreen)),
-        _mm256_or_si256(_mm256_sll_epi32(Mix(blue, changedBlue, keep), writeBlue), _mm256_sll_epi32(other, writeOther)));
+        _mm256_or_si256(_mm256_slli_epi32(Mix(red, changedRed, keep), Layout::kWriteRed),
+                        _mm256_slli_epi32(Mix(green, changedGreen, keep), Layout::kWriteGreen)),
+        _mm256_or_si256(_mm256_slli_epi32(Mix(blue, changedBlue, keep), Layout::kWriteBlue),
+                        _mm256_slli_epi32(other, Layout::kWriteOther)));
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + i), result);
   }
   return end;
@@ -289,7 +292,11 @@ int RenderHueStageShare(KVAbstractImage* source, KVAbstractImage* destination, u
   unsigned char* out = PixelBytes(destination) + share.start;
   size_t done = 0;
   if (UseAVX2() && MappingMatches(newHue, mapping)) {
-    done = hue8::RenderHueStageBlocks(in, out, share.count, bytes, mapping, keep);
+    if (source->PixelChannelOrder() == kPixelOrderARGB) {
+      done = hue8::RenderHueStageBlocks<hue8::HueStageLayout<true>>(in, out, share.count, mapping, keep);
+    } else {
+      done = hue8::RenderHueStageBlocks<hue8::HueStageLayout<false>>(in, out, share.count, mapping, keep);
+    }
   }
   for (size_t i = done; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
     RenderHueStagePixel(in + i, out + i, bytes, keep, newHue);
