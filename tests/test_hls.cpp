@@ -384,6 +384,9 @@ void ExpectWiderPathMatchesOnOddShapes(const Setter& set, KVPixelChannelOrder or
 TEST(HLSFastPath, ConstantDivisionsAreExactOverTheirRanges) {
   for (uint32_t n = 0; n < (1u << 19); ++n) ASSERT_EQ(n / 360, hls::DivideBy360(n)) << n;
   for (uint32_t n = 0; n < (1u << 18); ++n) ASSERT_EQ(n / 60, hls::DivideBy60(n)) << n;
+  for (uint32_t level = 0; level * 51 + 36 < (1u << 16); ++level) {
+    ASSERT_EQ((level * 255 + 180) / 360, hls::ComponentOfLevel(level)) << level;
+  }
   for (uint32_t sum = 0; sum <= 510; ++sum) ASSERT_EQ((sum * 360 + 255) / 510, hls::LightnessOfSum(sum)) << sum;
 }
 
@@ -408,6 +411,7 @@ TEST(HLSFastPath, HueStagesMatchInChannelOrderTwo) {
 TEST(HLSFastPath, HueStagesMatchOnOddShapesOffsetsAndThreadCounts) {
   ExpectWiderPathMatchesOnOddShapes(HueShift(45.0, 0.8));
   ExpectWiderPathMatchesOnOddShapes(HueColorize(200.0, 0.35));
+  ExpectWiderPathMatchesOnOddShapes(HueShift(300.0, 1.0));
 }
 
 TEST(HLSFastPath, HueStagesMatchWithNaNAndUnusualSettings) {

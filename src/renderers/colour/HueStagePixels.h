@@ -50,9 +50,12 @@ namespace hls {
 const uint32_t kBy360Multiplier = 23302;  // (n / 8) / 45, n < 2^19
 const uint32_t kBy60Multiplier = 34953;   // (n / 4) / 15, n < 2^18
 const uint32_t kBy17Multiplier = 61681;   // n / 17, n < 2^16
+const uint32_t kBy72Multiplier = 58255;   // n / 72, n < 2^16
 
 inline uint32_t DivideBy360(uint32_t n) { return (((n >> 3) * kBy360Multiplier) >> 16) >> 4; }
 inline uint32_t DivideBy60(uint32_t n) { return (((n >> 2) * kBy60Multiplier) >> 16) >> 3; }
+// (c * 255 + 180) / 360 is (c * 51 + 36) / 72 (both sides times 5).
+inline uint32_t ComponentOfLevel(uint32_t level) { return (((level * 51 + 36) * kBy72Multiplier) >> 16) >> 6; }
 // (sum * 360 + 255) / 510 is (sum * 24 + 17) / 34 (both sides times 15).
 inline uint32_t LightnessOfSum(uint32_t sum) { return ((((sum * 24 + 17) >> 1) * kBy17Multiplier) >> 16) >> 4; }
 
@@ -118,20 +121,27 @@ KV_TARGET_AVX2 inline __m256i Select(__m256i mask, __m256i whenSet, __m256i othe
   return _mm256_blendv_epi8(otherwise, whenSet, mask);
 }
 
-// One channel of the conversion back: low + ((high - low) * t + 30) / 60
-// with t the hue's place on the ramp (0 on the low plateau, 60 on the high
-// one), then (c * 255 + 180) / 360, kept to its low byte.
-KV_TARGET_AVX2 inline __m256i ChannelFromHue(__m256i hue, __m256i low, __m256i span) {
-  const __m256i full = _mm256_set1_epi32(360);
-  hue = _mm256_add_epi32(hue, _mm256_and_si256(_mm256_cmpgt_epi32(_mm256_setzero_si256(), hue), full));
-  hue = _mm256_sub_epi32(hue, _mm256_and_si256(_mm256_cmpgt_epi32(hue, full), full));
-  __m256i ramp = _mm256_min_epi32(hue, _mm256_set1_epi32(60));
-  ramp = _mm256_min_epi32(ramp, _mm256_sub_epi32(_mm256_set1_epi32(240), hue));
-  ramp = _mm256_max_epi32(ramp, _mm256_setzero_si256());
-  const __m256i component =
-      _mm256_add_epi32(low, DivideBy60(_mm256_add_epi32(Product(span, ramp), _mm256_set1_epi32(30))));
-  const __m256i scaled = _mm256_add_epi32(Product(component, 255), _mm256_set1_epi32(180));
-  return _mm256_and_si256(DivideBy360(scaled), _mm256_set1_epi32(0xFF));
+// Channels of the conversion back, sixteen 16-bit lanes at a time (every
+// value lies in -121..480 or its products below 2^15): low + ((high - low) *
+// t + 30) / 60 with t the hue's place on the ramp (0 on the low plateau, 60
+// on the high one), then (c * 255 + 180) / 360 as (c * 51 + 36) / 72, kept
+// to its low byte.
+KV_TARGET_AVX2 inline __m256i ChannelsFromHues(__m256i hue, __m256i low, __m256i span) {
+  const __m256i full = _mm256_set1_epi16(360), zero = _mm256_setzero_si256();
+  hue = _mm256_add_epi16(hue, _mm256_and_si256(_mm256_cmpgt_epi16(zero, hue), full));
+  hue = _mm256_sub_epi16(hue, _mm256_and_si256(_mm256_cmpgt_epi16(hue, full), full));
+  __m256i ramp = _mm256_min_epi16(hue, _mm256_set1_epi16(60));
+  ramp = _mm256_min_epi16(ramp, _mm256_sub_epi16(_mm256_set1_epi16(240), hue));
+  ramp = _mm256_max_epi16(ramp, zero);
+  const __m256i rampNumerator = _mm256_add_epi16(_mm256_mullo_epi16(span, ramp), _mm256_set1_epi16(30));
+  const __m256i component = _mm256_add_epi16(
+      low, _mm256_srli_epi16(_mm256_mulhi_epu16(_mm256_srli_epi16(rampNumerator, 2),
+                                                _mm256_set1_epi16(static_cast<short>(hls::kBy60Multiplier))),
+                             3));
+  const __m256i scaled = _mm256_add_epi16(_mm256_mullo_epi16(component, _mm256_set1_epi16(51)), _mm256_set1_epi16(36));
+  const __m256i quotient =
+      _mm256_srli_epi16(_mm256_mulhi_epu16(scaled, _mm256_set1_epi16(static_cast<short>(hls::kBy72Multiplier))), 6);
+  return _mm256_and_si256(quotient, _mm256_set1_epi16(0xFF));
 }
 
 // clamp(trunc((source - changed) * keep + changed)) in double precision, four
@@ -152,8 +162,10 @@ KV_TARGET_AVX2 inline __m256i Mix(__m256i source, __m256i changed, __m256d keep)
 // The hue stages' pixel, eight at a time, with the same integer results as
 // hls::RGBtoHLS and hls::HLStoRGB for the colours bytes can hold. The byte
 // places are fixed at compile time (shifts by a constant are the cheap
-// kind): Layout is HueStageBytes' usual or channel-order-2 mapping. Returns
-// the number of bytes done (whole blocks of eight pixels).
+// kind): Layout is HueStageBytes' usual or channel-order-2 mapping. With
+// keep 0 (amount 1) the mix is the converted colour itself, exactly:
+// (source - changed) * 0 + changed = changed. Returns the number of bytes
+// done (whole blocks of eight pixels).
 template <bool kOrderTwo>
 struct HueStageLayout {
   static constexpr int kReadRed = kOrderTwo ? 0 : 16, kReadGreen = 8, kReadBlue = kOrderTwo ? 16 : 0;
@@ -162,7 +174,7 @@ struct HueStageLayout {
   static constexpr int kWriteBlue = kOrderTwo ? 24 : 0, kWriteOther = kOrderTwo ? 0 : 24;
 };
 
-template <class Layout>
+template <class Layout, bool kKeepNothing>
 KV_TARGET_AVX2 inline size_t RenderHueStageBlocks(const unsigned char* in, unsigned char* out, size_t count,
                                                   const HueMapping& mapping, double keepFactor) {
   const __m256i byteMask = _mm256_set1_epi32(0xFF);
@@ -233,9 +245,15 @@ KV_TARGET_AVX2 inline size_t RenderHueStageBlocks(const unsigned char* in, unsig
     const __m256i high = Select(light, lightHigh, darkHigh);
     const __m256i low = _mm256_sub_epi32(_mm256_add_epi32(lightness, lightness), high);
     const __m256i span = _mm256_sub_epi32(high, low);
-    __m256i changedRed = ChannelFromHue(_mm256_add_epi32(newHue, third), low, span);
-    __m256i changedGreen = ChannelFromHue(newHue, low, span);
-    __m256i changedBlue = ChannelFromHue(_mm256_sub_epi32(newHue, third), low, span);
+    // Red and green share 16-bit lanes, in the interleaved order of a pack;
+    // blue fills both halves of its own.
+    const __m256i low16 = _mm256_packs_epi32(low, low), span16 = _mm256_packs_epi32(span, span);
+    const __m256i redGreen =
+        ChannelsFromHues(_mm256_packs_epi32(_mm256_add_epi32(newHue, third), newHue), low16, span16);
+    const __m256i blueTwice = ChannelsFromHues(_mm256_packs_epi32(_mm256_sub_epi32(newHue, third), zero), low16, span16);
+    __m256i changedRed = _mm256_unpacklo_epi16(redGreen, zero);
+    __m256i changedGreen = _mm256_unpackhi_epi16(redGreen, zero);
+    __m256i changedBlue = _mm256_unpacklo_epi16(blueTwice, zero);
 
     // Saturation 0: a hue of -1 makes the grey of the lightness, any other
     // hue leaves the colour as read.
@@ -247,11 +265,16 @@ KV_TARGET_AVX2 inline size_t RenderHueStageBlocks(const unsigned char* in, unsig
     changedGreen = Select(unsaturated, Select(undefinedHue, greyLevel, green), changedGreen);
     changedBlue = Select(unsaturated, Select(undefinedHue, greyLevel, blue), changedBlue);
 
-    const __m256i result = _mm256_or_si256(
-        _mm256_or_si256(_mm256_slli_epi32(Mix(red, changedRed, keep), Layout::kWriteRed),
-                        _mm256_slli_epi32(Mix(green, changedGreen, keep), Layout::kWriteGreen)),
-        _mm256_or_si256(_mm256_slli_epi32(Mix(blue, changedBlue, keep), Layout::kWriteBlue),
-                        _mm256_slli_epi32(other, Layout::kWriteOther)));
+    if (!kKeepNothing) {
+      changedRed = Mix(red, changedRed, keep);
+      changedGreen = Mix(green, changedGreen, keep);
+      changedBlue = Mix(blue, changedBlue, keep);
+    }
+    const __m256i result =
+        _mm256_or_si256(_mm256_or_si256(_mm256_slli_epi32(changedRed, Layout::kWriteRed),
+                                        _mm256_slli_epi32(changedGreen, Layout::kWriteGreen)),
+                        _mm256_or_si256(_mm256_slli_epi32(changedBlue, Layout::kWriteBlue),
+                                        _mm256_slli_epi32(other, Layout::kWriteOther)));
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + i), result);
   }
   return end;
@@ -292,10 +315,14 @@ int RenderHueStageShare(KVAbstractImage* source, KVAbstractImage* destination, u
   unsigned char* out = PixelBytes(destination) + share.start;
   size_t done = 0;
   if (UseAVX2() && MappingMatches(newHue, mapping)) {
-    if (source->PixelChannelOrder() == kPixelOrderARGB) {
-      done = hue8::RenderHueStageBlocks<hue8::HueStageLayout<true>>(in, out, share.count, mapping, keep);
+    const bool shifted = source->PixelChannelOrder() == kPixelOrderARGB;
+    if (keep == 0.0) {
+      done = shifted ? hue8::RenderHueStageBlocks<hue8::HueStageLayout<true>, true>(in, out, share.count, mapping, keep)
+                     : hue8::RenderHueStageBlocks<hue8::HueStageLayout<false>, true>(in, out, share.count, mapping, keep);
     } else {
-      done = hue8::RenderHueStageBlocks<hue8::HueStageLayout<false>>(in, out, share.count, mapping, keep);
+      done = shifted
+                 ? hue8::RenderHueStageBlocks<hue8::HueStageLayout<true>, false>(in, out, share.count, mapping, keep)
+                 : hue8::RenderHueStageBlocks<hue8::HueStageLayout<false>, false>(in, out, share.count, mapping, keep);
     }
   }
   for (size_t i = done; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
