@@ -59,8 +59,7 @@ KV_TARGET_AVX2 inline __m128i NarrowMask(__m256d mask) {
 }
 
 // Four pixels at a time in the same double operations, in the same order, as
-// the loop below: the reciprocals are the correctly rounded 1.0 / k that
-// Setup stores in the tables (a division beats a gather here), the quotient
+// the loop below: the reciprocals come from the same tables, the quotient
 // h / 60 is a correctly rounded division like the scalar one, and the
 // truncating conversions give the same integers (the most negative one for
 // NaN, whose low byte 0 is what the scalar cast stores). Returns the bytes
