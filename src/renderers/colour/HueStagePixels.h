@@ -105,14 +105,10 @@ KV_TARGET_AVX2 inline __m256i DivideBy360(__m256i n) {
   return _mm256_srli_epi32(HighProduct(_mm256_srli_epi32(n, 3), hls::kBy360Multiplier), 4);
 }
 
-KV_TARGET_AVX2 inline __m256i DivideBy60(__m256i n) {
-  return _mm256_srli_epi32(HighProduct(_mm256_srli_epi32(n, 2), hls::kBy60Multiplier), 3);
-}
-
-// Numerators below 2^24 and divisors up to 510: the correctly rounded single
-// quotient is at least 1/510 away from the next integer whenever the exact
-// one is not an integer, far more than its rounding error, so truncating it
-// gives the integer quotient.
+// Numerators below 2^24, divisors up to 510 and quotients up to 360: the
+// exact quotient, when not an integer, is at least 1/510 away from the next
+// one, far more than the single-precision rounding error (below 2^-15 at
+// 360), so truncating the correctly rounded quotient gives the integer one.
 KV_TARGET_AVX2 inline __m256i DivideExactly(__m256i numerator, __m256i divisor) {
   return _mm256_cvttps_epi32(_mm256_div_ps(_mm256_cvtepi32_ps(numerator), _mm256_cvtepi32_ps(divisor)));
 }
