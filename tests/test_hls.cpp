@@ -2,10 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <limits>
 #include <vector>
 
 #include "ProcessorStageTest.h"
 #include "renderers/colour/HLSModel.h"
+#include "renderers/colour/HueStagePixels.h"
 
 using namespace kvo::image;
 using kvtest::GuardedImage;
@@ -285,4 +287,158 @@ TEST(HLSStages, SkipSourcesOfAnotherDepth) {
     EXPECT_EQ(Bytes(16, 3), out);
     EXPECT_EQ(0u, stage->Type());
   }
+}
+
+// The eight-pixel path against the pixel-by-pixel one (capped with
+// kWiderNone): every colour, odd sizes, misaligned buffers, thread counts.
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+const unsigned int kColourStep = 97;  // instrumented builds sample the cube
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+const unsigned int kColourStep = 97;
+#else
+const unsigned int kColourStep = 1;
+#endif
+#else
+const unsigned int kColourStep = 1;
+#endif
+
+// Runs a stage directly on one thread over a width x height image.
+Bytes RenderDirectly(AbstractRenderer& stage, const Bytes& pixels, unsigned int width, unsigned int height,
+                     KVPixelChannelOrder order) {
+  Bytes in(pixels), out(pixels.size(), 0);
+  KVImage8 source(in.data(), width, height, order), destination(out.data(), width, height, order);
+  stage.Setup(&source);
+  EXPECT_EQ(0, stage.Render(&source, &destination, 0, 1));
+  return out;
+}
+
+// Part `part` of `parts` of the colour cube (every step-th colour), as BGRA
+// pixels with varied alpha, in rows of 4096.
+Bytes ColourCubePart(unsigned int part, unsigned int parts, unsigned int step, unsigned int& width,
+                     unsigned int& height) {
+  const uint32_t colours = 1u << 24, begin = colours / parts * part, end = colours / parts * (part + 1);
+  width = 4096;
+  height = ((end - begin) / step + width) / width;
+  Bytes pixels(static_cast<size_t>(width) * height * 4);
+  size_t i = 0;
+  for (uint32_t c = begin; c < end; c += step, i += 4) {
+    pixels[i] = static_cast<unsigned char>(c);
+    pixels[i + 1] = static_cast<unsigned char>(c >> 8);
+    pixels[i + 2] = static_cast<unsigned char>(c >> 16);
+    pixels[i + 3] = static_cast<unsigned char>(c * 37 >> 3);
+  }
+  for (; i < pixels.size(); ++i) pixels[i] = static_cast<unsigned char>(i * 7);
+  return pixels;
+}
+
+// The cube is split between the stages (one setting each), so a full sweep
+// converts every colour once; sparse > 1 samples it for the side cases.
+template <class Stage>
+void ExpectWiderPathMatchesOnEveryColour(const std::vector<Stage>& stages, KVPixelChannelOrder order,
+                                         unsigned int sparse = 1) {
+  const unsigned int parts = static_cast<unsigned int>(stages.size());
+  for (unsigned int part = 0; part < parts; ++part) {
+    unsigned int width = 0, height = 0;
+    const Bytes pixels = ColourCubePart(part, parts, kColourStep * sparse, width, height);
+    Stage wide = stages[part], narrow = stages[part];
+    const Bytes expected = [&] {
+      kvtest::ScopedWiderExtension plain(kvtl::kWiderNone);
+      return RenderDirectly(narrow, pixels, width, height, order);
+    }();
+    const Bytes actual = RenderDirectly(wide, pixels, width, height, order);
+    ASSERT_EQ(expected.size(), actual.size());
+    if (expected == actual) continue;
+    for (size_t i = 0; i < expected.size(); ++i) {
+      ASSERT_EQ(expected[i], actual[i]) << "part " << part << " byte " << i << " of pixel " << int(pixels[i & ~3u])
+                                        << "," << int(pixels[(i & ~3u) + 1]) << "," << int(pixels[(i & ~3u) + 2]);
+    }
+  }
+}
+
+// Plain against wider through the processor: odd sizes, offset buffers with
+// guards, untouched input, several thread counts.
+void ExpectWiderPathMatchesOnOddShapes(const Setter& set, KVPixelChannelOrder order = kPixelOrderBGRA) {
+  const unsigned int sizes[][2] = {{1, 1}, {7, 3}, {17, 5}, {33, 9}, {97, 31}};
+  const unsigned int threadCounts[] = {1, 2, 3, 7, 16};
+  for (const auto& size : sizes) {
+    const Bytes pixels = kvtest::PatternBytes(size[0] * size[1] * 4, size[0] + size[1]);
+    for (unsigned int threads : threadCounts) {
+      for (size_t offset = 0; offset < 2; ++offset) {
+        Bytes expected;
+        {
+          kvtest::ScopedWiderExtension plain(kvtl::kWiderNone);
+          expected = RenderStage(set, pixels, size[0], size[1], threads, offset, order);
+        }
+        EXPECT_EQ(expected, RenderStage(set, pixels, size[0], size[1], threads, offset, order))
+            << size[0] << "x" << size[1] << " threads " << threads << " offset " << offset;
+      }
+    }
+  }
+}
+
+}  // namespace
+
+TEST(HLSFastPath, ConstantDivisionsAreExactOverTheirRanges) {
+  for (uint32_t n = 0; n < (1u << 19); ++n) ASSERT_EQ(n / 360, hls::DivideBy360(n)) << n;
+  for (uint32_t n = 0; n < (1u << 18); ++n) ASSERT_EQ(n / 60, hls::DivideBy60(n)) << n;
+  for (uint32_t level = 0; level * 51 + 36 < (1u << 16); ++level) {
+    ASSERT_EQ((level * 255 + 180) / 360, hls::ComponentOfLevel(level)) << level;
+  }
+  for (uint32_t sum = 0; sum <= 510; ++sum) ASSERT_EQ((sum * 360 + 255) / 510, hls::LightnessOfSum(sum)) << sum;
+}
+
+TEST(HLSFastPath, HueShiftMatchesOnEveryColour) {
+  const std::vector<HueShiftRenderer> stages = {HueShiftRenderer(45.0, 0.8), HueShiftRenderer(0.0, 1.0),
+                                                HueShiftRenderer(360.0, 0.3), HueShiftRenderer(187.25, 0.0)};
+  ExpectWiderPathMatchesOnEveryColour(stages, kPixelOrderBGRA);
+}
+
+TEST(HLSFastPath, HueColorizeMatchesOnEveryColour) {
+  const std::vector<HueColorizeRenderer> stages = {HueColorizeRenderer(200.0, 0.8), HueColorizeRenderer(0.0, 1.0),
+                                                   HueColorizeRenderer(360.0, 0.55), HueColorizeRenderer(359.9, 0.25)};
+  ExpectWiderPathMatchesOnEveryColour(stages, kPixelOrderBGRA);
+}
+
+TEST(HLSFastPath, HueStagesMatchInChannelOrderTwo) {
+  const std::vector<HueShiftRenderer> shifts = {HueShiftRenderer(300.0, 0.65), HueShiftRenderer(90.5, 1.0)};
+  ExpectWiderPathMatchesOnEveryColour(shifts, kPixelOrderARGB, 13);
+  ExpectWiderPathMatchesOnOddShapes(HueColorize(33.3, 0.7), kPixelOrderARGB);
+}
+
+TEST(HLSFastPath, HueStagesMatchOnOddShapesOffsetsAndThreadCounts) {
+  ExpectWiderPathMatchesOnOddShapes(HueShift(45.0, 0.8));
+  ExpectWiderPathMatchesOnOddShapes(HueColorize(200.0, 0.35));
+  ExpectWiderPathMatchesOnOddShapes(HueShift(300.0, 1.0));
+}
+
+TEST(HLSFastPath, HueStagesMatchWithNaNAndUnusualSettings) {
+  // A NaN hue leaves the eight-pixel path; a NaN amount stays on it.
+  ExpectWiderPathMatchesOnOddShapes(HueShift(kNaN, 0.5));
+  ExpectWiderPathMatchesOnOddShapes(HueShift(10.0, kNaN));
+  ExpectWiderPathMatchesOnOddShapes(HueColorize(kNaN, 1.0));
+  // Stages built directly take settings the setters refuse: amounts outside
+  // 0..1 stay on the eight-pixel path, an offset of -365 leaves it.
+  const std::vector<HueShiftRenderer> shifts = {HueShiftRenderer(-0.5, 3.0), HueShiftRenderer(360.9, -2.0),
+                                                HueShiftRenderer(725.0, 0.5)};
+  ExpectWiderPathMatchesOnEveryColour(shifts, kPixelOrderBGRA, 13);
+}
+
+TEST(HLSFastPath, SaturationMatchesOnEveryColour) {
+  const std::vector<SaturationRenderer> stages = {SaturationRenderer(1.4, nullptr), SaturationRenderer(0.0, nullptr),
+                                                  SaturationRenderer(1.0, nullptr), SaturationRenderer(2.0, nullptr),
+                                                  SaturationRenderer(0.37, nullptr)};
+  ExpectWiderPathMatchesOnEveryColour(stages, kPixelOrderBGRA);
+}
+
+TEST(HLSFastPath, SaturationMatchesOnOddShapesOffsetsThreadCountsAndOddSettings) {
+  ExpectWiderPathMatchesOnOddShapes(Saturation(1.4));
+  ExpectWiderPathMatchesOnOddShapes(Saturation(0.6), kPixelOrderARGB);
+  ExpectWiderPathMatchesOnOddShapes(Saturation(kNaN));
+  const std::vector<SaturationRenderer> unusual = {SaturationRenderer(-1.5, nullptr),
+                                                   SaturationRenderer(std::numeric_limits<double>::infinity(), nullptr),
+                                                   SaturationRenderer(1e300, nullptr)};
+  ExpectWiderPathMatchesOnEveryColour(unusual, kPixelOrderBGRA, 13);
 }

@@ -32,7 +32,7 @@ int HueColorizeRenderer::Render8(KVAbstractImage* source, KVAbstractImage* desti
     if (colorized > 359) colorized -= 360;
     if (colorized < 0) colorized = WrapAdd(colorized, 360);
     return colorized;
-  });
+  }, HueMapping{hue, false});
 }
 
 }  // namespace image

@@ -31,7 +31,7 @@ int HueShiftRenderer::Render8(KVAbstractImage* source, KVAbstractImage* destinat
     if (shifted > 359) shifted -= 360;
     if (shifted < 0) shifted = WrapAdd(shifted, 360);
     return shifted;
-  });
+  }, HueMapping{offset, true});
 }
 
 }  // namespace image

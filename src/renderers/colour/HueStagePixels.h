@@ -1,9 +1,14 @@
 #ifndef KVIMAGE_SRC_RENDERERS_COLOUR_HUESTAGEPIXELS_H
 #define KVIMAGE_SRC_RENDERERS_COLOUR_HUESTAGEPIXELS_H
 
+#include <immintrin.h>
+
+#include <cstdint>
+
 #include <kvimage/colour.h>
 
 #include "renderers/colour/HLSModel.h"
+#include "support/CPUExtensions.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
 #include "support/ThreadShare.h"
@@ -35,31 +40,289 @@ inline unsigned char MixWithSource(unsigned char source, unsigned char changed, 
   return static_cast<unsigned char>(ClampToByte(TruncateToInt((source - changed) * keep + changed)));
 }
 
-// The pixel walk of the hue stages over this thread's share: each colour goes
-// through HLS, newHue(hue) replaces its hue, and the converted colour is mixed
-// with the source by keep. The output starts as the source colour, so a grey
-// whose hue became defined keeps its colour through the conversion back.
+// Exact quotients of the non-negative numerators the model produces, as a
+// 16-bit multiply keeping the high half and a shift (the 8-lane path has no
+// integer division). The ranges are where the shifted numerator fits 16 bits
+// and the multiplier's error stays below one step; tests check every
+// numerator of each range.
+namespace hls {
+
+const uint32_t kBy360Multiplier = 23302;  // (n / 8) / 45, n < 2^19
+const uint32_t kBy60Multiplier = 34953;   // (n / 4) / 15, n < 2^18
+const uint32_t kBy17Multiplier = 61681;   // n / 17, n < 2^16
+const uint32_t kBy72Multiplier = 58255;   // n / 72, n < 2^16
+
+inline uint32_t DivideBy360(uint32_t n) { return (((n >> 3) * kBy360Multiplier) >> 16) >> 4; }
+inline uint32_t DivideBy60(uint32_t n) { return (((n >> 2) * kBy60Multiplier) >> 16) >> 3; }
+// (c * 255 + 180) / 360 is (c * 51 + 36) / 72 (both sides times 5).
+inline uint32_t ComponentOfLevel(uint32_t level) { return (((level * 51 + 36) * kBy72Multiplier) >> 16) >> 6; }
+// (sum * 360 + 255) / 510 is (sum * 24 + 17) / 34 (both sides times 15).
+inline uint32_t LightnessOfSum(uint32_t sum) { return ((((sum * 24 + 17) >> 1) * kBy17Multiplier) >> 16) >> 4; }
+
+}  // namespace hls
+
+// The hue a stage gives each hue of the forward conversion, in the form the
+// eight-pixel path computes: offset, plus the hue itself if addsHue, then one
+// subtraction of 360 above 359 and one addition below 0. The stage's own
+// function stays the reference: the path is taken only when the two agree
+// on every hue -1..360 and every result lies in -1..360, where the path's
+// arithmetic is exact (other settings, a NaN hue, go the plain way).
+struct HueMapping {
+  int offset;
+  bool addsHue;
+
+  int operator()(int hue) const {
+    int mapped = addsHue ? WrapAdd(offset, hue) : offset;
+    if (mapped > 359) mapped -= 360;
+    if (mapped < 0) mapped = WrapAdd(mapped, 360);
+    return mapped;
+  }
+};
+
+template <class NewHue>
+bool MappingMatches(NewHue newHue, const HueMapping& mapping) {
+  for (int hue = -1; hue <= 360; ++hue) {
+    const int mapped = newHue(hue);
+    if (mapped != mapping(hue) || mapped < -1 || mapped > 360) return false;
+  }
+  return true;
+}
+
+namespace hue8 {
+
+// In 32-bit lanes holding values below 2^16, a 16-bit high multiply by a
+// constant whose upper half is 0 is the lane's (n * m) >> 16, and a 16-bit
+// multiply-add is its full product n * m.
+KV_TARGET_AVX2 inline __m256i HighProduct(__m256i n, uint32_t multiplier) {
+  return _mm256_mulhi_epu16(n, _mm256_set1_epi32(static_cast<int>(multiplier)));
+}
+
+KV_TARGET_AVX2 inline __m256i Product(__m256i a, __m256i b) { return _mm256_madd_epi16(a, b); }
+
+KV_TARGET_AVX2 inline __m256i Product(__m256i a, int b) { return _mm256_madd_epi16(a, _mm256_set1_epi32(b)); }
+
+KV_TARGET_AVX2 inline __m256i DivideBy360(__m256i n) {
+  return _mm256_srli_epi32(HighProduct(_mm256_srli_epi32(n, 3), hls::kBy360Multiplier), 4);
+}
+
+// Numerators below 2^24, divisors up to 510 and quotients up to 360: the
+// exact quotient, when not an integer, is at least 1/510 away from the next
+// one, far more than the single-precision rounding error (below 2^-15 at
+// 360), so truncating the correctly rounded quotient gives the integer one.
+KV_TARGET_AVX2 inline __m256i DivideExactly(__m256i numerator, __m256i divisor) {
+  return _mm256_cvttps_epi32(_mm256_div_ps(_mm256_cvtepi32_ps(numerator), _mm256_cvtepi32_ps(divisor)));
+}
+
+KV_TARGET_AVX2 inline __m256i Select(__m256i mask, __m256i whenSet, __m256i otherwise) {
+  return _mm256_blendv_epi8(otherwise, whenSet, mask);
+}
+
+// Channels of the conversion back, sixteen 16-bit lanes at a time (every
+// value lies in -121..480 or its products below 2^15): low + ((high - low) *
+// t + 30) / 60 with t the hue's place on the ramp (0 on the low plateau, 60
+// on the high one), then (c * 255 + 180) / 360 as (c * 51 + 36) / 72, kept
+// to its low byte.
+KV_TARGET_AVX2 inline __m256i ChannelsFromHues(__m256i hue, __m256i low, __m256i span) {
+  const __m256i full = _mm256_set1_epi16(360), zero = _mm256_setzero_si256();
+  hue = _mm256_add_epi16(hue, _mm256_and_si256(_mm256_cmpgt_epi16(zero, hue), full));
+  hue = _mm256_sub_epi16(hue, _mm256_and_si256(_mm256_cmpgt_epi16(hue, full), full));
+  __m256i ramp = _mm256_min_epi16(hue, _mm256_set1_epi16(60));
+  ramp = _mm256_min_epi16(ramp, _mm256_sub_epi16(_mm256_set1_epi16(240), hue));
+  ramp = _mm256_max_epi16(ramp, zero);
+  const __m256i rampNumerator = _mm256_add_epi16(_mm256_mullo_epi16(span, ramp), _mm256_set1_epi16(30));
+  const __m256i component = _mm256_add_epi16(
+      low, _mm256_srli_epi16(_mm256_mulhi_epu16(_mm256_srli_epi16(rampNumerator, 2),
+                                                _mm256_set1_epi16(static_cast<short>(hls::kBy60Multiplier))),
+                             3));
+  const __m256i scaled = _mm256_add_epi16(_mm256_mullo_epi16(component, _mm256_set1_epi16(51)), _mm256_set1_epi16(36));
+  const __m256i quotient =
+      _mm256_srli_epi16(_mm256_mulhi_epu16(scaled, _mm256_set1_epi16(static_cast<short>(hls::kBy72Multiplier))), 6);
+  return _mm256_and_si256(quotient, _mm256_set1_epi16(0xFF));
+}
+
+// clamp(trunc((source - changed) * keep + changed)) in double precision, four
+// lanes at a time.
+KV_TARGET_AVX2 inline __m128i MixHalf(__m128i source, __m128i changed, __m256d keep) {
+  const __m256d difference = _mm256_cvtepi32_pd(_mm_sub_epi32(source, changed));
+  const __m256d mixed = _mm256_add_pd(_mm256_mul_pd(difference, keep), _mm256_cvtepi32_pd(changed));
+  return _mm256_cvttpd_epi32(mixed);
+}
+
+KV_TARGET_AVX2 inline __m256i Mix(__m256i source, __m256i changed, __m256d keep) {
+  const __m128i low = MixHalf(_mm256_castsi256_si128(source), _mm256_castsi256_si128(changed), keep);
+  const __m128i high = MixHalf(_mm256_extracti128_si256(source, 1), _mm256_extracti128_si256(changed, 1), keep);
+  const __m256i mixed = _mm256_inserti128_si256(_mm256_castsi128_si256(low), high, 1);
+  return _mm256_max_epi32(_mm256_min_epi32(mixed, _mm256_set1_epi32(255)), _mm256_setzero_si256());
+}
+
+// The hue stages' pixel, eight at a time, with the same integer results as
+// hls::RGBtoHLS and hls::HLStoRGB for the colours bytes can hold. The byte
+// places are fixed at compile time (shifts by a constant are the cheap
+// kind): Layout is HueStageBytes' usual or channel-order-2 mapping. With
+// keep 0 (amount 1) the mix is the converted colour itself, exactly:
+// (source - changed) * 0 + changed = changed. Returns the number of bytes
+// done (whole blocks of eight pixels).
+template <bool kOrderTwo>
+struct HueStageLayout {
+  static constexpr int kReadRed = kOrderTwo ? 0 : 16, kReadGreen = 8, kReadBlue = kOrderTwo ? 16 : 0;
+  static constexpr int kReadOther = 24;
+  static constexpr int kWriteRed = kOrderTwo ? 8 : 16, kWriteGreen = kOrderTwo ? 16 : 8;
+  static constexpr int kWriteBlue = kOrderTwo ? 24 : 0, kWriteOther = kOrderTwo ? 0 : 24;
+};
+
+template <class Layout, bool kKeepNothing>
+KV_TARGET_AVX2 inline size_t RenderHueStageBlocks(const unsigned char* in, unsigned char* out, size_t count,
+                                                  const HueMapping& mapping, double keepFactor) {
+  const __m256i byteMask = _mm256_set1_epi32(0xFF);
+  const __m256i half = _mm256_set1_epi32(180);
+  const __m256i full = _mm256_set1_epi32(360);
+  const __m256i third = _mm256_set1_epi32(120);
+  const __m256i sixth = _mm256_set1_epi32(60);
+  const __m256i zero = _mm256_setzero_si256();
+  const __m256i minusOne = _mm256_set1_epi32(-1);
+  const __m256d keep = _mm256_set1_pd(keepFactor);
+  const __m256i hueOffset = _mm256_set1_epi32(mapping.offset);
+  const __m256i addsHue = _mm256_set1_epi32(mapping.addsHue ? -1 : 0);
+  const __m256i top = _mm256_set1_epi32(359);
+  const size_t blockBytes = 8 * kBytesPerPixel;
+  const size_t end = count / blockBytes * blockBytes;
+  for (size_t i = 0; i < end; i += blockBytes) {
+    const __m256i pixels = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in + i));
+    const __m256i red = _mm256_and_si256(_mm256_srli_epi32(pixels, Layout::kReadRed), byteMask);
+    const __m256i green = _mm256_and_si256(_mm256_srli_epi32(pixels, Layout::kReadGreen), byteMask);
+    const __m256i blue = _mm256_and_si256(_mm256_srli_epi32(pixels, Layout::kReadBlue), byteMask);
+    const __m256i other = _mm256_srli_epi32(pixels, Layout::kReadOther);
+
+    // Forward: lightness, saturation, hue.
+    const __m256i max = _mm256_max_epi32(red, _mm256_max_epi32(green, blue));
+    const __m256i min = _mm256_min_epi32(red, _mm256_min_epi32(green, blue));
+    const __m256i sum = _mm256_add_epi32(max, min);
+    const __m256i delta = _mm256_sub_epi32(max, min);
+    const __m256i lightness = _mm256_srli_epi32(
+        HighProduct(_mm256_srli_epi32(_mm256_add_epi32(Product(sum, 24), _mm256_set1_epi32(17)), 1),
+                    hls::kBy17Multiplier),
+        4);
+    const __m256i grey = _mm256_cmpeq_epi32(delta, zero);
+    const __m256i light = _mm256_cmpgt_epi32(lightness, half);
+    const __m256i spread = Select(light, _mm256_sub_epi32(_mm256_set1_epi32(510), sum), sum);
+    const __m256i saturationRaw = DivideExactly(
+        _mm256_add_epi32(Product(delta, full), _mm256_srli_epi32(spread, 1)), spread);
+    const __m256i saturation = _mm256_andnot_si256(grey, saturationRaw);
+
+    const __m256i mid = _mm256_sub_epi32(_mm256_add_epi32(red, _mm256_add_epi32(green, blue)), sum);
+    const __m256i midDistance = DivideExactly(
+        _mm256_add_epi32(Product(_mm256_sub_epi32(max, mid), sixth), _mm256_srli_epi32(delta, 1)), delta);
+    const __m256i redIsMax = _mm256_cmpeq_epi32(red, max), greenIsMax = _mm256_cmpeq_epi32(green, max);
+    const __m256i blueIsMax = _mm256_cmpeq_epi32(blue, max);
+    // Below the maximum: 0 for the maximum, 60 for the minimum, the quotient
+    // for the middle component.
+    const __m256i redDistance = _mm256_andnot_si256(redIsMax, Select(_mm256_cmpeq_epi32(red, min), sixth, midDistance));
+    const __m256i greenDistance =
+        _mm256_andnot_si256(greenIsMax, Select(_mm256_cmpeq_epi32(green, min), sixth, midDistance));
+    const __m256i blueDistance =
+        _mm256_andnot_si256(blueIsMax, Select(_mm256_cmpeq_epi32(blue, min), sixth, midDistance));
+    __m256i hue = _mm256_add_epi32(_mm256_set1_epi32(240), _mm256_sub_epi32(greenDistance, redDistance));
+    hue = Select(greenIsMax, _mm256_add_epi32(third, _mm256_sub_epi32(redDistance, blueDistance)), hue);
+    hue = Select(redIsMax, _mm256_sub_epi32(blueDistance, greenDistance), hue);
+    hue = _mm256_add_epi32(hue, _mm256_and_si256(_mm256_cmpgt_epi32(zero, hue), full));
+    hue = _mm256_sub_epi32(hue, _mm256_and_si256(_mm256_cmpgt_epi32(hue, full), full));
+    hue = _mm256_or_si256(hue, grey);  // -1 for a grey
+
+    __m256i newHue = _mm256_add_epi32(hueOffset, _mm256_and_si256(addsHue, hue));
+    newHue = _mm256_sub_epi32(newHue, _mm256_and_si256(_mm256_cmpgt_epi32(newHue, top), full));
+    newHue = _mm256_add_epi32(newHue, _mm256_and_si256(_mm256_cmpgt_epi32(zero, newHue), full));
+
+    // Back: the plateau levels, then each channel on the ramp.
+    const __m256i lightTimesSaturation = Product(lightness, saturation);
+    const __m256i darkHigh =
+        DivideBy360(_mm256_add_epi32(_mm256_add_epi32(lightTimesSaturation, Product(lightness, full)), half));
+    const __m256i lightHigh = _mm256_sub_epi32(_mm256_add_epi32(lightness, saturation),
+                                               DivideBy360(_mm256_add_epi32(lightTimesSaturation, half)));
+    const __m256i high = Select(light, lightHigh, darkHigh);
+    const __m256i low = _mm256_sub_epi32(_mm256_add_epi32(lightness, lightness), high);
+    const __m256i span = _mm256_sub_epi32(high, low);
+    // Red and green share 16-bit lanes, in the interleaved order of a pack;
+    // blue fills both halves of its own.
+    const __m256i low16 = _mm256_packs_epi32(low, low), span16 = _mm256_packs_epi32(span, span);
+    const __m256i redGreen =
+        ChannelsFromHues(_mm256_packs_epi32(_mm256_add_epi32(newHue, third), newHue), low16, span16);
+    const __m256i blueTwice = ChannelsFromHues(_mm256_packs_epi32(_mm256_sub_epi32(newHue, third), zero), low16, span16);
+    __m256i changedRed = _mm256_unpacklo_epi16(redGreen, zero);
+    __m256i changedGreen = _mm256_unpackhi_epi16(redGreen, zero);
+    __m256i changedBlue = _mm256_unpacklo_epi16(blueTwice, zero);
+
+    // Saturation 0: a hue of -1 makes the grey of the lightness, any other
+    // hue leaves the colour as read.
+    const __m256i unsaturated = _mm256_cmpeq_epi32(saturation, zero);
+    const __m256i greyLevel =
+        _mm256_and_si256(DivideBy360(Product(lightness, 255)), byteMask);
+    const __m256i undefinedHue = _mm256_cmpeq_epi32(newHue, minusOne);
+    changedRed = Select(unsaturated, Select(undefinedHue, greyLevel, red), changedRed);
+    changedGreen = Select(unsaturated, Select(undefinedHue, greyLevel, green), changedGreen);
+    changedBlue = Select(unsaturated, Select(undefinedHue, greyLevel, blue), changedBlue);
+
+    if (!kKeepNothing) {
+      changedRed = Mix(red, changedRed, keep);
+      changedGreen = Mix(green, changedGreen, keep);
+      changedBlue = Mix(blue, changedBlue, keep);
+    }
+    const __m256i result =
+        _mm256_or_si256(_mm256_or_si256(_mm256_slli_epi32(changedRed, Layout::kWriteRed),
+                                        _mm256_slli_epi32(changedGreen, Layout::kWriteGreen)),
+                        _mm256_or_si256(_mm256_slli_epi32(changedBlue, Layout::kWriteBlue),
+                                        _mm256_slli_epi32(other, Layout::kWriteOther)));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + i), result);
+  }
+  return end;
+}
+
+}  // namespace hue8
+
+// One pixel of the hue stages: the colour goes through HLS, newHue(hue)
+// replaces its hue, and the converted colour is mixed with the source by
+// keep. The output starts as the source colour, so a grey whose hue became
+// defined keeps its colour through the conversion back.
+template <class NewHue>
+inline void RenderHueStagePixel(const unsigned char* in, unsigned char* out, const HueStageBytes& bytes, double keep,
+                                NewHue newHue) {
+  const KVPixel8_RGB original = {in[bytes.readRed], in[bytes.readGreen], in[bytes.readBlue]};
+  KVPixel8_RGB changed = original;
+  KVPixel8_HLS model;
+  hls::RGBtoHLS(original, model);
+  model.hue = newHue(model.hue);
+  hls::HLStoRGB(model, changed);
+  const unsigned char other = in[bytes.readOther];
+  out[bytes.writeRed] = MixWithSource(original.red, changed.red, keep);
+  out[bytes.writeGreen] = MixWithSource(original.green, changed.green, keep);
+  out[bytes.writeBlue] = MixWithSource(original.blue, changed.blue, keep);
+  out[bytes.writeOther] = other;
+}
+
+// The pixel walk of the hue stages over this thread's share: eight pixels at
+// a time where the processor and the setting allow, the rest one by one.
 template <class NewHue>
 int RenderHueStageShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
-                        unsigned char threadCount, double keep, NewHue newHue) {
+                        unsigned char threadCount, double keep, NewHue newHue, const HueMapping& mapping) {
   const ShareRun share =
       ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
   if (share.count == 0) return 0;
   const HueStageBytes bytes = HueStageBytesFor(source->PixelChannelOrder());
   const unsigned char* in = PixelBytes(source) + share.start;
   unsigned char* out = PixelBytes(destination) + share.start;
-  for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
-    const KVPixel8_RGB original = {in[i + bytes.readRed], in[i + bytes.readGreen], in[i + bytes.readBlue]};
-    KVPixel8_RGB changed = original;
-    KVPixel8_HLS model;
-    hls::RGBtoHLS(original, model);
-    model.hue = newHue(model.hue);
-    hls::HLStoRGB(model, changed);
-    const unsigned char other = in[i + bytes.readOther];
-    out[i + bytes.writeRed] = MixWithSource(original.red, changed.red, keep);
-    out[i + bytes.writeGreen] = MixWithSource(original.green, changed.green, keep);
-    out[i + bytes.writeBlue] = MixWithSource(original.blue, changed.blue, keep);
-    out[i + bytes.writeOther] = other;
+  size_t done = 0;
+  if (UseAVX2() && MappingMatches(newHue, mapping)) {
+    const bool shifted = source->PixelChannelOrder() == kPixelOrderARGB;
+    if (keep == 0.0) {
+      done = shifted ? hue8::RenderHueStageBlocks<hue8::HueStageLayout<true>, true>(in, out, share.count, mapping, keep)
+                     : hue8::RenderHueStageBlocks<hue8::HueStageLayout<false>, true>(in, out, share.count, mapping, keep);
+    } else {
+      done = shifted
+                 ? hue8::RenderHueStageBlocks<hue8::HueStageLayout<true>, false>(in, out, share.count, mapping, keep)
+                 : hue8::RenderHueStageBlocks<hue8::HueStageLayout<false>, false>(in, out, share.count, mapping, keep);
+    }
+  }
+  for (size_t i = done; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
+    RenderHueStagePixel(in + i, out + i, bytes, keep, newHue);
   }
   return 0;
 }
