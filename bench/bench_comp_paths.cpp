@@ -9,6 +9,7 @@
 //   The wider-set argument is kvtl::WiderExtension: 0 runs the SSE2 form,
 //   3 the AVX2 form where a stage has one.
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -147,5 +148,41 @@ void DirectArguments(benchmark::internal::Benchmark* bench) {
   bench->Unit(benchmark::kMillisecond);
 }
 BENCHMARK(BM_CompLayerDirect)->Apply(DirectArguments);
+
+}  // namespace
+
+namespace {
+
+// One processor stage driven directly on the benchmark's own thread, timed in
+// that thread's processor time (read against BM_MemcpyFrame's CPU column).
+// Arguments: stage, wider set.
+void BM_CompStageDirect(benchmark::State& state) {
+  ScopedWider wider(static_cast<int>(state.range(1)));
+  kvbench::AlignedFrame source(kvbench::kFrameWidth, kvbench::kFrameHeight),
+      target(kvbench::kFrameWidth, kvbench::kFrameHeight);
+  source.FillPhotoLike();
+  kvo::KVLookupTables tables;
+  const kvo::image::KVPixel8_RGB colour = {20, 40, 60};
+  std::unique_ptr<kvo::image::AbstractRenderer> stage;
+  switch (state.range(0)) {
+    case kTint: stage.reset(new kvo::image::TintRenderer(kvo::image::kTintSelenium, 0.7)); break;
+    case kThreeStrip: stage.reset(new kvo::image::ThreeStripColorRenderer(0.2, 0.3, 0.4)); break;
+    case kMatteView: stage.reset(new kvo::image::MatteViewRenderer()); break;
+    case kSilhouette: stage.reset(new kvo::image::SilhouetteRenderer(colour)); break;
+    case kMirror: stage.reset(new kvo::image::MirrorRenderer(true, false)); break;
+    case kBleach: stage.reset(new kvo::image::BleachBypassRenderer(0.8, 0.5, 0.4, tables)); break;
+    case kVignette:
+      stage.reset(new kvo::image::VignetteRenderer(colour, 0.8, 0.3, 0.5, 0.6, 0.5, kvo::maths::KVRect()));
+      break;
+    default: stage.reset(new kvo::image::ColorTemperatureRenderer(4500.0)); break;
+  }
+  stage->Setup(source.image());
+  for (auto _ : state) benchmark::DoNotOptimize(stage->Render(source.image(), target.image(), 0, 1));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * source.bytes());
+  state.SetLabel(std::string(kStageNames[state.range(0)]) + (state.range(1) == 0 ? " plain" : ""));
+}
+BENCHMARK(BM_CompStageDirect)
+    ->ArgsProduct({{kTint, kThreeStrip, kMatteView, kSilhouette, kMirror, kBleach, kVignette, kTemperature}, {3}})
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace

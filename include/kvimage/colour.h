@@ -370,6 +370,7 @@ class KVIMAGE_EXPORT VignetteRenderer : public AbstractRenderer {
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
   int Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
+  int Render8_AVX2(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
 
  private:
   // The weight (0..256) at squared normalised distance s.
