@@ -159,4 +159,52 @@ TEST(CompositingPaths, LightSpillWideEqualsPlain) {
   }
 }
 
+// The vignette through the processor, plain or wide; checks the guards and
+// that the source is left as it was.
+struct VignetteCase {
+  double amount, midpoint, roundness, feather, highlights;
+  kvo::maths::KVRect bounds;
+};
+
+Bytes Vignette(const Size& size, size_t offset, unsigned int threads, bool plain, KVPixelChannelOrder order,
+               const Bytes& input, const VignetteCase& shape) {
+  ScopedCoreCount cores(threads);
+  ScopedWiderExtension wider(plain ? kvtl::kWiderNone : kvtl::kWiderAVX2);
+  GuardedImage source(size.width, size.height, offset, order), target(size.width, size.height, offset, order);
+  source.fill(input);
+  KVImageProcessor processor(source.image(), target.image(), kvtest::SharedTables(), kDownsampleNone);
+  const KVPixel8_RGB colour = {200, 30, 90};
+  EXPECT_EQ(0, processor.SetVignette(colour, shape.amount, shape.midpoint, shape.roundness, shape.feather,
+                                     shape.highlights, shape.bounds));
+  EXPECT_EQ(0, processor.Render());
+  EXPECT_TRUE(source.guardsIntact());
+  EXPECT_TRUE(target.guardsIntact());
+  EXPECT_EQ(input, source.contents());
+  return target.contents();
+}
+
+TEST(CompositingPaths, VignetteWideEqualsPlain) {
+  using kvo::maths::KVPoint2;
+  using kvo::maths::KVRect;
+  const VignetteCase shapes[] = {{0.8, 0.3, 0.5, 0.6, 0.5, KVRect()},
+                                 {1.0, 0.0, 0.0, 0.0, 0.0, KVRect()},
+                                 {0.45, 0.7, 1.0, 0.2, 1.0, KVRect(KVPoint2(-3, 2), 20, 7)},
+                                 {0.0, 0.3, 0.5, 0.6, 0.5, KVRect()}};
+  for (size_t s = 0; s < sizeof kOddSizes / sizeof kOddSizes[0]; ++s) {
+    const Size size = kOddSizes[s];
+    const Bytes input = PatternBytes(static_cast<size_t>(size.width) * size.height * 4, 71 + static_cast<uint32_t>(s));
+    for (size_t c = 0; c < sizeof shapes / sizeof shapes[0]; ++c) {
+      for (KVPixelChannelOrder order : {kPixelOrderBGRA, kPixelOrderARGB}) {
+        const Bytes expected = Vignette(size, 0, 1, true, order, input, shapes[c]);
+        for (size_t offset : {0, 1}) {
+          const unsigned int threads = kThreadCounts[(s + c + offset) % 5];
+          ASSERT_EQ(expected, Vignette(size, offset, threads, false, order, input, shapes[c]))
+              << "case " << c << " order " << order << " " << size.width << "x" << size.height << " threads "
+              << threads;
+        }
+      }
+    }
+  }
+}
+
 }  // namespace

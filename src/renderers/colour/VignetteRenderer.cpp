@@ -56,17 +56,22 @@ KV_TARGET_AVX2 void RowWeights_AVX2(const double* columnTerm, double rowTerm, si
       column = _mm256_loadu_pd(padded);
     }
     const __m256d s = _mm256_add_pd(column, row);
-    const __m256d d = _mm256_sqrt_pd(s);
-    __m256d u = one;
-    if (feathered) u = _mm256_min_pd(_mm256_div_pd(_mm256_sub_pd(d, midpoint), feather), one);
-    const __m256d smooth = _mm256_mul_pd(_mm256_mul_pd(u, u), _mm256_sub_pd(three, _mm256_mul_pd(two, u)));
-    __m128i weight = _mm256_cvttpd_epi32(_mm256_mul_pd(_mm256_mul_pd(amount, smooth), scale));
-    const __m128i beyondMidpoint = _mm256_cvtpd_epi32(_mm256_and_pd(_mm256_cmp_pd(d, midpoint, _CMP_GT_OQ), one));
-    weight = _mm_and_si128(weight, _mm_cmpeq_epi32(beyondMidpoint, _mm_set1_epi32(1)));
     const __m256d full = _mm256_cmp_pd(s, fullSquared, _CMP_GE_OQ);
     const __m256d inside = _mm256_cmp_pd(s, untouched, _CMP_LE_OQ);
     const __m128i fullMask = _mm_cmpeq_epi32(_mm256_cvtpd_epi32(_mm256_and_pd(full, one)), _mm_set1_epi32(1));
     const __m128i insideMask = _mm_cmpeq_epi32(_mm256_cvtpd_epi32(_mm256_and_pd(inside, one)), _mm_set1_epi32(1));
+    __m128i weight = _mm_setzero_si128();
+    // Groups wholly inside the midpoint or beyond the feather need no root.
+    if (_mm256_movemask_pd(_mm256_or_pd(full, inside)) != 0xF) {
+      const __m256d d = _mm256_sqrt_pd(s);
+      __m256d u = one;
+      if (feathered) u = _mm256_min_pd(_mm256_div_pd(_mm256_sub_pd(d, midpoint), feather), one);
+      const __m256d smooth = _mm256_mul_pd(_mm256_mul_pd(u, u), _mm256_sub_pd(three, _mm256_mul_pd(two, u)));
+      weight = _mm256_cvttpd_epi32(_mm256_mul_pd(_mm256_mul_pd(amount, smooth), scale));
+      const __m128i beyondMidpoint =
+          _mm256_cvtpd_epi32(_mm256_and_pd(_mm256_cmp_pd(d, midpoint, _CMP_GT_OQ), one));
+      weight = _mm_and_si128(weight, _mm_cmpeq_epi32(beyondMidpoint, _mm_set1_epi32(1)));
+    }
     weight = _mm_blendv_epi8(weight, fullWeight, fullMask);
     weight = _mm_andnot_si128(insideMask, weight);
     if (x + 4 <= count) {
