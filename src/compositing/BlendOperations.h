@@ -243,7 +243,9 @@ struct AlphaComposite {
       const __m256i clear = _mm256_cmpeq_epi32(combined, zero);
       const __m256 inverse = _mm256_div_ps(one, _mm256_cvtepi32_ps(_mm256_max_epi32(combined, _mm256_set1_epi32(1))));
       const __m256 backgroundWeight =
-          _mm256_mul_ps(_mm256_i32gather_ps(divideBy255, backgroundAlpha, 4),
+          _mm256_mul_ps(_mm256_setr_ps(divideBy255[canvas[3]], divideBy255[canvas[7]], divideBy255[canvas[11]], divideBy255[canvas[15]],
+                         divideBy255[canvas[19]], divideBy255[canvas[23]], divideBy255[canvas[27]],
+                         divideBy255[canvas[31]]),
                      _mm256_cvtepi32_ps(_mm256_sub_epi32(byteMask, fa)));
       __m256i result = _mm256_slli_epi32(combined, 24);
       for (int shift = 0; shift < 24; shift += 8) {

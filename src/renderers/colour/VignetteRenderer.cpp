@@ -113,8 +113,15 @@ KV_TARGET_AVX2 size_t MixPixels_AVX2(const unsigned char* in, unsigned char* out
                          _mm256_mullo_epi32(b, _mm256_set1_epi32(29))),
         8);
     const __m256i weight = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(weights + k));
-    const __m256i opacity =
-        _mm256_srai_epi32(_mm256_mullo_epi32(weight, _mm256_i32gather_epi32(protection, luma, 4)), 8);
+    // Eight scalar reads: on processors whose gathers are microcoded they
+    // beat a gather instruction.
+    alignas(32) int lumaLanes[8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(lumaLanes), luma);
+    const __m256i protect = _mm256_setr_epi32(protection[lumaLanes[0]], protection[lumaLanes[1]],
+                                              protection[lumaLanes[2]], protection[lumaLanes[3]],
+                                              protection[lumaLanes[4]], protection[lumaLanes[5]],
+                                              protection[lumaLanes[6]], protection[lumaLanes[7]]);
+    const __m256i opacity = _mm256_srai_epi32(_mm256_mullo_epi32(weight, protect), 8);
     const __m256i keep = _mm256_sub_epi32(k256, opacity);
     __m256i result = _mm256_and_si256(pixels, alphaMask);
     result = _mm256_or_si256(result, _mm256_sll_epi32(MixLanes(r, red, keep, opacity), _mm_cvtsi32_si128(static_cast<int>(8 * at.red))));
