@@ -207,4 +207,35 @@ TEST(CompositingPaths, VignetteWideEqualsPlain) {
   }
 }
 
+Bytes ThreeStrip(const Size& size, size_t offset, unsigned int threads, bool plain, const Bytes& input,
+                 const double (&levels)[3]) {
+  ScopedCoreCount cores(threads);
+  ScopedWiderExtension wider(plain ? kvtl::kWiderNone : kvtl::kWiderAVX2);
+  GuardedImage source(size.width, size.height, offset), target(size.width, size.height, offset);
+  source.fill(input);
+  KVImageProcessor processor(source.image(), target.image(), kvtest::SharedTables(), kDownsampleNone);
+  EXPECT_EQ(0, processor.SetThreeStripColor(levels[0], levels[1], levels[2]));
+  EXPECT_EQ(0, processor.Render());
+  EXPECT_TRUE(source.guardsIntact());
+  EXPECT_TRUE(target.guardsIntact());
+  EXPECT_EQ(input, source.contents());
+  return target.contents();
+}
+
+TEST(CompositingPaths, ThreeStripWideEqualsPlain) {
+  const double levelSets[][3] = {{0.2, 0.3, 0.4}, {0.0, 1.0, 0.5}, {0.9, 0.05, 0.0}};
+  for (size_t s = 0; s < sizeof kOddSizes / sizeof kOddSizes[0]; ++s) {
+    const Size size = kOddSizes[s];
+    const Bytes input = PatternBytes(static_cast<size_t>(size.width) * size.height * 4, 91 + static_cast<uint32_t>(s));
+    for (size_t l = 0; l < sizeof levelSets / sizeof levelSets[0]; ++l) {
+      const Bytes expected = ThreeStrip(size, 0, 1, true, input, levelSets[l]);
+      for (size_t offset : {0, 1}) {
+        const unsigned int threads = kThreadCounts[(s + l + offset) % 5];
+        ASSERT_EQ(expected, ThreeStrip(size, offset, threads, false, input, levelSets[l]))
+            << "levels " << l << " " << size.width << "x" << size.height << " threads " << threads;
+      }
+    }
+  }
+}
+
 }  // namespace
