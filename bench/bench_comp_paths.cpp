@@ -186,3 +186,25 @@ BENCHMARK(BM_CompStageDirect)
     ->Unit(benchmark::kMillisecond);
 
 }  // namespace
+
+namespace {
+
+// The light spill at radius 0 (the glow is the layer itself, so the time is
+// the shared alpha loop's) through the compositor. Arguments: threads, wider set.
+void BM_CompLightSpill(benchmark::State& state) {
+  kvbench::ScopedThreads threads(static_cast<int>(state.range(0)));
+  ScopedWider wider(static_cast<int>(state.range(1)));
+  kvbench::AlignedFrame background(kvbench::kFrameWidth, kvbench::kFrameHeight),
+      layer(kvbench::kFrameWidth, kvbench::kFrameHeight);
+  background.FillPhotoLike();
+  layer.FillPhotoLike();
+  kvo::KVLookupTables tables;
+  kvo::image::KVImageCompositor compositor(background.image(), 1.0, tables, kvo::image::kDownsampleNone);
+  compositor.AddLightSpillLayer(layer.image(), 0, 0.8, kvo::image::kBlendScreen, kvo::image::kDownsampleNone);
+  for (auto _ : state) benchmark::DoNotOptimize(compositor.Render());
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * background.bytes());
+  state.SetLabel(state.range(1) == 0 ? "plain" : "wide");
+}
+BENCHMARK(BM_CompLightSpill)->ArgsProduct({{1, 2}, {0, 3}})->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
