@@ -6,7 +6,7 @@
 //     is composited in place and refreshed outside the timing every
 //     iteration, so each iteration lays the layer over the same photo.
 //   BM_CompStage: one processor stage (arguments: stage, threads).
-//   The wider-set argument is kvtl::WiderExtension: 0 runs the SSE2 form,
+//   The wider-set argument is kvtl::WiderExtension: 0 runs the plain form,
 //   3 the AVX2 form where a stage has one.
 #include <cstring>
 #include <memory>
@@ -57,7 +57,7 @@ void BM_CompLayer(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * background.bytes());
   state.SetLabel(std::string(kModeNames[state.range(0)]) +
                  (type == kvo::image::kCompositeColorOnly ? " colour-only" : " alpha") +
-                 (state.range(3) == 0 ? " sse2" : ""));
+                 (state.range(3) == 0 ? " plain" : ""));
 }
 
 void LayerArguments(benchmark::internal::Benchmark* bench) {
