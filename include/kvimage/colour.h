@@ -306,6 +306,7 @@ class KVIMAGE_EXPORT ThreeStripColorRenderer : public AbstractRenderer {
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
   int Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
+  int Render8_AVX2(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
 
  private:
   double m_levelA;
@@ -370,6 +371,7 @@ class KVIMAGE_EXPORT VignetteRenderer : public AbstractRenderer {
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
   int Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
+  int Render8_AVX2(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
 
  private:
   // The weight (0..256) at squared normalised distance s.

@@ -1,0 +1,91 @@
+#ifndef KVIMAGE_SRC_COMPOSITING_BLENDVECTORS_H
+#define KVIMAGE_SRC_COMPOSITING_BLENDVECTORS_H
+
+// The blend results of BlendOperations.h on eight pixels at once: one channel
+// of eight pixels in the eight 32-bit lanes of an AVX2 register, every value in
+// 0 .. 255. Each form gives exactly the byte its lookup table holds (the
+// tables are built from the same integer arithmetic); modes without an exact
+// integer form read the table lane by lane.
+
+#include <immintrin.h>
+
+#include <kvimage/support.h>
+
+#include "support/CPUExtensions.h"
+
+namespace kvo {
+namespace image {
+
+namespace blendvec {
+
+// (n + 127) / 255 for 0 <= n + 127 < 65536: the multiply-shift by
+// 2^23 / 255 rounded up is exact over that range.
+KV_TARGET_AVX2 inline __m256i RoundedQuotient255(__m256i n) {
+  const __m256i rounded = _mm256_add_epi32(n, _mm256_set1_epi32(127));
+  return _mm256_srli_epi32(_mm256_mullo_epi32(rounded, _mm256_set1_epi32(0x8081)), 23);
+}
+
+// round(a * b / 255)
+KV_TARGET_AVX2 inline __m256i Multiply(__m256i a, __m256i b) { return RoundedQuotient255(_mm256_mullo_epi32(a, b)); }
+
+// round(((t + b) * 255 - t * b) / 255)
+KV_TARGET_AVX2 inline __m256i Screen(__m256i t, __m256i b) {
+  const __m256i sum255 = _mm256_mullo_epi32(_mm256_add_epi32(t, b), _mm256_set1_epi32(255));
+  return RoundedQuotient255(_mm256_sub_epi32(sum255, _mm256_mullo_epi32(t, b)));
+}
+
+// Multiply by 2t below the middle, screen with 2t - 255 above.
+KV_TARGET_AVX2 inline __m256i HardLight(__m256i t, __m256i b) {
+  const __m256i twice = _mm256_add_epi32(t, t);
+  const __m256i low = Multiply(twice, b);
+  const __m256i high = Screen(_mm256_sub_epi32(twice, _mm256_set1_epi32(255)), b);
+  return _mm256_blendv_epi8(low, high, _mm256_cmpgt_epi32(twice, _mm256_set1_epi32(255)));
+}
+
+// Integer quotient of non-negative values below 2^16 by a divisor in
+// 1 .. 255 through single precision: the correctly rounded float quotient is
+// never close enough to the next integer to round up to it, so truncation
+// gives the integer quotient.
+KV_TARGET_AVX2 inline __m256i SmallQuotient(__m256i numerator, __m256i divisor) {
+  return _mm256_cvttps_epi32(_mm256_div_ps(_mm256_cvtepi32_ps(numerator), _mm256_cvtepi32_ps(divisor)));
+}
+
+// Lanes where the divisor would be 0 are excluded by the callers' selects;
+// they divide by 1 instead.
+KV_TARGET_AVX2 inline __m256i ColorDodge(__m256i t, __m256i b) {
+  const __m256i k255 = _mm256_set1_epi32(255);
+  const __m256i gap = _mm256_sub_epi32(k255, t);
+  const __m256i safeGap = _mm256_max_epi32(gap, _mm256_set1_epi32(1));
+  const __m256i numerator = _mm256_add_epi32(_mm256_mullo_epi32(b, k255), _mm256_srli_epi32(gap, 1));
+  __m256i result = _mm256_min_epi32(SmallQuotient(numerator, safeGap), k255);
+  result = _mm256_blendv_epi8(result, k255, _mm256_cmpeq_epi32(t, k255));
+  return _mm256_andnot_si256(_mm256_cmpeq_epi32(b, _mm256_setzero_si256()), result);
+}
+
+KV_TARGET_AVX2 inline __m256i ColorBurn(__m256i t, __m256i b) {
+  const __m256i k255 = _mm256_set1_epi32(255);
+  const __m256i zero = _mm256_setzero_si256();
+  const __m256i safeT = _mm256_max_epi32(t, _mm256_set1_epi32(1));
+  const __m256i numerator = _mm256_add_epi32(_mm256_mullo_epi32(_mm256_sub_epi32(k255, b), k255), _mm256_srli_epi32(t, 1));
+  const __m256i burned = SmallQuotient(numerator, safeT);
+  __m256i result = _mm256_andnot_si256(_mm256_cmpgt_epi32(burned, k255), _mm256_sub_epi32(k255, burned));
+  result = _mm256_andnot_si256(_mm256_cmpeq_epi32(t, zero), result);
+  return _mm256_blendv_epi8(result, k255, _mm256_cmpeq_epi32(b, k255));
+}
+
+// Operation::Apply lane by lane, for the curves without an integer form.
+template <class Operation>
+KV_TARGET_AVX2 inline __m256i ScalarLanes(kvo::KVLookupTables& tables, __m256i t, __m256i b) {
+  alignas(32) int top[8], bottom[8], result[8];
+  _mm256_store_si256(reinterpret_cast<__m256i*>(top), t);
+  _mm256_store_si256(reinterpret_cast<__m256i*>(bottom), b);
+  for (int lane = 0; lane < 8; ++lane) result[lane] = Operation::Apply(tables, top[lane], bottom[lane]);
+  return _mm256_load_si256(reinterpret_cast<const __m256i*>(result));
+}
+
+}  // namespace blendvec
+
+}  // namespace image
+}  // namespace kvo
+
+#endif
