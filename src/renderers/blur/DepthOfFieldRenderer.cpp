@@ -83,7 +83,6 @@ void DepthOfFieldRenderer::Setup(KVAbstractImage* image) {
   left = top = right = bottom = 0;
   levelRadius.clear();
   std::vector<std::vector<unsigned char> >().swap(levels);
-  CheckStackBlurRadius(radius);
   const uint32_t w = image->Width(), h = image->Height();
   const size_t pixelCount = static_cast<size_t>(w) * h;
   if (pixelCount == 0 || image->BitsPerChannel() != 0 || image->BufferByteSize() < pixelCount * kBytesPerPixel) {

@@ -9,11 +9,14 @@
 
 #include <kvimage/blur.h>
 
+#include "renderers/blur/StackBlurPasses.h"
+
 namespace kvo {
 namespace image {
 
-// Above this radius 255 * (radius+1)^2, the largest weighted sum of a window,
-// leaves the 32-bit range of the running sums and of the divide table's index.
+// Up to this radius 255 * (radius+1)^2, the largest weighted sum of a window,
+// stays below 2^31: the passes keep 32-bit sums and divide them with
+// StackBlurDivider. Larger radii take 128-bit sums (StackBlurWideLine).
 const uint32_t kLargestStackBlurRadius = 2895;
 
 // The lines [first, first + count) of a share of `perShare` lines out of
@@ -51,6 +54,9 @@ class StackBlurDivider {
     m_multiplier = (uint64_t(1) << m_shift) / divisor + 1;
   }
   int32_t operator()(uint32_t sum) const { return static_cast<int32_t>((sum * m_multiplier) >> m_shift); }
+  // m = 2^shift / divisor + 1 with shift = 31 + ceil(log2 divisor) stays below 2^32.
+  uint32_t Multiplier() const { return static_cast<uint32_t>(m_multiplier); }
+  unsigned Shift() const { return m_shift; }
 
  private:
   uint64_t m_multiplier;
@@ -144,20 +150,35 @@ inline std::vector<uint32_t> StackBlurWindow(uint32_t radius, unsigned channels,
 }
 
 // The row pass over rows of `data`'s share: C channels fetched by `fetch(rowStart + x, values)`,
-// emitted by `emit(rowStart + x, sums)`.
+// emitted divided by `emit(rowStart + x, quotients)`.
 template <unsigned C, class Fetch, class Emit>
 inline void RowPass(const StackBlurData& data, Fetch fetch, Emit emit) {
-  if (data.width == 0 || data.height == 0 || data.radius > kLargestStackBlurRadius) return;
+  if (data.width == 0 || data.height == 0) return;
   const LineShare rows = LineShareOf(data.threadIndex, data.rowsPerThread, data.height);
   if (rows.first == rows.end) return;
+  if (data.radius > kLargestStackBlurRadius) {
+    for (uint32_t y = rows.first; y < rows.end; ++y) {
+      const size_t rowStart = static_cast<size_t>(y) * data.width;
+      StackBlurWideLine<C>(
+          data.width, data.radius, [&](uint64_t x, uint32_t* values) { fetch(rowStart + x, values); },
+          [&](uint64_t x, const uint32_t* quotients) { emit(rowStart + x, quotients); });
+    }
+    return;
+  }
   std::vector<uint32_t> stack = StackBlurWindow(data.radius, C);
   const int32_t* edgeIndex = data.edgeIndex;
+  const StackBlurDivider divide(data.radius);
   for (uint32_t y = rows.first; y < rows.end; ++y) {
     const size_t rowStart = static_cast<size_t>(y) * data.width;
     StackBlurLine<C>(
         data.width, 1, data.radius, stack.data(),
         [&](size_t offset, uint32_t* values) { fetch(rowStart + offset, values); },
-        [&](uint32_t x) { return edgeIndex[x]; }, [&](uint32_t x, const uint32_t* sums) { emit(rowStart + x, sums); });
+        [&](uint32_t x) { return edgeIndex[x]; },
+        [&](uint32_t x, const uint32_t* sums) {
+          uint32_t quotients[C];
+          for (unsigned c = 0; c < C; ++c) quotients[c] = static_cast<uint32_t>(divide(sums[c]));
+          emit(rowStart + x, quotients);
+        });
   }
 }
 
@@ -169,13 +190,25 @@ inline void RowPass(const StackBlurData& data, Fetch fetch, Emit emit) {
 // pass's state.)
 template <unsigned C, class Fetch, class Store>
 inline void ColumnPass(const StackBlurData& data, Fetch fetch, Store store) {
-  if (data.width == 0 || data.height == 0 || data.radius > kLargestStackBlurRadius) return;
+  if (data.width == 0 || data.height == 0) return;
   const LineShare columns = LineShareOf(data.threadIndex, data.columnsPerThread, data.width);
   if (columns.first == columns.end) return;
+  const size_t width = data.width;
+  if (data.radius > kLargestStackBlurRadius) {
+    for (uint32_t x = columns.first; x < columns.end; ++x) {
+      StackBlurWideLine<C>(
+          data.height, data.radius, [&](uint64_t y, uint32_t* values) { fetch(y * width + x, values); },
+          [&](uint64_t y, const uint32_t* quotients) {
+            uint32_t results[1][C];
+            for (unsigned c = 0; c < C; ++c) results[0][c] = quotients[c];
+            store(y * width + x, results, 1);
+          });
+    }
+    return;
+  }
   std::vector<uint32_t> stack =
       StackBlurWindow(data.radius, C, std::min<uint32_t>(kStackBlurLinesPerBlock, columns.end - columns.first));
   const int32_t* edgeIndex = data.edgeIndex;
-  const size_t width = data.width;
   const StackBlurDivider divide(data.radius);
   uint32_t results[kStackBlurLinesPerBlock][C];
   for (uint32_t x = columns.first; x < columns.end; x += kStackBlurLinesPerBlock) {

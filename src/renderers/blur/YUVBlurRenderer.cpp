@@ -213,16 +213,15 @@ void* StackBlurVertYUVProc(void* data) {
     const unsigned char* pixels = d.yuvPixels->data();
     int32_t* plane0 = d.chromaPlane0->data();
     int32_t* plane1 = d.chromaPlane1->data();
-    const StackBlurDivider divide(d.radius);
     RowPass<2>(
         AsPassData(d),
         [&](size_t pixel, uint32_t* values) {
           values[0] = pixels[pixel * kBytesPerPixel + kChromaVByte];
           values[1] = pixels[pixel * kBytesPerPixel + kChromaUByte];
         },
-        [&](size_t pixel, const uint32_t* sums) {
-          plane0[pixel] = divide(sums[0]);
-          plane1[pixel] = divide(sums[1]);
+        [&](size_t pixel, const uint32_t* quotients) {
+          plane0[pixel] = static_cast<int32_t>(quotients[0]);
+          plane1[pixel] = static_cast<int32_t>(quotients[1]);
         });
   });
 }
@@ -261,11 +260,7 @@ void YUVBlurRenderer::Setup(KVAbstractImage* image) {
   const uint32_t threads = PassThreadCount();
   const uint32_t w = image->Width(), h = image->Height();
   yuvPixels.reset();
-  chromaPlane0.reset();
-  chromaPlane1.reset();
-  edgeIndex.reset();
   const size_t bytes = static_cast<size_t>(w) * h * kBytesPerPixel;
-  if (blurType == kYUVBlurStack) CheckStackBlurRadius(radius);
   if (bytes == 0 || image->BitsPerChannel() != 0 || image->BufferByteSize() < bytes) return;
 
   yuvPixels.reset(new std::vector<unsigned char>(bytes));
@@ -318,37 +313,17 @@ void YUVBlurRenderer::RunBoxPass(void* (*pass)(void*), uint32_t width, uint32_t 
   RunThreads(pass, records);
 }
 
+// The row pass leaves the two blurred chroma bytes of every pixel in a plane
+// of two bytes a pixel; the column pass writes its results back into bytes 0
+// and 1 of the converted image, keeping luma and alpha.
 void YUVBlurRenderer::RunStackBlur(uint32_t width, uint32_t height) {
-  const uint32_t threads = PassThreadCount();
-  const size_t pixels = static_cast<size_t>(width) * height;
-  chromaPlane0.reset(new std::vector<int32_t>(pixels));
-  chromaPlane1.reset(new std::vector<int32_t>(pixels));
-  edgeIndex.reset(new std::vector<int32_t>(std::max(width, height)));
-  const std::vector<int32_t> divideTable = StackBlurDivideTable(radius);
-
-  std::vector<YUVStackBlurData> records(threads);
-  const uint32_t rowsPerThread = LinesPerThread(height, threads);
-  const uint32_t columnsPerThread = LinesPerThread(width, threads);
-  for (uint32_t t = 0; t < threads; ++t) {
-    YUVStackBlurData& data = records[t];
-    data.threadIndex = t;
-    data.rowsPerThread = rowsPerThread;
-    data.columnsPerThread = columnsPerThread;
-    data.width = width;
-    data.height = height;
-    data.radius = radius;
-    data.chromaPlane0 = chromaPlane0;
-    data.chromaPlane1 = chromaPlane1;
-    data.yuvPixels = yuvPixels;
-    data.edgeIndex = edgeIndex;
-    data.divideTable = divideTable.data();
-  }
-  // The entering positions do not depend on the thread: filled here, before
-  // each pass, rather than by every share.
-  FillStackBlurRowEdgeIndex(edgeIndex->data(), width, radius);
-  RunThreads(StackBlurVertYUVProc, records);
-  FillStackBlurColumnEdgeIndex(edgeIndex->data(), width, height, radius);
-  RunThreads(StackBlurHorizYUVProc, records);
+  std::vector<unsigned char> chromaRows(static_cast<size_t>(width) * height * kPlaneFirstTwoBytes);
+  const size_t rowBytes = static_cast<size_t>(width) * kBytesPerPixel;
+  const size_t planeRowBytes = static_cast<size_t>(width) * kPlaneFirstTwoBytes;
+  RunStackBlurRowPass(yuvPixels->data(), rowBytes, chromaRows.data(), planeRowBytes, width, height, radius,
+                      kPlaneFirstTwoBytes);
+  RunStackBlurColumnPass(chromaRows.data(), planeRowBytes, width, height, radius, kStoreFirstTwoBytes,
+                         yuvPixels->data(), rowBytes, nullptr, 0);
 }
 
 int YUVBlurRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,

@@ -1,0 +1,437 @@
+#include "renderers/blur/StackBlurPasses.h"
+
+#include <emmintrin.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "renderers/blur/StackBlurCore.h"
+#include "support/PixelLayout.h"
+#include "support/Threads.h"
+
+namespace kvo {
+namespace image {
+
+namespace {
+
+// ----- 32-bit sums, four to a register ------------------------------------------
+
+// The four bytes of a pixel as four 32-bit lanes.
+inline __m128i PixelLanes(const unsigned char* pixel) {
+  int32_t word;
+  std::memcpy(&word, pixel, sizeof(word));
+  const __m128i zero = _mm_setzero_si128();
+  return _mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_cvtsi32_si128(word), zero), zero);
+}
+
+// StackBlurDivider on four lanes: sums below 2^31 times a multiplier below
+// 2^32 stay below 2^63, so the 64-bit products of _mm_mul_epu32 are exact.
+class LaneDivider {
+ public:
+  explicit LaneDivider(const StackBlurDivider& divider)
+      : m_multiplier(_mm_set1_epi32(static_cast<int>(divider.Multiplier()))),
+        m_shift(_mm_cvtsi32_si128(static_cast<int>(divider.Shift()))) {}
+  __m128i operator()(__m128i sums) const {
+    const __m128i even = _mm_srl_epi64(_mm_mul_epu32(sums, m_multiplier), m_shift);
+    const __m128i odd = _mm_srl_epi64(_mm_mul_epu32(_mm_srli_epi64(sums, 32), m_multiplier), m_shift);
+    return _mm_or_si128(even, _mm_slli_epi64(odd, 32));
+  }
+
+ private:
+  __m128i m_multiplier;
+  __m128i m_shift;
+};
+
+// Sums of the first window of a line whose positions 0 .. last hold `value(p)`
+// (`C` lanes each): positions -r .. 0 repeat position 0, positions beyond last
+// repeat last.
+template <class Value>
+void FirstWindow(unsigned C, uint32_t radius, uint32_t last, Value value, uint32_t* sum, uint32_t* inSum,
+                 uint32_t* outSum) {
+  const uint32_t r1 = radius + 1;
+  const unsigned char* first = value(0);
+  for (unsigned c = 0; c < C; ++c) {
+    outSum[c] = r1 * first[c];
+    sum[c] = first[c] * (r1 * (r1 + 1) / 2);
+    inSum[c] = 0;
+  }
+  const uint32_t inside = std::min(radius, last);
+  for (uint32_t i = 1; i <= inside; ++i) {
+    const unsigned char* v = value(i);
+    const uint32_t weight = r1 - i;
+    for (unsigned c = 0; c < C; ++c) {
+      sum[c] += v[c] * weight;
+      inSum[c] += v[c];
+    }
+  }
+  if (radius > last) {
+    const uint32_t beyond = radius - last;
+    const unsigned char* v = value(last);
+    for (unsigned c = 0; c < C; ++c) {
+      inSum[c] += beyond * v[c];
+      sum[c] += v[c] * (beyond * (beyond + 1) / 2);
+    }
+  }
+}
+
+template <StackBlurPlaneKind Kind>
+inline void StorePlanePixel(unsigned char* out, __m128i quotients) {
+  const __m128i packed = _mm_packus_epi16(_mm_packs_epi32(quotients, quotients), _mm_setzero_si128());
+  const uint32_t word = static_cast<uint32_t>(_mm_cvtsi128_si32(packed));
+  if (Kind == kPlaneFourBytes) {
+    std::memcpy(out, &word, 4);
+  } else if (Kind == kPlaneFirstTwoBytes) {
+    const uint16_t low = static_cast<uint16_t>(word);
+    std::memcpy(out, &low, 2);
+  } else {
+    out[0] = static_cast<unsigned char>(word >> 24);
+  }
+}
+
+template <StackBlurPlaneKind Kind>
+void RowsToPlane32(const unsigned char* source, size_t sourceStride, unsigned char* plane, size_t planeStride,
+                   uint32_t width, uint32_t firstRow, uint32_t endRow, uint32_t radius) {
+  const LaneDivider divide{StackBlurDivider(radius)};
+  const size_t last = width - 1, r1 = static_cast<size_t>(radius) + 1;
+  for (uint32_t y = firstRow; y < endRow; ++y) {
+    const unsigned char* line = source + y * sourceStride;
+    unsigned char* out = plane + y * planeStride;
+    alignas(16) uint32_t first[3][4];
+    FirstWindow(
+        4, radius, static_cast<uint32_t>(last), [&](uint32_t p) { return line + static_cast<size_t>(p) * kBytesPerPixel; },
+        first[0], first[1], first[2]);
+    __m128i sum = _mm_load_si128(reinterpret_cast<const __m128i*>(first[0]));
+    __m128i inSum = _mm_load_si128(reinterpret_cast<const __m128i*>(first[1]));
+    __m128i outSum = _mm_load_si128(reinterpret_cast<const __m128i*>(first[2]));
+    for (size_t x = 0; x <= last; ++x) {
+      StorePlanePixel<Kind>(out + x * Kind, divide(sum));
+      const size_t leaving = x > radius ? x - radius : 0;
+      const size_t entering = std::min(x + r1, last);
+      const size_t centre = std::min(x + 1, last);
+      sum = _mm_sub_epi32(sum, outSum);
+      outSum = _mm_sub_epi32(outSum, PixelLanes(line + leaving * kBytesPerPixel));
+      inSum = _mm_add_epi32(inSum, PixelLanes(line + entering * kBytesPerPixel));
+      sum = _mm_add_epi32(sum, inSum);
+      const __m128i centreValues = PixelLanes(line + centre * kBytesPerPixel);
+      outSum = _mm_add_epi32(outSum, centreValues);
+      inSum = _mm_sub_epi32(inSum, centreValues);
+    }
+  }
+}
+
+unsigned PlaneBytesOf(StackBlurColumnStore store) {
+  return store == kStoreBytes ? 4u : (store == kStoreAlphaOverColour ? 1u : 2u);
+}
+
+// 16 plane bytes at `at` of a row, zero-padded past `count`.
+inline __m128i LoadChunk(const unsigned char* row, size_t count) {
+  if (count == 16) return _mm_loadu_si128(reinterpret_cast<const __m128i*>(row));
+  alignas(16) unsigned char padded[16] = {};
+  std::memcpy(padded, row, count);
+  return _mm_load_si128(reinterpret_cast<const __m128i*>(padded));
+}
+
+inline void ChunkLanes(__m128i bytes, __m128i (&lanes)[4]) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i low = _mm_unpacklo_epi8(bytes, zero), high = _mm_unpackhi_epi8(bytes, zero);
+  lanes[0] = _mm_unpacklo_epi16(low, zero);
+  lanes[1] = _mm_unpackhi_epi16(low, zero);
+  lanes[2] = _mm_unpacklo_epi16(high, zero);
+  lanes[3] = _mm_unpackhi_epi16(high, zero);
+}
+
+inline __m128i PackChunk(const __m128i (&quotients)[4]) {
+  return _mm_packus_epi16(_mm_packs_epi32(quotients[0], quotients[1]), _mm_packs_epi32(quotients[2], quotients[3]));
+}
+
+// Stores the quotients of the 16 plane bytes at `at` (`count` of them valid)
+// into a target row.
+template <StackBlurColumnStore Store>
+inline void StoreChunk(unsigned char* targetRow, const unsigned char* colourRow, size_t at, size_t count,
+                       const __m128i (&quotients)[4]) {
+  if (Store == kStoreBytes) {
+    const __m128i packed = PackChunk(quotients);
+    if (count == 16) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(targetRow + at), packed);
+    } else {
+      alignas(16) unsigned char bytes[16];
+      _mm_store_si128(reinterpret_cast<__m128i*>(bytes), packed);
+      std::memcpy(targetRow + at, bytes, count);
+    }
+    return;
+  }
+  // The merging stores work on 64 or 32 target bytes; a partial chunk goes
+  // through a local copy.
+  const size_t targetBytes = Store == kStoreAlphaOverColour ? count * 4 : count * 2;
+  const size_t fullBytes = Store == kStoreAlphaOverColour ? 64 : 32;
+  unsigned char* target = targetRow + (Store == kStoreAlphaOverColour ? at * 4 : at * 2);
+  alignas(16) unsigned char localTarget[64], localColour[64];
+  const bool partial = targetBytes != fullBytes;
+  if (Store == kStoreAlphaOverColour) {
+    const unsigned char* colour = colourRow + at * 4;
+    if (partial) {
+      std::memcpy(localColour, colour, targetBytes);
+      colour = localColour;
+    }
+    unsigned char* out = partial ? localTarget : target;
+    const __m128i colourMask = _mm_set1_epi32(0x00FFFFFF);
+    for (unsigned g = 0; g < 4; ++g) {
+      const __m128i pixels = _mm_loadu_si128(reinterpret_cast<const __m128i*>(colour + 16 * g));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16 * g),
+                       _mm_or_si128(_mm_and_si128(pixels, colourMask), _mm_slli_epi32(quotients[g], 24)));
+    }
+  } else {
+    unsigned char* out = target;
+    if (partial) {
+      std::memcpy(localTarget, target, targetBytes);
+      out = localTarget;
+    }
+    const __m128i packed = PackChunk(quotients), zero = _mm_setzero_si128();
+    const __m128i keep = _mm_set1_epi32(static_cast<int>(0xFFFF0000u));
+    const __m128i halves[2] = {_mm_unpacklo_epi16(packed, zero), _mm_unpackhi_epi16(packed, zero)};
+    for (unsigned h = 0; h < 2; ++h) {
+      const __m128i pixels = _mm_loadu_si128(reinterpret_cast<const __m128i*>(out + 16 * h));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16 * h), _mm_or_si128(_mm_and_si128(pixels, keep), halves[h]));
+    }
+  }
+  if (partial) std::memcpy(target, localTarget, targetBytes);
+}
+
+// Plane bytes walked side by side down the columns: whole cache lines of
+// every row read, and the sums of a block stay in the first-level cache.
+const size_t kColumnBlockBytes = 256;
+
+template <StackBlurColumnStore Store>
+void PlaneColumns32(const unsigned char* plane, size_t planeStride, uint32_t height, size_t firstByte,
+                    size_t endByte, uint32_t radius, unsigned char* target, size_t targetStride,
+                    const unsigned char* colour, size_t colourStride) {
+  const LaneDivider divide{StackBlurDivider(radius)};
+  const size_t last = height - 1, r1 = static_cast<size_t>(radius) + 1;
+  alignas(16) uint32_t sums[kColumnBlockBytes], inSums[kColumnBlockBytes], outSums[kColumnBlockBytes];
+  for (size_t block = firstByte; block < endByte; block += kColumnBlockBytes) {
+    const size_t bytes = std::min(kColumnBlockBytes, endByte - block);
+    std::fill(sums, sums + kColumnBlockBytes, 0u);
+    std::fill(inSums, inSums + kColumnBlockBytes, 0u);
+    std::fill(outSums, outSums + kColumnBlockBytes, 0u);
+    FirstWindow(
+        static_cast<unsigned>(bytes), radius, static_cast<uint32_t>(last),
+        [&](uint32_t p) { return plane + static_cast<size_t>(p) * planeStride + block; }, sums, inSums, outSums);
+    for (size_t y = 0; y <= last; ++y) {
+      const unsigned char* leaving = plane + (y > radius ? y - radius : 0) * planeStride + block;
+      const unsigned char* entering = plane + std::min(y + r1, last) * planeStride + block;
+      const unsigned char* centre = plane + std::min(y + 1, last) * planeStride + block;
+      unsigned char* targetRow = target + y * targetStride;
+      const unsigned char* colourRow = colour != nullptr ? colour + y * colourStride : nullptr;
+      for (size_t chunk = 0; chunk < bytes; chunk += 16) {
+        const size_t count = std::min<size_t>(16, bytes - chunk);
+        __m128i leavingLanes[4], enteringLanes[4], centreLanes[4], quotients[4];
+        ChunkLanes(LoadChunk(leaving + chunk, count), leavingLanes);
+        ChunkLanes(LoadChunk(entering + chunk, count), enteringLanes);
+        ChunkLanes(LoadChunk(centre + chunk, count), centreLanes);
+        for (unsigned g = 0; g < 4; ++g) {
+          __m128i* sumAt = reinterpret_cast<__m128i*>(sums + chunk + 4 * g);
+          __m128i* inAt = reinterpret_cast<__m128i*>(inSums + chunk + 4 * g);
+          __m128i* outAt = reinterpret_cast<__m128i*>(outSums + chunk + 4 * g);
+          __m128i sum = _mm_load_si128(sumAt), inSum = _mm_load_si128(inAt), outSum = _mm_load_si128(outAt);
+          quotients[g] = divide(sum);
+          sum = _mm_sub_epi32(sum, outSum);
+          outSum = _mm_sub_epi32(outSum, leavingLanes[g]);
+          inSum = _mm_add_epi32(inSum, enteringLanes[g]);
+          sum = _mm_add_epi32(sum, inSum);
+          outSum = _mm_add_epi32(outSum, centreLanes[g]);
+          inSum = _mm_sub_epi32(inSum, centreLanes[g]);
+          _mm_store_si128(sumAt, sum);
+          _mm_store_si128(inAt, inSum);
+          _mm_store_si128(outAt, outSum);
+        }
+        StoreChunk<Store>(targetRow, colourRow, block + chunk, count, quotients);
+      }
+    }
+  }
+}
+
+// ----- 128-bit sums, any radius -------------------------------------------------
+
+template <unsigned C, unsigned FirstByte>
+void RowsToPlaneWide(const unsigned char* source, size_t sourceStride, unsigned char* plane, size_t planeStride,
+                     uint32_t width, uint32_t firstRow, uint32_t endRow, uint32_t radius) {
+  for (uint32_t y = firstRow; y < endRow; ++y) {
+    const unsigned char* line = source + y * sourceStride;
+    unsigned char* out = plane + y * planeStride;
+    StackBlurWideLine<C>(
+        width, radius,
+        [&](uint64_t p, uint32_t* values) {
+          for (unsigned c = 0; c < C; ++c) values[c] = line[p * kBytesPerPixel + FirstByte + c];
+        },
+        [&](uint64_t x, const uint32_t* quotients) {
+          for (unsigned c = 0; c < C; ++c) out[x * C + c] = static_cast<unsigned char>(quotients[c]);
+        });
+  }
+}
+
+// 16 plane bytes side by side, as in the 32-bit column pass.
+void PlaneColumnsWide(const unsigned char* plane, size_t planeStride, uint32_t height, size_t firstByte,
+                      size_t endByte, uint32_t radius, StackBlurColumnStore store, unsigned char* target,
+                      size_t targetStride, const unsigned char* colour, size_t colourStride) {
+  const unsigned kSide = 16;
+  for (size_t group = firstByte; group < endByte; group += kSide) {
+    const size_t count = std::min<size_t>(kSide, endByte - group);
+    StackBlurWideLine<kSide>(
+        height, radius,
+        [&](uint64_t y, uint32_t* values) {
+          const unsigned char* row = plane + y * planeStride + group;
+          for (unsigned c = 0; c < kSide; ++c) values[c] = c < count ? row[c] : 0;
+        },
+        [&](uint64_t y, const uint32_t* quotients) {
+          unsigned char* row = target + y * targetStride;
+          for (unsigned c = 0; c < count; ++c) {
+            const size_t at = group + c;
+            const unsigned char q = static_cast<unsigned char>(quotients[c]);
+            if (store == kStoreBytes) {
+              row[at] = q;
+            } else if (store == kStoreAlphaOverColour) {
+              std::memcpy(row + at * kBytesPerPixel, colour + y * colourStride + at * kBytesPerPixel, kAlphaByte);
+              row[at * kBytesPerPixel + kAlphaByte] = q;
+            } else {
+              row[(at / 2) * kBytesPerPixel + at % 2] = q;
+            }
+          }
+        });
+  }
+}
+
+}  // namespace
+
+void StackBlurRowsToPlane(const unsigned char* source, size_t sourceStride, unsigned char* plane, size_t planeStride,
+                          uint32_t width, uint32_t firstRow, uint32_t endRow, uint32_t radius,
+                          StackBlurPlaneKind kind) {
+  if (width == 0 || firstRow >= endRow) return;
+  if (radius <= kLargestStackBlurRadius) {
+    switch (kind) {
+      case kPlaneFourBytes:
+        return RowsToPlane32<kPlaneFourBytes>(source, sourceStride, plane, planeStride, width, firstRow, endRow,
+                                              radius);
+      case kPlaneFirstTwoBytes:
+        return RowsToPlane32<kPlaneFirstTwoBytes>(source, sourceStride, plane, planeStride, width, firstRow, endRow,
+                                                  radius);
+      default:
+        return RowsToPlane32<kPlaneAlphaByte>(source, sourceStride, plane, planeStride, width, firstRow, endRow,
+                                              radius);
+    }
+  }
+  switch (kind) {
+    case kPlaneFourBytes:
+      return RowsToPlaneWide<4, 0>(source, sourceStride, plane, planeStride, width, firstRow, endRow, radius);
+    case kPlaneFirstTwoBytes:
+      return RowsToPlaneWide<2, 0>(source, sourceStride, plane, planeStride, width, firstRow, endRow, radius);
+    default:
+      return RowsToPlaneWide<1, kAlphaByte>(source, sourceStride, plane, planeStride, width, firstRow, endRow,
+                                            radius);
+  }
+}
+
+void StackBlurPlaneColumns(const unsigned char* plane, size_t planeStride, uint32_t height, uint32_t firstColumn,
+                           uint32_t endColumn, uint32_t radius, StackBlurColumnStore store, unsigned char* target,
+                           size_t targetStride, const unsigned char* colour, size_t colourStride) {
+  if (height == 0 || firstColumn >= endColumn) return;
+  const size_t planeBytes = PlaneBytesOf(store);
+  const size_t firstByte = firstColumn * planeBytes, endByte = endColumn * planeBytes;
+  if (radius > kLargestStackBlurRadius) {
+    return PlaneColumnsWide(plane, planeStride, height, firstByte, endByte, radius, store, target, targetStride,
+                            colour, colourStride);
+  }
+  switch (store) {
+    case kStoreBytes:
+      return PlaneColumns32<kStoreBytes>(plane, planeStride, height, firstByte, endByte, radius, target,
+                                         targetStride, colour, colourStride);
+    case kStoreAlphaOverColour:
+      return PlaneColumns32<kStoreAlphaOverColour>(plane, planeStride, height, firstByte, endByte, radius, target,
+                                                   targetStride, colour, colourStride);
+    default:
+      return PlaneColumns32<kStoreFirstTwoBytes>(plane, planeStride, height, firstByte, endByte, radius, target,
+                                                 targetStride, colour, colourStride);
+  }
+}
+
+namespace {
+
+struct PassShare {
+  uint32_t first;
+  uint32_t end;
+  const unsigned char* source;
+  size_t sourceStride;
+  unsigned char* target;
+  size_t targetStride;
+  const unsigned char* colour;
+  size_t colourStride;
+  uint32_t width;
+  uint32_t height;
+  uint32_t radius;
+  int mode;  // the plane kind of a row pass, the store of a column pass
+};
+
+void* RowPassShareProc(void* record) {
+  const PassShare& s = *static_cast<PassShare*>(record);
+  StackBlurRowsToPlane(s.source, s.sourceStride, s.target, s.targetStride, s.width, s.first, s.end, s.radius,
+                       static_cast<StackBlurPlaneKind>(s.mode));
+  return nullptr;
+}
+
+void* ColumnPassShareProc(void* record) {
+  const PassShare& s = *static_cast<PassShare*>(record);
+  StackBlurPlaneColumns(s.source, s.sourceStride, s.height, s.first, s.end, s.radius,
+                        static_cast<StackBlurColumnStore>(s.mode), s.target, s.targetStride, s.colour,
+                        s.colourStride);
+  return nullptr;
+}
+
+void RunShares(ThreadEntry entry, PassShare pass, uint32_t lines) {
+  const uint32_t threads = PassThreadCount();
+  if (threads == 0 || lines == 0) return;
+  const uint32_t perThread = LinesPerThread(lines, threads);
+  std::vector<PassShare> shares;
+  for (uint32_t t = 0; t < threads; ++t) {
+    const LineShare share = LineShareOf(t, perThread, lines);
+    if (share.first == share.end) break;
+    pass.first = share.first;
+    pass.end = share.end;
+    shares.push_back(pass);
+  }
+  RunThreads(entry, shares);
+}
+
+}  // namespace
+
+void RunStackBlurRowPass(const unsigned char* source, size_t sourceStride, unsigned char* plane, size_t planeStride,
+                         uint32_t width, uint32_t height, uint32_t radius, StackBlurPlaneKind kind) {
+  PassShare pass = PassShare();
+  pass.source = source;
+  pass.sourceStride = sourceStride;
+  pass.target = plane;
+  pass.targetStride = planeStride;
+  pass.width = width;
+  pass.height = height;
+  pass.radius = radius;
+  pass.mode = kind;
+  RunShares(RowPassShareProc, pass, height);
+}
+
+void RunStackBlurColumnPass(const unsigned char* plane, size_t planeStride, uint32_t width, uint32_t height,
+                            uint32_t radius, StackBlurColumnStore store, unsigned char* target, size_t targetStride,
+                            const unsigned char* colour, size_t colourStride) {
+  PassShare pass = PassShare();
+  pass.source = plane;
+  pass.sourceStride = planeStride;
+  pass.target = target;
+  pass.targetStride = targetStride;
+  pass.colour = colour;
+  pass.colourStride = colourStride;
+  pass.width = width;
+  pass.height = height;
+  pass.radius = radius;
+  pass.mode = store;
+  RunShares(ColumnPassShareProc, pass, width);
+}
+
+}  // namespace image
+}  // namespace kvo
