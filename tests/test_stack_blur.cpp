@@ -190,8 +190,9 @@ std::vector<unsigned char> ExportedPasses(const std::vector<unsigned char>& pixe
 TEST(StackBlur, StageMatchesTheExportedPasses) {
   // Odd sizes, a source one byte off alignment with guard bytes after both
   // images, several thread counts; radii 0, 1, 2, around the image size, and
-  // past the 32-bit sums.
-  const uint32_t sizes[][2] = {{1, 1}, {7, 3}, {17, 5}, {33, 9}, {97, 31}, {70, 2}};
+  // past the 32-bit sums. 2061 columns: a share wider than the column pass
+  // walks side by side.
+  const uint32_t sizes[][2] = {{1, 1}, {7, 3}, {17, 5}, {33, 9}, {97, 31}, {70, 2}, {2061, 3}};
   for (const auto& size : sizes) {
     const uint32_t w = size[0], h = size[1];
     const std::vector<unsigned char> pixels = PatternBytes(w * h * 4, w + 3 * h);
