@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cstring>
 #include <vector>
 
 #include <kvimage/blur.h>
@@ -85,18 +86,29 @@ void* YUVBlurConvertToProc(void* data) {
       t587[v] = TruncateToInt(v * 0.587);
       t114[v] = TruncateToInt(v * 0.114);
     }
+    // Red - luma and blue - luma lie in -255 .. 255: the chroma byte of every
+    // difference, from the same expressions, once per call.
+    unsigned char chromaV[511], chromaU[511];
+    for (int difference = -255; difference <= 255; ++difference) {
+      chromaV[difference + 255] = static_cast<unsigned char>(TruncateToInt(difference * 0.713) - 128);
+      chromaU[difference + 255] = static_cast<unsigned char>(TruncateToInt(difference * 0.565) - 128);
+    }
     const size_t limit = std::min<size_t>(std::min<size_t>(d.image->BufferByteSize(), ArrayBytes(d.yuvPixels)),
                                           static_cast<size_t>(d.image->Width()) * d.image->Height() * kBytesPerPixel);
     const ShareRun share = ByteShare(d.image->Width(), d.image->Height(), d.threadIndex, d.threadCount, limit);
     const unsigned char* in = PixelBytes(d.image) + share.start;
     unsigned char* out = d.yuvPixels->data() + share.start;
     for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
-      const int red = in[i + kRedByte], green = in[i + kGreenByte], blue = in[i + kBlueByte];
+      uint32_t pixel;
+      std::memcpy(&pixel, in + i, sizeof(pixel));
+      const int red = (pixel >> (8 * kRedByte)) & 0xFF, green = (pixel >> (8 * kGreenByte)) & 0xFF,
+                blue = (pixel >> (8 * kBlueByte)) & 0xFF;
       const int luma = t299[red] + t587[green] + t114[blue];
-      out[i + kChromaVByte] = static_cast<unsigned char>(TruncateToInt((red - luma) * 0.713) - 128);
-      out[i + kChromaUByte] = static_cast<unsigned char>(TruncateToInt((blue - luma) * 0.565) - 128);
-      out[i + kLumaByte] = static_cast<unsigned char>(luma);
-      out[i + kAlphaByte] = in[i + kAlphaByte];
+      const uint32_t converted = static_cast<uint32_t>(chromaV[red - luma + 255]) << (8 * kChromaVByte) |
+                                 static_cast<uint32_t>(chromaU[blue - luma + 255]) << (8 * kChromaUByte) |
+                                 static_cast<uint32_t>(luma) << (8 * kLumaByte) |
+                                 (pixel & (0xFFu << (8 * kAlphaByte)));
+      std::memcpy(out + i, &converted, sizeof(converted));
     }
   });
 }
@@ -115,15 +127,24 @@ void* YUVBlurConvertFromProc(void* data) {
     }
     const size_t limit = std::min<size_t>(std::min<size_t>(d.image->BufferByteSize(), ArrayBytes(d.yuvPixels)),
                                           static_cast<size_t>(d.image->Width()) * d.image->Height() * kBytesPerPixel);
+    // Every colour value clamped through one table: luma plus or minus the
+    // chroma terms lies in -256 .. 511.
+    unsigned char clamped[768];
+    for (int value = -256; value < 512; ++value) clamped[value + 256] = static_cast<unsigned char>(ClampToByte(value));
+    const unsigned char* clamp = clamped + 256;
     const ShareRun share = ByteShare(d.image->Width(), d.image->Height(), d.threadIndex, d.threadCount, limit);
     const unsigned char* in = d.yuvPixels->data() + share.start;
     unsigned char* out = PixelBytes(d.image) + share.start;
     for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
-      const int luma = in[i + kLumaByte], u = in[i + kChromaUByte], v = in[i + kChromaVByte];
-      out[i + kBlueByte] = static_cast<unsigned char>(ClampToByte(luma + b[u]));
-      out[i + kGreenByte] = static_cast<unsigned char>(ClampToByte(luma - c[u] - e[v]));
-      out[i + kRedByte] = static_cast<unsigned char>(ClampToByte(luma + a[v]));
-      out[i + kAlphaByte] = in[i + kAlphaByte];
+      uint32_t converted;
+      std::memcpy(&converted, in + i, sizeof(converted));
+      const int luma = (converted >> (8 * kLumaByte)) & 0xFF, u = (converted >> (8 * kChromaUByte)) & 0xFF,
+                v = (converted >> (8 * kChromaVByte)) & 0xFF;
+      const uint32_t pixel = static_cast<uint32_t>(clamp[luma + b[u]]) << (8 * kBlueByte) |
+                             static_cast<uint32_t>(clamp[luma - c[u] - e[v]]) << (8 * kGreenByte) |
+                             static_cast<uint32_t>(clamp[luma + a[v]]) << (8 * kRedByte) |
+                             (converted & (0xFFu << (8 * kAlphaByte)));
+      std::memcpy(out + i, &pixel, sizeof(pixel));
     }
   });
 }
