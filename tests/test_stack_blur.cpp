@@ -326,6 +326,21 @@ TEST(StackBlur, DivideTableRoundsDown) {
   EXPECT_THROW(StackBlurDivideTable(2896), std::bad_alloc);
 }
 
+TEST(StackBlur, DividerOfAnyDivisorIsExact) {
+  // Every sum of up to 255 per value for small counts; the quotient
+  // boundaries for counts up to a wide box window and a large divisor.
+  for (uint32_t divisor = 1; divisor <= 40; ++divisor) {
+    const StackBlurDivider divide = StackBlurDivider::OfDivisor(divisor);
+    for (uint32_t sum = 0; sum <= 255 * divisor; ++sum) ASSERT_EQ(sum / divisor, uint32_t(divide(sum))) << divisor;
+  }
+  for (uint32_t divisor : {41u, 255u, 257u, 1023u, 4097u, 65535u, 8392609u}) {
+    const StackBlurDivider divide = StackBlurDivider::OfDivisor(divisor);
+    for (uint32_t q = 0; q < 256; ++q) {
+      for (uint32_t sum : {q * divisor, q * divisor + divisor - 1}) ASSERT_EQ(q, uint32_t(divide(sum))) << divisor;
+    }
+  }
+}
+
 TEST(StackBlur, WideQuotientIsTheExactFloor) {
   // The floating estimate is corrected at both sides of every quotient.
   for (uint32_t radius : {2896u, 100000u, 4294967295u}) {

@@ -47,11 +47,13 @@ class StackBlurDivider {
   explicit StackBlurDivider(uint32_t radius = 0) {
     // Radii beyond the largest never reach a pass; clamped to keep the shift in range.
     const uint64_t side = static_cast<uint64_t>(std::min(radius, kLargestStackBlurRadius)) + 1;
-    const uint64_t divisor = side * side;
-    unsigned bits = 0;
-    while ((uint64_t(1) << bits) < divisor) ++bits;  // ceil(log2 divisor)
-    m_shift = 31 + bits;
-    m_multiplier = (uint64_t(1) << m_shift) / divisor + 1;
+    Build(side * side);
+  }
+  // The same exact division of sums below 2^31 by any divisor from 1.
+  static StackBlurDivider OfDivisor(uint32_t divisor) {
+    StackBlurDivider divider;
+    divider.Build(divisor == 0 ? 1 : divisor);
+    return divider;
   }
   int32_t operator()(uint32_t sum) const { return static_cast<int32_t>((sum * m_multiplier) >> m_shift); }
   // m = 2^shift / divisor + 1 with shift = 31 + ceil(log2 divisor) stays below 2^32.
@@ -59,6 +61,13 @@ class StackBlurDivider {
   unsigned Shift() const { return m_shift; }
 
  private:
+  void Build(uint64_t divisor) {
+    unsigned bits = 0;
+    while ((uint64_t(1) << bits) < divisor) ++bits;  // ceil(log2 divisor)
+    m_shift = 31 + bits;
+    m_multiplier = (uint64_t(1) << m_shift) / divisor + 1;
+  }
+
   uint64_t m_multiplier;
   unsigned m_shift;
 };

@@ -27,8 +27,11 @@ size_t ArrayBytes(const SharedByteArray& array) { return array ? array->size() :
 // position writes while a leading cursor, radius + 1 positions ahead, adds the
 // values that enter; two rings keep the unblurred values of the last
 // radius + 1 positions written, for the values that leave.
+// byCount[count] divides a sum of `count` values exactly (a division
+// instruction per byte would cost more than the rest of the walk).
 void BoxBlurWalk(unsigned char* bytes, int64_t start, int64_t stride, int64_t length, uint32_t radius,
-                 std::vector<unsigned char>& ring0, std::vector<unsigned char>& ring1) {
+                 std::vector<unsigned char>& ring0, std::vector<unsigned char>& ring1,
+                 const std::vector<StackBlurDivider>& byCount) {
   if (length <= 0) return;
   const int64_t r = radius;
   uint32_t sum0 = 0, sum1 = 0, count = 0;
@@ -39,8 +42,9 @@ void BoxBlurWalk(unsigned char* bytes, int64_t start, int64_t stride, int64_t le
       unsigned char* p = bytes + start + t * stride;
       ring0[ringPosition] = p[kChromaVByte];
       ring1[ringPosition] = p[kChromaUByte];
-      p[kChromaVByte] = static_cast<unsigned char>(sum0 / count);
-      p[kChromaUByte] = static_cast<unsigned char>(sum1 / count);
+      const StackBlurDivider& divide = byCount[count];
+      p[kChromaVByte] = static_cast<unsigned char>(divide(sum0));
+      p[kChromaUByte] = static_cast<unsigned char>(divide(sum1));
       ringPosition = ringPosition == radius ? 0 : ringPosition + 1;
     }
     if (cursor < length) {
@@ -61,6 +65,15 @@ void BoxBlurWalk(unsigned char* bytes, int64_t start, int64_t stride, int64_t le
 // A window wider than the walk covers the whole walk at every position, so a
 // radius beyond the longest walk gives the same bytes as that length.
 uint32_t UsefulBoxRadius(uint32_t radius, uint32_t longestWalk) { return std::min(radius, longestWalk); }
+
+// The dividers of every count a walk of that radius divides by: 1 .. 2r + 1.
+std::vector<StackBlurDivider> BoxDividers(uint32_t radius) {
+  std::vector<StackBlurDivider> byCount(2 * static_cast<size_t>(radius) + 2);
+  for (size_t count = 1; count < byCount.size(); ++count) {
+    byCount[count] = StackBlurDivider::OfDivisor(static_cast<uint32_t>(count));
+  }
+  return byCount;
+}
 
 template <class Body>
 void* RunRecord(void* data, Body body) {
@@ -159,11 +172,12 @@ void* HorizontalYUVBlurProc(void* data) {
     const LineShare rows = LineShareOf(d.threadIndex, LinesPerThread(d.height, d.threadCount), d.height);
     const uint32_t radius = UsefulBoxRadius(d.radius, d.width);
     std::vector<unsigned char> ring0(radius + 1), ring1(radius + 1);
+    const std::vector<StackBlurDivider> byCount = BoxDividers(radius);
     const int64_t rowBytes = static_cast<int64_t>(d.width) * kBytesPerPixel;
     // Each share's leading cursor starts at its own first row (a walk from the
     // buffer's start would only read and discard the rows before it).
     for (uint32_t y = rows.first; y < rows.end; ++y) {
-      BoxBlurWalk(d.yuvPixels->data(), y * rowBytes, kBytesPerPixel, d.width, radius, ring0, ring1);
+      BoxBlurWalk(d.yuvPixels->data(), y * rowBytes, kBytesPerPixel, d.width, radius, ring0, ring1, byCount);
     }
   });
 }
@@ -191,12 +205,13 @@ void* VerticalYUVBlurProc(void* data) {
 
     const uint32_t radius = UsefulBoxRadius(d.radius, d.height);
     std::vector<unsigned char> ring0(radius + 1), ring1(radius + 1);
+    const std::vector<StackBlurDivider> byCount = BoxDividers(radius);
     const int64_t stride = width * kBytesPerPixel;
     for (int64_t k = kBegin; k < kEnd; ++k) {
       const int64_t start = (first + k) * kBytesPerPixel;
       const int64_t bound = bytes - kBytesPerPixel * columnsPerThread + kBytesPerPixel * k;
       const int64_t length = start < bound ? (bound - start + stride - 1) / stride : 0;
-      BoxBlurWalk(d.yuvPixels->data(), start, stride, length, radius, ring0, ring1);
+      BoxBlurWalk(d.yuvPixels->data(), start, stride, length, radius, ring0, ring1, byCount);
     }
   });
 }
