@@ -203,6 +203,19 @@ TEST(YUVBlur, BoxBlursFollowTheirWalksForEveryShareLayout) {
       }
     }
   }
+  // Shares wider than the columns the vertical pass walks at once, and radii
+  // at and past the image's height.
+  const unsigned int width = 601, height = 7;
+  const Bytes pixels = PatternBytes(width * height * 4, 77);
+  for (unsigned int threads : {1u, 2u, 3u}) {
+    for (int radius : {0, 2, 6, 7, 40}) {
+      Bytes yuv = ToYUV(pixels);
+      ReferenceHorizontalBox(yuv, width, height, radius);
+      ReferenceVerticalBox(yuv, width, height, radius, threads);
+      EXPECT_EQ(FromYUV(yuv), ProcessorYUVBlur(pixels, width, height, radius, 2, threads))
+          << "threads " << threads << " r" << radius;
+    }
+  }
 }
 
 TEST(YUVBlur, BoxTypesBlurOneDirectionOnly) {

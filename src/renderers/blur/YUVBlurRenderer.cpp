@@ -62,6 +62,54 @@ void BoxBlurWalk(unsigned char* bytes, int64_t start, int64_t stride, int64_t le
   }
 }
 
+// BoxBlurWalk on `columns` adjacent walks at once, position by position, for
+// walks that all have `length` positions (stride apart, the first starting at
+// byte `start`, the others a pixel apart): each step touches a run of bytes
+// of one row instead of one pixel of every row, and the rings hold a row of
+// the block per position.
+void BoxBlurWalks(unsigned char* bytes, int64_t start, int64_t stride, int64_t length, uint32_t radius,
+                  size_t columns, const std::vector<StackBlurDivider>& byCount) {
+  if (length <= 0 || columns == 0) return;
+  const size_t lanes = 2 * columns;
+  std::vector<uint32_t> sums(lanes, 0);
+  std::vector<unsigned char> rings((static_cast<size_t>(radius) + 1) * lanes);
+  const int64_t r = radius;
+  uint32_t count = 0, ringPosition = 0;
+  int64_t cursor = 0;
+  for (int64_t t = -(r + 1); t < length; ++t) {
+    if (t >= 0) {
+      unsigned char* p = bytes + start + t * stride;
+      unsigned char* saved = rings.data() + ringPosition * lanes;
+      const StackBlurDivider divide = byCount[count];
+      for (size_t c = 0; c < columns; ++c, p += kBytesPerPixel) {
+        saved[2 * c] = p[kChromaVByte];
+        saved[2 * c + 1] = p[kChromaUByte];
+        p[kChromaVByte] = static_cast<unsigned char>(divide(sums[2 * c]));
+        p[kChromaUByte] = static_cast<unsigned char>(divide(sums[2 * c + 1]));
+      }
+      ringPosition = ringPosition == radius ? 0 : ringPosition + 1;
+    }
+    if (cursor < length) {
+      const unsigned char* p = bytes + start + cursor * stride;
+      for (size_t c = 0; c < columns; ++c, p += kBytesPerPixel) {
+        sums[2 * c] += p[kChromaVByte];
+        sums[2 * c + 1] += p[kChromaUByte];
+      }
+      ++count;
+      ++cursor;
+    }
+    if (t - r >= 0) {
+      const unsigned char* saved = rings.data() + ringPosition * lanes;
+      for (size_t lane = 0; lane < lanes; ++lane) sums[lane] -= saved[lane];
+      --count;
+    }
+  }
+}
+
+// The most columns BoxBlurWalks takes at once: its rings stay within a few
+// hundred kilobytes at the largest radius of a tall image.
+const int64_t kBoxColumnsAtOnce = 256;
+
 // A window wider than the walk covers the whole walk at every position, so a
 // radius beyond the longest walk gives the same bytes as that length.
 uint32_t UsefulBoxRadius(uint32_t radius, uint32_t longestWalk) { return std::min(radius, longestWalk); }
@@ -207,6 +255,18 @@ void* VerticalYUVBlurProc(void* data) {
     std::vector<unsigned char> ring0(radius + 1), ring1(radius + 1);
     const std::vector<StackBlurDivider> byCount = BoxDividers(radius);
     const int64_t stride = width * kBytesPerPixel;
+    if (d.phase == 0) {
+      // Every walk of the share has the same length: bound - start does not
+      // depend on k.
+      const int64_t start = first * kBytesPerPixel;
+      const int64_t bound = bytes - kBytesPerPixel * columnsPerThread;
+      const int64_t length = start < bound ? (bound - start + stride - 1) / stride : 0;
+      for (int64_t k = 0; k < owned; k += kBoxColumnsAtOnce) {
+        BoxBlurWalks(d.yuvPixels->data(), start + k * kBytesPerPixel, stride, length, radius,
+                     static_cast<size_t>(std::min(kBoxColumnsAtOnce, owned - k)), byCount);
+      }
+      return;
+    }
     for (int64_t k = kBegin; k < kEnd; ++k) {
       const int64_t start = (first + k) * kBytesPerPixel;
       const int64_t bound = bytes - kBytesPerPixel * columnsPerThread + kBytesPerPixel * k;
