@@ -190,6 +190,7 @@ class KVIMAGE_EXPORT YUVBlurRenderer : public AbstractRenderer {
   uint32_t radius;
   int blurType;  // the KVYUVBlurType value, kept as given
   SharedByteArray yuvPixels;
+  std::vector<unsigned char> chromaRows;  // stack type: the row pass's chroma, two bytes a pixel
 };
 
 // ---------------------------------------------------------------------------
@@ -239,6 +240,7 @@ class KVIMAGE_EXPORT BoundedStackBlurRenderer : public AbstractRenderer {
   bool featherRight;
   bool featherBottom;
   std::vector<unsigned char> blurred;
+  std::vector<unsigned char> rowPassPlane;  // both directions: the row pass's results
 };
 
 // ---------------------------------------------------------------------------

@@ -54,7 +54,6 @@ void BoundedStackBlurRenderer::Setup(KVAbstractImage* image) {
   const uint32_t w = image->Width(), h = image->Height();
   setupWidth = setupHeight = 0;
   left = top = right = bottom = 0;
-  std::vector<unsigned char>().swap(blurred);
   const size_t pixelCount = static_cast<size_t>(w) * h;
   if (pixelCount == 0 || image->BitsPerChannel() != 0 || image->BufferByteSize() < pixelCount * kBytesPerPixel) {
     return;
@@ -83,9 +82,9 @@ void BoundedStackBlurRenderer::Setup(KVAbstractImage* image) {
   const unsigned char* corner = PixelBytes(image) + top * imageRowBytes + left * kBytesPerPixel;
   blurred.resize(rectPixels * kBytesPerPixel);
   if (horizontal && vertical) {
-    std::vector<unsigned char> rows(rectPixels * kBytesPerPixel);
-    RunStackBlurRowPass(corner, imageRowBytes, rows.data(), rectRowBytes, rw, rh, radius, kPlaneFourBytes);
-    RunStackBlurColumnPass(rows.data(), rectRowBytes, rw, rh, radius, kStoreBytes, blurred.data(), rectRowBytes,
+    rowPassPlane.resize(rectPixels * kBytesPerPixel);
+    RunStackBlurRowPass(corner, imageRowBytes, rowPassPlane.data(), rectRowBytes, rw, rh, radius, kPlaneFourBytes);
+    RunStackBlurColumnPass(rowPassPlane.data(), rectRowBytes, rw, rh, radius, kStoreBytes, blurred.data(), rectRowBytes,
                            nullptr, 0);
   } else if (horizontal) {
     RunStackBlurRowPass(corner, imageRowBytes, blurred.data(), rectRowBytes, rw, rh, radius, kPlaneFourBytes);

@@ -355,11 +355,20 @@ unsigned int YUVBlurRenderer::Type() const { return 1; }
 void YUVBlurRenderer::Setup(KVAbstractImage* image) {
   const uint32_t threads = PassThreadCount();
   const uint32_t w = image->Width(), h = image->Height();
-  yuvPixels.reset();
+  // The previous array is reused when it has the size and nothing else holds
+  // it: every byte is converted anew, and a fresh array would cost page
+  // faults and zero-filling on every render.
+  SharedByteArray previous;
+  previous.swap(yuvPixels);
   const size_t bytes = static_cast<size_t>(w) * h * kBytesPerPixel;
   if (bytes == 0 || image->BitsPerChannel() != 0 || image->BufferByteSize() < bytes) return;
 
-  yuvPixels.reset(new std::vector<unsigned char>(bytes));
+  if (previous && previous.unique() && previous->size() == bytes) {
+    yuvPixels.swap(previous);
+  } else {
+    previous.reset();
+    yuvPixels.reset(new std::vector<unsigned char>(bytes));
+  }
   if (threads == 0) return;
   std::vector<YUVBlurData> conversions(threads);
   for (uint32_t t = 0; t < threads; ++t) {
@@ -413,7 +422,7 @@ void YUVBlurRenderer::RunBoxPass(void* (*pass)(void*), uint32_t width, uint32_t 
 // of two bytes a pixel; the column pass writes its results back into bytes 0
 // and 1 of the converted image, keeping luma and alpha.
 void YUVBlurRenderer::RunStackBlur(uint32_t width, uint32_t height) {
-  std::vector<unsigned char> chromaRows(static_cast<size_t>(width) * height * kPlaneFirstTwoBytes);
+  chromaRows.resize(static_cast<size_t>(width) * height * kPlaneFirstTwoBytes);
   const size_t rowBytes = static_cast<size_t>(width) * kBytesPerPixel;
   const size_t planeRowBytes = static_cast<size_t>(width) * kPlaneFirstTwoBytes;
   RunStackBlurRowPass(yuvPixels->data(), rowBytes, chromaRows.data(), planeRowBytes, width, height, radius,
