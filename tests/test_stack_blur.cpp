@@ -219,7 +219,7 @@ TEST(StackBlur, EveryRadiusIsServed) {
   struct Case {
     uint32_t width, height, radius;
   } cases[] = {{5, 4, 2895}, {5, 4, 2896}, {5, 4, 3000}, {7, 3, 100000}, {1, 1, 100000}, {6, 1, 4294967295u},
-               {1, 5, 2147483648u}, {9, 4, 123456789u}, {40, 30, 268961284u}, {40, 30, 268961285u}};
+               {1, 5, 2147483648u}, {9, 4, 123456789u}, {40, 30, 268961283u}, {40, 30, 268961284u}};
   for (const Case& c : cases) {
     const std::vector<unsigned char> pixels = PatternBytes(c.width * c.height * 4, c.width + c.height);
     const std::vector<unsigned char> all =
@@ -342,17 +342,32 @@ TEST(StackBlur, DividerOfAnyDivisorIsExact) {
 }
 
 TEST(StackBlur, WideQuotientIsTheExactFloor) {
-  // The floating estimate is corrected at both sides of every quotient.
-  for (uint32_t radius : {2896u, 100000u, 4294967295u}) {
+  // The floating estimate is corrected at both sides of every quotient, in
+  // 64-bit sums up to their largest radius and in 128-bit sums beyond.
+  for (uint32_t radius : {2896u, 100000u, kLargestStackBlurRadius64}) {
+    const uint64_t side = static_cast<uint64_t>(radius) + 1, divisor = side * side;
+    const double reciprocal = 1.0 / static_cast<double>(divisor);
+    for (uint64_t q = 0; q < 256; ++q) {
+      const uint64_t base = divisor * q;
+      ASSERT_EQ(q, StackBlurQuotient<uint64_t>(base, divisor, reciprocal)) << radius;
+      if (q > 0) {
+        ASSERT_EQ(q - 1, StackBlurQuotient<uint64_t>(base - 1, divisor, reciprocal)) << radius;
+      }
+      if (q < 255) {
+        ASSERT_EQ(q, StackBlurQuotient<uint64_t>(base + divisor - 1, divisor, reciprocal)) << radius;
+      }
+    }
+  }
+  for (uint32_t radius : {kLargestStackBlurRadius64 + 1, 4294967295u}) {
     const StackBlurWideSum side = static_cast<StackBlurWideSum>(radius) + 1, divisor = side * side;
-    const double value = static_cast<double>(divisor);
+    const double reciprocal = 1.0 / static_cast<double>(divisor);
     for (uint32_t q = 0; q < 256; ++q) {
       const StackBlurWideSum base = divisor * q;
-      ASSERT_EQ(q, StackBlurWideQuotient(base, divisor, value)) << radius;
+      ASSERT_EQ(q, StackBlurQuotient(base, divisor, reciprocal)) << radius;
       if (q > 0) {
-        ASSERT_EQ(q - 1, StackBlurWideQuotient(base - 1, divisor, value)) << radius;
+        ASSERT_EQ(q - 1, StackBlurQuotient(base - 1, divisor, reciprocal)) << radius;
       }
-      ASSERT_EQ(q, StackBlurWideQuotient(base + divisor - 1, divisor, value)) << radius;
+      ASSERT_EQ(q, StackBlurQuotient(base + divisor - 1, divisor, reciprocal)) << radius;
     }
   }
 }

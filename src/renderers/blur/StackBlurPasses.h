@@ -13,9 +13,10 @@
 //
 // Up to kLargestStackBlurRadius every sum stays below 2^31: four channels
 // share one SSE2 register of 32-bit sums, divided by a multiply and a shift.
-// Beyond it the sums are 128 bits wide (255 * (2^32)^2 needs 72) and each
+// Beyond it the sums are 64 or 128 bits wide (255 * (2^32)^2 needs 72) and each
 // quotient (0 .. 255) is found from a floating-point estimate corrected
-// exactly. Every radius a host can pass is served.
+// exactly (64-bit sums up to radius 268961283). Every radius a host can pass
+// is served.
 #include <cstddef>
 #include <cstdint>
 
@@ -62,15 +63,20 @@ void RunStackBlurColumnPass(const unsigned char* plane, size_t planeStride, uint
                             uint32_t radius, StackBlurColumnStore store, unsigned char* target, size_t targetStride,
                             const unsigned char* colour, size_t colourStride);
 
-// 128-bit sums of the wide line below.
+// 128-bit sums, for radii whose sums leave 64 bits.
 __extension__ typedef unsigned __int128 StackBlurWideSum;
 
+// The largest radius whose sums fit 64 bits: 255 * (radius + 1)^2 < 2^64.
+const uint32_t kLargestStackBlurRadius64 = 268961283;
+
 // floor(sum / divisor) for a quotient known to lie in 0 .. 255: a
-// floating-point estimate, corrected with exact integer comparisons.
-inline uint32_t StackBlurWideQuotient(StackBlurWideSum sum, StackBlurWideSum divisor, double divisorValue) {
-  int estimate = TruncateToInt(static_cast<double>(sum) / divisorValue);
+// floating-point estimate (sum times the divisor's reciprocal, off by at most
+// one), corrected with exact integer comparisons.
+template <class Sum>
+inline uint32_t StackBlurQuotient(Sum sum, Sum divisor, double reciprocal) {
+  int estimate = TruncateToInt(static_cast<double>(sum) * reciprocal);
   estimate = estimate < 0 ? 0 : (estimate > 255 ? 255 : estimate);
-  StackBlurWideSum quotient = static_cast<uint32_t>(estimate);
+  Sum quotient = static_cast<uint32_t>(estimate);
   while (quotient > 0 && quotient * divisor > sum) --quotient;
   while (quotient < 255 && (quotient + 1) * divisor <= sum) ++quotient;
   return static_cast<uint32_t>(quotient);
@@ -78,17 +84,18 @@ inline uint32_t StackBlurWideQuotient(StackBlurWideSum sum, StackBlurWideSum div
 
 // One line of `n` positions with C channels (0 .. 255 each) at any radius:
 // fetch(p, values) reads the C values at position p, emit(i, quotients)
-// takes output i. The sums are 128 bits wide and the first window starts
-// from closed forms for its repeated edge values, so the work is
-// O(n + min(radius, n)) and no window is stored.
-template <unsigned C, class Fetch, class Emit>
-void StackBlurWideLine(uint32_t n, uint32_t radius, Fetch fetch, Emit emit) {
+// takes output i. The sums are 64 bits wide, or 128 past
+// kLargestStackBlurRadius64; the first window starts from closed forms for
+// its repeated edge values, so the work is O(n + min(radius, n)) and no
+// window is stored.
+template <unsigned C, class Sum, class Fetch, class Emit>
+void StackBlurWideLineOf(uint32_t n, uint32_t radius, Fetch fetch, Emit emit) {
   if (n == 0) return;
-  typedef StackBlurWideSum Wide;
+  typedef Sum Wide;
   const uint64_t r = radius, last = n - 1;
   const Wide r1 = static_cast<Wide>(r) + 1;
   const Wide divisor = r1 * r1;
-  const double divisorValue = static_cast<double>(divisor);
+  const double reciprocal = 1.0 / static_cast<double>(divisor);
   Wide sum[C], inSum[C], outSum[C];
   uint32_t values[C], quotients[C];
 
@@ -118,7 +125,7 @@ void StackBlurWideLine(uint32_t n, uint32_t radius, Fetch fetch, Emit emit) {
   }
 
   for (uint64_t x = 0; x < n; ++x) {
-    for (unsigned c = 0; c < C; ++c) quotients[c] = StackBlurWideQuotient(sum[c], divisor, divisorValue);
+    for (unsigned c = 0; c < C; ++c) quotients[c] = StackBlurQuotient(sum[c], divisor, reciprocal);
     emit(x, quotients);
     const uint64_t leaving = x > r ? x - r : 0;
     const uint64_t entering = x + r + 1 < last ? x + r + 1 : last;
@@ -136,6 +143,15 @@ void StackBlurWideLine(uint32_t n, uint32_t radius, Fetch fetch, Emit emit) {
       outSum[c] += values[c];
       inSum[c] -= values[c];
     }
+  }
+}
+
+template <unsigned C, class Fetch, class Emit>
+void StackBlurWideLine(uint32_t n, uint32_t radius, Fetch fetch, Emit emit) {
+  if (radius <= kLargestStackBlurRadius64) {
+    StackBlurWideLineOf<C, uint64_t>(n, radius, fetch, emit);
+  } else {
+    StackBlurWideLineOf<C, StackBlurWideSum>(n, radius, fetch, emit);
   }
 }
 
