@@ -219,7 +219,7 @@ TEST(StackBlur, EveryRadiusIsServed) {
   struct Case {
     uint32_t width, height, radius;
   } cases[] = {{5, 4, 2895}, {5, 4, 2896}, {5, 4, 3000}, {7, 3, 100000}, {1, 1, 100000}, {6, 1, 4294967295u},
-               {1, 5, 2147483648u}, {9, 4, 123456789u}, {40, 30, 268961283u}, {40, 30, 268961284u}};
+               {1, 5, 2147483648u}, {9, 4, 123456789u}, {11, 6, 4194303u}, {11, 6, 4194304u}, {40, 30, 268961283u}, {40, 30, 268961284u}};
   for (const Case& c : cases) {
     const std::vector<unsigned char> pixels = PatternBytes(c.width * c.height * 4, c.width + c.height);
     const std::vector<unsigned char> all =

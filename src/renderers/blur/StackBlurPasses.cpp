@@ -45,35 +45,106 @@ class LaneDivider {
 
 // Sums of the first window of a line whose positions 0 .. last hold `value(p)`
 // (`C` lanes each): positions -r .. 0 repeat position 0, positions beyond last
-// repeat last.
-template <class Value>
-void FirstWindow(unsigned C, uint32_t radius, uint32_t last, Value value, uint32_t* sum, uint32_t* inSum,
-                 uint32_t* outSum) {
-  const uint32_t r1 = radius + 1;
+// repeat last. Products are formed in 64 bits; Scalar holds every sum of the
+// radii it serves exactly.
+template <class Scalar, class Value>
+void FirstWindow(unsigned C, uint32_t radius, uint32_t last, Value value, Scalar* sum, Scalar* inSum,
+                 Scalar* outSum) {
+  const uint64_t r1 = static_cast<uint64_t>(radius) + 1;
   const unsigned char* first = value(0);
   for (unsigned c = 0; c < C; ++c) {
-    outSum[c] = r1 * first[c];
-    sum[c] = first[c] * (r1 * (r1 + 1) / 2);
+    outSum[c] = static_cast<Scalar>(r1 * first[c]);
+    sum[c] = static_cast<Scalar>(first[c] * (r1 * (r1 + 1) / 2));
     inSum[c] = 0;
   }
   const uint32_t inside = std::min(radius, last);
   for (uint32_t i = 1; i <= inside; ++i) {
     const unsigned char* v = value(i);
-    const uint32_t weight = r1 - i;
+    const uint64_t weight = r1 - i;
     for (unsigned c = 0; c < C; ++c) {
-      sum[c] += v[c] * weight;
+      sum[c] += static_cast<Scalar>(v[c] * weight);
       inSum[c] += v[c];
     }
   }
   if (radius > last) {
-    const uint32_t beyond = radius - last;
+    const uint64_t beyond = radius - last;
     const unsigned char* v = value(last);
     for (unsigned c = 0; c < C; ++c) {
-      inSum[c] += beyond * v[c];
-      sum[c] += v[c] * (beyond * (beyond + 1) / 2);
+      inSum[c] += static_cast<Scalar>(beyond * v[c]);
+      sum[c] += static_cast<Scalar>(v[c] * (beyond * (beyond + 1) / 2));
     }
   }
 }
+
+// Four lanes of 32-bit integer sums, up to kLargestStackBlurRadius.
+class Int32Lanes {
+ public:
+  typedef __m128i State;
+  typedef uint32_t Scalar;
+  explicit Int32Lanes(uint32_t radius) : m_divide(StackBlurDivider(radius)) {}
+  static State FromLanes(__m128i lanes) { return lanes; }
+  static State Load(const Scalar* at) { return _mm_load_si128(reinterpret_cast<const __m128i*>(at)); }
+  static void Store(Scalar* at, State state) { _mm_store_si128(reinterpret_cast<__m128i*>(at), state); }
+  static State Add(State a, State b) { return _mm_add_epi32(a, b); }
+  static State Sub(State a, State b) { return _mm_sub_epi32(a, b); }
+  __m128i Quotients(State sums) const { return m_divide(sums); }
+
+ private:
+  LaneDivider m_divide;
+};
+
+// Four lanes of sums held as doubles, two to a register, up to
+// kLargestStackBlurRadiusInDoubles: every sum is an integer below 2^52, so
+// the sums stay exact, and a quotient k - e (e >= 1 / (r + 1)^2 >= 2^-44 when
+// the division is not exact) is at least 2^-44 below k, while the correctly
+// rounded division moves it by at most 256 * 2^-53: truncation gives the floor.
+class DoubleLanes {
+ public:
+  struct State {
+    __m128d low;
+    __m128d high;
+  };
+  typedef double Scalar;
+  explicit DoubleLanes(uint32_t radius) {
+    const double side = static_cast<double>(radius) + 1.0;
+    m_divisor = _mm_set1_pd(side * side);
+  }
+  static State FromLanes(__m128i lanes) {
+    State state;
+    state.low = _mm_cvtepi32_pd(lanes);
+    state.high = _mm_cvtepi32_pd(_mm_shuffle_epi32(lanes, _MM_SHUFFLE(1, 0, 3, 2)));
+    return state;
+  }
+  static State Load(const Scalar* at) {
+    State state;
+    state.low = _mm_load_pd(at);
+    state.high = _mm_load_pd(at + 2);
+    return state;
+  }
+  static void Store(Scalar* at, State state) {
+    _mm_store_pd(at, state.low);
+    _mm_store_pd(at + 2, state.high);
+  }
+  static State Add(State a, State b) {
+    State state;
+    state.low = _mm_add_pd(a.low, b.low);
+    state.high = _mm_add_pd(a.high, b.high);
+    return state;
+  }
+  static State Sub(State a, State b) {
+    State state;
+    state.low = _mm_sub_pd(a.low, b.low);
+    state.high = _mm_sub_pd(a.high, b.high);
+    return state;
+  }
+  __m128i Quotients(State sums) const {
+    return _mm_unpacklo_epi64(_mm_cvttpd_epi32(_mm_div_pd(sums.low, m_divisor)),
+                              _mm_cvttpd_epi32(_mm_div_pd(sums.high, m_divisor)));
+  }
+
+ private:
+  __m128d m_divisor;
+};
 
 inline void ChunkLanes(__m128i bytes, __m128i (&lanes)[4]) {
   const __m128i zero = _mm_setzero_si128();
@@ -102,29 +173,31 @@ inline void StorePlanePixel(unsigned char* out, __m128i quotients) {
   }
 }
 
-template <StackBlurPlaneKind Kind>
-void RowsToPlane32(const unsigned char* source, size_t sourceStride, unsigned char* plane, size_t planeStride,
+template <StackBlurPlaneKind Kind, class Lanes>
+void RowsToPlaneInLanes(const unsigned char* source, size_t sourceStride, unsigned char* plane, size_t planeStride,
                    uint32_t width, uint32_t firstRow, uint32_t endRow, uint32_t radius) {
-  const LaneDivider divide{StackBlurDivider(radius)};
+  typedef typename Lanes::State State;
+  typedef typename Lanes::Scalar Scalar;
+  const Lanes lanes(radius);
   const size_t last = width - 1, r1 = static_cast<size_t>(radius) + 1;
   for (uint32_t y = firstRow; y < endRow; ++y) {
     const unsigned char* line = source + y * sourceStride;
     unsigned char* out = plane + y * planeStride;
-    alignas(16) uint32_t first[3][4];
-    FirstWindow(
+    alignas(16) Scalar first[3][4];
+    FirstWindow<Scalar>(
         4, radius, static_cast<uint32_t>(last), [&](uint32_t p) { return line + static_cast<size_t>(p) * kBytesPerPixel; },
         first[0], first[1], first[2]);
-    __m128i sum = _mm_load_si128(reinterpret_cast<const __m128i*>(first[0]));
-    __m128i inSum = _mm_load_si128(reinterpret_cast<const __m128i*>(first[1]));
-    __m128i outSum = _mm_load_si128(reinterpret_cast<const __m128i*>(first[2]));
-    const auto step = [&](__m128i leaving, __m128i entering, __m128i centre) {
-      const __m128i quotients = divide(sum);
-      sum = _mm_sub_epi32(sum, outSum);
-      outSum = _mm_sub_epi32(outSum, leaving);
-      inSum = _mm_add_epi32(inSum, entering);
-      sum = _mm_add_epi32(sum, inSum);
-      outSum = _mm_add_epi32(outSum, centre);
-      inSum = _mm_sub_epi32(inSum, centre);
+    State sum = Lanes::Load(first[0]), inSum = Lanes::Load(first[1]), outSum = Lanes::Load(first[2]);
+    const auto step = [&](__m128i leavingLanes, __m128i enteringLanes, __m128i centreLanes) {
+      const State leaving = Lanes::FromLanes(leavingLanes), entering = Lanes::FromLanes(enteringLanes),
+                  centre = Lanes::FromLanes(centreLanes);
+      const __m128i quotients = lanes.Quotients(sum);
+      sum = Lanes::Sub(sum, outSum);
+      outSum = Lanes::Sub(outSum, leaving);
+      inSum = Lanes::Add(inSum, entering);
+      sum = Lanes::Add(sum, inSum);
+      outSum = Lanes::Add(outSum, centre);
+      inSum = Lanes::Sub(inSum, centre);
       return quotients;
     };
     const auto clampedStep = [&](size_t x) {
@@ -227,24 +300,28 @@ inline void StoreChunk(unsigned char* targetRow, const unsigned char* colourRow,
 // Its sums (12 bytes a plane byte) stay in the second-level cache.
 const size_t kColumnBlockBytes = 8192;
 
-template <StackBlurColumnStore Store>
-void PlaneColumns32(const unsigned char* plane, size_t planeStride, uint32_t height, size_t firstByte,
+template <StackBlurColumnStore Store, class Lanes>
+void PlaneColumnsInLanes(const unsigned char* plane, size_t planeStride, uint32_t height, size_t firstByte,
                     size_t endByte, uint32_t radius, unsigned char* target, size_t targetStride,
                     const unsigned char* colour, size_t colourStride) {
-  const LaneDivider divide{StackBlurDivider(radius)};
+  typedef typename Lanes::State State;
+  typedef typename Lanes::Scalar Scalar;
+  const Lanes lanes(radius);
   const size_t last = height - 1, r1 = static_cast<size_t>(radius) + 1;
-  const size_t blockBytes = std::min(kColumnBlockBytes, (endByte - firstByte + 15) / 16 * 16);
+  // The same bytes of sums a block whatever their width.
+  const size_t widest = kColumnBlockBytes * sizeof(uint32_t) / sizeof(Scalar);
+  const size_t blockBytes = std::min(widest, (endByte - firstByte + 15) / 16 * 16);
   struct alignas(16) FourSums {
-    uint32_t lanes[4];
+    Scalar lanes[4];
   };
   std::vector<FourSums> state(3 * blockBytes / 4);
-  uint32_t* sums = state.data()->lanes;
-  uint32_t* inSums = sums + blockBytes;
-  uint32_t* outSums = inSums + blockBytes;
+  Scalar* sums = state.data()->lanes;
+  Scalar* inSums = sums + blockBytes;
+  Scalar* outSums = inSums + blockBytes;
   for (size_t block = firstByte; block < endByte; block += blockBytes) {
     const size_t bytes = std::min(blockBytes, endByte - block);
-    std::fill(sums, sums + 3 * blockBytes, 0u);
-    FirstWindow(
+    std::fill(sums, sums + 3 * blockBytes, Scalar(0));
+    FirstWindow<Scalar>(
         static_cast<unsigned>(bytes), radius, static_cast<uint32_t>(last),
         [&](uint32_t p) { return plane + static_cast<size_t>(p) * planeStride + block; }, sums, inSums, outSums);
     for (size_t y = 0; y <= last; ++y) {
@@ -260,20 +337,21 @@ void PlaneColumns32(const unsigned char* plane, size_t planeStride, uint32_t hei
         ChunkLanes(LoadChunk(entering + chunk, count), enteringLanes);
         ChunkLanes(LoadChunk(centre + chunk, count), centreLanes);
         for (unsigned g = 0; g < 4; ++g) {
-          __m128i* sumAt = reinterpret_cast<__m128i*>(sums + chunk + 4 * g);
-          __m128i* inAt = reinterpret_cast<__m128i*>(inSums + chunk + 4 * g);
-          __m128i* outAt = reinterpret_cast<__m128i*>(outSums + chunk + 4 * g);
-          __m128i sum = _mm_load_si128(sumAt), inSum = _mm_load_si128(inAt), outSum = _mm_load_si128(outAt);
-          quotients[g] = divide(sum);
-          sum = _mm_sub_epi32(sum, outSum);
-          outSum = _mm_sub_epi32(outSum, leavingLanes[g]);
-          inSum = _mm_add_epi32(inSum, enteringLanes[g]);
-          sum = _mm_add_epi32(sum, inSum);
-          outSum = _mm_add_epi32(outSum, centreLanes[g]);
-          inSum = _mm_sub_epi32(inSum, centreLanes[g]);
-          _mm_store_si128(sumAt, sum);
-          _mm_store_si128(inAt, inSum);
-          _mm_store_si128(outAt, outSum);
+          Scalar* sumAt = sums + chunk + 4 * g;
+          Scalar* inAt = inSums + chunk + 4 * g;
+          Scalar* outAt = outSums + chunk + 4 * g;
+          State sum = Lanes::Load(sumAt), inSum = Lanes::Load(inAt), outSum = Lanes::Load(outAt);
+          const State centre = Lanes::FromLanes(centreLanes[g]);
+          quotients[g] = lanes.Quotients(sum);
+          sum = Lanes::Sub(sum, outSum);
+          outSum = Lanes::Sub(outSum, Lanes::FromLanes(leavingLanes[g]));
+          inSum = Lanes::Add(inSum, Lanes::FromLanes(enteringLanes[g]));
+          sum = Lanes::Add(sum, inSum);
+          outSum = Lanes::Add(outSum, centre);
+          inSum = Lanes::Sub(inSum, centre);
+          Lanes::Store(sumAt, sum);
+          Lanes::Store(inAt, inSum);
+          Lanes::Store(outAt, outSum);
         }
         StoreChunk<Store>(targetRow, colourRow, block + chunk, count, quotients);
       }
@@ -334,22 +412,54 @@ void PlaneColumnsWide(const unsigned char* plane, size_t planeStride, uint32_t h
 
 }  // namespace
 
+namespace {
+
+template <class Lanes>
+void RowsToPlaneWith(const unsigned char* source, size_t sourceStride, unsigned char* plane, size_t planeStride,
+                     uint32_t width, uint32_t firstRow, uint32_t endRow, uint32_t radius, StackBlurPlaneKind kind) {
+  switch (kind) {
+    case kPlaneFourBytes:
+      return RowsToPlaneInLanes<kPlaneFourBytes, Lanes>(source, sourceStride, plane, planeStride, width, firstRow,
+                                                        endRow, radius);
+    case kPlaneFirstTwoBytes:
+      return RowsToPlaneInLanes<kPlaneFirstTwoBytes, Lanes>(source, sourceStride, plane, planeStride, width,
+                                                            firstRow, endRow, radius);
+    default:
+      return RowsToPlaneInLanes<kPlaneAlphaByte, Lanes>(source, sourceStride, plane, planeStride, width, firstRow,
+                                                        endRow, radius);
+  }
+}
+
+template <class Lanes>
+void PlaneColumnsWith(const unsigned char* plane, size_t planeStride, uint32_t height, size_t firstByte,
+                      size_t endByte, uint32_t radius, StackBlurColumnStore store, unsigned char* target,
+                      size_t targetStride, const unsigned char* colour, size_t colourStride) {
+  switch (store) {
+    case kStoreBytes:
+      return PlaneColumnsInLanes<kStoreBytes, Lanes>(plane, planeStride, height, firstByte, endByte, radius, target,
+                                                     targetStride, colour, colourStride);
+    case kStoreAlphaOverColour:
+      return PlaneColumnsInLanes<kStoreAlphaOverColour, Lanes>(plane, planeStride, height, firstByte, endByte, radius,
+                                                               target, targetStride, colour, colourStride);
+    default:
+      return PlaneColumnsInLanes<kStoreFirstTwoBytes, Lanes>(plane, planeStride, height, firstByte, endByte, radius,
+                                                             target, targetStride, colour, colourStride);
+  }
+}
+
+}  // namespace
+
 void StackBlurRowsToPlane(const unsigned char* source, size_t sourceStride, unsigned char* plane, size_t planeStride,
                           uint32_t width, uint32_t firstRow, uint32_t endRow, uint32_t radius,
                           StackBlurPlaneKind kind) {
   if (width == 0 || firstRow >= endRow) return;
   if (radius <= kLargestStackBlurRadius) {
-    switch (kind) {
-      case kPlaneFourBytes:
-        return RowsToPlane32<kPlaneFourBytes>(source, sourceStride, plane, planeStride, width, firstRow, endRow,
-                                              radius);
-      case kPlaneFirstTwoBytes:
-        return RowsToPlane32<kPlaneFirstTwoBytes>(source, sourceStride, plane, planeStride, width, firstRow, endRow,
-                                                  radius);
-      default:
-        return RowsToPlane32<kPlaneAlphaByte>(source, sourceStride, plane, planeStride, width, firstRow, endRow,
-                                              radius);
-    }
+    return RowsToPlaneWith<Int32Lanes>(source, sourceStride, plane, planeStride, width, firstRow, endRow, radius,
+                                       kind);
+  }
+  if (radius <= kLargestStackBlurRadiusInDoubles) {
+    return RowsToPlaneWith<DoubleLanes>(source, sourceStride, plane, planeStride, width, firstRow, endRow, radius,
+                                        kind);
   }
   switch (kind) {
     case kPlaneFourBytes:
@@ -368,21 +478,16 @@ void StackBlurPlaneColumns(const unsigned char* plane, size_t planeStride, uint3
   if (height == 0 || firstColumn >= endColumn) return;
   const size_t planeBytes = PlaneBytesOf(store);
   const size_t firstByte = firstColumn * planeBytes, endByte = endColumn * planeBytes;
-  if (radius > kLargestStackBlurRadius) {
-    return PlaneColumnsWide(plane, planeStride, height, firstByte, endByte, radius, store, target, targetStride,
-                            colour, colourStride);
+  if (radius <= kLargestStackBlurRadius) {
+    return PlaneColumnsWith<Int32Lanes>(plane, planeStride, height, firstByte, endByte, radius, store, target,
+                                        targetStride, colour, colourStride);
   }
-  switch (store) {
-    case kStoreBytes:
-      return PlaneColumns32<kStoreBytes>(plane, planeStride, height, firstByte, endByte, radius, target,
+  if (radius <= kLargestStackBlurRadiusInDoubles) {
+    return PlaneColumnsWith<DoubleLanes>(plane, planeStride, height, firstByte, endByte, radius, store, target,
                                          targetStride, colour, colourStride);
-    case kStoreAlphaOverColour:
-      return PlaneColumns32<kStoreAlphaOverColour>(plane, planeStride, height, firstByte, endByte, radius, target,
-                                                   targetStride, colour, colourStride);
-    default:
-      return PlaneColumns32<kStoreFirstTwoBytes>(plane, planeStride, height, firstByte, endByte, radius, target,
-                                                 targetStride, colour, colourStride);
   }
+  PlaneColumnsWide(plane, planeStride, height, firstByte, endByte, radius, store, target, targetStride, colour,
+                   colourStride);
 }
 
 namespace {

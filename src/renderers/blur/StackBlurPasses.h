@@ -13,6 +13,8 @@
 //
 // Up to kLargestStackBlurRadius every sum stays below 2^31: four channels
 // share one SSE2 register of 32-bit sums, divided by a multiply and a shift.
+// Up to kLargestStackBlurRadiusInDoubles they are exact doubles, two to a
+// register, divided by a correctly rounded division and truncated.
 // Beyond it the sums are 64 or 128 bits wide (255 * (2^32)^2 needs 72) and each
 // quotient (0 .. 255) is found from a floating-point estimate corrected
 // exactly (64-bit sums up to radius 268961283). Every radius a host can pass
@@ -65,6 +67,11 @@ void RunStackBlurColumnPass(const unsigned char* plane, size_t planeStride, uint
 
 // 128-bit sums, for radii whose sums leave 64 bits.
 __extension__ typedef unsigned __int128 StackBlurWideSum;
+
+// The largest radius whose sums the passes hold as doubles, two to an SSE2
+// register: (radius + 1)^2 <= 2^44, so every sum stays an exact integer and
+// a correctly rounded division truncates to the floor.
+const uint32_t kLargestStackBlurRadiusInDoubles = 4194303;
 
 // The largest radius whose sums fit 64 bits: 255 * (radius + 1)^2 < 2^64.
 const uint32_t kLargestStackBlurRadius64 = 268961283;
