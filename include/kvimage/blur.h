@@ -247,9 +247,11 @@ class KVIMAGE_EXPORT BoundedStackBlurRenderer : public AbstractRenderer {
 // Focus stages. Each runs, in Setup, a nested KVImageProcessor with one
 // SetBoundedStackBlur(radius, true, true, kChannelsColor, rect, blurParameter)
 // (the nested setter scales the radius by the downsample factor; alpha is
-// copied), then combines sharp and blurred pixels per render thread. A failed
-// nested setter or render (for example a radius that the stack blur refuses)
-// is a broken invariant: the stage prints its assertion and aborts. Render
+// copied), then combines sharp and blurred pixels per render thread. The
+// nested blur serves every radius; a nested render that runs out of memory
+// (code 8) throws std::bad_alloc, so the host's render returns 8. Any other
+// failed nested setter or render is a broken invariant: the stage prints its
+// assertion and aborts. Render
 // handles 8-bit images of channel order 1 only and aborts on any other with
 // the assertion `false && "Not implemented"'. Each render thread writes the
 // byte share GetBufferSizePerThread gives, cut at the end of the images (and
