@@ -2,6 +2,8 @@
 #define KVIMAGE_SRC_RENDERERS_BLUR_STACKBLURCORE_H
 
 // The stack-blur arithmetic shared by every stage that blurs with it.
+#include <emmintrin.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -70,6 +72,24 @@ class StackBlurDivider {
 
   uint64_t m_multiplier;
   unsigned m_shift;
+};
+
+// StackBlurDivider on four lanes: sums below 2^31 times a multiplier below
+// 2^32 stay below 2^63, so the 64-bit products of _mm_mul_epu32 are exact.
+class LaneDivider {
+ public:
+  explicit LaneDivider(const StackBlurDivider& divider)
+      : m_multiplier(_mm_set1_epi32(static_cast<int>(divider.Multiplier()))),
+        m_shift(_mm_cvtsi32_si128(static_cast<int>(divider.Shift()))) {}
+  __m128i operator()(__m128i sums) const {
+    const __m128i even = _mm_srl_epi64(_mm_mul_epu32(sums, m_multiplier), m_shift);
+    const __m128i odd = _mm_srl_epi64(_mm_mul_epu32(_mm_srli_epi64(sums, 32), m_multiplier), m_shift);
+    return _mm_or_si128(even, _mm_slli_epi64(odd, 32));
+  }
+
+ private:
+  __m128i m_multiplier;
+  __m128i m_shift;
 };
 
 // The most lines a pass blurs side by side: adjacent columns walked together

@@ -25,24 +25,6 @@ inline __m128i PixelLanes(const unsigned char* pixel) {
   return _mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_cvtsi32_si128(word), zero), zero);
 }
 
-// StackBlurDivider on four lanes: sums below 2^31 times a multiplier below
-// 2^32 stay below 2^63, so the 64-bit products of _mm_mul_epu32 are exact.
-class LaneDivider {
- public:
-  explicit LaneDivider(const StackBlurDivider& divider)
-      : m_multiplier(_mm_set1_epi32(static_cast<int>(divider.Multiplier()))),
-        m_shift(_mm_cvtsi32_si128(static_cast<int>(divider.Shift()))) {}
-  __m128i operator()(__m128i sums) const {
-    const __m128i even = _mm_srl_epi64(_mm_mul_epu32(sums, m_multiplier), m_shift);
-    const __m128i odd = _mm_srl_epi64(_mm_mul_epu32(_mm_srli_epi64(sums, 32), m_multiplier), m_shift);
-    return _mm_or_si128(even, _mm_slli_epi64(odd, 32));
-  }
-
- private:
-  __m128i m_multiplier;
-  __m128i m_shift;
-};
-
 // Sums of the first window of a line whose positions 0 .. last hold `value(p)`
 // (`C` lanes each): positions -r .. 0 repeat position 0, positions beyond last
 // repeat last. Products are formed in 64 bits; Scalar holds every sum of the

@@ -65,42 +65,68 @@ void BoxBlurWalk(unsigned char* bytes, int64_t start, int64_t stride, int64_t le
 // BoxBlurWalk on `columns` adjacent walks at once, position by position, for
 // walks that all have `length` positions (stride apart, the first starting at
 // byte `start`, the others a pixel apart): each step touches a run of bytes
-// of one row instead of one pixel of every row, and the rings hold a row of
-// the block per position.
+// of one row instead of one pixel of every row, four pixels to an SSE2
+// register, and the rings hold the unblurred pixels of a row of the block
+// per position. All walks have the same count, so one divider serves a row.
 void BoxBlurWalks(unsigned char* bytes, int64_t start, int64_t stride, int64_t length, uint32_t radius,
                   size_t columns, const std::vector<StackBlurDivider>& byCount) {
+  static_assert(kChromaVByte == 0 && kChromaUByte == 1, "the chroma bytes are the low half of a pixel word");
   if (length <= 0 || columns == 0) return;
-  const size_t lanes = 2 * columns;
-  std::vector<uint32_t> sums(lanes, 0);
-  std::vector<unsigned char> rings((static_cast<size_t>(radius) + 1) * lanes);
+  const size_t groups = columns / 4, rowBytes = columns * kBytesPerPixel;
+  std::vector<uint32_t> sumsV(columns, 0), sumsU(columns, 0);
+  std::vector<unsigned char> rings((static_cast<size_t>(radius) + 1) * rowBytes);
+  const __m128i lowByte = _mm_set1_epi32(0xFF), lumaAndAlpha = _mm_set1_epi32(static_cast<int>(0xFFFF0000u));
+  const auto loadSums = [](const std::vector<uint32_t>& sums, size_t g) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(sums.data() + 4 * g));
+  };
+  const auto storeSums = [](std::vector<uint32_t>& sums, size_t g, __m128i value) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(sums.data() + 4 * g), value);
+  };
   const int64_t r = radius;
   uint32_t count = 0, ringPosition = 0;
   int64_t cursor = 0;
   for (int64_t t = -(r + 1); t < length; ++t) {
     if (t >= 0) {
-      unsigned char* p = bytes + start + t * stride;
-      unsigned char* saved = rings.data() + ringPosition * lanes;
+      unsigned char* row = bytes + start + t * stride;
+      unsigned char* saved = rings.data() + ringPosition * rowBytes;
       const StackBlurDivider divide = byCount[count];
-      for (size_t c = 0; c < columns; ++c, p += kBytesPerPixel) {
-        saved[2 * c] = p[kChromaVByte];
-        saved[2 * c + 1] = p[kChromaUByte];
-        p[kChromaVByte] = static_cast<unsigned char>(divide(sums[2 * c]));
-        p[kChromaUByte] = static_cast<unsigned char>(divide(sums[2 * c + 1]));
+      const LaneDivider divideLanes(divide);
+      for (size_t g = 0; g < groups; ++g) {
+        __m128i* at = reinterpret_cast<__m128i*>(row + 16 * g);
+        const __m128i pixels = _mm_loadu_si128(at);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(saved + 16 * g), pixels);
+        const __m128i chroma = _mm_or_si128(divideLanes(loadSums(sumsV, g)),
+                                            _mm_slli_epi32(divideLanes(loadSums(sumsU, g)), 8));
+        _mm_storeu_si128(at, _mm_or_si128(_mm_and_si128(pixels, lumaAndAlpha), chroma));
+      }
+      for (size_t c = 4 * groups; c < columns; ++c) {
+        unsigned char* p = row + c * kBytesPerPixel;
+        std::memcpy(saved + c * kBytesPerPixel, p, kBytesPerPixel);
+        p[kChromaVByte] = static_cast<unsigned char>(divide(sumsV[c]));
+        p[kChromaUByte] = static_cast<unsigned char>(divide(sumsU[c]));
       }
       ringPosition = ringPosition == radius ? 0 : ringPosition + 1;
     }
-    if (cursor < length) {
-      const unsigned char* p = bytes + start + cursor * stride;
-      for (size_t c = 0; c < columns; ++c, p += kBytesPerPixel) {
-        sums[2 * c] += p[kChromaVByte];
-        sums[2 * c + 1] += p[kChromaUByte];
+    const auto addRow = [&](const unsigned char* row, bool add) {
+      for (size_t g = 0; g < groups; ++g) {
+        const __m128i pixels = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + 16 * g));
+        const __m128i v = _mm_and_si128(pixels, lowByte), u = _mm_and_si128(_mm_srli_epi32(pixels, 8), lowByte);
+        storeSums(sumsV, g, add ? _mm_add_epi32(loadSums(sumsV, g), v) : _mm_sub_epi32(loadSums(sumsV, g), v));
+        storeSums(sumsU, g, add ? _mm_add_epi32(loadSums(sumsU, g), u) : _mm_sub_epi32(loadSums(sumsU, g), u));
       }
+      for (size_t c = 4 * groups; c < columns; ++c) {
+        const unsigned char* p = row + c * kBytesPerPixel;
+        sumsV[c] = add ? sumsV[c] + p[kChromaVByte] : sumsV[c] - p[kChromaVByte];
+        sumsU[c] = add ? sumsU[c] + p[kChromaUByte] : sumsU[c] - p[kChromaUByte];
+      }
+    };
+    if (cursor < length) {
+      addRow(bytes + start + cursor * stride, true);
       ++count;
       ++cursor;
     }
     if (t - r >= 0) {
-      const unsigned char* saved = rings.data() + ringPosition * lanes;
-      for (size_t lane = 0; lane < lanes; ++lane) sums[lane] -= saved[lane];
+      addRow(rings.data() + ringPosition * rowBytes, false);
       --count;
     }
   }
