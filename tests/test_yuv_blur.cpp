@@ -260,6 +260,36 @@ TEST(YUVBlur, HugeRadii) {
   }
 }
 
+TEST(YUVBlur, BoxWindowsOfMoreThanFourMillionPixels) {
+  // A row of 8.5 million pixels and a window over all of it: every pixel gets
+  // the mean of the row, whose sum passes 2^31.
+  const uint32_t width = 8500000;
+  YUVBoxBlurData data;
+  data.threadCount = 1;
+  data.threadIndex = 0;
+  data.yuvPixels.reset(new std::vector<unsigned char>(static_cast<size_t>(width) * 4));
+  data.height = 1;
+  data.width = width;
+  data.radius = width;
+  data.phase = 0;
+  uint64_t sums[2] = {0, 0};
+  for (uint32_t x = 0; x < width; ++x) {
+    unsigned char* p = data.yuvPixels->data() + static_cast<size_t>(x) * 4;
+    p[0] = static_cast<unsigned char>(250 + x % 6);
+    p[1] = static_cast<unsigned char>(255 - x % 3);
+    p[2] = 7;
+    sums[0] += p[0];
+    sums[1] += p[1];
+  }
+  HorizontalYUVBlurProc(&data);
+  for (uint32_t x = 0; x < width; ++x) {
+    const unsigned char* p = data.yuvPixels->data() + static_cast<size_t>(x) * 4;
+    ASSERT_EQ(sums[0] / width, p[0]) << x;
+    ASSERT_EQ(sums[1] / width, p[1]) << x;
+    ASSERT_EQ(7, p[2]);
+  }
+}
+
 TEST(YUVBlur, SettersAndEmptyImages) {
   ScopedCoreCount cores(3);
   kvo::KVLookupTables& tables = Tables();

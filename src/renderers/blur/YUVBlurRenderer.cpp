@@ -28,7 +28,8 @@ size_t ArrayBytes(const SharedByteArray& array) { return array ? array->size() :
 // values that enter; two rings keep the unblurred values of the last
 // radius + 1 positions written, for the values that leave.
 // byCount[count] divides a sum of `count` values exactly (a division
-// instruction per byte would cost more than the rest of the walk).
+// instruction per byte would cost more than the rest of the walk); an empty
+// byCount means dividing with the instruction.
 void BoxBlurWalk(unsigned char* bytes, int64_t start, int64_t stride, int64_t length, uint32_t radius,
                  std::vector<unsigned char>& ring0, std::vector<unsigned char>& ring1,
                  const std::vector<StackBlurDivider>& byCount) {
@@ -42,9 +43,14 @@ void BoxBlurWalk(unsigned char* bytes, int64_t start, int64_t stride, int64_t le
       unsigned char* p = bytes + start + t * stride;
       ring0[ringPosition] = p[kChromaVByte];
       ring1[ringPosition] = p[kChromaUByte];
-      const StackBlurDivider& divide = byCount[count];
-      p[kChromaVByte] = static_cast<unsigned char>(divide(sum0));
-      p[kChromaUByte] = static_cast<unsigned char>(divide(sum1));
+      if (byCount.empty()) {
+        p[kChromaVByte] = static_cast<unsigned char>(sum0 / count);
+        p[kChromaUByte] = static_cast<unsigned char>(sum1 / count);
+      } else {
+        const StackBlurDivider& divide = byCount[count];
+        p[kChromaVByte] = static_cast<unsigned char>(divide(sum0));
+        p[kChromaUByte] = static_cast<unsigned char>(divide(sum1));
+      }
       ringPosition = ringPosition == radius ? 0 : ringPosition + 1;
     }
     if (cursor < length) {
@@ -72,7 +78,8 @@ void BoxBlurWalks(unsigned char* bytes, int64_t start, int64_t stride, int64_t l
                   size_t columns, const std::vector<StackBlurDivider>& byCount) {
   static_assert(kChromaVByte == 0 && kChromaUByte == 1, "the chroma bytes are the low half of a pixel word");
   if (length <= 0 || columns == 0) return;
-  const size_t groups = columns / 4, rowBytes = columns * kBytesPerPixel;
+  const bool dividers = !byCount.empty();
+  const size_t groups = dividers ? columns / 4 : 0, rowBytes = columns * kBytesPerPixel;
   std::vector<uint32_t> sumsV(columns, 0), sumsU(columns, 0);
   std::vector<unsigned char> rings((static_cast<size_t>(radius) + 1) * rowBytes);
   const __m128i lowByte = _mm_set1_epi32(0xFF), lumaAndAlpha = _mm_set1_epi32(static_cast<int>(0xFFFF0000u));
@@ -89,7 +96,7 @@ void BoxBlurWalks(unsigned char* bytes, int64_t start, int64_t stride, int64_t l
     if (t >= 0) {
       unsigned char* row = bytes + start + t * stride;
       unsigned char* saved = rings.data() + ringPosition * rowBytes;
-      const StackBlurDivider divide = byCount[count];
+      const StackBlurDivider divide = dividers ? byCount[count] : StackBlurDivider();
       const LaneDivider divideLanes(divide);
       for (size_t g = 0; g < groups; ++g) {
         __m128i* at = reinterpret_cast<__m128i*>(row + 16 * g);
@@ -102,8 +109,8 @@ void BoxBlurWalks(unsigned char* bytes, int64_t start, int64_t stride, int64_t l
       for (size_t c = 4 * groups; c < columns; ++c) {
         unsigned char* p = row + c * kBytesPerPixel;
         std::memcpy(saved + c * kBytesPerPixel, p, kBytesPerPixel);
-        p[kChromaVByte] = static_cast<unsigned char>(divide(sumsV[c]));
-        p[kChromaUByte] = static_cast<unsigned char>(divide(sumsU[c]));
+        p[kChromaVByte] = static_cast<unsigned char>(dividers ? divide(sumsV[c]) : sumsV[c] / count);
+        p[kChromaUByte] = static_cast<unsigned char>(dividers ? divide(sumsU[c]) : sumsU[c] / count);
       }
       ringPosition = ringPosition == radius ? 0 : ringPosition + 1;
     }
@@ -140,8 +147,11 @@ const int64_t kBoxColumnsAtOnce = 256;
 // radius beyond the longest walk gives the same bytes as that length.
 uint32_t UsefulBoxRadius(uint32_t radius, uint32_t longestWalk) { return std::min(radius, longestWalk); }
 
-// The dividers of every count a walk of that radius divides by: 1 .. 2r + 1.
+// The dividers of every count a walk of that radius divides by: 1 .. 2r + 1;
+// none (the walks divide with an instruction) when a window's sum can reach
+// 2^31, past the dividers' exact range: walks of over 4 million positions.
 std::vector<StackBlurDivider> BoxDividers(uint32_t radius) {
+  if (255 * (2 * static_cast<uint64_t>(radius) + 1) >= (uint64_t(1) << 31)) return std::vector<StackBlurDivider>();
   std::vector<StackBlurDivider> byCount(2 * static_cast<size_t>(radius) + 2);
   for (size_t count = 1; count < byCount.size(); ++count) {
     byCount[count] = StackBlurDivider::OfDivisor(static_cast<uint32_t>(count));
