@@ -256,3 +256,24 @@ TEST(DepthOfField, EveryThreadCountGivesTheSameBytes) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(DepthOfField, ASetupWithNothingToBlurDropsTheLastLevels) {
+  // The bounds lie inside a 20x20 image but outside an 8x8 one: after a
+  // Setup on the small image the stage copies it, whatever the large one left.
+  DepthOfFieldRenderer stage(kDepthOfFieldRadial, KVPoint2F(0, 0), 0.0, 6, 0.0, 0.1, 1.0, 0.0,
+                             KVRect(KVPoint2(10, 10), 5, 5));
+  GuardedImage large(20, 20), largeOut(20, 20), small(8, 8, 1), smallOut(8, 8);
+  large.fill(PatternBytes(20 * 20 * 4, 91));
+  small.fill(PatternBytes(8 * 8 * 4, 92));
+  stage.Setup(large.image());
+  EXPECT_EQ(0, stage.Render(large.image(), largeOut.image(), 0, 1));
+  EXPECT_NE(large.contents(), largeOut.contents());
+  stage.Setup(small.image());
+  for (unsigned char t = 0; t < 3; ++t) EXPECT_EQ(0, stage.Render(small.image(), smallOut.image(), t, 3));
+  EXPECT_EQ(small.contents(), smallOut.contents());
+  EXPECT_TRUE(smallOut.guardsIntact());
+}
+
+}  // namespace

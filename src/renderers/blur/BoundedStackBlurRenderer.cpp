@@ -134,6 +134,20 @@ int BoundedStackBlurRenderer::Render8(KVImage8* source, KVImage8* destination, u
     std::memmove(out, in, rowBytes);
     if (y < top || y >= bottom) continue;
     const unsigned char* blur = blurred.data() + (y - top) * rectRowBytes;
+    if (!(feather > 0.0)) {
+      // Every weight is 1: the blurred bytes as they are.
+      unsigned char* p = out + static_cast<size_t>(left) * kBytesPerPixel;
+      if (blurredChannel[0] && blurredChannel[1] && blurredChannel[2] && blurredChannel[3]) {
+        std::memcpy(p, blur, rectRowBytes);
+        continue;
+      }
+      for (size_t i = 0; i < rectRowBytes; i += kBytesPerPixel) {
+        for (unsigned c = 0; c < 4; ++c) {
+          if (blurredChannel[c]) p[i + c] = blur[i + c];
+        }
+      }
+      continue;
+    }
     for (uint32_t x = left; x < right; ++x) {
       const double weight = BlurWeight(x, y);
       const unsigned char* b = blur + static_cast<size_t>(x - left) * kBytesPerPixel;
