@@ -139,6 +139,44 @@ void BoxBlurWalks(unsigned char* bytes, int64_t start, int64_t stride, int64_t l
   }
 }
 
+// BoxBlurWalk along one row, in place: every pixel gets the mean of the
+// unblurred values within the radius, clipped to the row (what the walk's
+// rings give), here from prefix sums of the row taken before any write.
+// Where the window lies inside the row its count is 2r + 1 and four pixels
+// share an SSE2 register. Sums of a window stay below 2^31 (byCount is not
+// empty), so 32-bit prefix sums give them exactly even when they wrap.
+void BoxBlurRow(unsigned char* row, uint32_t width, uint32_t radius, std::vector<uint32_t>& prefixV,
+                std::vector<uint32_t>& prefixU, const std::vector<StackBlurDivider>& byCount) {
+  static_assert(kChromaVByte == 0 && kChromaUByte == 1, "the chroma bytes are the low half of a pixel word");
+  prefixV[0] = prefixU[0] = 0;
+  for (size_t x = 0; x < width; ++x) {
+    prefixV[x + 1] = prefixV[x] + row[x * kBytesPerPixel + kChromaVByte];
+    prefixU[x + 1] = prefixU[x] + row[x * kBytesPerPixel + kChromaUByte];
+  }
+  const size_t r = radius, n = width;
+  const auto clipped = [&](size_t x) {
+    const size_t low = x > r ? x - r : 0, high = std::min(x + r + 1, n);
+    const StackBlurDivider& divide = byCount[high - low];
+    row[x * kBytesPerPixel + kChromaVByte] = static_cast<unsigned char>(divide(prefixV[high] - prefixV[low]));
+    row[x * kBytesPerPixel + kChromaUByte] = static_cast<unsigned char>(divide(prefixU[high] - prefixU[low]));
+  };
+  size_t x = 0;
+  for (; x < n && x < r; ++x) clipped(x);
+  const LaneDivider divide(byCount[2 * r + 1]);
+  const __m128i lumaAndAlpha = _mm_set1_epi32(static_cast<int>(0xFFFF0000u));
+  const auto load = [](const std::vector<uint32_t>& prefix, size_t at) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(prefix.data() + at));
+  };
+  for (; x + r + 4 <= n; x += 4) {
+    __m128i* at = reinterpret_cast<__m128i*>(row + x * kBytesPerPixel);
+    const __m128i v = divide(_mm_sub_epi32(load(prefixV, x + r + 1), load(prefixV, x - r)));
+    const __m128i u = divide(_mm_sub_epi32(load(prefixU, x + r + 1), load(prefixU, x - r)));
+    _mm_storeu_si128(at, _mm_or_si128(_mm_and_si128(_mm_loadu_si128(at), lumaAndAlpha),
+                                      _mm_or_si128(v, _mm_slli_epi32(u, 8))));
+  }
+  for (; x < n; ++x) clipped(x);
+}
+
 // The most columns BoxBlurWalks takes at once: its rings stay within a few
 // hundred kilobytes at the largest radius of a tall image.
 const int64_t kBoxColumnsAtOnce = 256;
@@ -260,8 +298,13 @@ void* HorizontalYUVBlurProc(void* data) {
     const int64_t rowBytes = static_cast<int64_t>(d.width) * kBytesPerPixel;
     // Each share's leading cursor starts at its own first row (a walk from the
     // buffer's start would only read and discard the rows before it).
+    std::vector<uint32_t> prefixV(byCount.empty() ? 0 : d.width + 1), prefixU(prefixV.size());
     for (uint32_t y = rows.first; y < rows.end; ++y) {
-      BoxBlurWalk(d.yuvPixels->data(), y * rowBytes, kBytesPerPixel, d.width, radius, ring0, ring1, byCount);
+      if (byCount.empty()) {
+        BoxBlurWalk(d.yuvPixels->data(), y * rowBytes, kBytesPerPixel, d.width, radius, ring0, ring1, byCount);
+      } else {
+        BoxBlurRow(d.yuvPixels->data() + y * rowBytes, d.width, radius, prefixV, prefixU, byCount);
+      }
     }
   });
 }
