@@ -180,9 +180,15 @@ TEST(BoundedStackBlur, SetterArguments) {
   EXPECT_EQ(ReferenceBounded(pixels, width, 1, 1, 6, 5, 2, kvtest::kAllChannels, true, true),
             Bounded(pixels, width, height, {10, true, true, kChannelsAll, part, 0.0}, 2, nullptr, kDownsampleQuarter));
 
-  int result = 0;
-  Bounded(pixels, width, height, {100000, true, true, kChannelsAll, all, 0.0}, 2, &result);
-  EXPECT_EQ(8, result);
+  // Every radius is served; a window wider than the rectangle repeats its
+  // edge pixels.
+  for (unsigned int radius : {3000u, 100000u}) {
+    int result = -1;
+    EXPECT_EQ(ReferenceBounded(pixels, width, 1, 1, 6, 5, radius, kvtest::kAllChannels, true, true),
+              Bounded(pixels, width, height, {radius, true, true, kChannelsAll, part, 0.0}, 2, &result))
+        << radius;
+    EXPECT_EQ(0, result);
+  }
 }
 
 TEST(BoundedStackBlur, ThinAndEmptyImages) {

@@ -219,10 +219,11 @@ TEST(DepthOfField, ArgumentCodes) {
   EXPECT_EQ(0, p.SetDepthOfField(static_cast<KVDepthOfFieldType>(9), centre, 1e300, 4, 0.2, 0.2, 1.0, kNaN, kWhole));
   EXPECT_EQ(2, p.RenderQueueCount());
   EXPECT_EQ(0, p.Render());
-  // A radius beyond the stack blur's limit fails in Setup with 8.
+  // Radii past the 32-bit sums of the stack blur render as well.
   p.ClearRenderQueue();
   EXPECT_EQ(0, p.SetDepthOfField(kDepthOfFieldRadial, centre, 0.0, 3000, 0.2, 0.2, 1.0, 0.0, kWhole));
-  EXPECT_EQ(8, p.Render());
+  EXPECT_EQ(0, p.SetDepthOfField(kDepthOfFieldLinear, centre, 30.0, 4294967295u, 0.1, 0.2, 1.0, 0.0, kWhole));
+  EXPECT_EQ(0, p.Render());
 }
 
 TEST(DepthOfField, TheRadiusIsScaledByTheDownsampleFactor) {
@@ -252,6 +253,27 @@ TEST(DepthOfField, EveryThreadCountGivesTheSameBytes) {
   const Focus g{kDepthOfFieldRadial, KVPoint2F(0, 0), 0.0, 2, 0.0, 0.0, 1.0, 0.0, KVRect()};
   const Bytes tinyOne = RenderStage(DepthOfField(g), tiny, 3, 2, 1);
   for (unsigned int t = 2; t <= 16; ++t) EXPECT_EQ(tinyOne, RenderStage(DepthOfField(g), tiny, 3, 2, t)) << t;
+}
+
+}  // namespace
+
+namespace {
+
+TEST(DepthOfField, ASetupWithNothingToBlurDropsTheLastLevels) {
+  // The bounds lie inside a 20x20 image but outside an 8x8 one: after a
+  // Setup on the small image the stage copies it, whatever the large one left.
+  DepthOfFieldRenderer stage(kDepthOfFieldRadial, KVPoint2F(0, 0), 0.0, 6, 0.0, 0.1, 1.0, 0.0,
+                             KVRect(KVPoint2(10, 10), 5, 5));
+  GuardedImage large(20, 20), largeOut(20, 20), small(8, 8, 1), smallOut(8, 8);
+  large.fill(PatternBytes(20 * 20 * 4, 91));
+  small.fill(PatternBytes(8 * 8 * 4, 92));
+  stage.Setup(large.image());
+  EXPECT_EQ(0, stage.Render(large.image(), largeOut.image(), 0, 1));
+  EXPECT_NE(large.contents(), largeOut.contents());
+  stage.Setup(small.image());
+  for (unsigned char t = 0; t < 3; ++t) EXPECT_EQ(0, stage.Render(small.image(), smallOut.image(), t, 3));
+  EXPECT_EQ(small.contents(), smallOut.contents());
+  EXPECT_TRUE(smallOut.guardsIntact());
 }
 
 }  // namespace

@@ -157,16 +157,93 @@ TEST(StackBlur, SetterScalesTheRadiusByTheDownsampleFactor) {
   EXPECT_EQ(kvtest::ReferenceStackBlur(pixels, width, height, 4, kvtest::kAlphaChannel), out);
 }
 
-TEST(StackBlur, RadiusBeyondTheArithmeticFailsAsAnAllocation) {
-  std::vector<unsigned char> in(8 * 8 * 4, 77), out(in.size(), 1);
-  KVImage8 source(in.data(), 8, 8, kPixelOrderBGRA), target(out.data(), 8, 8, kPixelOrderBGRA);
-  kvo::KVLookupTables& tables = Tables();
-  for (unsigned int radius : {2896u, 100000u, 4294967295u}) {
-    KVImageProcessor processor(&source, &target, tables, kDownsampleNone);
-    ASSERT_EQ(0, processor.SetStackBlur(radius, true, true, kChannelsAll));
-    EXPECT_EQ(8, processor.Render()) << radius;
-    EXPECT_EQ(std::vector<unsigned char>(in.size(), 1), out);
+// The exported pass procedures, the straightforward form with 32-bit planes
+// and a window stack, over a whole image on one thread.
+std::vector<unsigned char> ExportedPasses(const std::vector<unsigned char>& pixels, uint32_t width, uint32_t height,
+                                          uint32_t radius, bool alphaOnly) {
+  const size_t count = static_cast<size_t>(width) * height;
+  std::vector<int32_t> planes[4] = {std::vector<int32_t>(count), std::vector<int32_t>(count),
+                                    std::vector<int32_t>(count), std::vector<int32_t>(count)};
+  std::vector<int32_t> edge(std::max(width, height));
+  std::vector<unsigned char> in(pixels), out(pixels.size(), 0);
+  StackBlurData data = {};
+  data.width = width;
+  data.height = height;
+  data.radius = radius;
+  data.plane0 = planes[0].data();
+  data.plane1 = planes[1].data();
+  data.plane2 = planes[2].data();
+  data.plane3 = planes[3].data();
+  data.edgeIndex = edge.data();
+  data.rowsPerThread = height;
+  data.columnsPerThread = width;
+  data.pixels = in.data();
+  FillStackBlurRowEdgeIndex(edge.data(), width, radius);
+  alphaOnly ? StackBlurVertAlphaProc(&data) : StackBlurVertRGBAProc(&data);
+  FillStackBlurColumnEdgeIndex(edge.data(), width, height, radius);
+  data.pixels = out.data();
+  data.sourcePixels = in.data();
+  alphaOnly ? StackBlurHorizAlphaProc(&data) : StackBlurHorizRGBAProc(&data);
+  return out;
+}
+
+TEST(StackBlur, StageMatchesTheExportedPasses) {
+  // Odd sizes, a source one byte off alignment with guard bytes after both
+  // images, several thread counts; radii 0, 1, 2, around the image size, and
+  // past the 32-bit sums. 2061 columns: a share wider than the column pass
+  // walks side by side.
+  const uint32_t sizes[][2] = {{1, 1}, {7, 3}, {17, 5}, {33, 9}, {97, 31}, {70, 2}, {2061, 3}};
+  for (const auto& size : sizes) {
+    const uint32_t w = size[0], h = size[1];
+    const std::vector<unsigned char> pixels = PatternBytes(w * h * 4, w + 3 * h);
+    for (uint32_t radius : {0u, 1u, 2u, w - 1, w, w + 1, h + 1, 2896u}) {
+      for (bool alphaOnly : {false, true}) {
+        const std::vector<unsigned char> expected = ExportedPasses(pixels, w, h, radius, alphaOnly);
+        for (unsigned int threads : {1u, 2u, 3u, 7u, 16u}) {
+          int result = -1;
+          ASSERT_EQ(expected, ProcessorStackBlur(pixels, w, h, radius, alphaOnly ? kChannelsAlpha : kChannelsAll,
+                                                 threads, &result))
+              << w << "x" << h << " r" << radius << " alpha " << alphaOnly << " threads " << threads;
+          EXPECT_EQ(0, result);
+        }
+      }
+    }
   }
+}
+
+TEST(StackBlur, EveryRadiusIsServed) {
+  // Radii at and past the end of the 32-bit sums, far past the image, and the
+  // largest a setter can give: the result is the triangle-weighted mean with
+  // the edge pixels repeating, computed without work or memory in proportion
+  // to the radius.
+  struct Case {
+    uint32_t width, height, radius;
+  } cases[] = {{5, 4, 2895}, {5, 4, 2896}, {5, 4, 3000}, {7, 3, 100000}, {1, 1, 100000}, {6, 1, 4294967295u},
+               {1, 5, 2147483648u}, {9, 4, 123456789u}, {11, 6, 4194303u}, {11, 6, 4194304u}, {40, 30, 268961283u}, {40, 30, 268961284u}};
+  for (const Case& c : cases) {
+    const std::vector<unsigned char> pixels = PatternBytes(c.width * c.height * 4, c.width + c.height);
+    const std::vector<unsigned char> all =
+        kvtest::ReferenceStackBlur(pixels, c.width, c.height, c.radius, kvtest::kAllChannels);
+    const std::vector<unsigned char> alpha =
+        kvtest::ReferenceStackBlur(pixels, c.width, c.height, c.radius, kvtest::kAlphaChannel);
+    for (unsigned int threads : {1u, 3u}) {
+      int result = -1;
+      EXPECT_EQ(all, ProcessorStackBlur(pixels, c.width, c.height, c.radius, kChannelsAll, threads, &result))
+          << c.width << "x" << c.height << " r" << c.radius;
+      EXPECT_EQ(0, result);
+      EXPECT_EQ(alpha, ProcessorStackBlur(pixels, c.width, c.height, c.radius, kChannelsAlpha, threads, &result))
+          << c.width << "x" << c.height << " r" << c.radius;
+      EXPECT_EQ(0, result);
+    }
+    EXPECT_EQ(all, ExportedPasses(pixels, c.width, c.height, c.radius, false)) << c.radius;
+  }
+  // The setter's largest radius through the downsample scaling.
+  std::vector<unsigned char> in = PatternBytes(6 * 5 * 4, 9), out(in.size(), 0);
+  KVImage8 source(in.data(), 6, 5, kPixelOrderBGRA), target(out.data(), 6, 5, kPixelOrderBGRA);
+  KVImageProcessor processor(&source, &target, Tables(), kDownsampleHalf);
+  ASSERT_EQ(0, processor.SetStackBlur(4294967295u, true, true, kChannelsAll));
+  EXPECT_EQ(0, processor.Render());
+  EXPECT_EQ(kvtest::ReferenceStackBlur(in, 6, 5, 2147483647u, kvtest::kAllChannels), out);
 }
 
 TEST(StackBlur, EmptyImagesRenderNothing) {
@@ -247,6 +324,52 @@ TEST(StackBlur, DivideTableRoundsDown) {
   EXPECT_EQ(1, table[9]);
   EXPECT_EQ(255, table[256 * 9 - 1]);
   EXPECT_THROW(StackBlurDivideTable(2896), std::bad_alloc);
+}
+
+TEST(StackBlur, DividerOfAnyDivisorIsExact) {
+  // Every sum of up to 255 per value for small counts; the quotient
+  // boundaries for counts up to a wide box window and a large divisor.
+  for (uint32_t divisor = 1; divisor <= 40; ++divisor) {
+    const StackBlurDivider divide = StackBlurDivider::OfDivisor(divisor);
+    for (uint32_t sum = 0; sum <= 255 * divisor; ++sum) ASSERT_EQ(sum / divisor, uint32_t(divide(sum))) << divisor;
+  }
+  for (uint32_t divisor : {41u, 255u, 257u, 1023u, 4097u, 65535u, 8392609u}) {
+    const StackBlurDivider divide = StackBlurDivider::OfDivisor(divisor);
+    for (uint32_t q = 0; q < 256; ++q) {
+      for (uint32_t sum : {q * divisor, q * divisor + divisor - 1}) ASSERT_EQ(q, uint32_t(divide(sum))) << divisor;
+    }
+  }
+}
+
+TEST(StackBlur, WideQuotientIsTheExactFloor) {
+  // The floating estimate is corrected at both sides of every quotient, in
+  // 64-bit sums up to their largest radius and in 128-bit sums beyond.
+  for (uint32_t radius : {2896u, 100000u, kLargestStackBlurRadius64}) {
+    const uint64_t side = static_cast<uint64_t>(radius) + 1, divisor = side * side;
+    const double reciprocal = 1.0 / static_cast<double>(divisor);
+    for (uint64_t q = 0; q < 256; ++q) {
+      const uint64_t base = divisor * q;
+      ASSERT_EQ(q, StackBlurQuotient<uint64_t>(base, divisor, reciprocal)) << radius;
+      if (q > 0) {
+        ASSERT_EQ(q - 1, StackBlurQuotient<uint64_t>(base - 1, divisor, reciprocal)) << radius;
+      }
+      if (q < 255) {
+        ASSERT_EQ(q, StackBlurQuotient<uint64_t>(base + divisor - 1, divisor, reciprocal)) << radius;
+      }
+    }
+  }
+  for (uint32_t radius : {kLargestStackBlurRadius64 + 1, 4294967295u}) {
+    const StackBlurWideSum side = static_cast<StackBlurWideSum>(radius) + 1, divisor = side * side;
+    const double reciprocal = 1.0 / static_cast<double>(divisor);
+    for (uint32_t q = 0; q < 256; ++q) {
+      const StackBlurWideSum base = divisor * q;
+      ASSERT_EQ(q, StackBlurQuotient(base, divisor, reciprocal)) << radius;
+      if (q > 0) {
+        ASSERT_EQ(q - 1, StackBlurQuotient(base - 1, divisor, reciprocal)) << radius;
+      }
+      ASSERT_EQ(q, StackBlurQuotient(base + divisor - 1, divisor, reciprocal)) << radius;
+    }
+  }
 }
 
 TEST(StackBlur, DividerMatchesTheDivideTable) {

@@ -203,6 +203,19 @@ TEST(YUVBlur, BoxBlursFollowTheirWalksForEveryShareLayout) {
       }
     }
   }
+  // Shares wider than the columns the vertical pass walks at once, and radii
+  // at and past the image's height.
+  const unsigned int width = 601, height = 7;
+  const Bytes pixels = PatternBytes(width * height * 4, 77);
+  for (unsigned int threads : {1u, 2u, 3u}) {
+    for (int radius : {0, 2, 6, 7, 40}) {
+      Bytes yuv = ToYUV(pixels);
+      ReferenceHorizontalBox(yuv, width, height, radius);
+      ReferenceVerticalBox(yuv, width, height, radius, threads);
+      EXPECT_EQ(FromYUV(yuv), ProcessorYUVBlur(pixels, width, height, radius, 2, threads))
+          << "threads " << threads << " r" << radius;
+    }
+  }
 }
 
 TEST(YUVBlur, BoxTypesBlurOneDirectionOnly) {
@@ -235,9 +248,46 @@ TEST(YUVBlur, HugeRadii) {
     EXPECT_EQ(ProcessorYUVBlur(pixels, width, height, 7, type, 3),
               ProcessorYUVBlur(pixels, width, height, 4294967295u, type, 3));
   }
-  int result = 0;
-  ProcessorYUVBlur(pixels, width, height, 100000, 3, 2, &result);
-  EXPECT_EQ(8, result);
+  // The stack type serves every radius: the window's sums widen past the
+  // 32-bit range, and a window far wider than the image costs no more.
+  const bool chroma[4] = {true, true, false, false};
+  for (uint32_t radius : {2896u, 100000u, 4294967295u}) {
+    int result = -1;
+    EXPECT_EQ(FromYUV(kvtest::ReferenceStackBlur(ToYUV(pixels), width, height, radius, chroma)),
+              ProcessorYUVBlur(pixels, width, height, radius, 3, 2, &result))
+        << radius;
+    EXPECT_EQ(0, result);
+  }
+}
+
+TEST(YUVBlur, BoxWindowsOfMoreThanFourMillionPixels) {
+  // A row of 8.5 million pixels and a window over all of it: every pixel gets
+  // the mean of the row, whose sum passes 2^31.
+  const uint32_t width = 8500000;
+  YUVBoxBlurData data;
+  data.threadCount = 1;
+  data.threadIndex = 0;
+  data.yuvPixels.reset(new std::vector<unsigned char>(static_cast<size_t>(width) * 4));
+  data.height = 1;
+  data.width = width;
+  data.radius = width;
+  data.phase = 0;
+  uint64_t sums[2] = {0, 0};
+  for (uint32_t x = 0; x < width; ++x) {
+    unsigned char* p = data.yuvPixels->data() + static_cast<size_t>(x) * 4;
+    p[0] = static_cast<unsigned char>(250 + x % 6);
+    p[1] = static_cast<unsigned char>(255 - x % 3);
+    p[2] = 7;
+    sums[0] += p[0];
+    sums[1] += p[1];
+  }
+  HorizontalYUVBlurProc(&data);
+  for (uint32_t x = 0; x < width; ++x) {
+    const unsigned char* p = data.yuvPixels->data() + static_cast<size_t>(x) * 4;
+    ASSERT_EQ(sums[0] / width, p[0]) << x;
+    ASSERT_EQ(sums[1] / width, p[1]) << x;
+    ASSERT_EQ(7, p[2]);
+  }
 }
 
 TEST(YUVBlur, SettersAndEmptyImages) {

@@ -24,9 +24,10 @@ namespace image {
 // ("Horiz" procedures, they walk down columns) runs in Render, one share of
 // columns per render thread.
 //
-// The largest radius is 2895: beyond it the weighted sums of a window no
-// longer fit the 32-bit arithmetic and the divide table (256 * (radius+1)^2
-// entries) cannot be built, so Setup throws std::bad_alloc (result code 8).
+// Every radius is served, with memory bounded by the image: the sums of a
+// window are exact integers (32-bit up to radius 2895, 128-bit beyond), the
+// quotients are exact divisions by (radius+1)^2 without a table, and a window
+// larger than the image costs no more than the image.
 // ---------------------------------------------------------------------------
 
 // One pass procedure's work. Only the fields a pass reads are filled.
@@ -44,9 +45,9 @@ struct StackBlurData {
   unsigned char* pixels;       // row pass: read; column pass: written
   const unsigned char* sourcePixels;  // column pass, alpha-only mode: colour bytes kept
   const int32_t* edgeIndex;    // the entering position of every step, filled before the pass starts
-  // divideTable[i] = i / (radius+1)^2. The passes divide their sums with an
-  // exact multiply-and-shift giving the same values, which stays in registers
-  // where a table of 256 * (radius+1)^2 entries outgrows the caches.
+  // divideTable[i] = i / (radius+1)^2. Not read: the passes divide their
+  // sums exactly without a table, which would outgrow the caches and, beyond
+  // radius 2895, the 32-bit index; any radius works.
   const int32_t* divideTable;
 };
 
@@ -79,9 +80,10 @@ struct StackBlurSingleChannelData {
 KVIMAGE_EXPORT void* StackBlurVertSingleChannelProc(void* data);
 KVIMAGE_EXPORT void* StackBlurHorizSingleChannelProc(void* data);
 
-// Fills the tables a pass reads. StackBlurDivideTable throws std::bad_alloc
-// for a radius above 2895 (see above) and for a table larger than the
-// machine's memory.
+// Fills the tables of a pass. StackBlurDivideTable (the quotients the passes
+// give, for hosts and single-channel users that want the table) throws
+// std::bad_alloc for a radius above 2895, where its 32-bit index ends, and for
+// a table larger than the machine's memory.
 KVIMAGE_EXPORT std::vector<int32_t> StackBlurDivideTable(uint32_t radius);
 KVIMAGE_EXPORT void FillStackBlurRowEdgeIndex(int32_t* edgeIndex, uint32_t width, uint32_t radius);
 KVIMAGE_EXPORT void FillStackBlurColumnEdgeIndex(int32_t* edgeIndex, uint32_t width, uint32_t height,
@@ -109,17 +111,12 @@ class KVIMAGE_EXPORT StackBlurRenderer : public AbstractRenderer {
   [[maybe_unused]] bool horizontal;
   [[maybe_unused]] bool vertical;
   int channels;  // the KVChannelsToProcess value, kept as given
-  std::vector<int32_t> plane0;
-  std::vector<int32_t> plane1;
-  std::vector<int32_t> plane2;
-  std::vector<int32_t> plane3;
-  std::vector<int32_t> edgeIndex;
-  std::vector<int32_t> divideTable;
-  // The size of the image the planes were computed from (0 x 0 before any
-  // Setup); Render renders nothing for images of another size.
+  // The row pass's results as bytes, four a pixel (alpha alone in the
+  // alpha-only mode), and the size of the image they came from (0 x 0 before
+  // any Setup); Render renders nothing for images of another size.
+  std::vector<unsigned char> rowPassPlane;
   uint32_t setupWidth;
   uint32_t setupHeight;
-  uint32_t divideTableRadius;
 };
 
 // ---------------------------------------------------------------------------
@@ -193,9 +190,7 @@ class KVIMAGE_EXPORT YUVBlurRenderer : public AbstractRenderer {
   uint32_t radius;
   int blurType;  // the KVYUVBlurType value, kept as given
   SharedByteArray yuvPixels;
-  SharedIntArray chromaPlane0;
-  SharedIntArray chromaPlane1;
-  SharedIntArray edgeIndex;
+  std::vector<unsigned char> chromaRows;  // stack type: the row pass's chroma, two bytes a pixel
 };
 
 // ---------------------------------------------------------------------------
@@ -245,15 +240,18 @@ class KVIMAGE_EXPORT BoundedStackBlurRenderer : public AbstractRenderer {
   bool featherRight;
   bool featherBottom;
   std::vector<unsigned char> blurred;
+  std::vector<unsigned char> rowPassPlane;  // both directions: the row pass's results
 };
 
 // ---------------------------------------------------------------------------
 // Focus stages. Each runs, in Setup, a nested KVImageProcessor with one
 // SetBoundedStackBlur(radius, true, true, kChannelsColor, rect, blurParameter)
 // (the nested setter scales the radius by the downsample factor; alpha is
-// copied), then combines sharp and blurred pixels per render thread. A failed
-// nested setter or render (for example a radius that the stack blur refuses)
-// is a broken invariant: the stage prints its assertion and aborts. Render
+// copied), then combines sharp and blurred pixels per render thread. The
+// nested blur serves every radius; a nested render that runs out of memory
+// (code 8) throws std::bad_alloc, so the host's render returns 8. Any other
+// failed nested setter or render is a broken invariant: the stage prints its
+// assertion and aborts. Render
 // handles 8-bit images of channel order 1 only and aborts on any other with
 // the assertion `false && "Not implemented"'. Each render thread writes the
 // byte share GetBufferSizePerThread gives, cut at the end of the images (and

@@ -16,84 +16,6 @@ namespace image {
 
 namespace {
 
-// One thread's share of a pass over the rectangle. The rectangle is blurred on
-// its own: position 0 and the last position of each line repeat beyond it.
-struct BoundedPassData {
-  uint32_t threadIndex;
-  uint32_t linesPerThread;
-  uint32_t radius;
-  const unsigned char* image;  // the Setup image
-  size_t imageWidth;
-  uint32_t left;
-  uint32_t top;
-  uint32_t width;   // of the rectangle
-  uint32_t height;  // of the rectangle
-  int32_t* planes[4];          // rectangle-sized planes between the two passes
-  unsigned char* blurred;      // rectangle-sized, four bytes per pixel
-  StackBlurDivider divide;
-  bool columnsFromPlanes;      // column pass: read the row pass's planes, else the image
-  bool rowsToPlanes;           // row pass: write the planes, else the blurred bytes
-};
-
-inline uint32_t Enter(uint32_t i, uint32_t radius, uint32_t n) {
-  return static_cast<uint32_t>(std::min<uint64_t>(static_cast<uint64_t>(i) + radius + 1, n - 1));
-}
-
-void* BoundedRowPassProc(void* record) {
-  const BoundedPassData& d = *static_cast<BoundedPassData*>(record);
-  const LineShare rows = LineShareOf(d.threadIndex, d.linesPerThread, d.height);
-  if (rows.first == rows.end) return nullptr;
-  std::vector<uint32_t> stack = StackBlurWindow(d.radius, 4);
-  for (uint32_t y = rows.first; y < rows.end; ++y) {
-    const unsigned char* line = d.image + ((d.top + y) * d.imageWidth + d.left) * kBytesPerPixel;
-    const size_t outStart = static_cast<size_t>(y) * d.width;
-    StackBlurLine<4>(
-        d.width, 1, d.radius, stack.data(),
-        [&](size_t x, uint32_t* values) {
-          for (unsigned c = 0; c < 4; ++c) values[c] = line[x * kBytesPerPixel + c];
-        },
-        [&](uint32_t x) { return Enter(x, d.radius, d.width); },
-        [&](uint32_t x, const uint32_t* sums) {
-          if (d.rowsToPlanes) {
-            for (unsigned c = 0; c < 4; ++c) d.planes[c][outStart + x] = d.divide(sums[c]);
-          } else {
-            unsigned char* out = d.blurred + (outStart + x) * kBytesPerPixel;
-            for (unsigned c = 0; c < 4; ++c) out[c] = static_cast<unsigned char>(d.divide(sums[c]));
-          }
-        });
-  }
-  return nullptr;
-}
-
-void* BoundedColumnPassProc(void* record) {
-  const BoundedPassData& d = *static_cast<BoundedPassData*>(record);
-  const LineShare columns = LineShareOf(d.threadIndex, d.linesPerThread, d.width);
-  if (columns.first == columns.end) return nullptr;
-  std::vector<uint32_t> stack =
-      StackBlurWindow(d.radius, 4, std::min<uint32_t>(kStackBlurLinesPerBlock, columns.end - columns.first));
-  for (uint32_t x = columns.first; x < columns.end; x += kStackBlurLinesPerBlock) {
-    const unsigned lines = std::min<uint32_t>(kStackBlurLinesPerBlock, columns.end - x);
-    StackBlurLines<4, kStackBlurLinesPerBlock>(
-        d.height, 1, d.radius, lines, stack.data(),
-        [&](size_t y, unsigned l, uint32_t* values) {
-          if (d.columnsFromPlanes) {
-            const size_t at = y * d.width + x + l;
-            for (unsigned c = 0; c < 4; ++c) values[c] = static_cast<uint32_t>(d.planes[c][at]);
-          } else {
-            const unsigned char* p = d.image + ((d.top + y) * d.imageWidth + d.left + x + l) * kBytesPerPixel;
-            for (unsigned c = 0; c < 4; ++c) values[c] = p[c];
-          }
-        },
-        [&](uint32_t y) { return Enter(y, d.radius, d.height); },
-        [&](uint32_t y, unsigned l, const uint32_t* sums) {
-          unsigned char* out = d.blurred + (static_cast<size_t>(y) * d.width + x + l) * kBytesPerPixel;
-          for (unsigned c = 0; c < 4; ++c) out[c] = static_cast<unsigned char>(d.divide(sums[c]));
-        },
-        [](uint32_t) {});
-  }
-  return nullptr;
-}
-
 // [low, high) of a rectangle side clipped to 0 .. limit.
 void ClipSpan(int64_t start, int64_t size, uint32_t limit, uint32_t& low, uint32_t& high) {
   const int64_t end = start + size;
@@ -129,12 +51,9 @@ BoundedStackBlurRenderer::~BoundedStackBlurRenderer() {}
 unsigned int BoundedStackBlurRenderer::Type() const { return 1; }
 
 void BoundedStackBlurRenderer::Setup(KVAbstractImage* image) {
-  const uint32_t threads = PassThreadCount();
   const uint32_t w = image->Width(), h = image->Height();
   setupWidth = setupHeight = 0;
   left = top = right = bottom = 0;
-  std::vector<unsigned char>().swap(blurred);
-  CheckStackBlurRadius(radius);
   const size_t pixelCount = static_cast<size_t>(w) * h;
   if (pixelCount == 0 || image->BitsPerChannel() != 0 || image->BufferByteSize() < pixelCount * kBytesPerPixel) {
     return;
@@ -155,38 +74,23 @@ void BoundedStackBlurRenderer::Setup(KVAbstractImage* image) {
   featherRight = rectLeft + rect.Width() < static_cast<int64_t>(w);
   featherBottom = rectTop + rect.Height() < static_cast<int64_t>(h);
 
+  // The rectangle is blurred on its own: its first and last rows and columns
+  // repeat beyond it.
   const uint32_t rw = right - left, rh = bottom - top;
   const size_t rectPixels = static_cast<size_t>(rw) * rh;
+  const size_t imageRowBytes = static_cast<size_t>(w) * kBytesPerPixel, rectRowBytes = rw * kBytesPerPixel;
+  const unsigned char* corner = PixelBytes(image) + top * imageRowBytes + left * kBytesPerPixel;
   blurred.resize(rectPixels * kBytesPerPixel);
-  const bool both = horizontal && vertical;
-  std::vector<int32_t> planeStore(both ? rectPixels * 4 : 0);
-  if (threads == 0) return;
-
-  std::vector<BoundedPassData> records(threads);
-  for (uint32_t t = 0; t < threads; ++t) {
-    BoundedPassData& d = records[t];
-    d = BoundedPassData();
-    d.threadIndex = t;
-    d.radius = radius;
-    d.image = PixelBytes(image);
-    d.imageWidth = w;
-    d.left = left;
-    d.top = top;
-    d.width = rw;
-    d.height = rh;
-    for (unsigned c = 0; c < 4; ++c) d.planes[c] = both ? planeStore.data() + c * rectPixels : nullptr;
-    d.blurred = blurred.data();
-    d.divide = StackBlurDivider(radius);
-    d.rowsToPlanes = both;
-    d.columnsFromPlanes = both;
-  }
-  if (horizontal) {
-    for (BoundedPassData& d : records) d.linesPerThread = LinesPerThread(rh, threads);
-    RunThreads(BoundedRowPassProc, records);
-  }
-  if (vertical) {
-    for (BoundedPassData& d : records) d.linesPerThread = LinesPerThread(rw, threads);
-    RunThreads(BoundedColumnPassProc, records);
+  if (horizontal && vertical) {
+    rowPassPlane.resize(rectPixels * kBytesPerPixel);
+    RunStackBlurRowPass(corner, imageRowBytes, rowPassPlane.data(), rectRowBytes, rw, rh, radius, kPlaneFourBytes);
+    RunStackBlurColumnPass(rowPassPlane.data(), rectRowBytes, rw, rh, radius, kStoreBytes, blurred.data(), rectRowBytes,
+                           nullptr, 0);
+  } else if (horizontal) {
+    RunStackBlurRowPass(corner, imageRowBytes, blurred.data(), rectRowBytes, rw, rh, radius, kPlaneFourBytes);
+  } else {
+    RunStackBlurColumnPass(corner, imageRowBytes, rw, rh, radius, kStoreBytes, blurred.data(), rectRowBytes,
+                           nullptr, 0);
   }
 }
 
@@ -230,6 +134,20 @@ int BoundedStackBlurRenderer::Render8(KVImage8* source, KVImage8* destination, u
     std::memmove(out, in, rowBytes);
     if (y < top || y >= bottom) continue;
     const unsigned char* blur = blurred.data() + (y - top) * rectRowBytes;
+    if (!(feather > 0.0)) {
+      // Every weight is 1: the blurred bytes as they are.
+      unsigned char* p = out + static_cast<size_t>(left) * kBytesPerPixel;
+      if (blurredChannel[0] && blurredChannel[1] && blurredChannel[2] && blurredChannel[3]) {
+        std::memcpy(p, blur, rectRowBytes);
+        continue;
+      }
+      for (size_t i = 0; i < rectRowBytes; i += kBytesPerPixel) {
+        for (unsigned c = 0; c < 4; ++c) {
+          if (blurredChannel[c]) p[i + c] = blur[i + c];
+        }
+      }
+      continue;
+    }
     for (uint32_t x = left; x < right; ++x) {
       const double weight = BlurWeight(x, y);
       const unsigned char* b = blur + static_cast<size_t>(x - left) * kBytesPerPixel;

@@ -82,8 +82,6 @@ void DepthOfFieldRenderer::Setup(KVAbstractImage* image) {
   setupWidth = setupHeight = 0;
   left = top = right = bottom = 0;
   levelRadius.clear();
-  std::vector<std::vector<unsigned char> >().swap(levels);
-  CheckStackBlurRadius(radius);
   const uint32_t w = image->Width(), h = image->Height();
   const size_t pixelCount = static_cast<size_t>(w) * h;
   if (pixelCount == 0 || image->BitsPerChannel() != 0 || image->BufferByteSize() < pixelCount * kBytesPerPixel) {
@@ -122,7 +120,9 @@ void DepthOfFieldRenderer::Setup(KVAbstractImage* image) {
   for (size_t k = 0; k < levelRadius.size(); ++k) {
     blurs.emplace_back(new BoundedStackBlurRenderer(levelRadius[k], true, true, kChannelsAll, clipped, blurParameter));
     blurs.back()->Setup(image);
-    levels[k].assign(pixelCount * kBytesPerPixel, 0);
+    // Kept from the last Setup when the size holds: the bounded blur's
+    // render writes every byte of it.
+    levels[k].resize(pixelCount * kBytesPerPixel);
     levelImages.emplace_back(new KVImage8(levels[k].data(), w, h, image->PixelChannelOrder()));
   }
   const unsigned char threads = PassThreadCount();
@@ -172,7 +172,7 @@ int DepthOfFieldRenderer::Render8(KVImage8* source, KVImage8* destination, unsig
   uint32_t y = static_cast<uint32_t>(share.start / setupWidth);
   for (size_t p = share.start; p < share.start + share.count; ++p) {
     const size_t at = p * kBytesPerPixel;
-    const bool inside = !levels.empty() && x >= left && x < right && y >= top && y < bottom;
+    const bool inside = !levelRadius.empty() && x >= left && x < right && y >= top && y < bottom;
     const double blurRadius = inside ? BlurRadiusAt(x, y) : 0.0;
     if (blurRadius <= 0.0) {
       for (unsigned c = 0; c < kBytesPerPixel; ++c) out[at + c] = in[at + c];

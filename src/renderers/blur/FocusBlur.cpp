@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include <kvimage/image.h>
 
@@ -12,6 +13,11 @@
 
 namespace kvo {
 namespace image {
+
+namespace {
+// The code a failed allocation (std::bad_alloc) becomes.
+const int kOutOfMemoryCode = 8;
+}  // namespace
 
 kvo::maths::KVRect WholeImageBlurRect(const KVAbstractImage* image, KVDownsampleFactor factor) {
   kvo::maths::KVRect rect(kvo::maths::KVPoint2(0, 0), static_cast<int>(image->Width()),
@@ -36,6 +42,10 @@ void BlurColourBytes(KVAbstractImage* image, KVAbstractImage* destination, kvo::
   const int queued = nested.SetBoundedStackBlur(radius, true, true, kChannelsColor, rect, blurParameter);
   KV_ASSERT(queued == 0, site.source, site.setterLine, "false && \"SetStackBlur call failed.\"");
   const int rendered = nested.Render();
+  // Every radius is served, so the nested render fails only when memory runs
+  // out (code 8): that is the stage's own allocation failure and leaves it as
+  // one, for the pipeline to report. Any other failure is a broken invariant.
+  if (rendered == kOutOfMemoryCode) throw std::bad_alloc();
   KV_ASSERT(rendered == 0, site.source, site.renderLine, "false && \"KVImageProcessor Render call failed.\"");
 }
 

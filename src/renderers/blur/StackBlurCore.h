@@ -2,6 +2,8 @@
 #define KVIMAGE_SRC_RENDERERS_BLUR_STACKBLURCORE_H
 
 // The stack-blur arithmetic shared by every stage that blurs with it.
+#include <emmintrin.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -9,11 +11,14 @@
 
 #include <kvimage/blur.h>
 
+#include "renderers/blur/StackBlurPasses.h"
+
 namespace kvo {
 namespace image {
 
-// Above this radius 255 * (radius+1)^2, the largest weighted sum of a window,
-// leaves the 32-bit range of the running sums and of the divide table's index.
+// Up to this radius 255 * (radius+1)^2, the largest weighted sum of a window,
+// stays below 2^31: the passes keep 32-bit sums and divide them with
+// StackBlurDivider. Larger radii take 128-bit sums (StackBlurWideLine).
 const uint32_t kLargestStackBlurRadius = 2895;
 
 // The lines [first, first + count) of a share of `perShare` lines out of
@@ -44,17 +49,47 @@ class StackBlurDivider {
   explicit StackBlurDivider(uint32_t radius = 0) {
     // Radii beyond the largest never reach a pass; clamped to keep the shift in range.
     const uint64_t side = static_cast<uint64_t>(std::min(radius, kLargestStackBlurRadius)) + 1;
-    const uint64_t divisor = side * side;
+    Build(side * side);
+  }
+  // The same exact division of sums below 2^31 by any divisor from 1.
+  static StackBlurDivider OfDivisor(uint32_t divisor) {
+    StackBlurDivider divider;
+    divider.Build(divisor == 0 ? 1 : divisor);
+    return divider;
+  }
+  int32_t operator()(uint32_t sum) const { return static_cast<int32_t>((sum * m_multiplier) >> m_shift); }
+  // m = 2^shift / divisor + 1 with shift = 31 + ceil(log2 divisor) stays below 2^32.
+  uint32_t Multiplier() const { return static_cast<uint32_t>(m_multiplier); }
+  unsigned Shift() const { return m_shift; }
+
+ private:
+  void Build(uint64_t divisor) {
     unsigned bits = 0;
     while ((uint64_t(1) << bits) < divisor) ++bits;  // ceil(log2 divisor)
     m_shift = 31 + bits;
     m_multiplier = (uint64_t(1) << m_shift) / divisor + 1;
   }
-  int32_t operator()(uint32_t sum) const { return static_cast<int32_t>((sum * m_multiplier) >> m_shift); }
 
- private:
   uint64_t m_multiplier;
   unsigned m_shift;
+};
+
+// StackBlurDivider on four lanes: sums below 2^31 times a multiplier below
+// 2^32 stay below 2^63, so the 64-bit products of _mm_mul_epu32 are exact.
+class LaneDivider {
+ public:
+  explicit LaneDivider(const StackBlurDivider& divider)
+      : m_multiplier(_mm_set1_epi32(static_cast<int>(divider.Multiplier()))),
+        m_shift(_mm_cvtsi32_si128(static_cast<int>(divider.Shift()))) {}
+  __m128i operator()(__m128i sums) const {
+    const __m128i even = _mm_srl_epi64(_mm_mul_epu32(sums, m_multiplier), m_shift);
+    const __m128i odd = _mm_srl_epi64(_mm_mul_epu32(_mm_srli_epi64(sums, 32), m_multiplier), m_shift);
+    return _mm_or_si128(even, _mm_slli_epi64(odd, 32));
+  }
+
+ private:
+  __m128i m_multiplier;
+  __m128i m_shift;
 };
 
 // The most lines a pass blurs side by side: adjacent columns walked together
@@ -144,20 +179,35 @@ inline std::vector<uint32_t> StackBlurWindow(uint32_t radius, unsigned channels,
 }
 
 // The row pass over rows of `data`'s share: C channels fetched by `fetch(rowStart + x, values)`,
-// emitted by `emit(rowStart + x, sums)`.
+// emitted divided by `emit(rowStart + x, quotients)`.
 template <unsigned C, class Fetch, class Emit>
 inline void RowPass(const StackBlurData& data, Fetch fetch, Emit emit) {
-  if (data.width == 0 || data.height == 0 || data.radius > kLargestStackBlurRadius) return;
+  if (data.width == 0 || data.height == 0) return;
   const LineShare rows = LineShareOf(data.threadIndex, data.rowsPerThread, data.height);
   if (rows.first == rows.end) return;
+  if (data.radius > kLargestStackBlurRadius) {
+    for (uint32_t y = rows.first; y < rows.end; ++y) {
+      const size_t rowStart = static_cast<size_t>(y) * data.width;
+      StackBlurWideLine<C>(
+          data.width, data.radius, [&](uint64_t x, uint32_t* values) { fetch(rowStart + x, values); },
+          [&](uint64_t x, const uint32_t* quotients) { emit(rowStart + x, quotients); });
+    }
+    return;
+  }
   std::vector<uint32_t> stack = StackBlurWindow(data.radius, C);
   const int32_t* edgeIndex = data.edgeIndex;
+  const StackBlurDivider divide(data.radius);
   for (uint32_t y = rows.first; y < rows.end; ++y) {
     const size_t rowStart = static_cast<size_t>(y) * data.width;
     StackBlurLine<C>(
         data.width, 1, data.radius, stack.data(),
         [&](size_t offset, uint32_t* values) { fetch(rowStart + offset, values); },
-        [&](uint32_t x) { return edgeIndex[x]; }, [&](uint32_t x, const uint32_t* sums) { emit(rowStart + x, sums); });
+        [&](uint32_t x) { return edgeIndex[x]; },
+        [&](uint32_t x, const uint32_t* sums) {
+          uint32_t quotients[C];
+          for (unsigned c = 0; c < C; ++c) quotients[c] = static_cast<uint32_t>(divide(sums[c]));
+          emit(rowStart + x, quotients);
+        });
   }
 }
 
@@ -169,13 +219,25 @@ inline void RowPass(const StackBlurData& data, Fetch fetch, Emit emit) {
 // pass's state.)
 template <unsigned C, class Fetch, class Store>
 inline void ColumnPass(const StackBlurData& data, Fetch fetch, Store store) {
-  if (data.width == 0 || data.height == 0 || data.radius > kLargestStackBlurRadius) return;
+  if (data.width == 0 || data.height == 0) return;
   const LineShare columns = LineShareOf(data.threadIndex, data.columnsPerThread, data.width);
   if (columns.first == columns.end) return;
+  const size_t width = data.width;
+  if (data.radius > kLargestStackBlurRadius) {
+    for (uint32_t x = columns.first; x < columns.end; ++x) {
+      StackBlurWideLine<C>(
+          data.height, data.radius, [&](uint64_t y, uint32_t* values) { fetch(y * width + x, values); },
+          [&](uint64_t y, const uint32_t* quotients) {
+            uint32_t results[1][C];
+            for (unsigned c = 0; c < C; ++c) results[0][c] = quotients[c];
+            store(y * width + x, results, 1);
+          });
+    }
+    return;
+  }
   std::vector<uint32_t> stack =
       StackBlurWindow(data.radius, C, std::min<uint32_t>(kStackBlurLinesPerBlock, columns.end - columns.first));
   const int32_t* edgeIndex = data.edgeIndex;
-  const size_t width = data.width;
   const StackBlurDivider divide(data.radius);
   uint32_t results[kStackBlurLinesPerBlock][C];
   for (uint32_t x = columns.first; x < columns.end; x += kStackBlurLinesPerBlock) {

@@ -79,7 +79,6 @@ void* StackBlurVertRGBAProc(void* data) {
   return RunPass(data, [](const StackBlurData& d) {
     const unsigned char* pixels = d.pixels;
     int32_t* planes[4] = {d.plane0, d.plane1, d.plane2, d.plane3};
-    const StackBlurDivider divide(d.radius);
     RowPass<4>(
         d,
         [&](size_t pixel, uint32_t* values) {
@@ -89,8 +88,8 @@ void* StackBlurVertRGBAProc(void* data) {
           values[2] = p[2];
           values[3] = p[3];
         },
-        [&](size_t pixel, const uint32_t* sums) {
-          for (unsigned c = 0; c < 4; ++c) planes[c][pixel] = divide(sums[c]);
+        [&](size_t pixel, const uint32_t* quotients) {
+          for (unsigned c = 0; c < 4; ++c) planes[c][pixel] = static_cast<int32_t>(quotients[c]);
         });
   });
 }
@@ -99,10 +98,9 @@ void* StackBlurVertAlphaProc(void* data) {
   return RunPass(data, [](const StackBlurData& d) {
     const unsigned char* pixels = d.pixels;
     int32_t* plane3 = d.plane3;
-    const StackBlurDivider divide(d.radius);
     RowPass<1>(
         d, [&](size_t pixel, uint32_t* values) { values[0] = pixels[pixel * kBytesPerPixel + kAlphaByte]; },
-        [&](size_t pixel, const uint32_t* sums) { plane3[pixel] = divide(sums[0]); });
+        [&](size_t pixel, const uint32_t* quotients) { plane3[pixel] = static_cast<int32_t>(quotients[0]); });
   });
 }
 
@@ -167,10 +165,9 @@ void* StackBlurVertSingleChannelProc(void* data) {
   return RunPass(&pass, [&](const StackBlurData& d) {
     const int32_t* input = single.input;
     int32_t* output = single.output;
-    const StackBlurDivider divide(d.radius);
     RowPass<1>(
         d, [&](size_t pixel, uint32_t* values) { values[0] = static_cast<uint32_t>(input[pixel]); },
-        [&](size_t pixel, const uint32_t* sums) { output[pixel] = divide(sums[0]); });
+        [&](size_t pixel, const uint32_t* quotients) { output[pixel] = static_cast<int32_t>(quotients[0]); });
   });
 }
 
@@ -198,75 +195,28 @@ StackBlurRenderer::StackBlurRenderer(unsigned int radius_, bool horizontal_, boo
       vertical(vertical_),
       channels(static_cast<int>(channels_)),
       setupWidth(0),
-      setupHeight(0),
-      divideTableRadius(0) {}
+      setupHeight(0) {}
 
 StackBlurRenderer::~StackBlurRenderer() {}
 
 unsigned int StackBlurRenderer::Type() const { return 1; }
 
-namespace {
-
-// Gives a plane exactly `count` entries; the values are overwritten by the pass.
-void SizePlane(std::vector<int32_t>& plane, size_t count) {
-  if (plane.size() != count) {
-    std::vector<int32_t>().swap(plane);
-    plane.resize(count);
-  }
-}
-
-}  // namespace
-
+// The row pass leaves its results as bytes (every value is 0 .. 255 once
+// divided): four a pixel, or the alpha byte alone.
 void StackBlurRenderer::Setup(KVAbstractImage* image) {
-  const uint32_t threads = PassThreadCount();
   const uint32_t w = image->Width(), h = image->Height();
   setupWidth = setupHeight = 0;
-  CheckStackBlurRadius(radius);
   const size_t pixelCount = static_cast<size_t>(w) * h;
   if (pixelCount == 0 || image->BitsPerChannel() != 0 || image->BufferByteSize() < pixelCount * kBytesPerPixel) {
     return;  // nothing to read: Render renders nothing
   }
-
-  if (!AlphaOnly()) {
-    SizePlane(plane0, pixelCount);
-    SizePlane(plane1, pixelCount);
-    SizePlane(plane2, pixelCount);
+  const StackBlurPlaneKind kind = AlphaOnly() ? kPlaneAlphaByte : kPlaneFourBytes;
+  if (rowPassPlane.size() != pixelCount * kind) {
+    std::vector<unsigned char>().swap(rowPassPlane);
+    rowPassPlane.resize(pixelCount * kind);
   }
-  SizePlane(plane3, pixelCount);
-  SizePlane(edgeIndex, std::max(w, h));
-  if (divideTable.empty() || divideTableRadius != radius) {
-    divideTable = StackBlurDivideTable(radius);
-    divideTableRadius = radius;
-  }
-  if (threads == 0) return;
-
-  // The entering positions do not depend on the thread: filled once here
-  // rather than by every share.
-  FillStackBlurRowEdgeIndex(edgeIndex.data(), w, radius);
-  std::vector<StackBlurData> records(threads);
-  const uint32_t rowsPerThread = LinesPerThread(h, threads);
-  for (uint32_t t = 0; t < threads; ++t) {
-    StackBlurData& data = records[t];
-    data = StackBlurData();
-    data.threadIndex = t;
-    data.rowsPerThread = rowsPerThread;
-    data.width = w;
-    data.height = h;
-    data.radius = radius;
-    data.plane3 = plane3.data();
-    if (!AlphaOnly()) {
-      data.plane2 = plane2.data();
-      data.plane1 = plane1.data();
-      data.plane0 = plane0.data();
-    }
-    data.pixels = PixelBytes(image);
-    data.edgeIndex = edgeIndex.data();
-    data.divideTable = divideTable.data();
-  }
-  RunThreads(AlphaOnly() ? StackBlurVertAlphaProc : StackBlurVertRGBAProc, records);
-
-  // The column pass in Render reads the column positions.
-  FillStackBlurColumnEdgeIndex(edgeIndex.data(), w, h, radius);
+  RunStackBlurRowPass(PixelBytes(image), static_cast<size_t>(w) * kBytesPerPixel, rowPassPlane.data(),
+                      static_cast<size_t>(w) * kind, w, h, radius, kind);
   setupWidth = w;
   setupHeight = h;
 }
@@ -280,7 +230,7 @@ int StackBlurRenderer::Render(KVAbstractImage* source, KVAbstractImage* destinat
 int StackBlurRenderer::Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
                                unsigned char threadCount) {
   if (threadCount == 0 || setupWidth == 0) return 0;
-  // The planes hold the Setup image: images of another size get nothing.
+  // The plane holds the Setup image: images of another size get nothing.
   const size_t bytes = static_cast<size_t>(setupWidth) * setupHeight * kBytesPerPixel;
   if (destination->Width() != setupWidth || destination->Height() != setupHeight ||
       destination->BufferByteSize() < bytes) {
@@ -290,25 +240,14 @@ int StackBlurRenderer::Render8(KVImage8* source, KVImage8* destination, unsigned
                       source->BufferByteSize() < bytes)) {
     return 0;
   }
-
-  StackBlurData data = StackBlurData();
-  data.threadIndex = threadIndex;
-  data.columnsPerThread = LinesPerThread(source->Width(), threadCount);
-  data.width = destination->Width();
-  data.height = destination->Height();
-  data.radius = radius;
-  data.pixels = destination->Buffer();
-  data.edgeIndex = edgeIndex.data();
-  data.divideTable = divideTable.data();
-  data.plane3 = plane3.data();
+  const LineShare columns = LineShareOf(threadIndex, LinesPerThread(source->Width(), threadCount), setupWidth);
+  const size_t rowBytes = static_cast<size_t>(setupWidth) * kBytesPerPixel;
   if (AlphaOnly()) {
-    data.sourcePixels = source->Buffer();
-    StackBlurHorizAlphaProc(&data);
+    StackBlurPlaneColumns(rowPassPlane.data(), setupWidth, setupHeight, columns.first, columns.end, radius,
+                          kStoreAlphaOverColour, destination->Buffer(), rowBytes, source->Buffer(), rowBytes);
   } else {
-    data.plane2 = plane2.data();
-    data.plane1 = plane1.data();
-    data.plane0 = plane0.data();
-    StackBlurHorizRGBAProc(&data);
+    StackBlurPlaneColumns(rowPassPlane.data(), rowBytes, setupHeight, columns.first, columns.end, radius, kStoreBytes,
+                          destination->Buffer(), rowBytes, nullptr, 0);
   }
   return 0;
 }
