@@ -151,7 +151,6 @@ class KVIMAGE_EXPORT ShadowCastCompositor : public AbstractCompositor {
   std::vector<int32_t> m_shadowAlpha;
   std::vector<int32_t> m_blurScratch;
   std::vector<int32_t> m_edgeIndex;
-  std::vector<int32_t> m_divideTable;
   uint32_t m_setupWidth;
   uint32_t m_setupHeight;
   uint32_t m_planeLeft;

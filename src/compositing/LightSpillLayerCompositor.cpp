@@ -60,9 +60,6 @@ KVAbstractImage* LightSpillLayerCompositor::GlowLayer() const {
 void LightSpillLayerCompositor::Setup(KVAbstractImage*) {
   m_blurredReady = false;
   if (m_radius == 0 || m_layer == nullptr) return;
-  // A radius the stack blur refuses fails here whatever the layer and the
-  // amount: the same arguments fail the same way on every image.
-  CheckStackBlurRadius(m_radius);
   const uint32_t width = m_layer->Width(), height = m_layer->Height();
   const size_t bytes = static_cast<size_t>(width) * height * kBytesPerPixel;
   // Nothing to lay at zero weight; nothing to read in an empty or deep layer.

@@ -283,10 +283,6 @@ unsigned int ShadowCastCompositor::Type() const { return 1; }
 
 void ShadowCastCompositor::Setup(KVAbstractImage* background) {
   m_setupWidth = m_setupHeight = 0;
-  // A radius the stack blur refuses fails here whatever the images: the same
-  // arguments fail the same way on every frame.
-  if (m_radius != 0 && m_divideTable.empty()) m_divideTable = StackBlurDivideTable(m_radius);
-
   const uint32_t width = background->Width(), height = background->Height();
   const size_t pixels = static_cast<size_t>(width) * height;
   if (pixels == 0 || background->BitsPerChannel() != 0 || background->BufferByteSize() < pixels * kBytesPerPixel) {
@@ -356,7 +352,7 @@ void ShadowCastCompositor::Setup(KVAbstractImage* background) {
       pass.input = m_shadowAlpha.data();
       pass.output = m_blurScratch.data();
       pass.edgeIndex = m_edgeIndex.data();
-      pass.divideTable = m_divideTable.data();
+      pass.divideTable = nullptr;  // the passes divide exactly without a table
     }
     FillStackBlurRowEdgeIndex(m_edgeIndex.data(), m_planeWidth, m_radius);
     RunThreads(StackBlurVertSingleChannelProc, passes);
