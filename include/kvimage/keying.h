@@ -188,7 +188,8 @@ struct KVIMAGE_EXPORT ErodeWhiteData {
 };
 
 // The scratch bytes one thread needs to erode lineCount lines of lineLength
-// pixels (rows in the horizontal pass, columns in the vertical one).
+// pixels (rows in the horizontal pass, columns in the vertical one); enough
+// for either pass whatever the line count.
 KVIMAGE_EXPORT size_t WhiteErodeScratchBytes(size_t lineLength, size_t lineCount);
 
 // The horizontal pass over rows threadIndex * rowsPerThread onwards, and the
