@@ -70,3 +70,55 @@ TEST(KeyingPaths, WhiteErodeMatchesItsRing) {
 }
 
 }  // namespace
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Intermediates: a stage known to write its whole output gets an image that
+// is not cleared first; every other one still sees zeros where nothing wrote.
+
+TEST(KeyingPaths, IntermediatesStayZeroWhereAStageWritesNothing) {
+  // A keyer's first stage refuses a deeper source and writes nothing: the
+  // crop after it sees zeros, even where earlier renders left other bytes in
+  // freed memory.
+  for (unsigned int threads : kThreadCounts) {
+    ScopedCoreCount cores(threads);
+    {
+      GuardedImage src(640, 480), dst(640, 480);
+      src.fill(kvtest::PatternBytes(src.bytes(), 3));
+      KVImageKeyer keyer(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
+      ASSERT_EQ(0, keyer.SetSpillSuppression(kChannelGreen, kSpillStandard, 0.5, 0, 0, 0, 0));
+      ASSERT_EQ(0, keyer.SetAlphaCrop(0, 0, 0, 0));
+      ASSERT_EQ(0, keyer.Render());
+    }
+    kvtest::DeepImage deep(640, 480);
+    GuardedImage dst(640, 480, 1);
+    dst.fill(kvtest::PatternBytes(dst.bytes(), 4));
+    KVImageKeyer keyer(&deep, dst.image(), kvtest::SharedTables(), kDownsampleNone);
+    ASSERT_EQ(0, keyer.SetSpillSuppression(kChannelGreen, kSpillStandard, 0.5, 0, 0, 0, 0));
+    ASSERT_EQ(0, keyer.SetAlphaCrop(0, 0, 0, 0));
+    ASSERT_EQ(0, keyer.Render());
+    EXPECT_EQ(std::vector<unsigned char>(dst.bytes(), 0), dst.contents()) << threads << " threads";
+    EXPECT_TRUE(dst.guardsIntact());
+  }
+}
+
+TEST(KeyingPaths, LargeIntermediatesAreClearedOnThePassThreads) {
+  // A mirror without flips writes nothing; the matte view after it shows
+  // opaque black over the whole (threaded) zero fill.
+  for (unsigned int threads : kThreadCounts) {
+    ScopedCoreCount cores(threads);
+    GuardedImage src(613, 509, 1), dst(613, 509);
+    src.fill(kvtest::PatternBytes(src.bytes(), 5));
+    KVImageProcessor processor(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
+    ASSERT_EQ(0, processor.SetMirror(false, false));
+    ASSERT_EQ(0, processor.SetMatteView());
+    ASSERT_EQ(0, processor.Render());
+    std::vector<unsigned char> black(dst.bytes(), 0);
+    for (size_t i = 3; i < black.size(); i += 4) black[i] = 255;
+    EXPECT_EQ(black, dst.contents()) << threads << " threads";
+    EXPECT_TRUE(dst.guardsIntact());
+  }
+}
+
+}  // namespace

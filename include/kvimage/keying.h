@@ -171,8 +171,9 @@ class KVIMAGE_EXPORT AlphaCrop : public AbstractRenderer {
 // writes bufferA. Both buffers hold width x height pixels; the pass writes
 // bufferA only below bufferALimit bytes. scratch, when not null, holds
 // WhiteErodeScratchBytes(line length, lines of the thread) bytes for the
-// pass's own use; otherwise the pass allocates it and, if that fails, exits
-// with code 8.
+// pass's own use; otherwise the pass allocates it. If that fails, the
+// horizontal pass exits with code 8 and the vertical one scans each window
+// in place instead (slowly, but it still writes all its columns).
 struct KVIMAGE_EXPORT ErodeWhiteData {
   unsigned int threadIndex;
   unsigned int rowsPerThread;
@@ -194,8 +195,8 @@ KVIMAGE_EXPORT size_t WhiteErodeScratchBytes(size_t lineLength, size_t lineCount
 
 // The horizontal pass over rows threadIndex * rowsPerThread onwards, and the
 // vertical pass over columns threadIndex * columnsPerThread onwards. Each takes
-// an ErodeWhiteData*, returns at once for null, and exits with 0, or 8 when it
-// could not allocate its scratch.
+// an ErodeWhiteData*, returns at once for null, and exits with 0, or (the
+// horizontal pass) 8 when it could not allocate its scratch.
 KVIMAGE_EXPORT void* HorizErodeWhiteProc(void* data);
 KVIMAGE_EXPORT void* VertErodeWhiteProc(void* data);
 

@@ -211,6 +211,32 @@ int ErodeRows(ErodeWhiteData& data, bool copyColour) {
   return 0;
 }
 
+// The vertical pass without scratch, for when none can be had: every
+// output scans its window in the intermediate. Slow for wide windows, but it
+// cannot fail, so the pass always writes all of its columns.
+void ErodeColumnsByScan(const ErodeWhiteData& data, Span columns, const LineWindow& w) {
+  const size_t height = data.height, rowBytes = static_cast<size_t>(data.width) * kBytesPerPixel;
+  for (uint64_t x = columns.begin; x < columns.end; ++x) {
+    const unsigned char* column = data.bufferB + x * kBytesPerPixel;
+    for (size_t y = 0; y < height; ++y) {
+      const size_t offset = y * rowBytes + x * kBytesPerPixel;
+      if (offset + kBytesPerPixel > data.bufferALimit) break;
+      // Rows y - lead .. y - lead + width - 1 of the padded column.
+      const size_t first = y >= w.lead ? y - w.lead : 0;
+      const size_t last = std::min(height - 1, y + (w.width - 1 - w.lead));
+      unsigned char lowest = 255;
+      for (size_t r = first; r <= last; ++r) {
+        if (r != w.excluded) lowest = std::min(lowest, column[r * rowBytes + kAlphaByte]);
+      }
+      if (y >= w.extraBegin && y < w.extraEnd) {
+        lowest = std::min(lowest, column[(y - w.extraOffset) * rowBytes + kAlphaByte]);
+      }
+      std::memcpy(data.bufferA + offset, data.bufferB + offset, kAlphaByte);
+      data.bufferA[offset + kAlphaByte] = lowest;
+    }
+  }
+}
+
 }  // namespace
 
 // Enough for either pass: a row needs one padded line, a strip of columns
@@ -249,10 +275,13 @@ void* VertErodeWhiteProc(void* argument) {
     return ThreadExitValue(0);
   }
 
+  const LineWindow w = WindowOf(height, data.window, kCentred);
   std::unique_ptr<unsigned char[]> owned;
   unsigned char* s = ScratchFor(data, height, owned);
-  if (s == nullptr) return ThreadExitValue(kOutOfMemoryCode);
-  const LineWindow w = WindowOf(height, data.window, kCentred);
+  if (s == nullptr) {
+    ErodeColumnsByScan(data, columns, w);
+    return ThreadExitValue(0);
+  }
   for (uint64_t first = columns.begin; first < columns.end; first += kStripLanes) {
     const size_t count = static_cast<size_t>(std::min<uint64_t>(kStripLanes, columns.end - first));
     const size_t stripOffset = first * kBytesPerPixel;
@@ -355,12 +384,13 @@ int WhiteErodeRenderer::Render8(KVAbstractImage*, KVAbstractImage* destination, 
   record.direction = m_direction;
   record.bufferALimit = destination->BufferByteSize();
   record.scratch = nullptr;
-  std::vector<unsigned char> scratch;
+  // Without scratch the pass scans instead: it writes all its columns
+  // whatever memory is left.
+  std::unique_ptr<unsigned char[]> scratch;
   const Span columns = ThreadSpan(threadIndex, record.columnsPerThread, record.width);
   if (ShapeOf(m_direction) == kCentred && columns.begin < columns.end) {
-    // std::bad_alloc here ends this thread with code 8.
-    scratch.resize(WhiteErodeScratchBytes(record.height, columns.end - columns.begin));
-    record.scratch = scratch.data();
+    scratch.reset(new (std::nothrow) unsigned char[WhiteErodeScratchBytes(record.height, 1)]);
+    record.scratch = scratch.get();
   }
   VertErodeWhiteProc(&record);
   return 0;

@@ -1,5 +1,10 @@
 #include "pipeline/RendererQueue.h"
 
+#include <algorithm>
+#include <cstring>
+
+#include <kvimage/keying.h>
+
 #include "pipeline/ResultCodes.h"
 #include "support/Conversions.h"
 
@@ -27,6 +32,62 @@ int RendererQueue::Clear() {
   });
 }
 
+namespace {
+
+// Whether every thread count from 1 up makes `stage` write every byte of an
+// output of its input's size and order, whatever the pixels: then the zero
+// fill of an intermediate it writes can never be seen. Each of these stages
+// splits the output into shares that cover it, writes every byte of its
+// share, and cannot fail once it has passed the format check (the white
+// erode takes its threads' scratch in Setup).
+bool WritesWholeOutput(AbstractRenderer* stage, KVAbstractImage* input) {
+  if (input->BitsPerChannel() != 0) return false;  // these stages refuse it and write nothing
+  if (dynamic_cast<ColorDifferenceKeyer*>(stage) != nullptr) return true;
+  if (dynamic_cast<SpillSuppressor*>(stage) != nullptr) return true;
+  // The matte clean-up stages abort on other orders.
+  if (input->PixelChannelOrder() != kPixelOrderBGRA) return false;
+  return dynamic_cast<AlphaCrop*>(stage) != nullptr || dynamic_cast<WhiteErodeRenderer*>(stage) != nullptr;
+}
+
+const size_t kThreadedZeroFillBytes = 1 << 20;
+
+struct ZeroFillShare {
+  unsigned char* bytes;
+  size_t count;
+};
+
+void* ZeroFillProc(void* argument) {
+  const ZeroFillShare& share = *static_cast<ZeroFillShare*>(argument);
+  if (share.count != 0) std::memset(share.bytes, 0, share.count);
+  return ThreadExitValue(0);
+}
+
+// A fresh image of the input's size and order for stage to write: all zero,
+// filled on the pass's threads, unless the stage is known to overwrite it.
+std::tr1::shared_ptr<KVAbstractImage> NewIntermediate(AbstractRenderer* stage, KVAbstractImage* input,
+                                                      unsigned char threadCount) {
+  KVImage8* image = new KVImage8(input->Width(), input->Height(), input->PixelChannelOrder(), false);
+  std::tr1::shared_ptr<KVAbstractImage> held(image);
+  if (threadCount != 0 && WritesWholeOutput(stage, input)) return held;
+  // A small image is cleared at once; a large one by the pass's threads,
+  // each a contiguous share.
+  const size_t bytes = image->BufferByteSize();
+  if (threadCount <= 1 || bytes < kThreadedZeroFillBytes) {
+    if (bytes != 0) std::memset(image->Buffer(), 0, bytes);
+    return held;
+  }
+  const size_t share = (bytes + threadCount - 1) / threadCount;
+  std::vector<ZeroFillShare> shares(threadCount);
+  for (size_t t = 0; t < threadCount; ++t) {
+    const size_t start = std::min(bytes, t * share);
+    shares[t] = ZeroFillShare{image->Buffer() + start, std::min(share, bytes - start)};
+  }
+  RunThreads(ZeroFillProc, shares);
+  return held;
+}
+
+}  // namespace
+
 int RendererQueue::Render(ThreadEntry workerEntry) {
   return GuardedCall([&] {
     const size_t stageCount = queue.size();
@@ -38,7 +99,7 @@ int RendererQueue::Render(ThreadEntry workerEntry) {
       KVAbstractImage* input = i == 0 ? source : intermediates[i - 1].get();
       KVAbstractImage* output = destination;
       if (i + 1 < stageCount) {
-        intermediates[i].reset(new KVImage8(input->Width(), input->Height(), input->PixelChannelOrder(), true));
+        intermediates[i] = NewIntermediate(stage.get(), input, threadCount);
         output = intermediates[i].get();
       }
       stage->Setup(input);
