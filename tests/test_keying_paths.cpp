@@ -122,3 +122,101 @@ TEST(KeyingPaths, LargeIntermediatesAreClearedOnThePassThreads) {
 }
 
 }  // namespace
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Colour-difference key: the matte pass and the key-colour detection on the
+// widest vector set against their plain forms.
+
+// Pixels near the grey axis, key-dominated ones of every chroma, and ties.
+std::vector<unsigned char> KeyBytes(unsigned int w, unsigned int h, uint32_t seed) {
+  std::vector<unsigned char> bytes = kvtest::PatternBytes(static_cast<size_t>(w) * h * 4, seed);
+  for (size_t i = 0; i < bytes.size(); i += 4) {
+    switch ((bytes[i + 3] >> 2) % 4) {
+      case 0:  // a greenish or bluish pixel of low chroma
+        bytes[i + 2] = static_cast<unsigned char>(bytes[i] / 4 + 100);
+        bytes[i + 1] = static_cast<unsigned char>(bytes[i + 2] + bytes[i + 1] % 40);
+        bytes[i] = static_cast<unsigned char>(bytes[i + 2] + bytes[i + 3] % 40);
+        break;
+      case 1:  // a tie between the key and another byte
+        bytes[i + 1] = bytes[i];
+        break;
+      default:
+        break;
+    }
+  }
+  return bytes;
+}
+
+struct KeyResult {
+  std::vector<unsigned char> bytes;
+  double low, high;
+  KVKeyColor colour;
+};
+
+KeyResult Key(const std::vector<unsigned char>& bytes, unsigned int w, unsigned int h, KVKeyColor colour,
+              double limit, double softness, unsigned int threads, bool wider) {
+  ScopedCoreCount cores(threads);
+  kvtest::ScopedWiderExtension cap(wider ? kvtl::kWiderAVX2 : kvtl::kWiderNone);
+  GuardedImage src(w, h, 1), dst(w, h, 1);
+  src.fill(bytes);
+  ColorDifferenceKeyer stage(colour, 0.4, limit, softness, kvtest::SharedTables());
+  stage.Setup(src.image());
+  for (unsigned int t = 0; t < threads; ++t) {
+    stage.Render(src.image(), dst.image(), static_cast<unsigned char>(t), static_cast<unsigned char>(threads));
+  }
+  EXPECT_TRUE(dst.guardsIntact());
+  EXPECT_EQ(bytes, src.contents());
+  return KeyResult{dst.contents(), stage.LowThreshold(), stage.HighThreshold(), stage.EffectiveKeyColor()};
+}
+
+TEST(KeyingPaths, MattePassMatchesThePlainRun) {
+  const double limits[][2] = {{0.0, 0.5}, {0.2, 0.5}, {0.7, 0.3}, {1.0, 1.0}, {1.5, 0.5}};
+  const KVKeyColor colours[] = {kKeyColorAuto, kKeyColorGreen, kKeyColorBlue, static_cast<KVKeyColor>(9)};
+  uint32_t seed = 100;
+  for (const auto& shape : kShapes) {
+    for (const auto& limit : limits) {
+      for (KVKeyColor colour : colours) {
+        const std::vector<unsigned char> bytes = KeyBytes(shape[0], shape[1], seed++);
+        const KeyResult plain = Key(bytes, shape[0], shape[1], colour, limit[0], limit[1], 1, false);
+        for (unsigned int threads : kThreadCounts) {
+          const KeyResult fast = Key(bytes, shape[0], shape[1], colour, limit[0], limit[1], threads, true);
+          const std::string what = std::to_string(shape[0]) + "x" + std::to_string(shape[1]) + " limit " +
+                                   std::to_string(limit[0]) + " threads " + std::to_string(threads);
+          ASSERT_EQ(plain.bytes, fast.bytes) << what;
+          ASSERT_EQ(plain.colour, fast.colour) << what;
+          // NaN (no key pixel) compares unequal to itself.
+          if (plain.high == plain.high) {
+            ASSERT_EQ(plain.high, fast.high) << what;
+          }
+          ASSERT_EQ(plain.low, fast.low) << what;
+        }
+      }
+    }
+  }
+}
+
+TEST(KeyingPaths, DetectionCountsMatchThePlainCount) {
+  for (const auto& shape : kShapes) {
+    const std::vector<unsigned char> bytes = KeyBytes(shape[0], shape[1], shape[0]);
+    for (unsigned int threads : kThreadCounts) {
+      GuardedImage image(shape[0], shape[1], 1);
+      image.fill(bytes);
+      for (unsigned int t = 0; t < threads; ++t) {
+        AutoDetectKeyColorData counts[2];
+        for (int wider = 0; wider < 2; ++wider) {
+          kvtest::ScopedWiderExtension cap(wider != 0 ? kvtl::kWiderAVX2 : kvtl::kWiderNone);
+          counts[wider] = AutoDetectKeyColorData{static_cast<unsigned char>(t), static_cast<unsigned char>(threads),
+                                                 image.image(), 0, 0, 0, 0};
+          AutoDetectKeyColorProc(&counts[wider]);
+        }
+        EXPECT_EQ(counts[0].greenCount, counts[1].greenCount);
+        EXPECT_EQ(counts[0].blueCount, counts[1].blueCount);
+        EXPECT_EQ(counts[0].otherCount, counts[1].otherCount);
+      }
+    }
+  }
+}
+
+}  // namespace
