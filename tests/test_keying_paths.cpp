@@ -269,3 +269,46 @@ TEST(KeyingPaths, SpillMatchesThePlainForm) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(KeyingPaths, SpareIntermediatesNeverCarryBytesIntoALaterRender) {
+  ScopedCoreCount cores(3);
+  // Whole-output stages on a spare: the second render of a changed source
+  // equals a fresh keyer's.
+  GuardedImage src(97, 31, 1), dst(97, 31), fresh(97, 31);
+  KVImageKeyer keyer(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
+  ASSERT_EQ(0, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, 0.5, 0.2, 0.5));
+  ASSERT_EQ(0, keyer.SetSpillSuppression(kChannelGreen, kSpillStandard, 1.0, 0, 0, 0, 0));
+  ASSERT_EQ(0, keyer.SetWhiteErode(kWhiteErodeAll, 2));
+  ASSERT_EQ(0, keyer.SetAlphaCrop(0.05, 0.0, 0.05, 0.1));
+  src.fill(KeyBytes(97, 31, 1));
+  ASSERT_EQ(0, keyer.Render());
+  src.fill(KeyBytes(97, 31, 2));
+  ASSERT_EQ(0, keyer.Render());
+  KVImageKeyer second(src.image(), fresh.image(), kvtest::SharedTables(), kDownsampleNone);
+  ASSERT_EQ(0, second.SetAutoColorDifferenceKey(kKeyColorAuto, 0.5, 0.2, 0.5));
+  ASSERT_EQ(0, second.SetSpillSuppression(kChannelGreen, kSpillStandard, 1.0, 0, 0, 0, 0));
+  ASSERT_EQ(0, second.SetWhiteErode(kWhiteErodeAll, 2));
+  ASSERT_EQ(0, second.SetAlphaCrop(0.05, 0.0, 0.05, 0.1));
+  ASSERT_EQ(0, second.Render());
+  EXPECT_EQ(fresh.contents(), dst.contents());
+
+  // Any other stage gets a cleared spare: a mirror without flips writes
+  // nothing, so the matte view after it shows opaque black although the
+  // spare it wrote into held the first render's bytes.
+  GuardedImage in(613, 509), out(613, 509);
+  in.fill(kvtest::PatternBytes(in.bytes(), 8));
+  KVImageProcessor processor(in.image(), out.image(), kvtest::SharedTables(), kDownsampleNone);
+  ASSERT_EQ(0, processor.SetOpacity(0.5));
+  ASSERT_EQ(0, processor.SetMatteView());
+  ASSERT_EQ(0, processor.Render());
+  ASSERT_EQ(0, processor.SetMirror(false, false));
+  ASSERT_EQ(0, processor.SetMatteView());
+  ASSERT_EQ(0, processor.Render());
+  std::vector<unsigned char> black(out.bytes(), 0);
+  for (size_t i = 3; i < black.size(); i += 4) black[i] = 255;
+  EXPECT_EQ(black, out.contents());
+}
+
+}  // namespace

@@ -28,6 +28,7 @@ unsigned short RendererQueue::Count() const { return static_cast<unsigned short>
 int RendererQueue::Clear() {
   return GuardedCall([&] {
     queue.clear();
+    spareImages.clear();
     return kResultSuccess;
   });
 }
@@ -62,12 +63,26 @@ void* ZeroFillProc(void* argument) {
   return ThreadExitValue(0);
 }
 
-// A fresh image of the input's size and order for stage to write: all zero,
-// filled on the pass's threads, unless the stage is known to overwrite it.
+const size_t kMostSpareImages = 2;
+
+// An image of the input's size and order for stage to write, taken from the
+// spares when one fits: all zero, filled on the pass's threads, unless the
+// stage is known to overwrite it (then its earlier bytes cannot show).
 std::tr1::shared_ptr<KVAbstractImage> NewIntermediate(AbstractRenderer* stage, KVAbstractImage* input,
-                                                      unsigned char threadCount) {
-  KVImage8* image = new KVImage8(input->Width(), input->Height(), input->PixelChannelOrder(), false);
-  std::tr1::shared_ptr<KVAbstractImage> held(image);
+                                                      unsigned char threadCount,
+                                                      std::vector<std::tr1::shared_ptr<KVAbstractImage> >& spares) {
+  std::tr1::shared_ptr<KVAbstractImage> held;
+  for (size_t k = 0; k < spares.size(); ++k) {
+    KVAbstractImage* spare = spares[k].get();
+    if (spare->Width() == input->Width() && spare->Height() == input->Height() &&
+        spare->PixelChannelOrder() == input->PixelChannelOrder()) {
+      held = spares[k];
+      spares.erase(spares.begin() + static_cast<std::ptrdiff_t>(k));
+      break;
+    }
+  }
+  if (!held) held.reset(new KVImage8(input->Width(), input->Height(), input->PixelChannelOrder(), false));
+  KVImage8* image = static_cast<KVImage8*>(held.get());
   if (threadCount != 0 && WritesWholeOutput(stage, input)) return held;
   // A small image is cleared at once; a large one by the pass's threads,
   // each a contiguous share.
@@ -86,6 +101,17 @@ std::tr1::shared_ptr<KVAbstractImage> NewIntermediate(AbstractRenderer* stage, K
   return held;
 }
 
+// Releases an intermediate, keeping its image as a spare when nothing else
+// holds it.
+void KeepSpare(std::tr1::shared_ptr<KVAbstractImage>& image,
+               std::vector<std::tr1::shared_ptr<KVAbstractImage> >& spares) {
+  if (image && image.use_count() == 1) {
+    if (spares.size() == kMostSpareImages) spares.erase(spares.begin());
+    spares.push_back(image);
+  }
+  image.reset();
+}
+
 }  // namespace
 
 int RendererQueue::Render(ThreadEntry workerEntry) {
@@ -99,7 +125,7 @@ int RendererQueue::Render(ThreadEntry workerEntry) {
       KVAbstractImage* input = i == 0 ? source : intermediates[i - 1].get();
       KVAbstractImage* output = destination;
       if (i + 1 < stageCount) {
-        intermediates[i] = NewIntermediate(stage.get(), input, threadCount);
+        intermediates[i] = NewIntermediate(stage.get(), input, threadCount, spareImages);
         output = intermediates[i].get();
       }
       stage->Setup(input);
@@ -114,8 +140,9 @@ int RendererQueue::Render(ThreadEntry workerEntry) {
       }
       const int code = RunThreads(workerEntry, records);
       if (code != 0) result = code;
-      if (i > 0) intermediates[i - 1].reset();
+      if (i > 0) KeepSpare(intermediates[i - 1], spareImages);
     }
+    if (stageCount >= 2) KeepSpare(intermediates[stageCount - 2], spareImages);
     return result;
   });
 }
