@@ -94,6 +94,7 @@ class KVIMAGE_EXPORT ColorDifferenceKeyer : public AbstractRenderer {
   double m_highThreshold;
   size_t m_mattePixels;              // bytes in m_matte
   unsigned char m_alphaWeight[256];  // 255 - transparency factor, by matte value
+  bool m_alphaBlendIsProduct;        // tables' AlphaBlend is round(v * a / 255) throughout
 };
 
 // Decides between green (1) and blue (2) on threadCount threads (at most 255;
