@@ -231,11 +231,11 @@ namespace {
 
 std::vector<unsigned char> Spill(const std::vector<unsigned char>& bytes, unsigned int w, unsigned int h,
                                  KVChannel channel, KVSpillType type, double amount, unsigned int threads,
-                                 bool wider) {
+                                 bool wider, const double* factors) {
   kvtest::ScopedWiderExtension cap(wider ? kvtl::kWiderAVX2 : kvtl::kWiderNone);
   GuardedImage src(w, h, 1), dst(w, h, 1);
   src.fill(bytes);
-  SpillSuppressor stage(channel, type, amount, 0.3, -1.0, 0.2, 0.9);
+  SpillSuppressor stage(channel, type, amount, factors[0], factors[1], factors[2], factors[3]);
   stage.Setup(src.image());
   for (unsigned int t = 0; t < threads; ++t) {
     EXPECT_EQ(0, stage.Render(src.image(), dst.image(), static_cast<unsigned char>(t),
@@ -256,9 +256,14 @@ TEST(KeyingPaths, SpillMatchesThePlainForm) {
     for (KVSpillType type : types) {
       for (KVChannel channel : channels) {
         for (double amount : amounts) {
-          const std::vector<unsigned char> plain = Spill(bytes, shape[0], shape[1], channel, type, amount, 1, false);
+          // Ordinary weights, and weights whose products leave the integers
+          // (the conversions then give the most negative integer).
+          const double factorSets[][4] = {{0.3, -1.0, 0.2, 0.9}, {3e9, -1e12, std::nan(""), -4e9}};
+          const double* factors = factorSets[type == kSpillAdvanced && amount == 0.0 ? 1 : 0];
+          const std::vector<unsigned char> plain =
+              Spill(bytes, shape[0], shape[1], channel, type, amount, 1, false, factors);
           for (unsigned int threads : kThreadCounts) {
-            ASSERT_EQ(plain, Spill(bytes, shape[0], shape[1], channel, type, amount, threads, true))
+            ASSERT_EQ(plain, Spill(bytes, shape[0], shape[1], channel, type, amount, threads, true, factors))
                 << shape[0] << "x" << shape[1] << " type " << type << " channel " << channel << " amount " << amount
                 << " threads " << threads;
           }
