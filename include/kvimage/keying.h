@@ -94,6 +94,7 @@ class KVIMAGE_EXPORT ColorDifferenceKeyer : public AbstractRenderer {
   double m_highThreshold;
   size_t m_mattePixels;              // bytes in m_matte
   unsigned char m_alphaWeight[256];  // 255 - transparency factor, by matte value
+  bool m_alphaBlendIsProduct;        // tables' AlphaBlend is round(v * a / 255) throughout
 };
 
 // Decides between green (1) and blue (2) on threadCount threads (at most 255;
@@ -171,8 +172,9 @@ class KVIMAGE_EXPORT AlphaCrop : public AbstractRenderer {
 // writes bufferA. Both buffers hold width x height pixels; the pass writes
 // bufferA only below bufferALimit bytes. scratch, when not null, holds
 // WhiteErodeScratchBytes(line length, lines of the thread) bytes for the
-// pass's own use; otherwise the pass allocates it and, if that fails, exits
-// with code 8.
+// pass's own use; otherwise the pass allocates it. If that fails, the
+// horizontal pass exits with code 8 and the vertical one scans each window
+// in place instead (slowly, but it still writes all its columns).
 struct KVIMAGE_EXPORT ErodeWhiteData {
   unsigned int threadIndex;
   unsigned int rowsPerThread;
@@ -188,13 +190,14 @@ struct KVIMAGE_EXPORT ErodeWhiteData {
 };
 
 // The scratch bytes one thread needs to erode lineCount lines of lineLength
-// pixels (rows in the horizontal pass, columns in the vertical one).
+// pixels (rows in the horizontal pass, columns in the vertical one); enough
+// for either pass whatever the line count.
 KVIMAGE_EXPORT size_t WhiteErodeScratchBytes(size_t lineLength, size_t lineCount);
 
 // The horizontal pass over rows threadIndex * rowsPerThread onwards, and the
 // vertical pass over columns threadIndex * columnsPerThread onwards. Each takes
-// an ErodeWhiteData*, returns at once for null, and exits with 0, or 8 when it
-// could not allocate its scratch.
+// an ErodeWhiteData*, returns at once for null, and exits with 0, or (the
+// horizontal pass) 8 when it could not allocate its scratch.
 KVIMAGE_EXPORT void* HorizErodeWhiteProc(void* data);
 KVIMAGE_EXPORT void* VertErodeWhiteProc(void* data);
 

@@ -6,8 +6,11 @@
 #include <memory>
 #include <vector>
 
+#include <tmmintrin.h>
+
 #include <kvimage/keying.h>
 
+#include "support/CPUExtensions.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
 #include "support/ThreadShare.h"
@@ -58,6 +61,53 @@ unsigned char AlphaWeight(int m, double lowThreshold, double highThreshold) {
   return static_cast<unsigned char>(255 - factor);
 }
 
+// Whether the tables' AlphaBlend(v, a) is round(v * a / 255), computed as
+// (v * a + 127) / 255, for every pair: then Render8 may compute it instead of
+// looking it up.
+bool AlphaBlendIsProduct(kvo::KVLookupTables& tables) {
+  for (int v = 0; v < 256; ++v) {
+    for (int a = 0; a < 256; ++a) {
+      if (tables.AlphaBlend(static_cast<unsigned char>(v), static_cast<unsigned char>(a)) != (v * a + 127) / 255) {
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+// The keyed pixels of Render8 16 at a time over the first `matted` pixels,
+// for tables whose AlphaBlend is the rounded product: (v * a + 127) / 255 is
+// at most 65152, and n / 255 = (n * 0x8081) >> 23 for every n below 65536.
+// Returns the pixels done (a multiple of 16).
+KV_TARGET_SSSE3 size_t KeyAlphasSSSE3(const unsigned char* in, unsigned char* out, const unsigned char* matte,
+                                      size_t matted, const unsigned char* weights) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i colourMask = _mm_set1_epi32(0x00FFFFFF);
+  const __m128i rounding = _mm_set1_epi16(127), reciprocal = _mm_set1_epi16(static_cast<short>(0x8081));
+  size_t i = 0;
+  for (; i + 16 <= matted; i += 16) {
+    unsigned char blockWeights[16];
+    for (int k = 0; k < 16; ++k) blockWeights[k] = weights[matte[i + k]];
+    const __m128i w = _mm_loadu_si128(reinterpret_cast<const __m128i*>(blockWeights));
+    __m128i p[4];
+    for (int k = 0; k < 4; ++k) p[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + (i + 4 * k) * 4));
+    const __m128i alphas[2] = {_mm_packs_epi32(_mm_srli_epi32(p[0], 24), _mm_srli_epi32(p[1], 24)),
+                               _mm_packs_epi32(_mm_srli_epi32(p[2], 24), _mm_srli_epi32(p[3], 24))};
+    const __m128i weightLanes[2] = {_mm_unpacklo_epi8(w, zero), _mm_unpackhi_epi8(w, zero)};
+    for (int half = 0; half < 2; ++half) {
+      const __m128i product = _mm_add_epi16(_mm_mullo_epi16(alphas[half], weightLanes[half]), rounding);
+      const __m128i blended = _mm_srli_epi16(_mm_mulhi_epu16(product, reciprocal), 7);
+      const __m128i shifted[2] = {_mm_slli_epi32(_mm_unpacklo_epi16(blended, zero), 24),
+                                  _mm_slli_epi32(_mm_unpackhi_epi16(blended, zero), 24)};
+      for (int k = 0; k < 2; ++k) {
+        const __m128i pixel = _mm_or_si128(_mm_and_si128(p[2 * half + k], colourMask), shifted[k]);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + (i + 8 * half + 4 * k) * 4), pixel);
+      }
+    }
+  }
+  return i;
+}
+
 }  // namespace
 
 ColorDifferenceKeyer::ColorDifferenceKeyer(KVKeyColor keyColor, double balance, double saturationLimit,
@@ -70,7 +120,8 @@ ColorDifferenceKeyer::ColorDifferenceKeyer(KVKeyColor keyColor, double balance, 
       m_tables(tables),
       m_lowThreshold(255.0),
       m_highThreshold(255.0),
-      m_mattePixels(0) {
+      m_mattePixels(0),
+      m_alphaBlendIsProduct(false) {
   for (int m = 0; m < 256; ++m) m_alphaWeight[m] = AlphaWeight(m, m_lowThreshold, m_highThreshold);
 }
 
@@ -129,6 +180,7 @@ void ColorDifferenceKeyer::Setup(KVAbstractImage* source) {
   m_highThreshold = mid + (mean - mid) * m_balance;
   m_lowThreshold = folded.minimum;
   for (int m = 0; m < 256; ++m) m_alphaWeight[m] = AlphaWeight(m, m_lowThreshold, m_highThreshold);
+  m_alphaBlendIsProduct = AlphaBlendIsProduct(m_tables);
 }
 
 int ColorDifferenceKeyer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
@@ -164,7 +216,9 @@ int ColorDifferenceKeyer::Render8(KVImage8* source, KVImage8* destination, unsig
   kvo::KVLookupTables& tables = m_tables;
   unsigned char weights[256];
   std::memcpy(weights, m_alphaWeight, sizeof weights);
-  for (size_t i = 0; i < pixels; ++i) {
+  size_t i = 0;
+  if (m_alphaBlendIsProduct && UseSSSE3()) i = KeyAlphasSSSE3(in, out, matte, matted, weights);
+  for (; i < pixels; ++i) {
     const unsigned char* p = in + i * kBytesPerPixel;
     unsigned char* q = out + i * kBytesPerPixel;
     const unsigned char alpha = tables.AlphaBlend(p[kAlphaByte], weights[i < matted ? matte[i] : 0]);
@@ -176,6 +230,53 @@ int ColorDifferenceKeyer::Render8(KVImage8* source, KVImage8* destination, unsig
   return 0;
 }
 
+namespace {
+
+// Green: byte 1 at least bytes 0 and 2. Blue: byte 0 strictly the largest.
+void CountKeyPixels(const unsigned char* bytes, size_t count, uint32_t& greenCount, uint32_t& blueCount,
+                    uint32_t& otherCount) {
+  for (size_t o = 0; o + kBytesPerPixel <= count; o += kBytesPerPixel) {
+    const unsigned char b0 = bytes[o + kBlueByte], b1 = bytes[o + kGreenByte], b2 = bytes[o + kRedByte];
+    if (b1 >= std::max(b0, b2)) {
+      ++greenCount;
+    } else if (b0 > std::max(b1, b2)) {
+      ++blueCount;
+    } else {
+      ++otherCount;
+    }
+  }
+}
+
+// The same 16 pixels at a time: a blue pixel has byte 0 above byte 1, so it
+// is never green, and the rest are the other pixels.
+KV_TARGET_SSSE3 void CountKeyPixelsSSSE3(const unsigned char* bytes, size_t count, uint32_t& greenCount,
+                                         uint32_t& blueCount, uint32_t& otherCount) {
+  const __m128i byChannel = _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+  const __m128i zero = _mm_setzero_si128();
+  const size_t pixels = count / kBytesPerPixel;
+  size_t i = 0;
+  for (; i + 16 <= pixels; i += 16) {
+    const unsigned char* p = bytes + i * kBytesPerPixel;
+    const __m128i v0 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), byChannel);
+    const __m128i v1 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)), byChannel);
+    const __m128i v2 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 32)), byChannel);
+    const __m128i v3 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 48)), byChannel);
+    const __m128i t0 = _mm_unpacklo_epi32(v0, v1), t1 = _mm_unpackhi_epi32(v0, v1);
+    const __m128i t2 = _mm_unpacklo_epi32(v2, v3), t3 = _mm_unpackhi_epi32(v2, v3);
+    const __m128i b0 = _mm_unpacklo_epi64(t0, t2), b1 = _mm_unpackhi_epi64(t0, t2), b2 = _mm_unpacklo_epi64(t1, t3);
+    const int green = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_subs_epu8(_mm_max_epu8(b0, b2), b1), zero));
+    const int notBlue = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_subs_epu8(b0, _mm_max_epu8(b1, b2)), zero));
+    const uint32_t greens = static_cast<uint32_t>(__builtin_popcount(static_cast<unsigned int>(green)));
+    const uint32_t blues = 16 - static_cast<uint32_t>(__builtin_popcount(static_cast<unsigned int>(notBlue)));
+    greenCount += greens;
+    blueCount += blues;
+    otherCount += 16 - greens - blues;
+  }
+  CountKeyPixels(bytes + i * kBytesPerPixel, count - i * kBytesPerPixel, greenCount, blueCount, otherCount);
+}
+
+}  // namespace
+
 void* AutoDetectKeyColorProc(void* data) {
   if (data == nullptr) return nullptr;
   AutoDetectKeyColorData* record = static_cast<AutoDetectKeyColorData*>(data);
@@ -185,15 +286,10 @@ void* AutoDetectKeyColorProc(void* data) {
       ByteShare(image->Width(), image->Height(), record->threadIndex, record->threadCount, image->BufferByteSize());
   const unsigned char* bytes = image->Buffer() + share.start;
   uint32_t otherCount = 0, greenCount = 0, blueCount = 0;
-  for (size_t o = 0; o + kBytesPerPixel <= share.count; o += kBytesPerPixel) {
-    const unsigned char b0 = bytes[o + kBlueByte], b1 = bytes[o + kGreenByte], b2 = bytes[o + kRedByte];
-    if (b1 >= std::max(b0, b2)) {
-      ++greenCount;
-    } else if (b0 > std::max(b1, b2)) {
-      ++blueCount;
-    } else {
-      ++otherCount;
-    }
+  if (UseSSSE3()) {
+    CountKeyPixelsSSSE3(bytes, share.count, greenCount, blueCount, otherCount);
+  } else {
+    CountKeyPixels(bytes, share.count, greenCount, blueCount, otherCount);
   }
   record->otherCount = otherCount;
   record->greenCount = greenCount;
@@ -258,6 +354,69 @@ void MatteRun(const unsigned char* in, unsigned char* matte, size_t count, int l
   }
 }
 
+// The same run 16 pixels at a time. Blocks whose key pixels all keep their
+// difference (chroma at or above the limit) take the vector path: the
+// difference, the statistics and the matte bytes for 16 pixels at once.
+// Blocks with a pixel to soften go through MatteRun, as does the tail.
+template <unsigned int KeyByte, unsigned int OtherByte1, unsigned int OtherByte2>
+KV_TARGET_SSSE3 void MatteRunSSSE3(const unsigned char* in, unsigned char* matte, size_t count, int limit,
+                                   double softLimit, const double* rampCut, MatteInfo& info) {
+  // Gathers byte c of 4 pixels into dword c of the register.
+  const __m128i byChannel = _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+  const __m128i zero = _mm_setzero_si128();
+  // Key pixels with chroma below `limit` are softened; no limit above 255
+  // fits a byte, so such a limit sends every key pixel to the plain run.
+  const bool softensAll = limit > 255;
+  const __m128i limitBytes = _mm_set1_epi8(static_cast<char>(limit > 0 && limit <= 255 ? limit : 0));
+  __m128i lowest = _mm_set1_epi8(static_cast<char>(0xFF)), highest = zero, sums = zero;
+  uint32_t keyPixels = 0;
+  size_t i = 0;
+  for (; i + 16 <= count; i += 16) {
+    const unsigned char* p = in + i * kBytesPerPixel;
+    const __m128i v0 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), byChannel);
+    const __m128i v1 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)), byChannel);
+    const __m128i v2 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 32)), byChannel);
+    const __m128i v3 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 48)), byChannel);
+    const __m128i t0 = _mm_unpacklo_epi32(v0, v1), t1 = _mm_unpackhi_epi32(v0, v1);
+    const __m128i t2 = _mm_unpacklo_epi32(v2, v3), t3 = _mm_unpackhi_epi32(v2, v3);
+    const __m128i channels[3] = {_mm_unpacklo_epi64(t0, t2), _mm_unpackhi_epi64(t0, t2), _mm_unpacklo_epi64(t1, t3)};
+    const __m128i key = channels[KeyByte], other1 = channels[OtherByte1], other2 = channels[OtherByte2];
+    // Key pixels are those with a non-zero saturated difference.
+    const __m128i difference = _mm_subs_epu8(key, _mm_max_epu8(other1, other2));
+    const __m128i notKey = _mm_cmpeq_epi8(difference, zero);
+    const __m128i chroma = _mm_subs_epu8(key, _mm_min_epu8(other1, other2));
+    // chroma < limit, unsigned: the saturated limit - chroma is non-zero.
+    const __m128i soft = _mm_andnot_si128(notKey, _mm_xor_si128(_mm_cmpeq_epi8(_mm_subs_epu8(limitBytes, chroma), zero),
+                                                               _mm_set1_epi8(static_cast<char>(0xFF))));
+    const int keyMask = ~_mm_movemask_epi8(notKey) & 0xFFFF;
+    if (_mm_movemask_epi8(soft) != 0 || (softensAll && keyMask != 0)) {
+      MatteRun<KeyByte, OtherByte1, OtherByte2>(p, matte + i, 16, limit, softLimit, rampCut, info);
+      continue;
+    }
+    keyPixels += static_cast<uint32_t>(__builtin_popcount(static_cast<unsigned int>(keyMask)));
+    sums = _mm_add_epi64(sums, _mm_sad_epu8(difference, zero));
+    lowest = _mm_min_epu8(lowest, _mm_or_si128(difference, notKey));
+    highest = _mm_max_epu8(highest, difference);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(matte + i), difference);
+  }
+  // Fold the vector statistics into the plain run's; count and sum wrap.
+  unsigned char lowestBytes[16], highestBytes[16];
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(lowestBytes), lowest);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(highestBytes), highest);
+  uint64_t sumLanes[2];
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(sumLanes), sums);
+  if (keyPixels != 0) {
+    info.count = WrappingAdd(info.count, static_cast<int32_t>(keyPixels));
+    info.sum = WrappingAdd(info.sum, static_cast<int32_t>(static_cast<uint32_t>(sumLanes[0] + sumLanes[1])));
+    for (int k = 0; k < 16; ++k) {
+      info.minimum = std::min<int32_t>(info.minimum, lowestBytes[k]);
+      info.maximum = std::max<int32_t>(info.maximum, highestBytes[k]);
+    }
+  }
+  MatteRun<KeyByte, OtherByte1, OtherByte2>(in + i * kBytesPerPixel, matte + i, count - i, limit, softLimit, rampCut,
+                                            info);
+}
+
 }  // namespace
 
 void* AutoColorDifferenceMatteProc(void* data) {
@@ -286,10 +445,19 @@ void* AutoColorDifferenceMatteProc(void* data) {
   for (int chroma = 0; chroma < 256; ++chroma) rampCut[chroma] = std::fabs((chroma - softLimit) / rampWidth - 1.0);
 
   MatteInfo info = record->matteInfo.get()[record->threadIndex];
+  const bool wider = UseSSSE3();
   if (record->keyColor == kKeyColorGreen) {
-    MatteRun<kGreenByte, kBlueByte, kRedByte>(in, matte, count, limit, softLimit, rampCut, info);
+    if (wider) {
+      MatteRunSSSE3<kGreenByte, kBlueByte, kRedByte>(in, matte, count, limit, softLimit, rampCut, info);
+    } else {
+      MatteRun<kGreenByte, kBlueByte, kRedByte>(in, matte, count, limit, softLimit, rampCut, info);
+    }
   } else if (record->keyColor == kKeyColorBlue) {
-    MatteRun<kBlueByte, kGreenByte, kRedByte>(in, matte, count, limit, softLimit, rampCut, info);
+    if (wider) {
+      MatteRunSSSE3<kBlueByte, kGreenByte, kRedByte>(in, matte, count, limit, softLimit, rampCut, info);
+    } else {
+      MatteRun<kBlueByte, kGreenByte, kRedByte>(in, matte, count, limit, softLimit, rampCut, info);
+    }
   } else {
     std::fill(matte, matte + count, static_cast<unsigned char>(0));  // no pixel is a key pixel
   }

@@ -6,8 +6,11 @@
 #include <new>
 #include <vector>
 
+#include <emmintrin.h>
+
 #include <kvimage/keying.h>
 
+#include "keying/WhiteErodeRing.h"
 #include "support/Assert.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
@@ -17,24 +20,30 @@ namespace kvo {
 namespace image {
 
 // The erode is defined by a ring of `window` values that starts full of 255
-// and whose minimum is taken after every put. The output at a step is
-// therefore the minimum of the last `window` values put (the initial 255s
-// never lower it). This file computes exactly that sliding minimum over the
-// sequence of puts with a block prefix/suffix scheme: three comparisons per
-// value whatever the window, instead of a scan of the ring per pixel. Lines
-// are eroded kLanes at a time, interleaved value by value, so the inner loops
-// run across lanes and vectorise, and a column pass reads whole row segments.
+// and whose minimum is taken after every put, so the output at a step is the
+// minimum of the last `window` values put. Written out per line shape that is
+// a plain sliding minimum over the line with one value read as 255:
+// - trailing: out(x) = min line[x - window + 1 .. x];
+// - leading: out(x) = min line[x .. x + window - 1], line[0] read as 255;
+// - centred (half = size): out(x) = min line[x - half .. x + half] with
+//   line[half - 1] read as 255 (it is never put), and for half < x < 2 * half
+//   also line[x - half - 1] (the prefill keeps it in the ring one step longer);
+// values beyond the line are 255. WhiteErodeLineByRing (WhiteErodeRing.h) is
+// the ring itself, the form these are checked against.
+//
+// The sliding minimum runs on a copy of the line padded with 255 by doubling:
+// after passes of span 1, 2, 4 .. S (S the largest power of two not above the
+// window) each entry holds the minimum of S consecutive values, and two
+// overlapping entries give any window: a handful of byte-wise minima per 16
+// values whatever the size. Rows run along the padded copy; columns run a
+// strip of kStripLanes columns at a time, one row of the strip per entry.
 
 namespace {
 
-const size_t kLanes = 128;
+const size_t kStripLanes = 64;
 const int kOutOfMemoryCode = 8;
 
-enum LineShape {
-  kCentred,   // prefill half - 1 values, then put value x + half at step x
-  kTrailing,  // put value x at step x
-  kLeading    // steps run from the end, put value x, and 255 at x = 0
-};
+enum LineShape { kCentred, kTrailing, kLeading };
 
 LineShape ShapeOf(KVWhiteErodeDirection direction) {
   if (direction == kWhiteErodeAll) return kCentred;
@@ -42,105 +51,117 @@ LineShape ShapeOf(KVWhiteErodeDirection direction) {
   return kLeading;
 }
 
-// One thread's working memory for lines of n values: the interleaved lines
-// (n x lanes, replaced by the results) and the block prefix and suffix minima
-// of the puts (up to 2n x lanes each).
-struct LaneScratch {
-  LaneScratch(unsigned char* bytes, size_t n, size_t laneStride)
-      : stride(laneStride), lines(bytes), prefix(bytes + n * stride), suffix(bytes + 3 * n * stride) {}
-  size_t stride;  // lanes per value: kLanes, or fewer when a thread has fewer lines
-  unsigned char* lines;
-  unsigned char* prefix;
-  unsigned char* suffix;
+// The window of one line of n values (n >= 1): out(x) = min of the padded
+// copy s[x .. x + width - 1], where s[i] = line[i - lead] (255 outside the
+// line) and line[excluded] reads as 255; for x in [extraBegin, extraEnd) the
+// value line[x - extraOffset] joins the minimum. A window wider than the line
+// is cut to one that covers it all from every position, which changes nothing.
+struct LineWindow {
+  size_t width;
+  size_t lead;
+  size_t excluded;  // n when no value is excluded
+  size_t extraBegin;
+  size_t extraEnd;
+  size_t extraOffset;
+  size_t span;  // the last doubling span: the largest power of two <= width
+  size_t padded;  // entries of the padded copy, a multiple of 16 with room for every read
 };
 
-// The sequence of puts of one line: which value each put takes (or 255).
-class PutSequence {
- public:
-  PutSequence(size_t n, int64_t window, LineShape shape) : m_n(n), m_shape(shape), m_half(0), m_prefill(0) {
-    if (shape == kCentred) {
-      m_half = static_cast<uint64_t>(window / 2);
-      m_prefill = m_half >= 1 ? m_half - 1 : 0;
+LineWindow WindowOf(size_t n, int64_t window, LineShape shape) {
+  LineWindow w = {1, 0, n, 0, 0, 0, 1, 0};
+  const uint64_t limit = static_cast<uint64_t>(n);
+  const uint64_t requested = window < 1 ? 1 : static_cast<uint64_t>(window);
+  if (shape == kCentred) {
+    const uint64_t half = requested / 2;
+    const uint64_t cut = std::min(half, limit);
+    w.width = static_cast<size_t>(2 * cut + 1);
+    w.lead = static_cast<size_t>(cut);
+    if (half >= 1 && half - 1 < limit) w.excluded = static_cast<size_t>(half - 1);
+    if (half + 1 < limit) {
+      w.extraBegin = static_cast<size_t>(half + 1);
+      w.extraEnd = static_cast<size_t>(std::min(2 * half, limit));
+      w.extraOffset = static_cast<size_t>(half + 1);
     }
+  } else {
+    w.width = static_cast<size_t>(std::min(requested, limit));
+    w.lead = shape == kTrailing ? w.width - 1 : 0;
+    if (shape == kLeading) w.excluded = 0;
   }
-  // Every value of a centred line is put during the prefill and every later
-  // put lies beyond the line, and the ring never wraps within the line.
-  bool WholeLineMinimum() const { return m_shape == kCentred && m_prefill >= m_n; }
-  size_t Count() const { return m_shape == kCentred ? m_prefill + m_n : m_n; }
-  size_t FirstOutput() const { return m_shape == kCentred ? m_prefill : 0; }
-  // The value index of put j, or n for a 255.
-  size_t Source(size_t j) const {
-    if (m_shape == kTrailing) return j;
-    if (m_shape == kLeading) return j + 1 < m_n ? m_n - 1 - j : m_n;
-    if (j < m_prefill) return j;
-    const uint64_t index = (j - m_prefill) + m_half;
-    return index < m_n ? index : m_n;
-  }
-  // The value index written by output j.
-  size_t Target(size_t j) const { return m_shape == kLeading ? m_n - 1 - j : j - FirstOutput(); }
+  while (2 * w.span <= w.width) w.span *= 2;
+  // Entries up to n + width are computed in every pass; a pass reads up to
+  // span + 15 entries further.
+  w.padded = (n + 2 * w.width + 32 + 15) / 16 * 16;
+  return w;
+}
 
- private:
-  size_t m_n;
-  LineShape m_shape;
-  uint64_t m_half;
-  uint64_t m_prefill;
-};
+// Scratch entries for one line (rows) or one strip row (columns).
+size_t PaddedEntries(size_t n) { return (n + 2 * (2 * n + 1) + 32 + 15) / 16 * 16; }
 
-// Erodes `lanes` interleaved lines of n values held in s.lines (value i of
-// lane k at i * s.stride + k); the results replace them.
-void ErodeLanes(const LaneScratch& s, size_t n, size_t lanes, int64_t window, LineShape shape) {
-  if (n == 0) return;
-  static const std::vector<unsigned char> kOpaqueRow(kLanes, 255);
-  const unsigned char* kOpaque = kOpaqueRow.data();
-  const PutSequence sequence(n, window, shape);
-  if (sequence.WholeLineMinimum()) {
-    unsigned char lowest[kLanes];
-    std::memset(lowest, 255, kLanes);
-    for (size_t i = 0; i < n; ++i)
-      for (size_t k = 0; k < lanes; ++k) lowest[k] = std::min(lowest[k], s.lines[i * s.stride + k]);
-    for (size_t i = 0; i < n; ++i) std::memcpy(s.lines + i * s.stride, lowest, lanes);
-    return;
+inline __m128i Load(const unsigned char* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
+inline void Store(unsigned char* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
+
+// The alpha bytes of `count` pixels.
+void ExtractAlphas(const unsigned char* pixels, size_t count, unsigned char* alphas) {
+  size_t i = 0;
+  for (; i + 16 <= count; i += 16) {
+    const unsigned char* p = pixels + i * kBytesPerPixel;
+    const __m128i a0 = _mm_srli_epi32(Load(p), 24), a1 = _mm_srli_epi32(Load(p + 16), 24);
+    const __m128i a2 = _mm_srli_epi32(Load(p + 32), 24), a3 = _mm_srli_epi32(Load(p + 48), 24);
+    Store(alphas + i, _mm_packus_epi16(_mm_packs_epi32(a0, a1), _mm_packs_epi32(a2, a3)));
   }
-  auto put = [&](size_t j) {
-    const size_t source = sequence.Source(j);
-    return source < n ? s.lines + source * s.stride : kOpaque;
-  };
-  const size_t count = sequence.Count();
-  const size_t w = static_cast<size_t>(std::min<uint64_t>(static_cast<uint64_t>(window), count));
-  for (size_t begin = 0; begin < count; begin += w) {
-    const size_t end = std::min(count, begin + w);
-    std::memcpy(s.prefix + begin * s.stride, put(begin), lanes);
-    for (size_t j = begin + 1; j < end; ++j) {
-      const unsigned char* value = put(j);
-      const unsigned char* previous = s.prefix + (j - 1) * s.stride;
-      unsigned char* current = s.prefix + j * s.stride;
-      for (size_t k = 0; k < lanes; ++k) current[k] = std::min(previous[k], value[k]);
-    }
-    std::memcpy(s.suffix + (end - 1) * s.stride, put(end - 1), lanes);
-    for (size_t j = end - 1; j > begin; --j) {
-      const unsigned char* value = put(j - 1);
-      const unsigned char* next = s.suffix + j * s.stride;
-      unsigned char* current = s.suffix + (j - 1) * s.stride;
-      for (size_t k = 0; k < lanes; ++k) current[k] = std::min(next[k], value[k]);
+  for (; i < count; ++i) alphas[i] = pixels[i * kBytesPerPixel + kAlphaByte];
+}
+
+// out = the colour bytes of `colours` with the alpha bytes `alphas`
+// (out may be colours).
+void MergeAlphas(const unsigned char* colours, const unsigned char* alphas, size_t count, unsigned char* out) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i colourMask = _mm_set1_epi32(0x00FFFFFF);
+  size_t i = 0;
+  for (; i + 16 <= count; i += 16) {
+    const __m128i a = Load(alphas + i);
+    const __m128i low = _mm_unpacklo_epi8(zero, a), high = _mm_unpackhi_epi8(zero, a);
+    const __m128i shifted[4] = {_mm_unpacklo_epi16(zero, low), _mm_unpackhi_epi16(zero, low),
+                                _mm_unpacklo_epi16(zero, high), _mm_unpackhi_epi16(zero, high)};
+    for (int k = 0; k < 4; ++k) {
+      const unsigned char* c = colours + (i + 4 * k) * kBytesPerPixel;
+      Store(out + (i + 4 * k) * kBytesPerPixel, _mm_or_si128(_mm_and_si128(Load(c), colourMask), shifted[k]));
     }
   }
-  // The puts are all in the minima now, so the results may overwrite the lines.
-  for (size_t j = sequence.FirstOutput(); j < count; ++j) {
-    unsigned char* result = s.lines + sequence.Target(j) * s.stride;
-    const unsigned char* upTo = s.prefix + j * s.stride;
-    if (j + 1 >= w) {
-      const unsigned char* from = s.suffix + (j + 1 - w) * s.stride;
-      for (size_t k = 0; k < lanes; ++k) result[k] = std::min(from[k], upTo[k]);
-    } else {
-      std::memcpy(result, upTo, lanes);
-    }
+  for (; i < count; ++i) {
+    uint32_t pixel;
+    std::memcpy(&pixel, colours + i * kBytesPerPixel, sizeof pixel);
+    pixel = (pixel & 0x00FFFFFFu) | (static_cast<uint32_t>(alphas[i]) << 24);
+    std::memcpy(out + i * kBytesPerPixel, &pixel, sizeof pixel);
   }
 }
 
-// Lines are taken kLanes at a time; a thread with fewer keeps a narrower
-// scratch.
-size_t LaneStride(uint64_t lineCount) {
-  return static_cast<size_t>(std::max<uint64_t>(1, std::min<uint64_t>(kLanes, lineCount)));
+// The sliding minimum of one row held in s (w.padded entries, the line at
+// s[lead ..], 255 elsewhere); the n results replace s[0 .. n).
+void SlideRow(unsigned char* s, size_t n, const LineWindow& w) {
+  const size_t computed = (n + w.width + 15) / 16 * 16;
+  for (size_t span = 1; span < w.span; span *= 2) {
+    for (size_t i = 0; i < computed; i += 16) Store(s + i, _mm_min_epu8(Load(s + i), Load(s + i + span)));
+  }
+  const size_t reach = w.width - w.span;
+  for (size_t i = 0; i < n; i += 16) Store(s + i, _mm_min_epu8(Load(s + i), Load(s + i + reach)));
+}
+
+// The same for a strip: entry i is a row of kStripLanes bytes.
+void SlideStrip(unsigned char* s, size_t n, const LineWindow& w) {
+  const size_t computed = n + w.width;
+  for (size_t span = 1; span < w.span; span *= 2) {
+    for (size_t i = 0; i < computed; ++i) {
+      unsigned char* row = s + i * kStripLanes;
+      const unsigned char* later = row + span * kStripLanes;
+      for (size_t k = 0; k < kStripLanes; k += 16) Store(row + k, _mm_min_epu8(Load(row + k), Load(later + k)));
+    }
+  }
+  const size_t reach = (w.width - w.span) * kStripLanes;
+  for (size_t i = 0; i < n; ++i) {
+    unsigned char* row = s + i * kStripLanes;
+    for (size_t k = 0; k < kStripLanes; k += 16) Store(row + k, _mm_min_epu8(Load(row + k), Load(row + reach + k)));
+  }
 }
 
 struct Span {
@@ -158,44 +179,84 @@ unsigned int PerThread(unsigned int total, unsigned int threads) {
 }
 
 // The record's scratch, or one of the pass's own; null when none can be had.
-unsigned char* ScratchFor(ErodeWhiteData& data, size_t lineLength, size_t lineCount,
-                          std::unique_ptr<unsigned char[]>& owned) {
+unsigned char* ScratchFor(ErodeWhiteData& data, size_t lineLength, std::unique_ptr<unsigned char[]>& owned) {
   if (data.scratch != nullptr) return data.scratch;
-  owned.reset(new (std::nothrow) unsigned char[WhiteErodeScratchBytes(lineLength, lineCount)]);
+  owned.reset(new (std::nothrow) unsigned char[WhiteErodeScratchBytes(lineLength, 1)]);
   return owned.get();
+}
+
+// The horizontal pass over the record's rows. With copyColour the colour
+// bytes of bufferB are written from bufferA as well (Setup's copy of the
+// source fused into the pass); otherwise only its alpha bytes are written.
+int ErodeRows(ErodeWhiteData& data, bool copyColour) {
+  const Span rows = ThreadSpan(data.threadIndex, data.rowsPerThread, data.height);
+  if (rows.begin >= rows.end || data.width == 0) return 0;
+  std::unique_ptr<unsigned char[]> owned;
+  unsigned char* s = ScratchFor(data, data.width, owned);
+  if (s == nullptr) return kOutOfMemoryCode;
+  const size_t n = data.width, rowBytes = n * kBytesPerPixel;
+  const LineWindow w = WindowOf(n, data.window, ShapeOf(data.direction));
+  for (uint64_t y = rows.begin; y < rows.end; ++y) {
+    const unsigned char* in = data.bufferA + y * rowBytes;
+    unsigned char* out = data.bufferB + y * rowBytes;
+    std::memset(s, 255, w.padded);
+    ExtractAlphas(in, n, s + w.lead);
+    if (w.excluded < n) s[w.lead + w.excluded] = 255;
+    SlideRow(s, n, w);
+    for (size_t x = w.extraBegin; x < w.extraEnd; ++x) {
+      s[x] = std::min(s[x], in[(x - w.extraOffset) * kBytesPerPixel + kAlphaByte]);
+    }
+    MergeAlphas(copyColour ? in : out, s, n, out);
+  }
+  return 0;
+}
+
+// The vertical pass without scratch, for when none can be had: every
+// output scans its window in the intermediate. Slow for wide windows, but it
+// cannot fail, so the pass always writes all of its columns.
+void ErodeColumnsByScan(const ErodeWhiteData& data, Span columns, const LineWindow& w) {
+  const size_t height = data.height, rowBytes = static_cast<size_t>(data.width) * kBytesPerPixel;
+  for (uint64_t x = columns.begin; x < columns.end; ++x) {
+    const unsigned char* column = data.bufferB + x * kBytesPerPixel;
+    for (size_t y = 0; y < height; ++y) {
+      const size_t offset = y * rowBytes + x * kBytesPerPixel;
+      if (offset + kBytesPerPixel > data.bufferALimit) break;
+      // Rows y - lead .. y - lead + width - 1 of the padded column.
+      const size_t first = y >= w.lead ? y - w.lead : 0;
+      const size_t last = std::min(height - 1, y + (w.width - 1 - w.lead));
+      unsigned char lowest = 255;
+      for (size_t r = first; r <= last; ++r) {
+        if (r != w.excluded) lowest = std::min(lowest, column[r * rowBytes + kAlphaByte]);
+      }
+      if (y >= w.extraBegin && y < w.extraEnd) {
+        lowest = std::min(lowest, column[(y - w.extraOffset) * rowBytes + kAlphaByte]);
+      }
+      std::memcpy(data.bufferA + offset, data.bufferB + offset, kAlphaByte);
+      data.bufferA[offset + kAlphaByte] = lowest;
+    }
+  }
 }
 
 }  // namespace
 
-size_t WhiteErodeScratchBytes(size_t lineLength, size_t lineCount) {
-  return 5 * LaneStride(lineCount) * std::max<size_t>(lineLength, 1);
+// Enough for either pass: a row needs one padded line, a strip of columns
+// kStripLanes of them however few columns it holds.
+size_t WhiteErodeScratchBytes(size_t lineLength, size_t) {
+  return kStripLanes * PaddedEntries(std::max<size_t>(lineLength, 1));
 }
 
 void* HorizErodeWhiteProc(void* argument) {
   if (argument == nullptr) return ThreadExitValue(0);
-  ErodeWhiteData& data = *static_cast<ErodeWhiteData*>(argument);
-  const Span rows = ThreadSpan(data.threadIndex, data.rowsPerThread, data.height);
-  if (rows.begin >= rows.end || data.width == 0) return ThreadExitValue(0);
-  std::unique_ptr<unsigned char[]> owned;
-  unsigned char* scratch = ScratchFor(data, data.width, rows.end - rows.begin, owned);
-  if (scratch == nullptr) return ThreadExitValue(kOutOfMemoryCode);
-  const LaneScratch lanes(scratch, data.width, LaneStride(rows.end - rows.begin));
-  const LineShape shape = ShapeOf(data.direction);
-  const size_t width = data.width, rowBytes = width * kBytesPerPixel;
-  for (uint64_t first = rows.begin; first < rows.end; first += kLanes) {
-    const size_t count = static_cast<size_t>(std::min<uint64_t>(kLanes, rows.end - first));
-    for (size_t k = 0; k < count; ++k) {
-      const unsigned char* in = data.bufferA + (first + k) * rowBytes + kAlphaByte;
-      for (size_t x = 0; x < width; ++x) lanes.lines[x * lanes.stride + k] = in[x * kBytesPerPixel];
-    }
-    ErodeLanes(lanes, width, count, data.window, shape);
-    for (size_t k = 0; k < count; ++k) {
-      unsigned char* out = data.bufferB + (first + k) * rowBytes + kAlphaByte;
-      for (size_t x = 0; x < width; ++x) out[x * kBytesPerPixel] = lanes.lines[x * lanes.stride + k];
-    }
-  }
-  return ThreadExitValue(0);
+  return ThreadExitValue(ErodeRows(*static_cast<ErodeWhiteData*>(argument), false));
 }
+
+namespace {
+// Setup's pass: the rows of the source eroded into the intermediate, colour
+// bytes and all.
+void* HorizErodeCopyProc(void* argument) {
+  return ThreadExitValue(ErodeRows(*static_cast<ErodeWhiteData*>(argument), true));
+}
+}  // namespace
 
 void* VertErodeWhiteProc(void* argument) {
   if (argument == nullptr) return ThreadExitValue(0);
@@ -214,31 +275,32 @@ void* VertErodeWhiteProc(void* argument) {
     return ThreadExitValue(0);
   }
 
+  const LineWindow w = WindowOf(height, data.window, kCentred);
   std::unique_ptr<unsigned char[]> owned;
-  unsigned char* scratch = ScratchFor(data, height, columns.end - columns.begin, owned);
-  if (scratch == nullptr) return ThreadExitValue(kOutOfMemoryCode);
-  const LaneScratch lanes(scratch, height, LaneStride(columns.end - columns.begin));
-  for (uint64_t first = columns.begin; first < columns.end; first += kLanes) {
-    const size_t count = static_cast<size_t>(std::min<uint64_t>(kLanes, columns.end - first));
-    const size_t stripOffset = first * kBytesPerPixel, stripBytes = count * kBytesPerPixel;
+  unsigned char* s = ScratchFor(data, height, owned);
+  if (s == nullptr) {
+    ErodeColumnsByScan(data, columns, w);
+    return ThreadExitValue(0);
+  }
+  for (uint64_t first = columns.begin; first < columns.end; first += kStripLanes) {
+    const size_t count = static_cast<size_t>(std::min<uint64_t>(kStripLanes, columns.end - first));
+    const size_t stripOffset = first * kBytesPerPixel;
+    std::memset(s, 255, w.padded * kStripLanes);
     for (size_t y = 0; y < height; ++y) {
-      const unsigned char* in = data.bufferB + y * rowBytes + stripOffset + kAlphaByte;
-      for (size_t k = 0; k < count; ++k) lanes.lines[y * lanes.stride + k] = in[k * kBytesPerPixel];
+      if (y == w.excluded) continue;
+      ExtractAlphas(data.bufferB + y * rowBytes + stripOffset, count, s + (y + w.lead) * kStripLanes);
     }
-    ErodeLanes(lanes, height, count, data.window, kCentred);
+    SlideStrip(s, height, w);
+    for (size_t y = w.extraBegin; y < w.extraEnd; ++y) {
+      const unsigned char* above = data.bufferB + (y - w.extraOffset) * rowBytes + stripOffset + kAlphaByte;
+      unsigned char* row = s + y * kStripLanes;
+      for (size_t k = 0; k < count; ++k) row[k] = std::min(row[k], above[k * kBytesPerPixel]);
+    }
     for (size_t y = 0; y < height; ++y) {
       const size_t offset = y * rowBytes + stripOffset;
       if (offset >= data.bufferALimit) break;
-      const size_t pixels = std::min(stripBytes, data.bufferALimit - offset) / kBytesPerPixel;
-      const unsigned char* in = data.bufferB + offset;
-      unsigned char* out = data.bufferA + offset;
-      const unsigned char* alphas = lanes.lines + y * lanes.stride;
-      for (size_t k = 0; k < pixels; ++k) {
-        uint32_t pixel;
-        std::memcpy(&pixel, in + k * kBytesPerPixel, sizeof pixel);
-        pixel = (pixel & ~(0xFFu << (8 * kAlphaByte))) | (static_cast<uint32_t>(alphas[k]) << (8 * kAlphaByte));
-        std::memcpy(out + k * kBytesPerPixel, &pixel, sizeof pixel);
-      }
+      const size_t pixels = std::min(count * kBytesPerPixel, data.bufferALimit - offset) / kBytesPerPixel;
+      MergeAlphas(data.bufferB + offset, s + y * kStripLanes, pixels, data.bufferA + offset);
     }
   }
   return ThreadExitValue(0);
@@ -261,11 +323,12 @@ void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
       intermediate->Height() != height || intermediate->PixelChannelOrder() != source->PixelChannelOrder()) {
     intermediate.reset(new KVImage8(width, height, source->PixelChannelOrder(), false));
   }
-  if (intermediate->BufferByteSize() != 0) {
+  // The threads below copy the source into it row by row as they erode
+  // (their rows cover the image); without threads it is a plain copy.
+  const unsigned char threads = PassThreadCount();
+  if (threads == 0 && intermediate->BufferByteSize() != 0) {
     std::memcpy(intermediate->Buffer(), PixelBytes(source), intermediate->BufferByteSize());
   }
-
-  const unsigned char threads = PassThreadCount();
   if (threads != 0 && width != 0) {
     const unsigned int rowsPerThread = PerThread(height, threads);
     std::vector<ErodeWhiteData> records(threads);
@@ -276,7 +339,7 @@ void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
     }
     // Every thread's scratch is taken here, so a failed allocation reaches the
     // caller as std::bad_alloc rather than ending a worker.
-    const size_t scratchBytes = WhiteErodeScratchBytes(width, rowsPerThread);
+    const size_t scratchBytes = PaddedEntries(width);
     std::unique_ptr<unsigned char[]> scratch(new unsigned char[busyThreads * scratchBytes]);
     for (unsigned int t = 0; t < threads; ++t) {
       ErodeWhiteData& record = records[t];
@@ -292,7 +355,7 @@ void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
       record.bufferALimit = 0;
       record.scratch = t < busyThreads ? scratch.get() + t * scratchBytes : nullptr;
     }
-    if (RunThreads(HorizErodeWhiteProc, records) == kOutOfMemoryCode) throw std::bad_alloc();
+    if (RunThreads(HorizErodeCopyProc, records) == kOutOfMemoryCode) throw std::bad_alloc();
   }
   m_intermediate = intermediate;
 }
@@ -321,12 +384,13 @@ int WhiteErodeRenderer::Render8(KVAbstractImage*, KVAbstractImage* destination, 
   record.direction = m_direction;
   record.bufferALimit = destination->BufferByteSize();
   record.scratch = nullptr;
-  std::vector<unsigned char> scratch;
+  // Without scratch the pass scans instead: it writes all its columns
+  // whatever memory is left.
+  std::unique_ptr<unsigned char[]> scratch;
   const Span columns = ThreadSpan(threadIndex, record.columnsPerThread, record.width);
   if (ShapeOf(m_direction) == kCentred && columns.begin < columns.end) {
-    // std::bad_alloc here ends this thread with code 8.
-    scratch.resize(WhiteErodeScratchBytes(record.height, columns.end - columns.begin));
-    record.scratch = scratch.data();
+    scratch.reset(new (std::nothrow) unsigned char[WhiteErodeScratchBytes(record.height, 1)]);
+    record.scratch = scratch.get();
   }
   VertErodeWhiteProc(&record);
   return 0;

@@ -26,6 +26,10 @@ struct RendererQueue {
   kvo::KVLookupTables& tables;
   KVDownsampleFactor factor;
   std::vector<std::tr1::shared_ptr<AbstractRenderer> > queue;
+  // Intermediate images a render has finished with, kept (at most two) for
+  // the next intermediate of the same shape, in this render or a later one:
+  // their pages are already mapped and often still cached.
+  std::vector<std::tr1::shared_ptr<KVAbstractImage> > spareImages;
 
   // Takes ownership of stage and appends it; returns 0.
   int Append(AbstractRenderer* stage);
