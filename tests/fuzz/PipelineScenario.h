@@ -12,11 +12,7 @@
 // errors by contract and abort with an assertion:
 // - a source of channel order 2 reaching a stage that handles order 1 only;
 // - a compositor over an order-2 background faded at construction (the fade
-//   runs the opacity stage, which handles order 1 only);
-// - a focus stage (defocus, diffuse, sharpen, soft focus) whose nested blur
-//   fails, which they report through an assertion: their radius is kept at
-//   or below kFocusRadiusLimit, the largest blur radius the nested stage
-//   accepts.
+//   runs the opacity stage, which handles order 1 only).
 // Everything else must come back as a result code from the documented set.
 #include <kvimage/kvimage.h>
 
@@ -36,19 +32,6 @@ using kvo::maths::KVPoint2;
 using kvo::maths::KVPoint2F;
 using kvo::maths::KVQuad;
 using kvo::maths::KVRect;
-
-// The largest radius handed to a focus stage. Its nested blur refuses radii
-// above the stack blur's limit and the stage then aborts by contract; lift
-// this once the blur takes any radius.
-const unsigned int kFocusRadiusLimit = 2895;
-
-// The stack blur's divide table holds 256 x (radius + 1)^2 integers, 8.6 GB
-// at the largest radius it serves (2895); radii beyond that fail at once
-// with code 8. Radii between this cap and four times 2895 (a quarter
-// downsample factor scales them back into the served range) are replaced by
-// the cap, so that an execution stays within the fuzzer's memory limit;
-// drop the cap once the blur works without the table.
-const unsigned int kTableBackedRadiusCap = 64;
 
 // Reads the scenario's choices; past the end of the input every read is 0.
 class ByteReader {
@@ -91,8 +74,7 @@ class ByteReader {
                                             10000000u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu};
     const uint8_t choice = Byte();
     if (choice >= 16) return choice % 24;
-    const unsigned int radius = kSpecial[choice % (sizeof(kSpecial) / sizeof(kSpecial[0]))];
-    return radius > kTableBackedRadiusCap && radius < 4 * 2896u ? kTableBackedRadiusCap : radius;
+    return kSpecial[choice % (sizeof(kSpecial) / sizeof(kSpecial[0]))];
   }
 
   int Int() {
@@ -369,7 +351,7 @@ class Scenario {
       }
       case kDefocus: {
         m_threadCountIndependent = false;
-        const unsigned int radius = FocusRadius(in);
+        const unsigned int radius = in.Radius();
         const double amount = in.Double();
         // The defocus blurs its input in place: queued first, the source.
         const bool first = p.RenderQueueCount() == 0;
@@ -379,20 +361,20 @@ class Scenario {
       }
       case kDiffuse: {
         m_threadCountIndependent = false;
-        const unsigned int radius = FocusRadius(in);
+        const unsigned int radius = in.Radius();
         const double amount = in.Double();
         return p.SetDiffuse(radius, amount, in.Double());
       }
       case kSharpen: {
         m_threadCountIndependent = false;
-        const unsigned int radius = FocusRadius(in);
+        const unsigned int radius = in.Radius();
         const double amount = in.Double(), threshold = in.Double();
         return p.SetSharpen(radius, amount, threshold, in.Double());
       }
       case kSoftFocus: {
         m_threadCountIndependent = false;
         const KVBlendMode mode = in.Enumeration<KVBlendMode>(0, 13);
-        const unsigned int radius = FocusRadius(in);
+        const unsigned int radius = in.Radius();
         const double amount = in.Double();
         const KVRect rect = in.Rect();
         return p.SetSoftFocus(mode, radius, amount, rect, in.Double());
@@ -511,11 +493,6 @@ class Scenario {
                       : c.AddShadowCastLayer(layer, bounds, corners, radius, amount, colour, mode, flag, factor);
       }
     }
-  }
-
-  static unsigned int FocusRadius(ByteReader& in) {
-    const unsigned int radius = in.Radius();
-    return radius > kFocusRadiusLimit ? kFocusRadiusLimit : radius;
   }
 
   FrontEndKind m_kind;
