@@ -202,9 +202,10 @@ def render(context, rows, args):
         return lines
 
     ordered = list(rows.values())
-    baselines = [r for r in ordered if r.stage.startswith("BM_")]
+    baselines = [r for r in ordered if r.stage.startswith(("BM_MemcpyFrame", "BM_TableLookupFrame"))]
+    paths = [r for r in ordered if r.stage.startswith("BM_") and r not in baselines]
     fixed = [r for r in ordered if r.stage.startswith("fixed/")]
-    stages = [r for r in ordered if r not in baselines and r not in fixed]
+    stages = [r for r in ordered if r not in baselines and r not in paths and r not in fixed]
     sizes = sorted({r.size for r in stages if r.size}, key=lambda s: int(s.split("x")[0]))
 
     out.append("### Baselines")
@@ -224,6 +225,20 @@ def render(context, rows, args):
         out.append(f"### Stages at {size}")
         out.append("")
         out.extend(table([r for r in stages if r.size == size]))
+        out.append("")
+
+    if paths:
+        out.append(f"### Plain and fast paths ({TARGET_SIZE})")
+        out.append("")
+        out.append("The comparisons of `bench/bench_*_paths.cpp`: each stage's straightforward path against its "
+                   "faster one, in the same run; the arguments name the thread count and the path as each file "
+                   f"documents. Ratios are to the {TARGET_SIZE} memcpy.")
+        out.append("")
+        out.append("| benchmark | ms | × memcpy |")
+        out.append("|---|---:|---:|")
+        for row in paths:
+            base = memcpy.get(TARGET_SIZE)
+            out.append(f"| {row.stage} | {fmt(row.ms, 3)} | {fmt(row.ms / base if base else None)} |")
         out.append("")
 
     # Targets, judged at TARGET_SIZE on TARGET_CORES cores.

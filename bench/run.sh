@@ -87,13 +87,7 @@ arguments=(--benchmark_out="$json" --benchmark_out_format=json --benchmark_min_t
 # Repetitions run in random order across the whole suite, so that a burst of
 # other work on the machine slows one repetition of a benchmark, not all.
 if [ "$repetitions" -gt 1 ]; then arguments+=(--benchmark_enable_random_interleaving=true); fi
-# Without a filter: the suite (baselines, every stage, the fixed cost), not
-# the plain-against-fast comparisons of bench/bench_*_paths.cpp.
-if [ -n "$filter" ]; then
-  arguments+=(--benchmark_filter="BM_MemcpyFrame|$filter")
-else
-  arguments+=(--benchmark_filter='^(BM_MemcpyFrame|BM_TableLookupFrame|processor/|keyer/|compositor/|fixed/)')
-fi
+if [ -n "$filter" ]; then arguments+=(--benchmark_filter="BM_MemcpyFrame|$filter"); fi
 
 echo "run.sh: $binary ${arguments[*]} (sizes $sizes)" >&2
 KVBENCH_SIZES=$sizes "$binary" "${arguments[@]}" >&2
