@@ -7,7 +7,6 @@
 
 #include <vector>
 
-#include "ProcessorStageTest.h"
 #include "TestSupport.h"
 
 using namespace kvo::image;

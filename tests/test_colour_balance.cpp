@@ -5,7 +5,7 @@
 #include <cmath>
 #include <limits>
 
-#include "ColourStageSupport.h"
+#include "TestSupport.h"
 
 using namespace kvo::image;
 using kvtest::Clamp8;

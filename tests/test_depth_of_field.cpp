@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <vector>
 
-#include "ProcessorStageTest.h"
 #include "TestSupport.h"
 
 using namespace kvo::image;

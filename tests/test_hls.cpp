@@ -5,7 +5,7 @@
 #include <limits>
 #include <vector>
 
-#include "ProcessorStageTest.h"
+#include "TestSupport.h"
 #include "renderers/colour/HLSModel.h"
 #include "renderers/colour/HueStagePixels.h"
 
