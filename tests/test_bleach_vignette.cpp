@@ -7,7 +7,6 @@
 
 #include <vector>
 
-#include "ProcessorStageTest.h"
 #include "TestSupport.h"
 
 using namespace kvo::image;
@@ -21,11 +20,6 @@ using kvtest::RenderStage;
 using kvtest::ScopedCoreCount;
 
 namespace {
-
-kvo::KVLookupTables& Tables() {
-  static kvo::KVLookupTables tables;
-  return tables;
-}
 
 kvtest::StageSetter Bleach(double amount, double desaturation, double contrast) {
   return [=](KVImageProcessor& p) { return p.SetBleachBypass(amount, desaturation, contrast); };
@@ -92,7 +86,7 @@ TEST(BleachBypass, OverlayIsTheBlendOfEachChannelWithTheLuminance) {
       const unsigned char* in = &pixels[p * 4];
       const int luma = Luma(in[2], in[1], in[0]);
       for (int c = 0; c < 3; ++c) {
-        EXPECT_EQ(BlendPixel(in[c], luma, kBlendOverlay, opacity, Tables()), out[p * 4 + c]) << p << " " << c;
+        EXPECT_EQ(BlendPixel(in[c], luma, kBlendOverlay, opacity, kvtest::SharedTables()), out[p * 4 + c]) << p << " " << c;
       }
       EXPECT_EQ(in[3], out[p * 4 + 3]);
     }
@@ -106,7 +100,7 @@ TEST(BleachBypass, ArgbImagesKeepAlphaInByteZero) {
 
 TEST(BleachBypass, ArgumentsOutsideZeroToOneAreRefused) {
   GuardedImage src(4, 4), dst(4, 4);
-  KVImageProcessor p(src.image(), dst.image(), Tables(), kDownsampleNone);
+  KVImageProcessor p(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
   const double bad[] = {-0.01, 1.01, -1e300};
   for (double b : bad) {
     EXPECT_EQ(7, p.SetBleachBypass(b, 0.5, 0.5));
@@ -128,7 +122,7 @@ TEST(BleachBypass, EveryThreadCountGivesTheSameBytesInPlaceOrNot) {
   // A stage driven directly, in place.
   GuardedImage image(w, h, 1);
   image.fill(pixels);
-  BleachBypassRenderer stage(0.8, 0.4, 0.6, Tables());
+  BleachBypassRenderer stage(0.8, 0.4, 0.6, kvtest::SharedTables());
   stage.Setup(image.image());
   for (unsigned int t = 0; t < 3; ++t) stage.Render(image.image(), image.image(), static_cast<unsigned char>(t), 3);
   EXPECT_EQ(one, image.contents());
@@ -231,7 +225,7 @@ TEST(Vignette, BoundsMoveTheFrame) {
 
 TEST(Vignette, ArgumentsOutsideZeroToOneAreRefused) {
   GuardedImage src(4, 4), dst(4, 4);
-  KVImageProcessor p(src.image(), dst.image(), Tables(), kDownsampleNone);
+  KVImageProcessor p(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
   const KVRect none;
   for (double b : {-0.5, 1.5}) {
     EXPECT_EQ(7, p.SetVignette(kBlack, b, 0.5, 0.5, 0.5, 0.5, none));

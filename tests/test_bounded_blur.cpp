@@ -20,11 +20,6 @@ namespace {
 
 typedef std::vector<unsigned char> Bytes;
 
-kvo::KVLookupTables& Tables() {
-  static kvo::KVLookupTables tables;
-  return tables;
-}
-
 struct Blur {
   unsigned int radius;
   bool horizontal;
@@ -39,7 +34,7 @@ Bytes Bounded(const Bytes& pixels, unsigned int width, unsigned int height, cons
   ScopedCoreCount cores(threads);
   GuardedImage source(width, height, 1), target(width, height);
   if (!pixels.empty()) source.fill(pixels);
-  KVImageProcessor processor(source.image(), target.image(), Tables(), factor);
+  KVImageProcessor processor(source.image(), target.image(), kvtest::SharedTables(), factor);
   EXPECT_EQ(0, processor.SetBoundedStackBlur(blur.radius, blur.horizontal, blur.vertical,
                                              static_cast<KVChannelsToProcess>(blur.channels), blur.rect,
                                              blur.feather));
@@ -54,7 +49,7 @@ Bytes Bounded(const Bytes& pixels, unsigned int width, unsigned int height, cons
 Bytes StackBlur(const Bytes& pixels, unsigned int width, unsigned int height, unsigned int radius) {
   GuardedImage source(width, height), target(width, height);
   source.fill(pixels);
-  KVImageProcessor processor(source.image(), target.image(), Tables(), kDownsampleNone);
+  KVImageProcessor processor(source.image(), target.image(), kvtest::SharedTables(), kDownsampleNone);
   EXPECT_EQ(0, processor.SetStackBlur(radius, true, true, kChannelsAll));
   EXPECT_EQ(0, processor.Render());
   return target.contents();
@@ -169,7 +164,7 @@ TEST(BoundedStackBlur, SetterArguments) {
   GuardedImage source(width, height), target(width, height);
   source.fill(pixels);
   const KVRect all(KVPoint2(0, 0), width, height);
-  KVImageProcessor processor(source.image(), target.image(), Tables(), kDownsampleNone);
+  KVImageProcessor processor(source.image(), target.image(), kvtest::SharedTables(), kDownsampleNone);
   EXPECT_EQ(4, processor.SetBoundedStackBlur(3, false, false, kChannelsAll, all, 0.0));
   EXPECT_EQ(0, processor.RenderQueueCount());
   EXPECT_EQ(0, processor.SetBoundedStackBlur(3, true, false, static_cast<KVChannelsToProcess>(0), all, -1.0));

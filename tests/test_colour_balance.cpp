@@ -5,7 +5,7 @@
 #include <cmath>
 #include <limits>
 
-#include "ColourStageSupport.h"
+#include "TestSupport.h"
 
 using namespace kvo::image;
 using kvtest::Clamp8;
@@ -112,9 +112,8 @@ TEST(ColorBalance, EveryThreadCountThroughTheProcessor) {
 }
 
 TEST(ColorBalance, SetterRanges) {
-  kvo::KVLookupTables tables;
   GuardedImage src(4, 4), dst(4, 4);
-  KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
+  KVImageProcessor processor(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
   EXPECT_EQ(7, processor.SetColorBalance(1.0, 2.1, 1.0));
   EXPECT_EQ(7, processor.SetColorBalance(-0.01, 1.0, 1.0));
   EXPECT_EQ(7, processor.SetColorBalance(1.0, 1.0, 2.01));
@@ -200,9 +199,8 @@ TEST(ColorTemperature, EveryThreadCountGivesTheSameBytes) {
 }
 
 TEST(ColorTemperature, SetterRange) {
-  kvo::KVLookupTables tables;
   GuardedImage src(4, 4), dst(4, 4);
-  KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
+  KVImageProcessor processor(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
   EXPECT_EQ(7, processor.SetColorTemperature(1499.9));
   EXPECT_EQ(7, processor.SetColorTemperature(13500.1));
   EXPECT_EQ(0, processor.RenderQueueCount());

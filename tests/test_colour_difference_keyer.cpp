@@ -95,10 +95,9 @@ std::vector<unsigned char> KeyThroughKeyer(const std::vector<unsigned char>& inp
                                            unsigned int height, unsigned int threads, KVKeyColor keyColor,
                                            double balance, double limit, double softness, size_t offset = 0) {
   ScopedCoreCount cores(threads);
-  kvo::KVLookupTables tables;
   GuardedImage src(width, height, offset), dst(width, height, offset);
   src.fill(input);
-  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+  KVImageKeyer keyer(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
   EXPECT_EQ(0, keyer.SetAutoColorDifferenceKey(keyColor, balance, limit, softness));
   EXPECT_EQ(0, keyer.Render());
   EXPECT_TRUE(dst.guardsIntact());
@@ -270,14 +269,13 @@ TEST(ColorDifferenceMatte, ThreadSharesAreCutAtTheEndOfTheImage) {
 }
 
 TEST(ColorDifferenceKeyer, ThresholdsFollowBalance) {
-  kvo::KVLookupTables tables;
   GuardedImage image(5, 1);
   FillPixels(image, kRamp);
   ScopedCoreCount cores(3);
   const double balances[] = {0.0, 1.0, 0.5};
   const double highs[] = {42.0, 36.0, 39.0};
   for (int i = 0; i < 3; ++i) {
-    ColorDifferenceKeyer keyer(kKeyColorAuto, balances[i], 0.0, 0.0, tables);
+    ColorDifferenceKeyer keyer(kKeyColorAuto, balances[i], 0.0, 0.0, kvtest::SharedTables());
     EXPECT_EQ(1u, keyer.Type());
     keyer.Setup(image.image());
     EXPECT_EQ(kKeyColorGreen, keyer.EffectiveKeyColor());
@@ -315,10 +313,9 @@ TEST(ColorDifferenceKeyer, ImageWithoutKeyPixelsKeepsEveryByte) {
     // An unknown key colour keys nothing, whatever the picture.
     EXPECT_EQ(input, KeyThroughKeyer(input, 13, 7, threads, static_cast<KVKeyColor>(3), 0.3, 0.2, 0.5));
   }
-  kvo::KVLookupTables tables;
   GuardedImage image(13, 7);
   image.fill(noKey);
-  ColorDifferenceKeyer keyer(kKeyColorGreen, 0.5, 0.0, 0.0, tables);
+  ColorDifferenceKeyer keyer(kKeyColorGreen, 0.5, 0.0, 0.0, kvtest::SharedTables());
   keyer.Setup(image.image());
   EXPECT_EQ(255.0, keyer.LowThreshold());
   EXPECT_TRUE(std::isnan(keyer.HighThreshold()));
@@ -343,11 +340,10 @@ TEST(ColorDifferenceKeyer, EveryThreadCountGivesTheSameBytes) {
 }
 
 TEST(ColorDifferenceKeyer, RendersInPlaceAndWithoutSetupKeepsAlpha) {
-  kvo::KVLookupTables tables;
   GuardedImage image(5, 1, 1);
   FillPixels(image, kRamp);
   const std::vector<unsigned char> input = image.contents();
-  ColorDifferenceKeyer keyer(kKeyColorGreen, 0.0, 0.0, 0.0, tables);
+  ColorDifferenceKeyer keyer(kKeyColorGreen, 0.0, 0.0, 0.0, kvtest::SharedTables());
   EXPECT_EQ(0, keyer.Render(image.image(), image.image(), 0, 1));
   EXPECT_EQ(input, image.contents());
   keyer.Setup(image.image());
@@ -380,17 +376,15 @@ class SixteenBitImage : public KVAbstractImage {
 }  // namespace
 
 TEST(ColorDifferenceKeyer, OtherDepthsReturnTheirCode) {
-  kvo::KVLookupTables tables;
   SixteenBitImage source, destination;
-  ColorDifferenceKeyer keyer(kKeyColorAuto, 0.5, 0.1, 0.1, tables);
+  ColorDifferenceKeyer keyer(kKeyColorAuto, 0.5, 0.1, 0.1, kvtest::SharedTables());
   keyer.Setup(&source);
   EXPECT_EQ(16, keyer.Render(&source, &destination, 0, 1));
 }
 
 TEST(SetAutoColorDifferenceKey, ChecksEachArgumentAndQueuesNothingOnFailure) {
-  kvo::KVLookupTables tables;
   GuardedImage src(2, 2), dst(2, 2);
-  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+  KVImageKeyer keyer(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
   EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, 1.0000001, 0.0, 0.0));
   EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, -0.1, 0.0, 0.0));
   EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorGreen, 0.5, 1.5, 0.0));
@@ -416,8 +410,7 @@ TEST(ColorDifferenceKeyer, MeanSurvivesSumsBeyondThirtyTwoBits) {
   std::vector<unsigned char> pixels(static_cast<size_t>(width) * height * 4, 0);
   for (size_t i = 1; i < pixels.size(); i += 4) pixels[i] = 255;
   KVImage8 image(pixels.data(), width, height, kPixelOrderBGRA);
-  kvo::KVLookupTables tables;
-  ColorDifferenceKeyer keyer(kKeyColorGreen, 1.0, 0.0, 0.0, tables);
+  ColorDifferenceKeyer keyer(kKeyColorGreen, 1.0, 0.0, 0.0, kvtest::SharedTables());
   keyer.Setup(&image);
   EXPECT_EQ(255.0, keyer.LowThreshold());
   EXPECT_EQ(255.0, keyer.HighThreshold());
@@ -432,15 +425,14 @@ TEST_P(RealisticFrame, DetectsTheBackingAndKeysIt) {
   const KVKeyColor backing = GetParam();
   const unsigned int width = 160, height = 120;
   const kvtest::KeyingFrame frame = kvtest::MakeKeyingFrame(backing, width, height, 7);
-  kvo::KVLookupTables tables;
   GuardedImage src(width, height), dst(width, height);
   src.fill(frame.pixels);
   EXPECT_EQ(backing, Detect(src, 2));
-  ColorDifferenceKeyer stage(kKeyColorAuto, 0.5, 0.2, 0.5, tables);
+  ColorDifferenceKeyer stage(kKeyColorAuto, 0.5, 0.2, 0.5, kvtest::SharedTables());
   stage.Setup(src.image());
   EXPECT_EQ(backing, stage.EffectiveKeyColor());
 
-  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+  KVImageKeyer keyer(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
   ASSERT_EQ(0, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, 0.5, 0.2, 0.5));
   ASSERT_EQ(0, keyer.Render());
   ASSERT_TRUE(dst.guardsIntact());

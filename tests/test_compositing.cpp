@@ -76,13 +76,12 @@ void ReferenceComposite(Bytes& background, const Bytes& layer, double opacity, i
 typedef std::array<int, 4> Pixel;
 Pixel CompositeOnePixel(const Pixel& background, const Pixel& layer, double opacity, KVBlendMode mode,
                         KVCompositeType type) {
-  KVLookupTables tables;
   ScopedCoreCount cores(1);
   unsigned char bottom[4], top[4];
   for (int c = 0; c < 4; ++c) bottom[c] = static_cast<unsigned char>(background[c]);
   for (int c = 0; c < 4; ++c) top[c] = static_cast<unsigned char>(layer[c]);
   KVImage8 canvas(bottom, 1, 1, kPixelOrderBGRA), over(top, 1, 1, kPixelOrderBGRA);
-  KVImageCompositor compositor(&canvas, 1.0, tables, kDownsampleNone);
+  KVImageCompositor compositor(&canvas, 1.0, kvtest::SharedTables(), kDownsampleNone);
   EXPECT_EQ(0, compositor.AddLayer(&over, opacity, mode, type));
   EXPECT_EQ(0, compositor.Render());
   return Pixel{bottom[0], bottom[1], bottom[2], bottom[3]};
@@ -215,11 +214,10 @@ TEST(BlendPixel, TableModesUseTheLowBytesOfOutOfRangeValues) {
 // ---------------------------------------------------------------- AddLayer
 
 TEST(AddLayer, MismatchIsCheckedBeforeOpacityAndQueuesNothing) {
-  KVLookupTables tables;
   GuardedImage background(4, 3), wide(5, 3), tall(4, 4), argb(4, 3, 0, kPixelOrderARGB), layer(4, 3);
   const Bytes before = PatternBytes(background.bytes(), 1);
   background.fill(before);
-  KVImageCompositor compositor(background.image(), 1.0, tables, kDownsampleNone);
+  KVImageCompositor compositor(background.image(), 1.0, kvtest::SharedTables(), kDownsampleNone);
   EXPECT_EQ(1000, compositor.AddLayer(wide.image(), 0.5, kBlendNormal, kCompositeColorOnly));
   EXPECT_EQ(1000, compositor.AddLayer(tall.image(), 1.5, kBlendNormal, kCompositeAlpha));
   EXPECT_EQ(1000, compositor.AddLayer(argb.image(), -1.0, kBlendNormal, kCompositeAlpha));
@@ -239,9 +237,8 @@ TEST(AddLayer, MismatchIsCheckedBeforeOpacityAndQueuesNothing) {
 }
 
 TEST(AddLayer, AcceptsTheRangeNaNAndAnyModeOrType) {
-  KVLookupTables tables;
   GuardedImage background(2, 2), layer(2, 2);
-  KVImageCompositor compositor(background.image(), 1.0, tables, kDownsampleNone);
+  KVImageCompositor compositor(background.image(), 1.0, kvtest::SharedTables(), kDownsampleNone);
   EXPECT_EQ(0, compositor.AddLayer(layer.image(), 0.0, kBlendNormal, kCompositeColorOnly));
   EXPECT_EQ(0, compositor.AddLayer(layer.image(), 1.0, KVBlendMode(99), KVCompositeType(7)));
   EXPECT_EQ(0, compositor.AddLayer(layer.image(), std::nan(""), kBlendReplace, kCompositeAlpha));
@@ -254,11 +251,10 @@ TEST(AddLayer, AcceptsTheRangeNaNAndAnyModeOrType) {
 // ---------------------------------------------------------------- colour-only path
 
 TEST(LayerCompositorColourOnly, ContractExample) {
-  KVLookupTables tables;
   GuardedImage background(6, 3), layer(6, 3);
   background.fill(Bytes(background.bytes(), 100));
   layer.fill(Bytes(layer.bytes(), 200));
-  KVImageCompositor compositor(background.image(), 1.0, tables, kDownsampleNone);
+  KVImageCompositor compositor(background.image(), 1.0, kvtest::SharedTables(), kDownsampleNone);
   ASSERT_EQ(0, compositor.AddLayer(layer.image(), 1.0, kBlendNormal, kCompositeColorOnly));
   ASSERT_EQ(0, compositor.Render());
   // fa = 200: 100 + ((100 * 200) >> 8) = 178; the background alpha is kept.
@@ -348,7 +344,6 @@ TEST(LayerCompositorAlpha, AlphaZeroOnEitherSide) {
 // ---------------------------------------------------------------- whole images
 
 TEST(LayerCompositor, MatchesTheReferenceOnEveryModeTypeAndOpacity) {
-  KVLookupTables tables;
   const double opacities[] = {0.0, 0.3, 0.5, 1.0, std::nan("")};
   const int types[] = {0, 1, 2, 7};
   const unsigned int width = 13, height = 7;
@@ -364,11 +359,11 @@ TEST(LayerCompositor, MatchesTheReferenceOnEveryModeTypeAndOpacity) {
           GuardedImage background(width, height, offset), layer(width, height, offset);
           background.fill(bgBytes);
           layer.fill(fgBytes);
-          KVImageCompositor compositor(background.image(), 1.0, tables, kDownsampleNone);
+          KVImageCompositor compositor(background.image(), 1.0, kvtest::SharedTables(), kDownsampleNone);
           ASSERT_EQ(0, compositor.AddLayer(layer.image(), opacity, KVBlendMode(mode), KVCompositeType(type)));
           ASSERT_EQ(0, compositor.Render());
           Bytes expected = bgBytes;
-          ReferenceComposite(expected, fgBytes, opacity, type, mode, tables);
+          ReferenceComposite(expected, fgBytes, opacity, type, mode, kvtest::SharedTables());
           ASSERT_EQ(expected, background.contents()) << "mode " << mode << " type " << type << " opacity "
                                                      << opacity << " offset " << offset;
           ASSERT_EQ(fgBytes, layer.contents());
@@ -380,7 +375,6 @@ TEST(LayerCompositor, MatchesTheReferenceOnEveryModeTypeAndOpacity) {
 }
 
 TEST(LayerCompositor, EveryThreadCountGivesTheSameBytes) {
-  KVLookupTables tables;
   const struct {
     unsigned int width, height;
   } sizes[] = {{7, 5}, {1, 1}, {3, 1}, {17, 3}};
@@ -389,13 +383,13 @@ TEST(LayerCompositor, EveryThreadCountGivesTheSameBytes) {
     const Bytes fgBytes = PatternBytes(size.width * size.height * 4, 22);
     for (int type : {0, 2}) {
       Bytes expected = bgBytes;
-      ReferenceComposite(expected, fgBytes, 0.75, type, kBlendOverlay, tables);
+      ReferenceComposite(expected, fgBytes, 0.75, type, kBlendOverlay, kvtest::SharedTables());
       for (unsigned int threads = 1; threads <= 16; ++threads) {
         ScopedCoreCount cores(threads);
         GuardedImage background(size.width, size.height), layer(size.width, size.height);
         background.fill(bgBytes);
         layer.fill(fgBytes);
-        KVImageCompositor compositor(background.image(), 1.0, tables, kDownsampleNone);
+        KVImageCompositor compositor(background.image(), 1.0, kvtest::SharedTables(), kDownsampleNone);
         ASSERT_EQ(0, compositor.AddLayer(layer.image(), 0.75, kBlendOverlay, KVCompositeType(type)));
         ASSERT_EQ(0, compositor.Render());
         ASSERT_EQ(expected, background.contents())
@@ -407,24 +401,23 @@ TEST(LayerCompositor, EveryThreadCountGivesTheSameBytes) {
 }
 
 TEST(LayerCompositor, ALayerQueuedTwiceOrRenderedTwiceCompositesTwice) {
-  KVLookupTables tables;
   const Bytes bgBytes = PatternBytes(5 * 3 * 4, 31), fgBytes = PatternBytes(5 * 3 * 4, 32);
   Bytes twice = bgBytes;
-  ReferenceComposite(twice, fgBytes, 0.6, kCompositeAlpha, kBlendScreen, tables);
-  ReferenceComposite(twice, fgBytes, 0.6, kCompositeAlpha, kBlendScreen, tables);
+  ReferenceComposite(twice, fgBytes, 0.6, kCompositeAlpha, kBlendScreen, kvtest::SharedTables());
+  ReferenceComposite(twice, fgBytes, 0.6, kCompositeAlpha, kBlendScreen, kvtest::SharedTables());
   ASSERT_NE(bgBytes, twice);
 
   GuardedImage queued(5, 3), rendered(5, 3), layer(5, 3);
   queued.fill(bgBytes);
   rendered.fill(bgBytes);
   layer.fill(fgBytes);
-  KVImageCompositor doubleQueue(queued.image(), 1.0, tables, kDownsampleNone);
+  KVImageCompositor doubleQueue(queued.image(), 1.0, kvtest::SharedTables(), kDownsampleNone);
   ASSERT_EQ(0, doubleQueue.AddLayer(layer.image(), 0.6, kBlendScreen, kCompositeAlpha));
   ASSERT_EQ(0, doubleQueue.AddLayer(layer.image(), 0.6, kBlendScreen, kCompositeAlpha));
   ASSERT_EQ(0, doubleQueue.Render());
   EXPECT_EQ(twice, queued.contents());
 
-  KVImageCompositor single(rendered.image(), 1.0, tables, kDownsampleNone);
+  KVImageCompositor single(rendered.image(), 1.0, kvtest::SharedTables(), kDownsampleNone);
   ASSERT_EQ(0, single.AddLayer(layer.image(), 0.6, kBlendScreen, kCompositeAlpha));
   ASSERT_EQ(0, single.Render());
   ASSERT_EQ(0, single.Render());
@@ -436,7 +429,6 @@ TEST(LayerCompositor, ALayerQueuedTwiceOrRenderedTwiceCompositesTwice) {
 // vector path (255 - 127 = 128), a 9-pixel one its plain path
 // (trunc(255 * 0.5) = 127).
 TEST(LayerCompositor, BackgroundFadedAtConstruction) {
-  KVLookupTables tables;
   for (unsigned int side : {4u, 3u}) {
     const unsigned char fadedAlpha = side == 4 ? 128 : 127;
     GuardedImage background(side, side), layer(side, side);
@@ -444,13 +436,13 @@ TEST(LayerCompositor, BackgroundFadedAtConstruction) {
     for (size_t i = 3; i < bgBytes.size(); i += 4) bgBytes[i] = 255;
     background.fill(bgBytes);
     layer.fill(fgBytes);
-    KVImageCompositor compositor(background.image(), 0.5, tables, kDownsampleNone);
+    KVImageCompositor compositor(background.image(), 0.5, kvtest::SharedTables(), kDownsampleNone);
     Bytes faded = bgBytes;
     for (size_t i = 3; i < faded.size(); i += 4) faded[i] = fadedAlpha;
     ASSERT_EQ(faded, background.contents());
     ASSERT_EQ(0, compositor.AddLayer(layer.image(), 0.8, kBlendHardLight, kCompositeAlpha));
     ASSERT_EQ(0, compositor.Render());
-    ReferenceComposite(faded, fgBytes, 0.8, kCompositeAlpha, kBlendHardLight, tables);
+    ReferenceComposite(faded, fgBytes, 0.8, kCompositeAlpha, kBlendHardLight, kvtest::SharedTables());
     EXPECT_EQ(faded, background.contents());
   }
 }
@@ -458,12 +450,11 @@ TEST(LayerCompositor, BackgroundFadedAtConstruction) {
 // ---------------------------------------------------------------- the stage itself
 
 TEST(LayerCompositorStage, DescriptionSetupAndEmptyShares) {
-  KVLookupTables tables;
   GuardedImage background(2, 1), layer(2, 1);
   const Bytes bgBytes = PatternBytes(8, 51);
   background.fill(bgBytes);
   layer.fill(PatternBytes(8, 52));
-  LayerCompositor stage(layer.image(), 1.0, kCompositeAlpha, kBlendNormal, tables);
+  LayerCompositor stage(layer.image(), 1.0, kCompositeAlpha, kBlendNormal, kvtest::SharedTables());
   EXPECT_EQ(0u, stage.Type());
   stage.Setup(background.image());
   EXPECT_EQ(bgBytes, background.contents());
@@ -474,31 +465,29 @@ TEST(LayerCompositorStage, DescriptionSetupAndEmptyShares) {
 }
 
 TEST(LayerCompositorStage, OtherDepthReturnsItsCode) {
-  KVLookupTables tables;
   DeepImage background(3, 2, 16), layer(3, 2, 16);
-  LayerCompositor stage(&layer, 1.0, kCompositeColorOnly, kBlendNormal, tables);
+  LayerCompositor stage(&layer, 1.0, kCompositeColorOnly, kBlendNormal, kvtest::SharedTables());
   EXPECT_EQ(16, stage.Render(&background, 0, 1));
 }
 
 TEST(LayerCompositorStageDeathTest, MismatchAssertions) {
-  KVLookupTables tables;
   GuardedImage background(4, 3), wide(5, 3), tall(4, 2), argb(4, 3, 0, kPixelOrderARGB);
   DeepImage deep(4, 3, 16);
   const std::string prefix = "LayerCompositor:";
-  LayerCompositor widthStage(wide.image(), 1.0, kCompositeColorOnly, kBlendNormal, tables);
+  LayerCompositor widthStage(wide.image(), 1.0, kCompositeColorOnly, kBlendNormal, kvtest::SharedTables());
   EXPECT_DEATH(widthStage.Render(background.image(), 0, 1),
                Escaped(prefix + "64: failed assertion `m_foregroundLayer->Width() == backgroundLayer->Width() && "
                                 "\"Width of foreground and background layers does not match\"'"));
-  LayerCompositor heightStage(tall.image(), 1.0, kCompositeAlpha, kBlendNormal, tables);
+  LayerCompositor heightStage(tall.image(), 1.0, kCompositeAlpha, kBlendNormal, kvtest::SharedTables());
   EXPECT_DEATH(heightStage.Render(background.image(), 0, 1),
                Escaped(prefix + "66: failed assertion `m_foregroundLayer->Height() == backgroundLayer->Height() && "
                                 "\"Height of foreground and background layers does not match\"'"));
-  LayerCompositor depthStage(&deep, 1.0, kCompositeAlpha, kBlendNormal, tables);
+  LayerCompositor depthStage(&deep, 1.0, kCompositeAlpha, kBlendNormal, kvtest::SharedTables());
   EXPECT_DEATH(depthStage.Render(background.image(), 0, 1),
                Escaped(prefix + "68: failed assertion `m_foregroundLayer->BitsPerChannel() == "
                                 "backgroundLayer->BitsPerChannel() && \"BPC of foreground and background layers does "
                                 "not match\"'"));
-  LayerCompositor orderStage(argb.image(), 1.0, kCompositeAlpha, kBlendNormal, tables);
+  LayerCompositor orderStage(argb.image(), 1.0, kCompositeAlpha, kBlendNormal, kvtest::SharedTables());
   EXPECT_DEATH(orderStage.Render(background.image(), 0, 1),
                Escaped(prefix + "70: failed assertion `m_foregroundLayer->PixelChannelOrder() == "
                                 "backgroundLayer->PixelChannelOrder() && \"Pixel channel order of foreground and "

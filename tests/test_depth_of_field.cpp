@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <vector>
 
-#include "ProcessorStageTest.h"
 #include "TestSupport.h"
 
 using namespace kvo::image;
@@ -23,11 +22,6 @@ using kvtest::PatternBytes;
 using kvtest::RenderStage;
 
 namespace {
-
-kvo::KVLookupTables& Tables() {
-  static kvo::KVLookupTables tables;
-  return tables;
-}
 
 struct Focus {
   KVDepthOfFieldType type;
@@ -206,7 +200,7 @@ TEST(DepthOfField, OutsideTheBoundsTheSourceIsCopied) {
 
 TEST(DepthOfField, ArgumentCodes) {
   GuardedImage src(kW, kH), dst(kW, kH);
-  KVImageProcessor p(src.image(), dst.image(), Tables(), kDownsampleNone);
+  KVImageProcessor p(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
   const KVPoint2F centre(30, 20);
   for (double b : {-0.25, 1.25}) {
     EXPECT_EQ(7, p.SetDepthOfField(kDepthOfFieldRadial, centre, 0.0, 4, b, 0.2, 1.0, 0.0, kWhole));
@@ -233,7 +227,7 @@ TEST(DepthOfField, TheRadiusIsScaledByTheDownsampleFactor) {
   kvtest::ScopedCoreCount cores(2);
   GuardedImage src(kW, kH), half(kW, kH), plain(kW, kH);
   src.fill(pixels);
-  KVImageProcessor a(src.image(), half.image(), Tables(), kDownsampleHalf);
+  KVImageProcessor a(src.image(), half.image(), kvtest::SharedTables(), kDownsampleHalf);
   ASSERT_EQ(0, DepthOfField(f)(a));
   ASSERT_EQ(0, a.Render());
   f.radius = 4;

@@ -87,11 +87,6 @@ std::vector<unsigned char> AlphaBytes(size_t pixels, unsigned char alpha, uint32
 
 const KVPixel8_RGB kColour = {10, 20, 30};
 
-kvo::KVLookupTables& Tables() {
-  static kvo::KVLookupTables tables;
-  return tables;
-}
-
 }  // namespace
 
 TEST(OpacityStage, ShareOfSixteenSubtractsShareOfSeventeenMultiplies) {
@@ -261,7 +256,7 @@ TEST(OpacityStage, ProcessorSetterUsesTheVectorPath) {
   const std::vector<unsigned char> bytes = AlphaBytes(16, 128, 60);
   GuardedImage source(16, 1), destination(16, 1);
   source.fill(bytes);
-  KVImageProcessor processor(source.image(), destination.image(), Tables(), kDownsampleNone);
+  KVImageProcessor processor(source.image(), destination.image(), kvtest::SharedTables(), kDownsampleNone);
   ASSERT_EQ(0, processor.SetOpacity(0.5));
   EXPECT_EQ(0, processor.Render());
   EXPECT_EQ(ExpectedOpacity(bytes, 1, true, kZero, kHalfVector), destination.contents());
@@ -286,7 +281,7 @@ TEST(MirrorStage, LeavesTheDestinationByteForByte) {
     EXPECT_EQ(target, destination.contents());
 
     ScopedCoreCount cores(2);
-    KVImageProcessor processor(source.image(), destination.image(), Tables(), kDownsampleNone);
+    KVImageProcessor processor(source.image(), destination.image(), kvtest::SharedTables(), kDownsampleNone);
     ASSERT_EQ(0, processor.SetMirror((flags & 1) != 0, (flags & 2) != 0));
     EXPECT_EQ(0, processor.Render());
     EXPECT_EQ(target, destination.contents());
@@ -299,7 +294,7 @@ TEST(MirrorStage, InAChainPassesOnTheZeroFilledIntermediate) {
   const std::vector<unsigned char> bytes = kvtest::PatternBytes(4 * 4 * 4, 10);
   GuardedImage source(4, 4), destination(4, 4);
   source.fill(bytes);
-  KVImageProcessor processor(source.image(), destination.image(), Tables(), kDownsampleNone);
+  KVImageProcessor processor(source.image(), destination.image(), kvtest::SharedTables(), kDownsampleNone);
   ASSERT_EQ(0, processor.SetMirror(true, true));
   ASSERT_EQ(0, processor.SetMatteView());
   EXPECT_EQ(0, processor.Render());
@@ -322,7 +317,7 @@ TEST(SilhouetteStage, ReplacesColourAndKeepsAlpha) {
 
   ScopedCoreCount cores(3);
   GuardedImage out(7, 3);
-  KVImageProcessor processor(source.image(), out.image(), Tables(), kDownsampleNone);
+  KVImageProcessor processor(source.image(), out.image(), kvtest::SharedTables(), kDownsampleNone);
   ASSERT_EQ(0, processor.SetSilhouette(kColour));
   EXPECT_EQ(0, processor.Render());
   EXPECT_EQ(expected, out.contents());
@@ -461,7 +456,7 @@ TEST(FirstStages, ThroughTheProcessorOnSmallImagesAndManyThreads) {
     const std::vector<unsigned char> in = kvtest::PatternBytes(bytes, 77);
     GuardedImage source(c[0], c[1]), destination(c[0], c[1]);
     source.fill(in);
-    KVImageProcessor processor(source.image(), destination.image(), Tables(), kDownsampleNone);
+    KVImageProcessor processor(source.image(), destination.image(), kvtest::SharedTables(), kDownsampleNone);
     ASSERT_EQ(0, processor.SetSilhouette(kColour));
     ASSERT_EQ(0, processor.SetOpacity(0.5));
     ASSERT_EQ(0, processor.SetMirror(false, false));
@@ -488,7 +483,7 @@ TEST(FirstStages, EveryThreadCountFromOneToSixteen) {
       ScopedCoreCount cores(threads);
       GuardedImage source(size[0], size[1]), destination(size[0], size[1], threads % 2);
       source.fill(in);
-      KVImageProcessor processor(source.image(), destination.image(), Tables(), kDownsampleNone);
+      KVImageProcessor processor(source.image(), destination.image(), kvtest::SharedTables(), kDownsampleNone);
       ASSERT_EQ(0, processor.SetSilhouette(kColour));
       ASSERT_EQ(0, processor.SetOpacity(0.5));
       EXPECT_EQ(0, processor.Render());
@@ -524,7 +519,7 @@ TEST(FirstStages, DestinationSmallerOrLargerThanTheSource) {
   ScopedCoreCount cores(3);
   KVImage8 source(8, 8, kPixelOrderBGRA, true);
   GuardedImage destination(4, 2);
-  KVImageProcessor processor(&source, destination.image(), Tables(), kDownsampleNone);
+  KVImageProcessor processor(&source, destination.image(), kvtest::SharedTables(), kDownsampleNone);
   ASSERT_EQ(0, processor.SetOpacity(0.5));
   EXPECT_EQ(0, processor.Render());
   EXPECT_TRUE(destination.guardsIntact());

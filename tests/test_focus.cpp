@@ -26,11 +26,6 @@ typedef std::function<int(KVImageProcessor&)> Setter;
 
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-kvo::KVLookupTables& Tables() {
-  static kvo::KVLookupTables tables;
-  return tables;
-}
-
 struct FocusRun {
   Bytes output;
   Bytes sourceAfter;  // the defocus stage blurs its input in place
@@ -46,7 +41,7 @@ FocusRun RunFocus(const Setter& set, const Bytes& pixels, unsigned int width, un
   GuardedImage source(width, height, 1), target(width, height);
   source.fill(pixels);
   if (!destination.empty()) target.fill(destination);
-  KVImageProcessor processor(source.image(), target.image(), Tables(), factor);
+  KVImageProcessor processor(source.image(), target.image(), kvtest::SharedTables(), factor);
   EXPECT_EQ(0, set(processor));
   EXPECT_EQ(0, processor.Render());
   EXPECT_TRUE(source.guardsIntact());
@@ -106,7 +101,7 @@ const std::vector<int> kRow = {0, 90, 180};
 
 TEST(FocusSetters, RangeCodesQueueNothing) {
   GuardedImage source(4, 4), target(4, 4);
-  KVImageProcessor processor(source.image(), target.image(), Tables(), kDownsampleNone);
+  KVImageProcessor processor(source.image(), target.image(), kvtest::SharedTables(), kDownsampleNone);
   const KVRect all(KVPoint2(0, 0), 4, 4);
   EXPECT_EQ(7, processor.SetDefocus(3, -0.01, 0.0));
   EXPECT_EQ(7, processor.SetDefocus(3, 0.81, 0.0));
@@ -180,7 +175,7 @@ TEST(Diffuse, MatchesTheBlendOfTheBlurredImage) {
     const int opacity = static_cast<int>(blurred[i + 3] * 0.7);
     for (int c = 0; c < 3; ++c) {
       expected[i + c] = static_cast<unsigned char>(BlendPixel(pixels[i + c], blurred[i + c], kBlendNormal, opacity,
-                                                              Tables()));
+                                                              kvtest::SharedTables()));
     }
   }
   const FocusRun run = RunFocus(Diffuse(2, 0.7), pixels, width, height, 3);
@@ -301,10 +296,10 @@ TEST(FocusStages, EmptyImagesRenderNothing) {
 
 TEST(FocusStages, DrivenDirectly) {
   const KVRect all(KVPoint2(0, 0), 4, 4);
-  DefocusRenderer defocus(1, 0.5, 0.0, kDownsampleNone, Tables());
-  DiffuseRenderer diffuse(1, 0.5, 0.0, kDownsampleNone, Tables());
-  SharpenRenderer sharpen(1, 0.5, 0.0, 0.0, kDownsampleNone, Tables());
-  SoftFocusRenderer softFocus(kBlendNormal, 1, 0.5, all, 0.0, kDownsampleNone, Tables());
+  DefocusRenderer defocus(1, 0.5, 0.0, kDownsampleNone, kvtest::SharedTables());
+  DiffuseRenderer diffuse(1, 0.5, 0.0, kDownsampleNone, kvtest::SharedTables());
+  SharpenRenderer sharpen(1, 0.5, 0.0, 0.0, kDownsampleNone, kvtest::SharedTables());
+  SoftFocusRenderer softFocus(kBlendNormal, 1, 0.5, all, 0.0, kDownsampleNone, kvtest::SharedTables());
   AbstractRenderer* stages[] = {&defocus, &diffuse, &sharpen, &softFocus};
   GuardedImage source(4, 4), target(4, 4), larger(5, 4);
   source.fill(PatternBytes(4 * 4 * 4, 506));
@@ -328,10 +323,10 @@ TEST(FocusStagesDeathTest, AssertionTexts) {
   const auto notImplemented = [](const std::string& where) {
     return kvtest::LiteralRegex(where + ": failed assertion `false && \"Not implemented\"'");
   };
-  DefocusRenderer defocus(1, 0.5, 0.0, kDownsampleNone, Tables());
-  DiffuseRenderer diffuse(1, 0.5, 0.0, kDownsampleNone, Tables());
-  SharpenRenderer sharpen(1, 0.5, 0.0, 0.0, kDownsampleNone, Tables());
-  SoftFocusRenderer softFocus(kBlendNormal, 1, 0.5, all, 0.0, kDownsampleNone, Tables());
+  DefocusRenderer defocus(1, 0.5, 0.0, kDownsampleNone, kvtest::SharedTables());
+  DiffuseRenderer diffuse(1, 0.5, 0.0, kDownsampleNone, kvtest::SharedTables());
+  SharpenRenderer sharpen(1, 0.5, 0.0, 0.0, kDownsampleNone, kvtest::SharedTables());
+  SoftFocusRenderer softFocus(kBlendNormal, 1, 0.5, all, 0.0, kDownsampleNone, kvtest::SharedTables());
   EXPECT_DEATH(defocus.Render(argb.image(), target.image(), 0, 1), notImplemented("DefocusRenderer:135"));
   EXPECT_DEATH(diffuse.Render(argb.image(), target.image(), 0, 1), notImplemented("DiffuseRenderer:141"));
   EXPECT_DEATH(sharpen.Render(argb.image(), target.image(), 0, 1), notImplemented("SharpenRenderer:140"));
@@ -350,7 +345,7 @@ TEST(FocusStages, EveryRadiusBlurs) {
     const Bytes blurred = kvtest::ReferenceStackBlur(pixels, width, height, radius, kvtest::kColourChannels);
     GuardedImage source(width, height, 1), target(width, height);
     source.fill(pixels);
-    KVImageProcessor processor(source.image(), target.image(), Tables(), kDownsampleNone);
+    KVImageProcessor processor(source.image(), target.image(), kvtest::SharedTables(), kDownsampleNone);
     ASSERT_EQ(0, processor.SetDefocus(radius, 0.0, 0.0));
     ASSERT_EQ(0, processor.Render());
     EXPECT_EQ(blurred, target.contents()) << radius;

@@ -5,7 +5,7 @@
 #include <limits>
 #include <vector>
 
-#include "ProcessorStageTest.h"
+#include "TestSupport.h"
 #include "renderers/colour/HLSModel.h"
 #include "renderers/colour/HueStagePixels.h"
 
@@ -227,9 +227,8 @@ TEST(HLSStages, MoreThreadsThanPixels) {
 }
 
 TEST(HLSStages, SettersCheckRangesAndLetNaNThrough) {
-  kvo::KVLookupTables tables;
   GuardedImage src(2, 2), dst(2, 2);
-  KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
+  KVImageProcessor processor(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
   EXPECT_EQ(7, processor.SetSaturation(2.5));
   EXPECT_EQ(7, processor.SetSaturation(-0.01));
   EXPECT_EQ(7, processor.SetHueShift(361, 0.5));

@@ -18,11 +18,10 @@ const int kErodeSize = 2;
 
 std::vector<unsigned char> KeyWholeChain(const kvtest::KeyingFrame& frame, unsigned int threads) {
   ScopedCoreCount cores(threads);
-  kvo::KVLookupTables tables;
   GuardedImage src(frame.width, frame.height), dst(frame.width, frame.height, 1);
   src.fill(frame.pixels);
   const KVChannel spillChannel = frame.keyColor == kKeyColorBlue ? kChannelBlue : kChannelGreen;
-  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
+  KVImageKeyer keyer(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
   EXPECT_EQ(0, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, 0.5, 0.2, 0.5));
   EXPECT_EQ(0, keyer.SetSpillSuppression(spillChannel, kSpillStandard, 1.0, 0, 0, 0, 0));
   EXPECT_EQ(0, keyer.SetWhiteErode(kWhiteErodeAll, kErodeSize));

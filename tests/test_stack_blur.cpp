@@ -15,11 +15,6 @@ using kvtest::ScopedCoreCount;
 namespace {
 
 // Built once: the tables take a while to fill and are only read.
-kvo::KVLookupTables& Tables() {
-  static kvo::KVLookupTables tables;
-  return tables;
-}
-
 // Runs one SetStackBlur through a processor and returns the destination.
 std::vector<unsigned char> ProcessorStackBlur(const std::vector<unsigned char>& pixels, unsigned int width,
                                               unsigned int height, unsigned int radius, KVChannelsToProcess channels,
@@ -27,7 +22,7 @@ std::vector<unsigned char> ProcessorStackBlur(const std::vector<unsigned char>& 
   ScopedCoreCount cores(threads);
   GuardedImage source(width, height, 1), target(width, height, 0);
   source.fill(pixels);
-  kvo::KVLookupTables& tables = Tables();
+  kvo::KVLookupTables& tables = kvtest::SharedTables();
   KVImageProcessor processor(source.image(), target.image(), tables, kDownsampleNone);
   EXPECT_EQ(0, processor.SetStackBlur(radius, true, true, channels));
   const int code = processor.Render();
@@ -108,7 +103,7 @@ TEST(StackBlur, AlphaOnlyKeepsTheColourBytes) {
   ScopedCoreCount cores(2);
   GuardedImage source(width, height), target(width, height, 1);
   source.fill(pixels);
-  kvo::KVLookupTables& tables = Tables();
+  kvo::KVLookupTables& tables = kvtest::SharedTables();
   KVImageKeyer keyer(source.image(), target.image(), tables, kDownsampleNone);
   EXPECT_EQ(0, keyer.SetAlphaStackBlur(radius, false, true));
   EXPECT_EQ(0, keyer.Render());
@@ -126,7 +121,7 @@ TEST(StackBlur, ColourOnlyAndOtherValuesBlurAllFourBytes) {
 TEST(StackBlur, SettersCheckTheirArguments) {
   std::vector<unsigned char> in(4 * 4 * 4, 9), out(in.size(), 0);
   KVImage8 source(in.data(), 4, 4, kPixelOrderBGRA), target(out.data(), 4, 4, kPixelOrderBGRA);
-  kvo::KVLookupTables& tables = Tables();
+  kvo::KVLookupTables& tables = kvtest::SharedTables();
   KVImageProcessor processor(&source, &target, tables, kDownsampleNone);
   EXPECT_EQ(4, processor.SetStackBlur(3, false, false, kChannelsAll));
   EXPECT_EQ(0, processor.RenderQueueCount());
@@ -145,7 +140,7 @@ TEST(StackBlur, SetterScalesTheRadiusByTheDownsampleFactor) {
   const std::vector<unsigned char> pixels = PatternBytes(width * height * 4, 5);
   std::vector<unsigned char> in(pixels), out(pixels.size());
   KVImage8 source(in.data(), width, height, kPixelOrderBGRA), target(out.data(), width, height, kPixelOrderBGRA);
-  kvo::KVLookupTables& tables = Tables();
+  kvo::KVLookupTables& tables = kvtest::SharedTables();
   KVImageProcessor processor(&source, &target, tables, kDownsampleThird);
   ASSERT_EQ(0, processor.SetStackBlur(10, true, true, kChannelsAll));
   ASSERT_EQ(0, processor.Render());
@@ -240,7 +235,7 @@ TEST(StackBlur, EveryRadiusIsServed) {
   // The setter's largest radius through the downsample scaling.
   std::vector<unsigned char> in = PatternBytes(6 * 5 * 4, 9), out(in.size(), 0);
   KVImage8 source(in.data(), 6, 5, kPixelOrderBGRA), target(out.data(), 6, 5, kPixelOrderBGRA);
-  KVImageProcessor processor(&source, &target, Tables(), kDownsampleHalf);
+  KVImageProcessor processor(&source, &target, kvtest::SharedTables(), kDownsampleHalf);
   ASSERT_EQ(0, processor.SetStackBlur(4294967295u, true, true, kChannelsAll));
   EXPECT_EQ(0, processor.Render());
   EXPECT_EQ(kvtest::ReferenceStackBlur(in, 6, 5, 2147483647u, kvtest::kAllChannels), out);
@@ -248,7 +243,7 @@ TEST(StackBlur, EveryRadiusIsServed) {
 
 TEST(StackBlur, EmptyImagesRenderNothing) {
   ScopedCoreCount cores(3);
-  kvo::KVLookupTables& tables = Tables();
+  kvo::KVLookupTables& tables = kvtest::SharedTables();
   for (unsigned int width : {0u, 5u}) {
     GuardedImage source(width, width == 0 ? 5 : 0), target(width, width == 0 ? 5 : 0);
     KVImageProcessor processor(source.image(), target.image(), tables, kDownsampleNone);

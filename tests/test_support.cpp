@@ -43,67 +43,45 @@ Share ByteShareOf(unsigned int width, unsigned int height, unsigned char index, 
 
 }  // namespace
 
-TEST(ThreadShares, FullHdFrameOverEightThreads) {
-  for (unsigned char t = 0; t < 8; ++t) {
-    const Share share = PixelShareOf(1920, 1080, t, 8);
-    EXPECT_EQ(259200ul * t, share.start);
-    EXPECT_EQ(259200ul, share.count);
-    const Share bytes = ByteShareOf(1920, 1080, t, 8);
-    EXPECT_EQ(4 * 259200ul * t, bytes.start);
-    EXPECT_EQ(4 * 259200ul, bytes.count);
-  }
-  EXPECT_EQ(1814400ul, PixelShareOf(1920, 1080, 7, 8).start);
-}
-
-TEST(ThreadShares, LastThreadGetsTheRemainder) {
+TEST(ThreadShares, AnchorsRemainderWrapAndEmptyImages) {
   const unsigned long starts[] = {0, 3, 6, 9};
   const unsigned long counts[] = {3, 3, 3, 1};
   for (unsigned char t = 0; t < 4; ++t) {
-    const Share pixels = PixelShareOf(10, 1, t, 4);
-    EXPECT_EQ(starts[t], pixels.start);
-    EXPECT_EQ(counts[t], pixels.count);
-    const Share bytes = ByteShareOf(5, 2, t, 4);
-    EXPECT_EQ(4 * starts[t], bytes.start);
-    EXPECT_EQ(4 * counts[t], bytes.count);  // 12, 12, 12, 4
+    EXPECT_EQ(starts[t], PixelShareOf(10, 1, t, 4).start);
+    EXPECT_EQ(counts[t], PixelShareOf(10, 1, t, 4).count);
+    EXPECT_EQ(4 * starts[t], ByteShareOf(5, 2, t, 4).start);
+    EXPECT_EQ(4 * counts[t], ByteShareOf(5, 2, t, 4).count);  // 12, 12, 12, 4
   }
-}
-
-TEST(ThreadShares, MoreThreadsThanPixelsWrapTheLastCount) {
-  // Share 1: threads 0..2 get one pixel each from 0, 1, 2; the last count is
-  // 2 - 3 in 32-bit arithmetic.
-  for (unsigned char t = 0; t < 3; ++t) {
-    EXPECT_EQ(t, PixelShareOf(2, 1, t, 4).start);
-    EXPECT_EQ(1ul, PixelShareOf(2, 1, t, 4).count);
-  }
+  EXPECT_EQ(1814400ul, PixelShareOf(1920, 1080, 7, 8).start);
+  // More threads than pixels: the last count is 2 - 3 in 32-bit arithmetic.
   EXPECT_EQ(3ul, PixelShareOf(2, 1, 3, 4).start);
   EXPECT_EQ(4294967295ul, PixelShareOf(2, 1, 3, 4).count);
   EXPECT_EQ(12ul, ByteShareOf(2, 1, 3, 4).start);
   EXPECT_EQ(4294967292ul, ByteShareOf(2, 1, 3, 4).count);  // 8 - 12
-}
-
-TEST(ThreadShares, EmptyImageAndSingleThread) {
   for (unsigned char t = 0; t < 5; ++t) {
     EXPECT_EQ(0ul, PixelShareOf(0, 7, t, 5).start);
     EXPECT_EQ(0ul, PixelShareOf(0, 7, t, 5).count);
     EXPECT_EQ(0ul, ByteShareOf(7, 0, t, 5).count);
   }
-  EXPECT_EQ(0ul, PixelShareOf(13, 3, 0, 1).start);
-  EXPECT_EQ(39ul, PixelShareOf(13, 3, 0, 1).count);
-  EXPECT_EQ(156ul, ByteShareOf(13, 3, 0, 1).count);
 }
 
 TEST(ThreadShares, SharesTileTheImageForEveryThreadCount) {
-  const unsigned int totals[] = {1, 5, 16, 17, 33, 1000, 1920 * 1080};
+  const unsigned int totals[] = {1, 2, 5, 10, 16, 17, 33, 1000, 1920 * 1080};
   for (unsigned int total : totals) {
     for (unsigned int threads = 1; threads <= 255; threads += (threads < 20 ? 1 : 29)) {
+      const unsigned long share = (total + threads - 1) / threads;
       unsigned long next = 0;
       for (unsigned int t = 0; t < threads; ++t) {
-        const Share share = PixelShareOf(total, 1, static_cast<unsigned char>(t), static_cast<unsigned char>(threads));
-        const unsigned long expectedShare = (total + threads - 1) / threads;
-        EXPECT_EQ(expectedShare * t, share.start);
-        if (share.start >= total) continue;
-        ASSERT_EQ(next, share.start) << total << " pixels, " << threads << " threads";
-        next = share.start + std::min<unsigned long>(share.count, total - share.start);
+        const Share pixels = PixelShareOf(total, 1, static_cast<unsigned char>(t), static_cast<unsigned char>(threads));
+        const Share bytes = ByteShareOf(total, 1, static_cast<unsigned char>(t), static_cast<unsigned char>(threads));
+        const unsigned long count = t + 1 < threads ? share : static_cast<uint32_t>(total - share * t);
+        EXPECT_EQ(share * t, pixels.start);
+        EXPECT_EQ(count, pixels.count) << total << " pixels, thread " << t << " of " << threads;
+        EXPECT_EQ(4 * share * t, bytes.start);
+        EXPECT_EQ(static_cast<uint32_t>(4 * count), bytes.count);
+        if (pixels.start >= total) continue;
+        ASSERT_EQ(next, pixels.start) << total << " pixels, " << threads << " threads";
+        next = pixels.start + std::min<unsigned long>(pixels.count, total - pixels.start);
       }
       EXPECT_EQ(total, next) << total << " pixels, " << threads << " threads";
     }

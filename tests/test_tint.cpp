@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "ProcessorStageTest.h"
+#include "TestSupport.h"
 
 using namespace kvo::image;
 using kvtest::GuardedImage;

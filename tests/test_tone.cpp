@@ -6,7 +6,7 @@
 #include <limits>
 #include <memory>
 
-#include "ColourStageSupport.h"
+#include "TestSupport.h"
 
 using namespace kvo::image;
 using kvtest::Clamp8;

@@ -16,11 +16,6 @@ using kvtest::ScopedCoreCount;
 namespace {
 
 // Built once: the tables take a while to fill and are only read.
-kvo::KVLookupTables& Tables() {
-  static kvo::KVLookupTables tables;
-  return tables;
-}
-
 typedef std::vector<unsigned char> Bytes;
 
 // Luma/chroma form: byte 0 V, 1 U, 2 Y, 3 alpha.
@@ -101,7 +96,7 @@ Bytes ProcessorYUVBlur(const Bytes& pixels, unsigned int width, unsigned int hei
   ScopedCoreCount cores(threads);
   GuardedImage source(width, height, 1), target(width, height, 0);
   source.fill(pixels);
-  kvo::KVLookupTables& tables = Tables();
+  kvo::KVLookupTables& tables = kvtest::SharedTables();
   KVImageProcessor processor(source.image(), target.image(), tables, kDownsampleNone);
   EXPECT_EQ(0, processor.SetYUVBlur(radius, static_cast<KVYUVBlurType>(type)));
   const int code = processor.Render();
@@ -292,7 +287,7 @@ TEST(YUVBlur, BoxWindowsOfMoreThanFourMillionPixels) {
 
 TEST(YUVBlur, SettersAndEmptyImages) {
   ScopedCoreCount cores(3);
-  kvo::KVLookupTables& tables = Tables();
+  kvo::KVLookupTables& tables = kvtest::SharedTables();
   GuardedImage source(0, 4), target(0, 4);
   KVImageProcessor processor(source.image(), target.image(), tables, kDownsampleNone);
   KVImageKeyer keyer(source.image(), target.image(), tables, kDownsampleNone);
