@@ -6,7 +6,7 @@
 #include <cmath>
 #include <vector>
 
-#include "ProcessorStageTest.h"
+#include "TestSupport.h"
 #include "support/CPUExtensions.h"
 
 using namespace kvo::image;
@@ -58,7 +58,7 @@ void ExpectWideEqualsNarrow(const StageSetter& set, const char* what) {
   }
 }
 
-TEST(Speed2Paths, SuperContrastWideEqualsSSE2OnEveryRange) {
+TEST(SuperContrastPaths, SuperContrastWideEqualsSSE2OnEveryRange) {
   if (!UseAVX2()) GTEST_SKIP() << "no AVX2 on this processor";
   const double ranges[][2] = {{0.2, 0.8}, {0.0, 1.0}, {0.5, 0.5}, {0.1, 0.9961}, {0.0, 0.0}, {1.0, 1.0}};
   for (const auto& range : ranges) {
@@ -70,7 +70,7 @@ TEST(Speed2Paths, SuperContrastWideEqualsSSE2OnEveryRange) {
 
 // The 256-pixel gradient is also checked level by level against the
 // processor's own rounding: nearest in single precision inside the range.
-TEST(Speed2Paths, SuperContrastWideRoundsEveryLevelToNearest) {
+TEST(SuperContrastPaths, SuperContrastWideRoundsEveryLevelToNearest) {
   if (!UseAVX2()) GTEST_SKIP() << "no AVX2 on this processor";
   const Size size = {256, 1};
   Bytes input(256 * 4);

@@ -1,8 +1,8 @@
 // Path-level figures for the super contrast stage on a 1920x1080 frame, read
 // against BM_MemcpyFrame of the same run.
-//   BM_Speed2SuperContrast: through the processor (arguments: threads,
+//   BM_SuperContrastPaths: through the processor (arguments: threads,
 //     wider set: 0 the SSE2 loop, 3 the AVX2 loop).
-//   BM_Speed2SuperContrastDirect: the stage on the benchmark's own thread
+//   BM_SuperContrastPathsDirect: the stage on the benchmark's own thread
 //     (one share of one), in that thread's processor time (argument: wider
 //     set); steadier on a busy machine.
 #include "BenchSupport.h"
@@ -15,7 +15,7 @@ class ScopedWider {
   ~ScopedWider() { kvtl::LimitWiderExtension(kvtl::kWiderAVX2); }
 };
 
-void BM_Speed2SuperContrast(benchmark::State& state) {
+void BM_SuperContrastPaths(benchmark::State& state) {
   kvbench::ScopedThreads threads(static_cast<int>(state.range(0)));
   ScopedWider wider(static_cast<int>(state.range(1)));
   kvbench::AlignedFrame source(kvbench::kFrameWidth, kvbench::kFrameHeight),
@@ -28,9 +28,9 @@ void BM_Speed2SuperContrast(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * source.bytes());
   state.SetLabel(state.range(1) == 0 ? "sse2" : "avx2");
 }
-BENCHMARK(BM_Speed2SuperContrast)->ArgsProduct({{1, 2}, {0, 3}})->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_SuperContrastPaths)->ArgsProduct({{1, 2}, {0, 3}})->Unit(benchmark::kMillisecond)->UseRealTime();
 
-void BM_Speed2SuperContrastDirect(benchmark::State& state) {
+void BM_SuperContrastPathsDirect(benchmark::State& state) {
   ScopedWider wider(static_cast<int>(state.range(0)));
   kvbench::AlignedFrame source(kvbench::kFrameWidth, kvbench::kFrameHeight),
       target(kvbench::kFrameWidth, kvbench::kFrameHeight);
@@ -43,6 +43,6 @@ void BM_Speed2SuperContrastDirect(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * source.bytes());
   state.SetLabel(state.range(0) == 0 ? "sse2" : "avx2");
 }
-BENCHMARK(BM_Speed2SuperContrastDirect)->Arg(0)->Arg(3)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SuperContrastPathsDirect)->Arg(0)->Arg(3)->Unit(benchmark::kMillisecond);
 
 }  // namespace
