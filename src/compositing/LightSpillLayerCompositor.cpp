@@ -3,7 +3,6 @@
 #include <vector>
 
 #include "compositing/BlendOperations.h"
-#include "renderers/blur/StackBlurCore.h"
 #include "support/PixelLayout.h"
 #include "support/ThreadShare.h"
 #include "support/Threads.h"

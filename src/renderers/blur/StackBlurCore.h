@@ -253,9 +253,6 @@ inline void ColumnPass(const StackBlurData& data, Fetch fetch, Store store) {
   }
 }
 
-// Throws std::bad_alloc for a radius whose divide table cannot be built.
-void CheckStackBlurRadius(uint32_t radius);
-
 }  // namespace image
 }  // namespace kvo
 

@@ -22,6 +22,10 @@ uint32_t LinesPerThread(uint32_t total, uint32_t threads) {
   return lines > 0 ? static_cast<uint32_t>(lines) : 0;
 }
 
+namespace {
+
+// Throws std::bad_alloc for a radius whose divide table cannot be built (the
+// passes themselves need no table).
 void CheckStackBlurRadius(uint32_t radius) {
   if (radius > kLargestStackBlurRadius) throw std::bad_alloc();
   const uint64_t divsum = static_cast<uint64_t>(radius + 1) * (radius + 1);
@@ -31,6 +35,8 @@ void CheckStackBlurRadius(uint32_t radius) {
     throw std::bad_alloc();
   }
 }
+
+}  // namespace
 
 std::vector<int32_t> StackBlurDivideTable(uint32_t radius) {
   CheckStackBlurRadius(radius);
