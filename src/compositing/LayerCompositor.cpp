@@ -2,7 +2,7 @@
 
 #include "compositing/BlendOperations.h"
 #include "support/PixelLayout.h"
-#include "support/ThreadShare.h"
+#include "support/ParallelPass.h"
 
 namespace kvo {
 namespace image {

@@ -4,7 +4,7 @@
 
 #include "compositing/BlendOperations.h"
 #include "support/PixelLayout.h"
-#include "support/ThreadShare.h"
+#include "support/ParallelPass.h"
 #include "support/Threads.h"
 
 namespace kvo {

@@ -8,7 +8,7 @@
 #include "support/Assert.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
-#include "support/ThreadShare.h"
+#include "support/ParallelPass.h"
 
 namespace kvo {
 namespace image {

@@ -13,7 +13,7 @@
 #include "support/CPUExtensions.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
-#include "support/ThreadShare.h"
+#include "support/ParallelPass.h"
 #include "support/Threads.h"
 
 namespace kvo {

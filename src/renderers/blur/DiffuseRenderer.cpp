@@ -3,7 +3,7 @@
 
 #include "renderers/blur/FocusBlur.h"
 #include "support/PixelLayout.h"
-#include "support/ThreadShare.h"
+#include "support/ParallelPass.h"
 
 namespace kvo {
 namespace image {

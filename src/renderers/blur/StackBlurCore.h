@@ -12,6 +12,7 @@
 #include <kvimage/blur.h>
 
 #include "renderers/blur/StackBlurPasses.h"
+#include "support/ParallelPass.h"
 
 namespace kvo {
 namespace image {
@@ -37,8 +38,6 @@ inline LineShare LineShareOf(uint32_t threadIndex, uint32_t perShare, uint32_t t
   return share;
 }
 
-// ceil(total / threads) in double precision, truncated; 0 threads give 0.
-uint32_t LinesPerThread(uint32_t total, uint32_t threads);
 
 // Divides a window sum by (radius + 1)^2 exactly as divideTable[sum] does
 // (rounding down), with a multiply and a shift instead of a lookup in a table

@@ -16,12 +16,6 @@ namespace image {
 
 // ----- shared arithmetic ------------------------------------------------------
 
-uint32_t LinesPerThread(uint32_t total, uint32_t threads) {
-  if (threads == 0) return 0;
-  const int lines = TruncateToInt(std::ceil(static_cast<double>(total) / static_cast<double>(threads)));
-  return lines > 0 ? static_cast<uint32_t>(lines) : 0;
-}
-
 namespace {
 
 // Throws std::bad_alloc for a radius whose divide table cannot be built (the

@@ -7,7 +7,7 @@
 #include "renderers/blur/StackBlurCore.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
-#include "support/ThreadShare.h"
+#include "support/ParallelPass.h"
 #include "support/Threads.h"
 
 namespace kvo {

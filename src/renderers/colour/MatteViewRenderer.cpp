@@ -1,7 +1,7 @@
 #include <kvimage/colour.h>
 
 #include "support/PixelLayout.h"
-#include "support/ThreadShare.h"
+#include "support/ParallelPass.h"
 
 namespace kvo {
 namespace image {

@@ -9,7 +9,7 @@
 #include "support/CPUExtensions.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
-#include "support/ThreadShare.h"
+#include "support/ParallelPass.h"
 
 namespace kvo {
 namespace image {

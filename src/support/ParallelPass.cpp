@@ -1,4 +1,4 @@
-#include "support/ThreadShare.h"
+#include "support/ParallelPass.h"
 
 #include <algorithm>
 #include <cmath>
@@ -63,6 +63,35 @@ ShareRun ByteShare(unsigned int width, unsigned int height, unsigned char thread
   unsigned long start = 0, count = 0;
   GetBufferSizePerThread(width, height, threadIndex, threadCount, start, count);
   return Cut(start, count, limitBytes);
+}
+
+uint32_t LinesPerThread(uint32_t total, uint32_t threads) {
+  if (threads == 0) return 0;
+  const int lines = TruncateToInt(std::ceil(static_cast<double>(total) / static_cast<double>(threads)));
+  return lines > 0 ? static_cast<uint32_t>(lines) : 0;
+}
+
+ShareRun ShareOfLinesSized(uint32_t total, uint32_t perThread, unsigned int threadIndex) {
+  const uint64_t first = static_cast<uint64_t>(threadIndex) * perThread;
+  ShareRun share = {0, 0};
+  if (first >= total) return share;
+  share.start = static_cast<size_t>(first);
+  share.count = static_cast<size_t>(std::min<uint64_t>(first + perThread, total) - first);
+  return share;
+}
+
+ShareRun ShareOfLines(uint32_t total, unsigned int threadIndex, unsigned int threadCount) {
+  return ShareOfLinesSized(total, LinesPerThread(total, threadCount), threadIndex);
+}
+
+ShareRun EvenShare(size_t total, unsigned int threadIndex, unsigned int threadCount) {
+  ShareRun share = {0, 0};
+  if (threadCount == 0) return share;
+  const size_t perThread = total / threadCount + (total % threadCount != 0 ? 1 : 0);
+  const size_t start = std::min(total, perThread * threadIndex);
+  share.start = start;
+  share.count = std::min(perThread, total - start);
+  return share;
 }
 
 size_t CommonByteSize(const KVAbstractImage* a, const KVAbstractImage* b) {
