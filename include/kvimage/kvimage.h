@@ -12,5 +12,6 @@
 #include <kvimage/compositing.h>
 #include <kvimage/keying.h>
 #include <kvimage/blur.h>
+#include <kvimage/catalogue.h>
 
 #endif

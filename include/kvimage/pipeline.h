@@ -16,6 +16,9 @@ namespace kvo {
 // else (derived classes included) defaultCode.
 KVIMAGE_EXPORT int ConvertExceptionToKVerr(std::exception& e, int defaultCode);
 
+// What a result code means, in a few words: "argument out of range" for 7.
+KVIMAGE_EXPORT const char* ResultCodeMeaning(int code);
+
 namespace image {
 
 // An effect or keying stage. Setup runs once per render in the calling thread;

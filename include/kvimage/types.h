@@ -10,6 +10,19 @@ namespace image {
 // to one, and reading such a value must stay defined.
 
 // Byte layout of a pixel. Stored, copied and compared; never converted.
+// The result codes every public call returns.
+enum KVResultCode : int {
+  kResultSuccess = 0,
+  kResultRuntimeError = 2,         // a std::runtime_error (also any other exception of a public call)
+  kResultLogicError = 3,           // a std::logic_error
+  kResultInvalidCombination = 4,   // arguments that do not go together (std::invalid_argument)
+  kResultOutOfRange = 7,           // an argument outside its range (std::out_of_range)
+  kResultOutOfMemory = 8,          // memory could not be had (std::bad_alloc)
+  kResultUnsupportedFormat = 10,   // an image format or channel selection a call does not take
+  kResultImagesDoNotMatch = 1000,  // images differ in size, order or depth
+  kResultWorkerFailure = 1001      // a stage failed inside a worker thread
+};
+
 enum KVPixelChannelOrder : int {
   kPixelOrderBGRA = 1,  // blue, green, red, alpha: what every stage processes
   kPixelOrderARGB = 2   // alpha, red, green, blue

@@ -5,6 +5,7 @@
 #include <kvimage/compositing.h>
 #include <kvimage/pipeline.h>
 
+#include "pipeline/Catalogue.h"
 #include "pipeline/RendererQueue.h"
 #include "pipeline/ResultCodes.h"
 #include "support/CPUExtensions.h"
@@ -32,6 +33,12 @@ struct KVImageCompositor_Private {
 };
 
 namespace {
+// The code the setter's catalogue row refuses these arguments with, or 0.
+int Refused(const char* setter, std::initializer_list<double> arguments, const KVAbstractImage* layer,
+            const KVAbstractImage* background) {
+  return RefusedArguments(CatalogueRow(kFrontEndCompositor, setter), arguments, layer, background);
+}
+
 KVImageCompositor_Private* NewCompositorState(KVAbstractImage* background, double opacity,
                                               kvo::KVLookupTables& tables, KVDownsampleFactor factor) {
   KVImageCompositor_Private* state = new KVImageCompositor_Private(background, opacity, tables, factor);
@@ -94,9 +101,8 @@ int KVImageCompositor::Render() {
 int KVImageCompositor::AddLayer(KVAbstractImage* layer, double opacity, KVBlendMode blendMode,
                                 KVCompositeType compositeType) {
   return GuardedCall([&] {
-    if (!DoKVAbstractImagesMatch(layer, m_private->background)) return static_cast<int>(kResultImagesDoNotMatch);
     // NaN passes: the stage clamps the weighted alpha it makes of it to 0.
-    if (opacity < 0.0 || opacity > 1.0) return static_cast<int>(kResultOutOfRange);
+    if (const int refusal = Refused("AddLayer", {0, opacity}, layer, m_private->background)) return refusal;
     return m_private->Append(new LayerCompositor(layer, opacity, compositeType, blendMode, m_private->tables));
   });
 }
@@ -109,10 +115,10 @@ int KVImageCompositor::AddLayer(std::tr1::shared_ptr<KVAbstractImage> layer, dou
 int KVImageCompositor::AddLightSpillLayer(KVAbstractImage* layer, int radius, double amount, KVBlendMode mode,
                                           KVDownsampleFactor factor) {
   return GuardedCall([&] {
-    if (layer == nullptr || !DoKVAbstractImagesMatch(layer, m_private->background)) {
-      return static_cast<int>(kResultImagesDoNotMatch);
+    if (const int refusal = Refused("AddLightSpillLayer", {0, static_cast<double>(radius)}, layer,
+                                    m_private->background)) {
+      return refusal;
     }
-    if (radius < 0) return static_cast<int>(kResultOutOfRange);
     const kvtl::CPUExtensions extensions = DetectedCPUExtensions();
     // Scaled by this compositor's factor; the stage keeps the one passed here.
     const unsigned int scaledRadius = ScaledRadius(static_cast<unsigned int>(radius), m_private->factor);

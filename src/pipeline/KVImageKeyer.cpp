@@ -3,6 +3,7 @@
 #include <kvimage/keying.h>
 #include <kvimage/pipeline.h>
 
+#include "pipeline/Catalogue.h"
 #include "pipeline/RendererQueue.h"
 #include "pipeline/ResultCodes.h"
 #include "support/CPUExtensions.h"
@@ -36,16 +37,16 @@ int KVImageKeyer::Render() { return m_private->Render(KeyRenderWorkerThread); }
 void* KeyRenderWorkerThread(void* data) { return RunRenderThreadData(static_cast<RenderThreadData*>(data)); }
 
 namespace {
-// NaN passes: only values that compare below 0 or above 1 are refused.
-bool OutsideUnitRange(double value) { return value < 0.0 || value > 1.0; }
+// The code the setter's catalogue row refuses these arguments with, or 0.
+int Refused(const char* setter, std::initializer_list<double> arguments) {
+  return RefusedArguments(CatalogueRow(kFrontEndKeyer, setter), arguments);
+}
 }  // namespace
 
 int KVImageKeyer::SetAutoColorDifferenceKey(KVKeyColor keyColor, double balance, double saturationLimit,
                                             double saturationSoftness) {
   return GuardedCall([&] {
-    if (OutsideUnitRange(balance) || OutsideUnitRange(saturationLimit) || OutsideUnitRange(saturationSoftness)) {
-      return static_cast<int>(kResultOutOfRange);
-    }
+    if (const int refusal = Refused("SetAutoColorDifferenceKey", {static_cast<double>(keyColor), balance, saturationLimit, saturationSoftness})) return refusal;
     return m_private->Append(
         new ColorDifferenceKeyer(keyColor, balance, saturationLimit, saturationSoftness, m_private->tables));
   });
@@ -54,7 +55,7 @@ int KVImageKeyer::SetAutoColorDifferenceKey(KVKeyColor keyColor, double balance,
 // Stretches the matte: a super contrast on alpha only.
 int KVImageKeyer::SetAlphaSuperContrast(double low, double high) {
   return GuardedCall([&] {
-    if (OutsideUnitRange(low) || OutsideUnitRange(high)) return static_cast<int>(kResultOutOfRange);
+    if (const int refusal = Refused("SetAlphaSuperContrast", {low, high})) return refusal;
     return m_private->Append(new SuperContrastRenderer(low, high, kChannelsAlpha, DetectedCPUExtensions()));
   });
 }
@@ -62,7 +63,7 @@ int KVImageKeyer::SetAlphaSuperContrast(double low, double high) {
 int KVImageKeyer::SetSpillSuppression(KVChannel channel, KVSpillType spillType, double amount, double redFactor,
                                       double greenFactor, double blueFactor, double referenceFactor) {
   return GuardedCall([&] {
-    if (OutsideUnitRange(amount)) return static_cast<int>(kResultOutOfRange);
+    if (const int refusal = Refused("SetSpillSuppression", {0, 0, amount})) return refusal;
     return m_private->Append(
         new SpillSuppressor(channel, spillType, amount, redFactor, greenFactor, blueFactor, referenceFactor));
   });
@@ -70,16 +71,14 @@ int KVImageKeyer::SetSpillSuppression(KVChannel channel, KVSpillType spillType, 
 
 int KVImageKeyer::SetAlphaCrop(double left, double top, double right, double bottom) {
   return GuardedCall([&] {
-    if (OutsideUnitRange(left) || OutsideUnitRange(right) || OutsideUnitRange(top) || OutsideUnitRange(bottom)) {
-      return static_cast<int>(kResultOutOfRange);
-    }
+    if (const int refusal = Refused("SetAlphaCrop", {left, top, right, bottom})) return refusal;
     return m_private->Append(new AlphaCrop(left, top, right, bottom));
   });
 }
 
 int KVImageKeyer::SetWhiteErode(KVWhiteErodeDirection direction, int size) {
   return GuardedCall([&] {
-    if (size < 0) return static_cast<int>(kResultOutOfRange);
+    if (const int refusal = Refused("SetWhiteErode", {0, static_cast<double>(size)})) return refusal;
     const int scaled = TruncateToInt(size * DownsampleValue(m_private->factor));
     return m_private->Append(new WhiteErodeRenderer(direction, scaled));
   });
@@ -91,7 +90,7 @@ int KVImageKeyer::SetYUVBlur(unsigned int radius, KVYUVBlurType type) {
 
 int KVImageKeyer::SetAlphaStackBlur(unsigned int radius, bool horizontal, bool vertical) {
   return GuardedCall([&] {
-    if (!horizontal && !vertical) return static_cast<int>(kResultInvalidCombination);
+    if (const int refusal = Refused("SetAlphaStackBlur", {0, horizontal ? 1.0 : 0.0, vertical ? 1.0 : 0.0})) return refusal;
     return m_private->Append(
         new StackBlurRenderer(m_private->ScaledRadius(radius), horizontal, vertical, kChannelsAlpha));
   });

@@ -2,6 +2,7 @@
 #include <kvimage/colour.h>
 #include <kvimage/pipeline.h>
 
+#include "pipeline/Catalogue.h"
 #include "pipeline/RendererQueue.h"
 #include "pipeline/ResultCodes.h"
 #include "support/CPUExtensions.h"
@@ -9,6 +10,13 @@
 
 namespace kvo {
 namespace image {
+
+namespace {
+// The code the setter's catalogue row refuses these arguments with, or 0.
+int Refused(const char* setter, std::initializer_list<double> arguments) {
+  return RefusedArguments(CatalogueRow(kFrontEndProcessor, setter), arguments);
+}
+}  // namespace
 
 KVImageProcessor::KVImageProcessor(KVAbstractImage* source, KVAbstractImage* destination, kvo::KVLookupTables& tables,
                                    KVDownsampleFactor factor)
@@ -36,7 +44,7 @@ void* ProcessorRenderWorkerThread(void* data) { return RunRenderThreadData(stati
 
 int KVImageProcessor::SetOpacity(double opacity) {
   return GuardedCall([&] {
-    if (opacity < 0.0 || opacity > 1.0) return static_cast<int>(kResultOutOfRange);
+    if (const int refusal = Refused("SetOpacity", {opacity})) return refusal;
     return m_private->Append(new OpacityRenderer(opacity, DetectedCPUExtensions()));
   });
 }
@@ -53,24 +61,16 @@ int KVImageProcessor::SetMatteView() {
   return GuardedCall([&] { return m_private->Append(new MatteViewRenderer()); });
 }
 
-// Channel selections 0 to 2 (compared unsigned, so negatives pass) are
-// refused by the brightness and contrast setters.
-static bool IsRefusedChannelSelection(KVChannelsToProcess channels) {
-  return static_cast<unsigned int>(channels) <= 2u;
-}
-
 int KVImageProcessor::SetBrightness(double brightness, KVChannelsToProcess channels) {
   return GuardedCall([&] {
-    if (brightness < -1.0 || brightness > 1.0) return static_cast<int>(kResultOutOfRange);
-    if (IsRefusedChannelSelection(channels)) return static_cast<int>(kResultUnsupportedFormat);
+    if (const int refusal = Refused("SetBrightness", {brightness, static_cast<double>(channels)})) return refusal;
     return m_private->Append(new BrightnessRenderer(brightness, channels, DetectedCPUExtensions()));
   });
 }
 
 int KVImageProcessor::SetContrast(double contrast, KVChannelsToProcess channels) {
   return GuardedCall([&] {
-    if (contrast < 0.0 || contrast > 2.0) return static_cast<int>(kResultOutOfRange);
-    if (IsRefusedChannelSelection(channels)) return static_cast<int>(kResultUnsupportedFormat);
+    if (const int refusal = Refused("SetContrast", {contrast, static_cast<double>(channels)})) return refusal;
     return m_private->Append(new ContrastRenderer(contrast, channels, DetectedCPUExtensions()));
   });
 }
@@ -78,23 +78,21 @@ int KVImageProcessor::SetContrast(double contrast, KVChannelsToProcess channels)
 // Neither the channel selection nor low <= high is checked.
 int KVImageProcessor::SetSuperContrast(double low, double high, KVChannelsToProcess channels) {
   return GuardedCall([&] {
-    if (low < 0.0 || low > 1.0 || high < 0.0 || high > 1.0) return static_cast<int>(kResultOutOfRange);
+    if (const int refusal = Refused("SetSuperContrast", {low, high})) return refusal;
     return m_private->Append(new SuperContrastRenderer(low, high, channels, DetectedCPUExtensions()));
   });
 }
 
 int KVImageProcessor::SetColorBalance(double red, double green, double blue) {
   return GuardedCall([&] {
-    if (red < 0.0 || red > 2.0 || green < 0.0 || green > 2.0 || blue < 0.0 || blue > 2.0) {
-      return static_cast<int>(kResultOutOfRange);
-    }
+    if (const int refusal = Refused("SetColorBalance", {red, green, blue})) return refusal;
     return m_private->Append(new ColorBalanceRenderer(red, green, blue, DetectedCPUExtensions()));
   });
 }
 
 int KVImageProcessor::SetColorTemperature(double kelvin) {
   return GuardedCall([&] {
-    if (kelvin < 1500.0 || kelvin > 13500.0) return static_cast<int>(kResultOutOfRange);
+    if (const int refusal = Refused("SetColorTemperature", {kelvin})) return refusal;
     return m_private->Append(new ColorTemperatureRenderer(kelvin));
   });
 }
@@ -102,21 +100,21 @@ int KVImageProcessor::SetColorTemperature(double kelvin) {
 // The saturation stage keeps the processor's division table.
 int KVImageProcessor::SetSaturation(double saturation) {
   return GuardedCall([&] {
-    if (saturation < 0.0 || saturation > 2.0) return static_cast<int>(kResultOutOfRange);
+    if (const int refusal = Refused("SetSaturation", {saturation})) return refusal;
     return m_private->Append(new SaturationRenderer(saturation, m_private->tables.DivideBy255Table()));
   });
 }
 
 int KVImageProcessor::SetHueShift(double shift, double amount) {
   return GuardedCall([&] {
-    if (shift < 0.0 || shift > 360.0 || amount < 0.0 || amount > 1.0) return static_cast<int>(kResultOutOfRange);
+    if (const int refusal = Refused("SetHueShift", {shift, amount})) return refusal;
     return m_private->Append(new HueShiftRenderer(shift, amount));
   });
 }
 
 int KVImageProcessor::SetHueColorize(double hue, double amount) {
   return GuardedCall([&] {
-    if (hue < 0.0 || hue > 360.0 || amount < 0.0 || amount > 1.0) return static_cast<int>(kResultOutOfRange);
+    if (const int refusal = Refused("SetHueColorize", {hue, amount})) return refusal;
     return m_private->Append(new HueColorizeRenderer(hue, amount));
   });
 }
@@ -124,21 +122,21 @@ int KVImageProcessor::SetHueColorize(double hue, double amount) {
 // The type is not checked: every value outside the named tones is warm.
 int KVImageProcessor::SetTint(KVTintType type, double amount) {
   return GuardedCall([&] {
-    if (amount < 0.0 || amount > 1.0) return static_cast<int>(kResultOutOfRange);
+    if (const int refusal = Refused("SetTint", {static_cast<double>(type), amount})) return refusal;
     return m_private->Append(new TintRenderer(type, amount));
   });
 }
 
 int KVImageProcessor::SetThreeStripColor(double a, double b, double c) {
   return GuardedCall([&] {
-    if (a < 0.0 || a > 1.0 || b < 0.0 || b > 1.0 || c < 0.0 || c > 1.0) return static_cast<int>(kResultOutOfRange);
+    if (const int refusal = Refused("SetThreeStripColor", {a, b, c})) return refusal;
     return m_private->Append(new ThreeStripColorRenderer(a, b, c));
   });
 }
 
 int KVImageProcessor::SetStackBlur(unsigned int radius, bool horizontal, bool vertical, KVChannelsToProcess channels) {
   return GuardedCall([&] {
-    if (!horizontal && !vertical) return static_cast<int>(kResultInvalidCombination);
+    if (const int refusal = Refused("SetStackBlur", {0, horizontal ? 1.0 : 0.0, vertical ? 1.0 : 0.0})) return refusal;
     return m_private->Append(new StackBlurRenderer(m_private->ScaledRadius(radius), horizontal, vertical, channels));
   });
 }
@@ -151,7 +149,7 @@ int KVImageProcessor::SetBoundedStackBlur(unsigned int radius, bool horizontal, 
                                           KVChannelsToProcess channels, const kvo::maths::KVRect& rect,
                                           double feather) {
   return GuardedCall([&] {
-    if (!horizontal && !vertical) return static_cast<int>(kResultInvalidCombination);
+    if (const int refusal = Refused("SetBoundedStackBlur", {0, horizontal ? 1.0 : 0.0, vertical ? 1.0 : 0.0})) return refusal;
     return m_private->Append(
         new BoundedStackBlurRenderer(m_private->ScaledRadius(radius), horizontal, vertical, channels, rect, feather));
   });
@@ -161,7 +159,7 @@ int KVImageProcessor::SetBoundedStackBlur(unsigned int radius, bool horizontal, 
 // processor scales the radius.
 int KVImageProcessor::SetDefocus(unsigned int radius, double amount, double blurParameter) {
   return GuardedCall([&] {
-    if (amount < 0.0 || amount > 0.8) return static_cast<int>(kResultOutOfRange);
+    if (const int refusal = Refused("SetDefocus", {0, amount})) return refusal;
     return m_private->Append(
         new DefocusRenderer(radius, amount, blurParameter, m_private->factor, m_private->tables));
   });
@@ -169,7 +167,7 @@ int KVImageProcessor::SetDefocus(unsigned int radius, double amount, double blur
 
 int KVImageProcessor::SetDiffuse(unsigned int radius, double amount, double blurParameter) {
   return GuardedCall([&] {
-    if (amount < 0.0 || amount > 1.0) return static_cast<int>(kResultOutOfRange);
+    if (const int refusal = Refused("SetDiffuse", {0, amount})) return refusal;
     return m_private->Append(
         new DiffuseRenderer(radius, amount, blurParameter, m_private->factor, m_private->tables));
   });
@@ -177,9 +175,7 @@ int KVImageProcessor::SetDiffuse(unsigned int radius, double amount, double blur
 
 int KVImageProcessor::SetSharpen(unsigned int radius, double amount, double threshold, double blurParameter) {
   return GuardedCall([&] {
-    if (amount < 0.0 || amount > 1.0 || threshold < 0.0 || threshold > 1.0) {
-      return static_cast<int>(kResultOutOfRange);
-    }
+    if (const int refusal = Refused("SetSharpen", {0, amount, threshold})) return refusal;
     return m_private->Append(
         new SharpenRenderer(radius, amount, threshold, blurParameter, m_private->factor, m_private->tables));
   });
@@ -188,7 +184,7 @@ int KVImageProcessor::SetSharpen(unsigned int radius, double amount, double thre
 int KVImageProcessor::SetSoftFocus(KVBlendMode mode, unsigned int radius, double amount,
                                    const kvo::maths::KVRect& rect, double blurParameter) {
   return GuardedCall([&] {
-    if (amount < 0.0 || amount > 1.0) return static_cast<int>(kResultOutOfRange);
+    if (const int refusal = Refused("SetSoftFocus", {0, 0, amount})) return refusal;
     return m_private->Append(
         new SoftFocusRenderer(mode, radius, amount, rect, blurParameter, m_private->factor, m_private->tables));
   });
@@ -196,10 +192,7 @@ int KVImageProcessor::SetSoftFocus(KVBlendMode mode, unsigned int radius, double
 
 int KVImageProcessor::SetBleachBypass(double amount, double desaturation, double contrast) {
   return GuardedCall([&] {
-    if (amount < 0.0 || amount > 1.0 || desaturation < 0.0 || desaturation > 1.0 || contrast < 0.0 ||
-        contrast > 1.0) {
-      return static_cast<int>(kResultOutOfRange);
-    }
+    if (const int refusal = Refused("SetBleachBypass", {amount, desaturation, contrast})) return refusal;
     return m_private->Append(new BleachBypassRenderer(amount, desaturation, contrast, m_private->tables));
   });
 }
@@ -207,10 +200,7 @@ int KVImageProcessor::SetBleachBypass(double amount, double desaturation, double
 int KVImageProcessor::SetVignette(const KVPixel8_RGB& colour, double amount, double midpoint, double roundness,
                                   double feather, double highlights, const kvo::maths::KVRect& bounds) {
   return GuardedCall([&] {
-    if (amount < 0.0 || amount > 1.0 || midpoint < 0.0 || midpoint > 1.0 || roundness < 0.0 || roundness > 1.0 ||
-        feather < 0.0 || feather > 1.0 || highlights < 0.0 || highlights > 1.0) {
-      return static_cast<int>(kResultOutOfRange);
-    }
+    if (const int refusal = Refused("SetVignette", {0, amount, midpoint, roundness, feather, highlights})) return refusal;
     return m_private->Append(new VignetteRenderer(colour, amount, midpoint, roundness, feather, highlights, bounds));
   });
 }
@@ -221,10 +211,7 @@ int KVImageProcessor::SetDepthOfField(KVDepthOfFieldType type, const kvo::maths:
                                       unsigned int radius, double focusSize, double transition, double amount,
                                       double blurParameter, const kvo::maths::KVRect& bounds) {
   return GuardedCall([&] {
-    if (focusSize < 0.0 || focusSize > 1.0 || transition < 0.0 || transition > 1.0 || amount < 0.0 ||
-        amount > 1.0) {
-      return static_cast<int>(kResultOutOfRange);
-    }
+    if (const int refusal = Refused("SetDepthOfField", {0, 0, 0, 0, focusSize, transition, amount})) return refusal;
     return m_private->Append(new DepthOfFieldRenderer(type, focus, angle, m_private->ScaledRadius(radius), focusSize,
                                                       transition, amount, blurParameter, bounds));
   });

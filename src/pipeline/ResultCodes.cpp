@@ -12,14 +12,42 @@ int ConvertExceptionToKVerr(std::exception& e, int defaultCode) {
     const char* mangledName;
     int code;
   } kCodes[] = {
-      {"St9bad_alloc", 8},           {"St13runtime_error", 2}, {"St11logic_error", 3},
-      {"St16invalid_argument", 4},   {"St12out_of_range", 7},
+      {"St9bad_alloc", image::kResultOutOfMemory},
+      {"St13runtime_error", image::kResultRuntimeError},
+      {"St11logic_error", image::kResultLogicError},
+      {"St16invalid_argument", image::kResultInvalidCombination},
+      {"St12out_of_range", image::kResultOutOfRange},
   };
   const char* name = typeid(e).name();
   for (const auto& entry : kCodes) {
     if (std::strcmp(name, entry.mangledName) == 0) return entry.code;
   }
   return defaultCode;
+}
+
+const char* ResultCodeMeaning(int code) {
+  switch (code) {
+    case image::kResultSuccess:
+      return "success";
+    case image::kResultRuntimeError:
+      return "runtime error";
+    case image::kResultLogicError:
+      return "logic error";
+    case image::kResultInvalidCombination:
+      return "invalid combination of arguments";
+    case image::kResultOutOfRange:
+      return "argument out of range";
+    case image::kResultOutOfMemory:
+      return "out of memory";
+    case image::kResultUnsupportedFormat:
+      return "unsupported format or channel selection";
+    case image::kResultImagesDoNotMatch:
+      return "images do not match";
+    case image::kResultWorkerFailure:
+      return "a stage failed inside a worker thread";
+    default:
+      return "unknown result code";
+  }
 }
 
 }  // namespace kvo

@@ -8,18 +8,9 @@
 namespace kvo {
 namespace image {
 
-// Result codes returned directly (the others come from exceptions).
-enum ResultCode {
-  kResultSuccess = 0,
-  kResultInvalidCombination = 4,
-  kResultOutOfRange = 7,
-  kResultUnsupportedFormat = 10,
-  kResultImagesDoNotMatch = 1000
-};
-
 // The default code of a public call for a std::exception with no code of its
 // own, and of a worker thread.
-enum : int { kPublicCallDefaultCode = 2, kWorkerThreadDefaultCode = 1001 };
+enum : int { kPublicCallDefaultCode = kResultRuntimeError, kWorkerThreadDefaultCode = kResultWorkerFailure };
 
 // Runs the body of a public call: a std::exception becomes its result code.
 template <class Body>
