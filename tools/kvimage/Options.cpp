@@ -13,34 +13,20 @@ namespace kvimage_cli {
 
 using namespace kvo::image;
 
-const char* ResultCodeMeaning(int code) {
-  switch (code) {
-    case 0:
-      return "success";
-    case 2:
-      return "runtime error";
-    case 3:
-      return "logic error";
-    case 4:
-      return "invalid combination of arguments";
-    case 7:
-      return "argument out of range";
-    case 8:
-      return "out of memory";
-    case 10:
-      return "unsupported format or channel selection";
-    case 1000:
-      return "images do not match";
-    case 1001:
-      return "a stage failed inside a worker thread";
-    default:
-      return "unknown result code";
-  }
+std::string DescribeResultCode(int code) {
+  return "code " + std::to_string(code) + " (" + kvo::ResultCodeMeaning(code) + ")";
 }
 
-std::string DescribeResultCode(int code) {
-  return "code " + std::to_string(code) + " (" + ResultCodeMeaning(code) + ")";
+namespace {
+std::string BritishSpelling(const std::string& name) {
+  std::string out = name;
+  for (size_t at = out.find("color"); at != std::string::npos; at = out.find("color", at + 6)) {
+    out.replace(at, 5, "colour");
+  }
+  return out;
 }
+
+}  // namespace
 
 // ---------------------------------------------------------------------------
 // Fields
@@ -104,11 +90,16 @@ int Fields::Choice(size_t index, const std::vector<const char*>& choices) const 
   Fail("'" + m_fields[index] + "' is not one of " + list);
 }
 
-KVChannelsToProcess Fields::Channels(size_t index, KVChannelsToProcess otherwise) const {
-  static const std::vector<const char*> kNames = {"alpha", "colour", "all", "color"};
-  if (!Has(index)) return otherwise;
-  const int choice = Choice(index, kNames);
-  return choice == 0 ? kChannelsAlpha : (choice == 2 ? kChannelsAll : kChannelsColor);
+long Fields::Whole(size_t index, const KVParameterInfo& parameter) const {
+  return Integer(index, static_cast<long>(parameter.minimum), static_cast<long>(parameter.maximum));
+}
+
+int Fields::CatalogueChoice(size_t index, const KVParameterInfo& parameter) const {
+  if (!Has(index)) Fail("value " + std::to_string(index + 1) + " is missing");
+  const std::vector<const char*> names = ChoiceNames(parameter);
+  Fields british(m_option, m_value);
+  british.m_fields[index] = BritishSpelling(m_fields[index]);
+  return parameter.choices[british.Choice(index, names)].value;
 }
 
 void Fields::Directions(size_t index, bool& horizontal, bool& vertical) const {
@@ -124,18 +115,19 @@ void Fields::Directions(size_t index, bool& horizontal, bool& vertical) const {
 
 namespace {
 
-const long kLargestBlurRadius = 2895;  // beyond it the stack blur's sums overflow
 
-const std::vector<const char*> kTintNames = {"grey",  "warm",      "bronze",   "cyanotype",          "emerald",
-                                             "gold",  "palladium", "platinum", "platinum-palladium", "selenium",
-                                             "silver"};
-const std::vector<const char*> kBlendNames = {"add",       "colour-burn", "colour-dodge", "darken",   "difference",
-                                              "exclusion", "hard-light",  "lighten",      "multiply", "normal",
-                                              "overlay",   "screen",      "soft-light",   "replace"};
-const std::vector<const char*> kDepthOfFieldNames = {"radial", "linear"};
+const KVParameterInfo& ProcessorParameter(const char* setter, const char* parameter) {
+  return ParameterOf(kFrontEndProcessor, setter, parameter);
+}
+const KVParameterInfo& KeyerParameter(const char* setter, const char* parameter) {
+  return ParameterOf(kFrontEndKeyer, setter, parameter);
+}
+// Every blur radius and every channel selection has the same range.
+const KVParameterInfo& RadiusParameter() { return ProcessorParameter("SetStackBlur", "radius"); }
+const KVParameterInfo& ChannelsParameter() { return ProcessorParameter("SetBrightness", "channels"); }
+
 // A rectangle beyond any image: the stages clip it to the whole frame.
 const kvo::maths::KVRect kWholeImage(kvo::maths::KVPoint2(0, 0), 1 << 24, 1 << 24);
-const std::vector<const char*> kYUVBlurNames = {"horizontal", "vertical", "both", "stack", "none"};
 
 KVPixel8_RGB ParseColour(const Fields& f) {
   f.ExpectCount(3, 3);
@@ -151,121 +143,128 @@ KVKeyColor EffectiveKey(const StageTarget& t) {
 }
 
 const std::vector<OptionSpec> kEffectOptions = {
-    {"--opacity", "OPACITY", "scale alpha; OPACITY 0..1", FrontEnd::kProcessor,
+    {"--opacity", "OPACITY", "SetOpacity", {"opacity"},
+     FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(1, 1);
        const double opacity = f.Number(0);
        return [=](StageTarget& t) { return t.processor->SetOpacity(opacity); };
      }},
-    {"--mirror", "", "queue the mirror stage (it carries its flags and writes nothing)", FrontEnd::kProcessor,
+    {"--mirror", "", "SetMirror", {},
+     FrontEnd::kProcessor,
      [](const Fields&, KeySettings&) -> StageFunction {
        return [](StageTarget& t) { return t.processor->SetMirror(true, false); };
      }},
-    {"--silhouette", "R,G,B", "one colour, alpha kept; R, G, B 0..255", FrontEnd::kProcessor,
+    {"--silhouette", "R,G,B", "SetSilhouette", {"colour"},
+     FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        const KVPixel8_RGB colour = ParseColour(f);
        return [=](StageTarget& t) { return t.processor->SetSilhouette(colour); };
      }},
-    {"--matte-view", "", "show alpha as opaque grey", FrontEnd::kProcessor,
+    {"--matte-view", "", "SetMatteView", {},
+     FrontEnd::kProcessor,
      [](const Fields&, KeySettings&) -> StageFunction {
        return [](StageTarget& t) { return t.processor->SetMatteView(); };
      }},
-    {"--brightness", "AMOUNT[:CHANNELS]", "AMOUNT -1..1; CHANNELS colour|alpha|all (colour)", FrontEnd::kProcessor,
-     [](const Fields& f, KeySettings&) -> StageFunction {
-       f.ExpectCount(1, 2);
-       const double amount = f.Number(0);
-       const KVChannelsToProcess channels = f.Channels(1, kChannelsColor);
-       return [=](StageTarget& t) { return t.processor->SetBrightness(amount, channels); };
-     }},
-    {"--contrast", "AMOUNT[:CHANNELS]", "AMOUNT 0..2 (1 unchanged); CHANNELS colour|alpha|all (colour)",
+    {"--brightness", "AMOUNT[:CHANNELS]", "SetBrightness", {"brightness", "channels"},
      FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(1, 2);
        const double amount = f.Number(0);
-       const KVChannelsToProcess channels = f.Channels(1, kChannelsColor);
+       const KVChannelsToProcess channels = static_cast<KVChannelsToProcess>(f.CatalogueChoiceOr(1, ChannelsParameter(), kChannelsColor));
+       return [=](StageTarget& t) { return t.processor->SetBrightness(amount, channels); };
+     }},
+    {"--contrast", "AMOUNT[:CHANNELS]", "SetContrast", {"contrast", "channels"},
+     FrontEnd::kProcessor,
+     [](const Fields& f, KeySettings&) -> StageFunction {
+       f.ExpectCount(1, 2);
+       const double amount = f.Number(0);
+       const KVChannelsToProcess channels = static_cast<KVChannelsToProcess>(f.CatalogueChoiceOr(1, ChannelsParameter(), kChannelsColor));
        return [=](StageTarget& t) { return t.processor->SetContrast(amount, channels); };
      }},
-    {"--super-contrast", "LOW:HIGH[:CHANNELS]", "stretch LOW..HIGH to the full range; LOW, HIGH 0..1",
+    {"--super-contrast", "LOW:HIGH[:CHANNELS]", "SetSuperContrast", {"low", "high", "channels"},
      FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(2, 3);
        const double low = f.Number(0), high = f.Number(1);
-       const KVChannelsToProcess channels = f.Channels(2, kChannelsColor);
+       const KVChannelsToProcess channels = static_cast<KVChannelsToProcess>(f.CatalogueChoiceOr(2, ChannelsParameter(), kChannelsColor));
        return [=](StageTarget& t) { return t.processor->SetSuperContrast(low, high, channels); };
      }},
-    {"--colour-balance", "R:G:B", "channel gains; R, G, B 0..2 (1 unchanged)", FrontEnd::kProcessor,
+    {"--colour-balance", "R:G:B", "SetColorBalance", {"red", "green", "blue"},
+     FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(3, 3);
        const double r = f.Number(0), g = f.Number(1), b = f.Number(2);
        return [=](StageTarget& t) { return t.processor->SetColorBalance(r, g, b); };
      }},
-    {"--colour-temperature", "KELVIN", "black-body cast; KELVIN 1500..13500", FrontEnd::kProcessor,
+    {"--colour-temperature", "KELVIN", "SetColorTemperature", {"kelvin"},
+     FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(1, 1);
        const double kelvin = f.Number(0);
        return [=](StageTarget& t) { return t.processor->SetColorTemperature(kelvin); };
      }},
-    {"--saturation", "AMOUNT", "AMOUNT 0..2 (1 unchanged, 0 grey)", FrontEnd::kProcessor,
+    {"--saturation", "AMOUNT", "SetSaturation", {"saturation"},
+     FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(1, 1);
        const double amount = f.Number(0);
        return [=](StageTarget& t) { return t.processor->SetSaturation(amount); };
      }},
-    {"--hue-shift", "DEGREES[:AMOUNT]", "DEGREES 0..360; AMOUNT 0..1 (1)", FrontEnd::kProcessor,
+    {"--hue-shift", "DEGREES[:AMOUNT]", "SetHueShift", {"shift", "amount"},
+     FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(1, 2);
        const double degrees = f.Number(0), amount = f.NumberOr(1, 1.0);
        return [=](StageTarget& t) { return t.processor->SetHueShift(degrees, amount); };
      }},
-    {"--hue-colourize", "HUE[:AMOUNT]", "HUE 0..360; AMOUNT 0..1 (1)", FrontEnd::kProcessor,
+    {"--hue-colourize", "HUE[:AMOUNT]", "SetHueColorize", {"hue", "amount"},
+     FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(1, 2);
        const double hue = f.Number(0), amount = f.NumberOr(1, 1.0);
        return [=](StageTarget& t) { return t.processor->SetHueColorize(hue, amount); };
      }},
-    {"--tint", "TONE[:AMOUNT]",
-     "TONE grey|warm|bronze|cyanotype|emerald|gold|palladium|platinum|platinum-palladium|selenium|silver; "
-     "AMOUNT 0..1 (1)",
+    {"--tint", "TONE[:AMOUNT]", "SetTint", {"type", "amount"},
      FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(1, 2);
-       const KVTintType tone = static_cast<KVTintType>(f.Choice(0, kTintNames));
+       const KVTintType tone = static_cast<KVTintType>(f.CatalogueChoice(0, ProcessorParameter("SetTint", "type")));
        const double amount = f.NumberOr(1, 1.0);
        return [=](StageTarget& t) { return t.processor->SetTint(tone, amount); };
      }},
-    {"--three-strip", "A:B:C", "three-strip colour levels; A, B, C 0..1", FrontEnd::kProcessor,
+    {"--three-strip", "A:B:C", "SetThreeStripColor", {"a", "b", "c"},
+     FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(3, 3);
        const double a = f.Number(0), b = f.Number(1), c = f.Number(2);
        return [=](StageTarget& t) { return t.processor->SetThreeStripColor(a, b, c); };
      }},
-    {"--stack-blur", "RADIUS[:DIRECTIONS[:CHANNELS]]",
-     "RADIUS 0..2895 pixels; DIRECTIONS hv|h|v (hv); CHANNELS colour|alpha|all (all)", FrontEnd::kProcessor,
+    {"--stack-blur", "RADIUS[:DIRECTIONS[:CHANNELS]]", "SetStackBlur", {"radius", "channels"},
+     FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(1, 3);
-       const unsigned int radius = static_cast<unsigned int>(f.Integer(0, 0, kLargestBlurRadius));
+       const unsigned int radius = static_cast<unsigned int>(f.Whole(0, RadiusParameter()));
        bool horizontal, vertical;
        f.Directions(1, horizontal, vertical);
-       const KVChannelsToProcess channels = f.Channels(2, kChannelsAll);
+       const KVChannelsToProcess channels = static_cast<KVChannelsToProcess>(f.CatalogueChoiceOr(2, ChannelsParameter(), kChannelsAll));
        return [=](StageTarget& t) { return t.processor->SetStackBlur(radius, horizontal, vertical, channels); };
      }},
-    {"--yuv-blur", "RADIUS[:TYPE]",
-     "blur the chroma only; RADIUS 0..2895 pixels; TYPE horizontal|vertical|both|stack|none (stack)", FrontEnd::kEither,
+    {"--yuv-blur", "RADIUS[:TYPE]", "SetYUVBlur", {"radius", "type"},
+     FrontEnd::kEither,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(1, 2);
-       const unsigned int radius = static_cast<unsigned int>(f.Integer(0, 0, kLargestBlurRadius));
-       const KVYUVBlurType type = static_cast<KVYUVBlurType>(f.ChoiceOr(1, kYUVBlurNames, kYUVBlurStack));
+       const unsigned int radius = static_cast<unsigned int>(f.Whole(0, RadiusParameter()));
+       const KVYUVBlurType type = static_cast<KVYUVBlurType>(f.CatalogueChoiceOr(1, ProcessorParameter("SetYUVBlur", "type"), kYUVBlurStack));
        return [=](StageTarget& t) {
          return t.processor ? t.processor->SetYUVBlur(radius, type) : t.keyer->SetYUVBlur(radius, type);
        };
      }},
-    {"--bounded-blur", "RADIUS:X:Y:W:H[:FEATHER[:DIRECTIONS[:CHANNELS]]]",
-     "stack blur inside a rectangle (pixels); RADIUS 0..2895; FEATHER pixels >= 0 (0); "
-     "DIRECTIONS hv|h|v (hv); CHANNELS colour|alpha|all (all)",
+    {"--bounded-blur", "RADIUS:X:Y:W:H[:FEATHER[:DIRECTIONS[:CHANNELS]]]", "SetBoundedStackBlur", {"radius", "rect", "feather", "channels"},
      FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(5, 8);
-       const unsigned int radius = static_cast<unsigned int>(f.Integer(0, 0, kLargestBlurRadius));
+       const unsigned int radius = static_cast<unsigned int>(f.Whole(0, RadiusParameter()));
        const int x = static_cast<int>(f.Integer(1, -1000000, 1000000));
        const int y = static_cast<int>(f.Integer(2, -1000000, 1000000));
        const int w = static_cast<int>(f.Integer(3, 0, 1000000));
@@ -273,54 +272,54 @@ const std::vector<OptionSpec> kEffectOptions = {
        const double feather = f.NumberOr(5, 0.0);
        bool horizontal, vertical;
        f.Directions(6, horizontal, vertical);
-       const KVChannelsToProcess channels = f.Channels(7, kChannelsAll);
+       const KVChannelsToProcess channels = static_cast<KVChannelsToProcess>(f.CatalogueChoiceOr(7, ChannelsParameter(), kChannelsAll));
        return [=](StageTarget& t) {
          const kvo::maths::KVRect rect(kvo::maths::KVPoint2(x, y), w, h);
          return t.processor->SetBoundedStackBlur(radius, horizontal, vertical, channels, rect, feather);
        };
      }},
-    {"--defocus", "RADIUS:AMOUNT[:FEATHER]", "lens blur that brightens; RADIUS 0..2895; AMOUNT 0..0.8",
+    {"--defocus", "RADIUS:AMOUNT[:FEATHER]", "SetDefocus", {"radius", "amount", "blurParameter"},
      FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(2, 3);
-       const unsigned int radius = static_cast<unsigned int>(f.Integer(0, 0, kLargestBlurRadius));
+       const unsigned int radius = static_cast<unsigned int>(f.Whole(0, RadiusParameter()));
        const double amount = f.Number(1), feather = f.NumberOr(2, 0.0);
        return [=](StageTarget& t) { return t.processor->SetDefocus(radius, amount, feather); };
      }},
-    {"--diffuse", "RADIUS:AMOUNT[:FEATHER]", "glow: a blurred copy laid over the image; RADIUS 0..2895; AMOUNT 0..1",
+    {"--diffuse", "RADIUS:AMOUNT[:FEATHER]", "SetDiffuse", {"radius", "amount", "blurParameter"},
      FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(2, 3);
-       const unsigned int radius = static_cast<unsigned int>(f.Integer(0, 0, kLargestBlurRadius));
+       const unsigned int radius = static_cast<unsigned int>(f.Whole(0, RadiusParameter()));
        const double amount = f.Number(1), feather = f.NumberOr(2, 0.0);
        return [=](StageTarget& t) { return t.processor->SetDiffuse(radius, amount, feather); };
      }},
-    {"--sharpen", "RADIUS:AMOUNT:THRESHOLD[:FEATHER]", "unsharp mask; RADIUS 0..2895; AMOUNT 0..1; THRESHOLD 0..1",
+    {"--sharpen", "RADIUS:AMOUNT:THRESHOLD[:FEATHER]", "SetSharpen", {"radius", "amount", "threshold", "blurParameter"},
      FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(3, 4);
-       const unsigned int radius = static_cast<unsigned int>(f.Integer(0, 0, kLargestBlurRadius));
+       const unsigned int radius = static_cast<unsigned int>(f.Whole(0, RadiusParameter()));
        const double amount = f.Number(1), threshold = f.Number(2), feather = f.NumberOr(3, 0.0);
        return [=](StageTarget& t) { return t.processor->SetSharpen(radius, amount, threshold, feather); };
      }},
-    {"--soft-focus", "MODE:RADIUS:AMOUNT[:FEATHER]",
-     "a blurred copy blended over the image; MODE a blend mode (see composite); RADIUS 0..2895; AMOUNT 0..1",
+    {"--soft-focus", "MODE:RADIUS:AMOUNT[:FEATHER]", "SetSoftFocus", {"mode", "radius", "amount", "blurParameter"},
      FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(3, 4);
-       const KVBlendMode mode = static_cast<KVBlendMode>(f.Choice(0, kBlendNames));
-       const unsigned int radius = static_cast<unsigned int>(f.Integer(1, 0, kLargestBlurRadius));
+       const KVBlendMode mode = static_cast<KVBlendMode>(f.CatalogueChoice(0, BlendModeParameter()));
+       const unsigned int radius = static_cast<unsigned int>(f.Whole(1, RadiusParameter()));
        const double amount = f.Number(2), feather = f.NumberOr(3, 0.0);
        return [=](StageTarget& t) { return t.processor->SetSoftFocus(mode, radius, amount, kWholeImage, feather); };
      }},
-    {"--bleach-bypass", "AMOUNT:DESATURATION:CONTRAST", "skipped-bleach film look; each 0..1", FrontEnd::kProcessor,
+    {"--bleach-bypass", "AMOUNT:DESATURATION:CONTRAST", "SetBleachBypass", {"amount", "desaturation", "contrast"},
+     FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(3, 3);
        const double amount = f.Number(0), desaturation = f.Number(1), contrast = f.Number(2);
        return [=](StageTarget& t) { return t.processor->SetBleachBypass(amount, desaturation, contrast); };
      }},
-    {"--vignette", "AMOUNT:MIDPOINT:ROUNDNESS:FEATHER:HIGHLIGHTS[:R:G:B]",
-     "darken (or colour) toward the edges; each 0..1; R, G, B 0..255 (black)", FrontEnd::kProcessor,
+    {"--vignette", "AMOUNT:MIDPOINT:ROUNDNESS:FEATHER:HIGHLIGHTS[:R:G:B]", "SetVignette", {"amount", "midpoint", "roundness", "feather", "highlights", "colour"},
+     FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(5, 8);
        if (f.Has(5)) f.ExpectCount(8, 8);
@@ -337,15 +336,13 @@ const std::vector<OptionSpec> kEffectOptions = {
                                          kvo::maths::KVRect());
        };
      }},
-    {"--depth-of-field", "radial|linear:X:Y:RADIUS:FOCUS:TRANSITION[:AMOUNT[:ANGLE]]",
-     "blur growing away from a disc or band through X,Y (pixels); RADIUS 0..2895; FOCUS, TRANSITION, AMOUNT 0..1 "
-     "(fractions of the diagonal; AMOUNT 1); ANGLE degrees (0)",
+    {"--depth-of-field", "radial|linear:X:Y:RADIUS:FOCUS:TRANSITION[:AMOUNT[:ANGLE]]", "SetDepthOfField", {"type", "focus", "radius", "focusSize", "transition", "amount", "angle"},
      FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(6, 8);
-       const KVDepthOfFieldType type = static_cast<KVDepthOfFieldType>(f.Choice(0, kDepthOfFieldNames));
+       const KVDepthOfFieldType type = static_cast<KVDepthOfFieldType>(f.CatalogueChoice(0, ProcessorParameter("SetDepthOfField", "type")));
        const double x = f.Number(1), y = f.Number(2);
-       const unsigned int radius = static_cast<unsigned int>(f.Integer(3, 0, kLargestBlurRadius));
+       const unsigned int radius = static_cast<unsigned int>(f.Whole(3, RadiusParameter()));
        const double focus = f.Number(4), transition = f.Number(5), amount = f.NumberOr(6, 1.0),
                     angle = f.NumberOr(7, 0.0);
        return [=](StageTarget& t) {
@@ -356,43 +353,43 @@ const std::vector<OptionSpec> kEffectOptions = {
 };
 
 const std::vector<OptionSpec> kKeyOptions = {
-    {"--key", "auto|green|blue", "pull a colour-difference key (auto detects green or blue per image)",
+    {"--key", "auto|green|blue", "SetAutoColorDifferenceKey", {"keyColor"},
      FrontEnd::kKeyer,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(1, 1);
-       const KVKeyColor colour = static_cast<KVKeyColor>(f.Choice(0, {"auto", "green", "blue"}));
+       const KVKeyColor colour = static_cast<KVKeyColor>(f.CatalogueChoice(0, KeyerParameter("SetAutoColorDifferenceKey", "keyColor")));
        return [=](StageTarget& t) {
          t.keyColour = colour;
          const KeySettings& s = *t.settings;
          return t.keyer->SetAutoColorDifferenceKey(colour, s.balance, s.saturationLimit, s.saturationSoftness);
        };
      }},
-    {"--balance", "AMOUNT", "key: upper threshold from the matte's middle (0) to its mean (1); 0..1 (0.5)",
+    {"--balance", "AMOUNT", "SetAutoColorDifferenceKey", {"balance"},
      FrontEnd::kKeySetting,
      [](const Fields& f, KeySettings& s) -> StageFunction {
        f.ExpectCount(1, 1);
        s.balance = f.Number(0);
        return StageFunction();
      }},
-    {"--saturation-limit", "AMOUNT", "key: chroma below which the matte weakens, a fraction of 255; 0..1 (0.2)",
+    {"--saturation-limit", "AMOUNT", "SetAutoColorDifferenceKey", {"saturationLimit"},
      FrontEnd::kKeySetting,
      [](const Fields& f, KeySettings& s) -> StageFunction {
        f.ExpectCount(1, 1);
        s.saturationLimit = f.Number(0);
        return StageFunction();
      }},
-    {"--saturation-softness", "AMOUNT", "key: fraction of the limit below which the matte is 0; 0..1 (0.5)",
+    {"--saturation-softness", "AMOUNT", "SetAutoColorDifferenceKey", {"saturationSoftness"},
      FrontEnd::kKeySetting,
      [](const Fields& f, KeySettings& s) -> StageFunction {
        f.ExpectCount(1, 1);
        s.saturationSoftness = f.Number(0);
        return StageFunction();
      }},
-    {"--spill", "METHOD[:AMOUNT]", "remove the backing's cast; METHOD standard|extended|advanced; AMOUNT 0..1 (1)",
+    {"--spill", "METHOD[:AMOUNT]", "SetSpillSuppression", {"spillType", "amount"},
      FrontEnd::kKeyer,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(1, 2);
-       const KVSpillType method = static_cast<KVSpillType>(f.Choice(0, {"standard", "extended", "advanced"}));
+       const KVSpillType method = static_cast<KVSpillType>(f.CatalogueChoice(0, KeyerParameter("SetSpillSuppression", "spillType")));
        const double amount = f.NumberOr(1, 1.0);
        return [=](StageTarget& t) {
          const KeySettings& s = *t.settings;
@@ -409,15 +406,14 @@ const std::vector<OptionSpec> kKeyOptions = {
          return t.keyer->SetSpillSuppression(channel, method, amount, factors[0], factors[1], factors[2], factors[3]);
        };
      }},
-    {"--spill-channel", "green|blue", "spill: the channel to pull down (the key colour)", FrontEnd::kKeySetting,
+    {"--spill-channel", "green|blue", "SetSpillSuppression", {"channel"},
+     FrontEnd::kKeySetting,
      [](const Fields& f, KeySettings& s) -> StageFunction {
        f.ExpectCount(1, 1);
-       s.spillChannel = f.Choice(0, {"green", "blue"});
+       s.spillChannel = f.CatalogueChoice(0, KeyerParameter("SetSpillSuppression", "channel"));
        return StageFunction();
      }},
-    {"--spill-factors", "R:G:B:REFERENCE",
-     "advanced spill: spill added to each channel times R, G, B (any value); spill = key - other x REFERENCE "
-     "(-1 on the key channel, 0, reference 1)",
+    {"--spill-factors", "R:G:B:REFERENCE", "SetSpillSuppression", {"redFactor", "greenFactor", "blueFactor", "referenceFactor"},
      FrontEnd::kKeySetting,
      [](const Fields& f, KeySettings& s) -> StageFunction {
        f.ExpectCount(4, 4);
@@ -425,32 +421,33 @@ const std::vector<OptionSpec> kKeyOptions = {
        s.spillFactorsGiven = true;
        return StageFunction();
      }},
-    {"--erode", "SIZE[:SHAPE]", "shrink the opaque matte; SIZE pixels >= 0; SHAPE all|rightward|leftward (all)",
+    {"--erode", "SIZE[:SHAPE]", "SetWhiteErode", {"size", "direction"},
      FrontEnd::kKeyer,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(1, 2);
        const int size = static_cast<int>(f.Integer(0, -2147483647L, 2147483647L));
        const KVWhiteErodeDirection shape =
-           static_cast<KVWhiteErodeDirection>(f.ChoiceOr(1, {"all", "rightward", "leftward"}, 0));
+           static_cast<KVWhiteErodeDirection>(f.CatalogueChoiceOr(1, KeyerParameter("SetWhiteErode", "direction"), kWhiteErodeAll));
        return [=](StageTarget& t) { return t.keyer->SetWhiteErode(shape, size); };
      }},
-    {"--crop", "L,T,R,B", "garbage matte: clear alpha outside the margins; fractions of the size 0..1",
+    {"--crop", "L,T,R,B", "SetAlphaCrop", {"left", "top", "right", "bottom"},
      FrontEnd::kKeyer,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(4, 4);
        const double l = f.Number(0), t = f.Number(1), r = f.Number(2), b = f.Number(3);
        return [=](StageTarget& target) { return target.keyer->SetAlphaCrop(l, t, r, b); };
      }},
-    {"--alpha-blur", "RADIUS[:DIRECTIONS]", "stack blur of the matte; RADIUS 0..2895; DIRECTIONS hv|h|v (hv)",
+    {"--alpha-blur", "RADIUS[:DIRECTIONS]", "SetAlphaStackBlur", {"radius"},
      FrontEnd::kKeyer,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(1, 2);
-       const unsigned int radius = static_cast<unsigned int>(f.Integer(0, 0, kLargestBlurRadius));
+       const unsigned int radius = static_cast<unsigned int>(f.Whole(0, RadiusParameter()));
        bool horizontal, vertical;
        f.Directions(1, horizontal, vertical);
        return [=](StageTarget& t) { return t.keyer->SetAlphaStackBlur(radius, horizontal, vertical); };
      }},
-    {"--alpha-contrast", "LOW:HIGH", "stretch the matte LOW..HIGH to the full range; 0..1", FrontEnd::kKeyer,
+    {"--alpha-contrast", "LOW:HIGH", "SetAlphaSuperContrast", {"low", "high"},
+     FrontEnd::kKeyer,
      [](const Fields& f, KeySettings&) -> StageFunction {
        f.ExpectCount(2, 2);
        const double low = f.Number(0), high = f.Number(1);
@@ -458,17 +455,82 @@ const std::vector<OptionSpec> kKeyOptions = {
      }},
 };
 
-std::string BritishSpelling(const std::string& name) {
-  std::string out = name;
-  for (size_t at = out.find("color"); at != std::string::npos; at = out.find("color", at + 6)) {
-    out.replace(at, 5, "colour");
+}  // namespace
+
+const KVSetterInfo& SetterOf(const OptionSpec& option) {
+  const KVFrontEnd frontEnd = option.frontEnd == FrontEnd::kProcessor ? kFrontEndProcessor : kFrontEndKeyer;
+  const KVSetterInfo* row = FindSetter(frontEnd, option.setter);
+  if (row == nullptr) row = FindSetter(kFrontEndProcessor, option.setter);
+  if (row == nullptr) row = FindSetter(kFrontEndKeyer, option.setter);
+  if (row == nullptr) throw std::logic_error(std::string("no setter ") + option.setter);
+  return *row;
+}
+
+const KVParameterInfo& ParameterOf(KVFrontEnd frontEnd, const char* setter, const char* parameter) {
+  const KVSetterInfo* row = FindSetter(frontEnd, setter);
+  for (unsigned int i = 0; row != nullptr && i < row->parameterCount; ++i) {
+    if (std::strcmp(row->parameters[i].name, parameter) == 0) return row->parameters[i];
   }
-  return out;
+  throw std::logic_error(std::string("no parameter ") + setter + "." + parameter);
+}
+
+std::vector<const char*> ChoiceNames(const KVParameterInfo& parameter) {
+  std::vector<const char*> names;
+  for (unsigned int i = 0; i < parameter.choiceCount; ++i) names.push_back(parameter.choices[i].name);
+  return names;
+}
+
+const KVParameterInfo& BlendModeParameter() { return ProcessorParameter("SetSoftFocus", "mode"); }
+std::vector<const char*> BlendModeNames() { return ChoiceNames(BlendModeParameter()); }
+
+namespace {
+
+std::string Number(double value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.10g", value);
+  return text;
+}
+
+// "-1..1", "alpha|colour|all", "any value", with the unit and the default.
+std::string RangeOf(const KVParameterInfo& p) {
+  std::string range;
+  const unsigned int numbers = NumberCount(p.type);
+  if (p.type == kParameterChoice) {
+    for (unsigned int i = 0; i < p.choiceCount; ++i) range += (i ? "|" : "") + std::string(p.choices[i].name);
+    for (unsigned int i = 0; i < p.choiceCount; ++i) {
+      if (p.choices[i].value == p.defaults[0]) range += " (" + std::string(p.choices[i].name) + ")";
+    }
+    return range;
+  }
+  if (p.type == kParameterRect || p.type == kParameterPoint || p.type == kParameterQuad) return p.unit;
+  if (p.maximum >= 1e300) {
+    range = p.minimum <= -1e300 ? "any value" : ">= " + Number(p.minimum);
+  } else {
+    range = Number(p.minimum) + ".." + Number(p.maximum);
+  }
+  if (p.type == kParameterColour) range = "each " + range;
+  if (*p.unit) range += " " + std::string(p.unit);
+  std::string byDefault;
+  for (unsigned int i = 0; i < numbers; ++i) byDefault += (i ? "," : "") + Number(p.defaults[i]);
+  if (p.type != kParameterRect && p.type != kParameterPoint && numbers != 0) range += " (" + byDefault + ")";
+  return range;
 }
 
 }  // namespace
 
-const std::vector<const char*>& BlendModeNames() { return kBlendNames; }
+std::string OptionHelp(const OptionSpec& option) {
+  const KVSetterInfo& row = SetterOf(option);
+  if (option.frontEnd == FrontEnd::kKeySetting && option.parameters.size() == 1) {
+    const KVParameterInfo& p = ParameterOf(row.frontEnd, row.name, option.parameters.front());
+    return std::string("key: ") + p.explanation + "; " + RangeOf(p);
+  }
+  std::string help = row.explanation;
+  for (const char* name : option.parameters) {
+    const KVParameterInfo& p = ParameterOf(row.frontEnd, row.name, name);
+    help += std::string("; ") + name + " " + RangeOf(p);
+  }
+  return help;
+}
 const std::vector<OptionSpec>& EffectOptions() { return kEffectOptions; }
 const std::vector<OptionSpec>& KeyOptions() { return kKeyOptions; }
 

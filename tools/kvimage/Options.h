@@ -30,8 +30,6 @@ class EngineError : public std::runtime_error {
   bool refusedArgument;
 };
 
-// "argument out of range" for 7, and so on for every result code.
-const char* ResultCodeMeaning(int code);
 // "code 7 (argument out of range)"
 std::string DescribeResultCode(int code);
 
@@ -73,7 +71,14 @@ class Fields {
   int ChoiceOr(size_t index, const std::vector<const char*>& choices, int otherwise) const {
     return Has(index) ? Choice(index, choices) : otherwise;
   }
-  kvo::image::KVChannelsToProcess Channels(size_t index, kvo::image::KVChannelsToProcess otherwise) const;
+  // A whole number within the parameter's range.
+  long Whole(size_t index, const kvo::image::KVParameterInfo& parameter) const;
+  // The value of the parameter's choice named by the field ("color" spelled
+  // either way), or otherwise when the field is empty.
+  int CatalogueChoice(size_t index, const kvo::image::KVParameterInfo& parameter) const;
+  int CatalogueChoiceOr(size_t index, const kvo::image::KVParameterInfo& parameter, int otherwise) const {
+    return Has(index) ? CatalogueChoice(index, parameter) : otherwise;
+  }
   // h, v or hv: the horizontal and vertical flags of a blur.
   void Directions(size_t index, bool& horizontal, bool& vertical) const;
   [[noreturn]] void Fail(const std::string& problem) const;
@@ -91,19 +96,34 @@ enum class FrontEnd {
   kKeySetting  // a key parameter: queues nothing
 };
 
-// One option. parse checks the value's form and returns the function that
+// One option: the form of its value on the command line, and the catalogue
+// setter it queues, whose row gives the explanation, ranges and defaults of
+// its help. parse checks the value's form and returns the function that
 // queues the stage (an empty function for settings); value ranges the engine
 // checks are left to the engine, so that its code is what the user sees.
 struct OptionSpec {
-  const char* name;   // "--brightness"
-  const char* value;  // "AMOUNT[:CHANNELS]", or "" for an option without a value
-  const char* help;   // the range of every field
+  const char* name;    // "--brightness"
+  const char* value;   // "AMOUNT[:CHANNELS]", or "" for an option without a value
+  const char* setter;  // "SetBrightness"
+  // The setter's parameters the fields give, for the help; a key setting
+  // gives one and is explained by it.
+  std::vector<const char*> parameters;
   FrontEnd frontEnd;
   StageFunction (*parse)(const Fields& fields, KeySettings& settings);
 };
 
-// The blend modes' names, in KVBlendMode order.
-const std::vector<const char*>& BlendModeNames();
+// The catalogue row of an option's setter, and one of its parameters.
+const kvo::image::KVSetterInfo& SetterOf(const OptionSpec& option);
+const kvo::image::KVParameterInfo& ParameterOf(kvo::image::KVFrontEnd frontEnd, const char* setter,
+                                               const char* parameter);
+// What the help says of an option: its setter's explanation, then each
+// parameter's range and default from the catalogue.
+std::string OptionHelp(const OptionSpec& option);
+// The names of a choice parameter's values, in catalogue order.
+std::vector<const char*> ChoiceNames(const kvo::image::KVParameterInfo& parameter);
+// The blend modes' names, in catalogue order.
+std::vector<const char*> BlendModeNames();
+const kvo::image::KVParameterInfo& BlendModeParameter();
 const std::vector<OptionSpec>& EffectOptions();
 const std::vector<OptionSpec>& KeyOptions();
 

@@ -76,11 +76,11 @@ const CommandHelp kCommands[] = {
      "                           lighten|multiply|normal|overlay|screen|soft-light|replace (normal);\n"
      "                           OPACITY 0..1 (1); TYPE alpha|alpha-fill|colour-only (alpha)\n"
      "  --glow FILE:RADIUS[:AMOUNT[:MODE]]\n"
-     "                           a light spill of FILE: blurred by RADIUS 0..2895, laid with MODE (screen)\n"
+     "                           a light spill of FILE: blurred by RADIUS >= 0 pixels, laid with MODE (screen)\n"
      "                           at AMOUNT 0..1 (1)\n"
      "  --shadow FILE:DX:DY[:RADIUS[:AMOUNT]]\n"
      "                           a black drop shadow of FILE's alpha moved by DX, DY pixels, blurred by\n"
-     "                           RADIUS 0..2895 (0), multiplied in at AMOUNT 0..1 (0.6)\n"
+     "                           RADIUS >= 0 pixels (0), multiplied in at AMOUNT 0..1 (0.6)\n"
      "  --background-opacity A   fade the background first, 0..1 (1)\n"},
     {"stream", "kvimage stream --size WxH [EFFECT or KEY OPTIONS ...]",
      "Reads raw BGRA frames from standard input until it ends and writes each processed frame to\n"
@@ -104,9 +104,9 @@ void PrintOptionTable(std::FILE* out, const std::vector<OptionSpec>& options) {
   for (const OptionSpec& entry : options) {
     const std::string head = std::string(entry.name) + (*entry.value ? " " + std::string(entry.value) : "");
     if (head.size() <= 24) {
-      std::fprintf(out, "  %-24s %s\n", head.c_str(), entry.help);
+      std::fprintf(out, "  %-24s %s\n", head.c_str(), OptionHelp(entry).c_str());
     } else {
-      std::fprintf(out, "  %s\n  %-24s %s\n", head.c_str(), "", entry.help);
+      std::fprintf(out, "  %s\n  %-24s %s\n", head.c_str(), "", OptionHelp(entry).c_str());
     }
   }
 }
@@ -191,7 +191,6 @@ void ParseSize(const std::string& option, const std::string& value, unsigned int
 }
 
 CommandLine::Layer ParseLayer(const std::string& value) {
-  const std::vector<const char*>& kModes = BlendModeNames();
   CommandLine::Layer layer{value, kBlendNormal, 1.0, kCompositeAlpha};
   struct stat info;
   const size_t colon = value.find(':');
@@ -203,9 +202,9 @@ CommandLine::Layer ParseLayer(const std::string& value) {
   }
   const Fields fields("--layer", rest);
   fields.ExpectCount(1, 3);
-  layer.mode = static_cast<KVBlendMode>(fields.ChoiceOr(0, kModes, kBlendNormal));
+  layer.mode = static_cast<KVBlendMode>(fields.CatalogueChoiceOr(0, BlendModeParameter(), kBlendNormal));
   layer.opacity = fields.NumberOr(1, 1.0);
-  const int type = fields.ChoiceOr(2, {"colour-only", "alpha-fill", "alpha"}, 2);
+  const int type = fields.CatalogueChoiceOr(2, ParameterOf(kFrontEndCompositor, "AddLayer", "compositeType"), kCompositeAlpha);
   layer.type = static_cast<KVCompositeType>(type);
   return layer;
 }
@@ -220,16 +219,16 @@ CommandLine::Layer ParseGlowOrShadow(const std::string& option, const std::strin
   if (option == "--glow") {
     fields.ExpectCount(1, 3);
     layer.kind = CommandLine::LayerKind::kGlow;
-    layer.radius = static_cast<int>(fields.Integer(0, 0, 2895));
+    layer.radius = static_cast<int>(fields.Whole(0, ParameterOf(kFrontEndCompositor, "AddLightSpillLayer", "radius")));
     layer.opacity = fields.NumberOr(1, 1.0);
-    layer.mode = static_cast<KVBlendMode>(fields.ChoiceOr(2, BlendModeNames(), kBlendScreen));
+    layer.mode = static_cast<KVBlendMode>(fields.CatalogueChoiceOr(2, BlendModeParameter(), kBlendScreen));
   } else {
     fields.ExpectCount(2, 4);
     layer.kind = CommandLine::LayerKind::kShadow;
     layer.mode = kBlendMultiply;
     layer.dx = fields.Number(0);
     layer.dy = fields.Number(1);
-    layer.radius = static_cast<int>(fields.Integer(2, 0, 2895));
+    layer.radius = static_cast<int>(fields.Whole(2, ParameterOf(kFrontEndCompositor, "AddShadowCastLayer", "radius")));
     layer.opacity = fields.NumberOr(3, 0.6);
   }
   return layer;
