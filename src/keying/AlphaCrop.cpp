@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <cstring>
 
@@ -44,14 +43,12 @@ int AlphaCrop::Render8(KVAbstractImage* source, KVAbstractImage* destination, un
   const uint64_t keepBegin = static_cast<uint64_t>(left) + 1;
   const uint64_t keepEnd = static_cast<uint32_t>(width - right);
 
-  const uint64_t rowsPerThread = SaturateToUInt32(std::ceil(static_cast<double>(height) / threadCount));
-  const uint64_t firstRow = rowsPerThread * threadIndex;
-  const uint64_t endRow = std::min<uint64_t>(firstRow + rowsPerThread, height);
+  const ShareRun rows = ShareOfLinesSized(height, SaturatedShareSize(height, threadCount), threadIndex);
   const size_t limitPixels = CommonByteSize(source, destination) / kBytesPerPixel;
   const unsigned char* in = PixelBytes(source);
   unsigned char* out = PixelBytes(destination);
 
-  for (uint64_t y = firstRow; y < endRow; ++y) {
+  for (uint64_t y = rows.start; y < rows.End(); ++y) {
     const uint64_t rowStart = y * width;
     if (rowStart >= limitPixels) break;
     const uint64_t columns = std::min<uint64_t>(width, limitPixels - rowStart);

@@ -12,8 +12,8 @@ int ConvertExceptionToKVerr(std::exception& e, int defaultCode) {
     const char* mangledName;
     int code;
   } kCodes[] = {
-      {"St9bad_alloc", 8},           {"St13runtime_error", 2}, {"St11logic_error", 3},
-      {"St16invalid_argument", 4},   {"St12out_of_range", 7},
+      {"St9bad_alloc", image::kResultOutOfMemory}, {"St13runtime_error", 2}, {"St11logic_error", 3},
+      {"St16invalid_argument", 4},                 {"St12out_of_range", 7},
   };
   const char* name = typeid(e).name();
   for (const auto& entry : kCodes) {

@@ -13,6 +13,7 @@ enum ResultCode {
   kResultSuccess = 0,
   kResultInvalidCombination = 4,
   kResultOutOfRange = 7,
+  kResultOutOfMemory = 8,
   kResultUnsupportedFormat = 10,
   kResultImagesDoNotMatch = 1000
 };
