@@ -4,6 +4,7 @@
 
 #include <kvimage/keying.h>
 
+#include "pipeline/StageNeeds.h"
 #include "support/Assert.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
@@ -20,6 +21,11 @@ AlphaCrop::~AlphaCrop() {}
 unsigned int AlphaCrop::Type() const { return 0; }
 
 void AlphaCrop::Setup(KVAbstractImage*) {}
+
+// Render8's row shares cover the output and every byte of each row is
+// written; inputs other than 8-bit BGRA abort. Alpha depends on the pixel's
+// place, not only its value.
+StageNeeds NeedsOf(const AlphaCrop&) { return StageNeeds{IsEightBitBGRA, false}; }
 
 int AlphaCrop::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                       unsigned char threadCount) {

@@ -10,6 +10,7 @@
 
 #include <kvimage/keying.h>
 
+#include "pipeline/StageNeeds.h"
 #include "support/CPUExtensions.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
@@ -173,6 +174,11 @@ void ColorDifferenceKeyer::Setup(KVAbstractImage* source) {
   for (int m = 0; m < 256; ++m) m_alphaWeight[m] = AlphaWeight(m, m_lowThreshold, m_highThreshold);
   m_alphaBlendIsProduct = AlphaBlendIsProduct(m_tables);
 }
+
+// Render8 splits an 8-bit output into byte shares that cover it and writes
+// every byte of its share; other depths are refused and written not at all.
+// Setup measures the whole image.
+StageNeeds NeedsOf(const ColorDifferenceKeyer&) { return StageNeeds{IsEightBit, false}; }
 
 int ColorDifferenceKeyer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                  unsigned char threadCount) {

@@ -10,6 +10,7 @@
 
 #include "keying/WhiteErodeRing.h"
 #include "pipeline/ResultCodes.h"
+#include "pipeline/StageNeeds.h"
 #include "support/Assert.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
@@ -335,6 +336,11 @@ void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
   }
   m_intermediate = intermediate;
 }
+
+// Once Setup has made the intermediate, the column shares cover the output
+// and each writes every byte of its columns (eroding by scan when no scratch
+// can be had); inputs other than 8-bit BGRA abort.
+StageNeeds NeedsOf(const WhiteErodeRenderer&) { return StageNeeds{IsEightBitBGRA, false}; }
 
 int WhiteErodeRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                unsigned char threadCount) {
