@@ -45,11 +45,11 @@ template struct PrivateAccess<KeyerRecord, &KVImageKeyer::m_private>;
 
 void Queue(KVImageProcessor& processor, RendererPtr stage) {
   RendererQueue* queue = processor.*Get(ProcessorRecord());
-  queue->queue.push_back(stage);
+  queue->queue.Append(QueuedStage(stage));
 }
 void Queue(KVImageKeyer& keyer, RendererPtr stage) {
   RendererQueue* queue = keyer.*Get(KeyerRecord());
-  queue->queue.push_back(stage);
+  queue->queue.Append(QueuedStage(stage));
 }
 
 struct CustomError : std::runtime_error {

@@ -1,10 +1,10 @@
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <cstring>
 
 #include <kvimage/keying.h>
 
+#include "pipeline/StageNeeds.h"
 #include "support/Assert.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
@@ -21,6 +21,11 @@ AlphaCrop::~AlphaCrop() {}
 unsigned int AlphaCrop::Type() const { return 0; }
 
 void AlphaCrop::Setup(KVAbstractImage*) {}
+
+// Render8's row shares cover the output and every byte of each row is
+// written; inputs other than 8-bit BGRA abort. Alpha depends on the pixel's
+// place, not only its value.
+StageNeeds NeedsOf(const AlphaCrop&) { return StageNeeds{IsEightBitBGRA, false}; }
 
 int AlphaCrop::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                       unsigned char threadCount) {
@@ -44,14 +49,12 @@ int AlphaCrop::Render8(KVAbstractImage* source, KVAbstractImage* destination, un
   const uint64_t keepBegin = static_cast<uint64_t>(left) + 1;
   const uint64_t keepEnd = static_cast<uint32_t>(width - right);
 
-  const uint64_t rowsPerThread = SaturateToUInt32(std::ceil(static_cast<double>(height) / threadCount));
-  const uint64_t firstRow = rowsPerThread * threadIndex;
-  const uint64_t endRow = std::min<uint64_t>(firstRow + rowsPerThread, height);
+  const ShareRun rows = ShareOfLinesSized(height, SaturatedShareSize(height, threadCount), threadIndex);
   const size_t limitPixels = CommonByteSize(source, destination) / kBytesPerPixel;
   const unsigned char* in = PixelBytes(source);
   unsigned char* out = PixelBytes(destination);
 
-  for (uint64_t y = firstRow; y < endRow; ++y) {
+  for (uint64_t y = rows.start; y < rows.End(); ++y) {
     const uint64_t rowStart = y * width;
     if (rowStart >= limitPixels) break;
     const uint64_t columns = std::min<uint64_t>(width, limitPixels - rowStart);

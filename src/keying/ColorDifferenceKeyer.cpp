@@ -1,20 +1,20 @@
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 #include <memory>
-#include <vector>
 
 #include <tmmintrin.h>
 
 #include <kvimage/keying.h>
 
+#include "pipeline/StageNeeds.h"
 #include "support/CPUExtensions.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
-#include "support/Threads.h"
 
 namespace kvo {
 namespace image {
@@ -143,20 +143,12 @@ void ColorDifferenceKeyer::Setup(KVAbstractImage* source) {
   const size_t pixels = image->BufferByteSize() / kBytesPerPixel;
   std::tr1::shared_ptr<unsigned char> matte = NewMatte(pixels);
   std::tr1::shared_ptr<MatteInfo> matteInfo = NewMatteInfo(cores);
-  std::vector<AutoColorDifferenceData> records(cores);
-  for (unsigned int i = 0; i < cores; ++i) {
-    AutoColorDifferenceData& record = records[i];
-    record.threadIndex = static_cast<unsigned char>(i);
-    record.image = image;
-    record.matte = matte;
-    record.matteInfo = matteInfo;
-    record.keyColor = keyColor;
-    record.saturationLimit = m_saturationLimit;
-    record.saturationSoftness = m_saturationSoftness;
-    record.threadCount = cores;
-  }
-  RunThreads(AutoColorDifferenceMatteProc, records);
-  records.clear();
+  RunParallel(cores, [&](unsigned char threadIndex, unsigned char threadCount) {
+    AutoColorDifferenceData record = {
+        threadIndex, image, matte, matteInfo, keyColor, m_saturationLimit, m_saturationSoftness, threadCount};
+    AutoColorDifferenceMatteProc(&record);
+    return 0;
+  });
 
   MatteInfo folded = {0, 0, 255, 0};
   for (unsigned int i = 0; i < cores; ++i) {
@@ -183,6 +175,11 @@ void ColorDifferenceKeyer::Setup(KVAbstractImage* source) {
   m_alphaBlendIsProduct = AlphaBlendIsProduct(m_tables);
 }
 
+// Render8 splits an 8-bit output into byte shares that cover it and writes
+// every byte of its share; other depths are refused and written not at all.
+// Setup measures the whole image.
+StageNeeds NeedsOf(const ColorDifferenceKeyer&) { return StageNeeds{IsEightBit, false}; }
+
 int ColorDifferenceKeyer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                  unsigned char threadCount) {
   const unsigned int depth = source->BitsPerChannel();
@@ -199,9 +196,7 @@ int ColorDifferenceKeyer::Render8(KVImage8* source, KVImage8* destination, unsig
   // The thread's matte run starts at index * ceil(W * H / count), which is
   // where its pixel share starts.
   const uint32_t totalPixels = source->Width() * source->Height();
-  const uint32_t pixelsPerThread =
-      SaturateToUInt32(std::ceil(static_cast<double>(totalPixels) / static_cast<double>(threadCount)));
-  const size_t matteStart = static_cast<size_t>(threadIndex) * pixelsPerThread;
+  const size_t matteStart = static_cast<size_t>(threadIndex) * SaturatedShareSize(totalPixels, threadCount);
 
   const unsigned char* in = source->Buffer() + share.start;
   unsigned char* out = destination->Buffer() + share.start;
@@ -300,24 +295,17 @@ void* AutoDetectKeyColorProc(void* data) {
 void AutoDetectKeyColor(KVImage8* image, int threadCount, KVKeyColor* result) {
   if (result == nullptr) return;
   const int threads = image == nullptr ? 0 : std::min(std::max(threadCount, 0), kMaxThreads);
-  std::vector<AutoDetectKeyColorData> records(static_cast<size_t>(threads));
-  for (int i = 0; i < threads; ++i) {
-    AutoDetectKeyColorData& record = records[static_cast<size_t>(i)];
-    record.threadIndex = static_cast<unsigned char>(i);
-    record.threadCount = static_cast<unsigned char>(threads);
-    record.image = image;
-    record.bufferSize = image->Width() * image->Height() * kBytesPerPixel;
-    record.otherCount = 0;
-    record.greenCount = 0;
-    record.blueCount = 0;
-  }
-  RunThreads(AutoDetectKeyColorProc, records);
-  uint64_t green = 0, blue = 0;
-  for (const AutoDetectKeyColorData& record : records) {
+  // Whole counts: the sums are the same in any order the threads add them.
+  std::atomic<uint64_t> green(0), blue(0);
+  RunParallel(static_cast<unsigned char>(threads), [&](unsigned char threadIndex, unsigned char threadCount) {
+    const uint32_t bufferSize = image->Width() * image->Height() * kBytesPerPixel;
+    AutoDetectKeyColorData record = {threadIndex, threadCount, image, bufferSize, 0, 0, 0};
+    AutoDetectKeyColorProc(&record);
     green += record.greenCount;
     blue += record.blueCount;
-  }
-  *result = blue > green ? kKeyColorBlue : kKeyColorGreen;
+    return 0;
+  });
+  *result = blue.load() > green.load() ? kKeyColorBlue : kKeyColorGreen;
 }
 
 namespace {

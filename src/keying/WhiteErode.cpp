@@ -1,20 +1,19 @@
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
-#include <vector>
 
 #include <emmintrin.h>
 
 #include <kvimage/keying.h>
 
 #include "keying/WhiteErodeRing.h"
+#include "pipeline/ResultCodes.h"
+#include "pipeline/StageNeeds.h"
 #include "support/Assert.h"
-#include "support/Conversions.h"
 #include "support/PixelLayout.h"
-#include "support/Threads.h"
+#include "support/ParallelPass.h"
 
 namespace kvo {
 namespace image {
@@ -41,7 +40,6 @@ namespace image {
 namespace {
 
 const size_t kStripLanes = 64;
-const int kOutOfMemoryCode = 8;
 
 enum LineShape { kCentred, kTrailing, kLeading };
 
@@ -164,18 +162,12 @@ void SlideStrip(unsigned char* s, size_t n, const LineWindow& w) {
   }
 }
 
-struct Span {
-  uint64_t begin;
-  uint64_t end;
-};
-
-Span ThreadSpan(unsigned int index, unsigned int perThread, unsigned int total) {
-  const uint64_t begin = static_cast<uint64_t>(index) * perThread;
-  return Span{begin, std::min<uint64_t>(begin + perThread, total)};
-}
-
-unsigned int PerThread(unsigned int total, unsigned int threads) {
-  return SaturateToUInt32(std::ceil(static_cast<double>(total) / static_cast<double>(threads)));
+// The record of one thread of either pass; the caller sets the share size
+// and scratch of its pass.
+ErodeWhiteData PassRecord(unsigned int threadIndex, unsigned int width, unsigned int height, unsigned char* bufferA,
+                          unsigned char* bufferB, int64_t window, KVWhiteErodeDirection direction) {
+  ErodeWhiteData record = {threadIndex, 0, 0, width, height, bufferA, bufferB, window, direction, 0, nullptr};
+  return record;
 }
 
 // The record's scratch, or one of the pass's own; null when none can be had.
@@ -189,14 +181,14 @@ unsigned char* ScratchFor(ErodeWhiteData& data, size_t lineLength, std::unique_p
 // bytes of bufferB are written from bufferA as well (Setup's copy of the
 // source fused into the pass); otherwise only its alpha bytes are written.
 int ErodeRows(ErodeWhiteData& data, bool copyColour) {
-  const Span rows = ThreadSpan(data.threadIndex, data.rowsPerThread, data.height);
-  if (rows.begin >= rows.end || data.width == 0) return 0;
+  const ShareRun rows = ShareOfLinesSized(data.height, data.rowsPerThread, data.threadIndex);
+  if (rows.count == 0 || data.width == 0) return 0;
   std::unique_ptr<unsigned char[]> owned;
   unsigned char* s = ScratchFor(data, data.width, owned);
-  if (s == nullptr) return kOutOfMemoryCode;
+  if (s == nullptr) return kResultOutOfMemory;
   const size_t n = data.width, rowBytes = n * kBytesPerPixel;
   const LineWindow w = WindowOf(n, data.window, ShapeOf(data.direction));
-  for (uint64_t y = rows.begin; y < rows.end; ++y) {
+  for (uint64_t y = rows.start; y < rows.End(); ++y) {
     const unsigned char* in = data.bufferA + y * rowBytes;
     unsigned char* out = data.bufferB + y * rowBytes;
     std::memset(s, 255, w.padded);
@@ -214,9 +206,9 @@ int ErodeRows(ErodeWhiteData& data, bool copyColour) {
 // The vertical pass without scratch, for when none can be had: every
 // output scans its window in the intermediate. Slow for wide windows, but it
 // cannot fail, so the pass always writes all of its columns.
-void ErodeColumnsByScan(const ErodeWhiteData& data, Span columns, const LineWindow& w) {
+void ErodeColumnsByScan(const ErodeWhiteData& data, ShareRun columns, const LineWindow& w) {
   const size_t height = data.height, rowBytes = static_cast<size_t>(data.width) * kBytesPerPixel;
-  for (uint64_t x = columns.begin; x < columns.end; ++x) {
+  for (uint64_t x = columns.start; x < columns.End(); ++x) {
     const unsigned char* column = data.bufferB + x * kBytesPerPixel;
     for (size_t y = 0; y < height; ++y) {
       const size_t offset = y * rowBytes + x * kBytesPerPixel;
@@ -250,25 +242,17 @@ void* HorizErodeWhiteProc(void* argument) {
   return ThreadExitValue(ErodeRows(*static_cast<ErodeWhiteData*>(argument), false));
 }
 
-namespace {
-// Setup's pass: the rows of the source eroded into the intermediate, colour
-// bytes and all.
-void* HorizErodeCopyProc(void* argument) {
-  return ThreadExitValue(ErodeRows(*static_cast<ErodeWhiteData*>(argument), true));
-}
-}  // namespace
-
 void* VertErodeWhiteProc(void* argument) {
   if (argument == nullptr) return ThreadExitValue(0);
   ErodeWhiteData& data = *static_cast<ErodeWhiteData*>(argument);
-  const Span columns = ThreadSpan(data.threadIndex, data.columnsPerThread, data.width);
-  if (columns.begin >= columns.end || data.height == 0) return ThreadExitValue(0);
+  const ShareRun columns = ShareOfLinesSized(data.width, data.columnsPerThread, data.threadIndex);
+  if (columns.count == 0 || data.height == 0) return ThreadExitValue(0);
   const size_t height = data.height, rowBytes = static_cast<size_t>(data.width) * kBytesPerPixel;
 
   if (ShapeOf(data.direction) != kCentred) {
-    const size_t stripBytes = static_cast<size_t>(columns.end - columns.begin) * kBytesPerPixel;
+    const size_t stripBytes = columns.count * kBytesPerPixel;
     for (size_t y = 0; y < height; ++y) {
-      const size_t offset = y * rowBytes + columns.begin * kBytesPerPixel;
+      const size_t offset = y * rowBytes + columns.start * kBytesPerPixel;
       if (offset >= data.bufferALimit) break;
       std::memcpy(data.bufferA + offset, data.bufferB + offset, std::min(stripBytes, data.bufferALimit - offset));
     }
@@ -282,8 +266,8 @@ void* VertErodeWhiteProc(void* argument) {
     ErodeColumnsByScan(data, columns, w);
     return ThreadExitValue(0);
   }
-  for (uint64_t first = columns.begin; first < columns.end; first += kStripLanes) {
-    const size_t count = static_cast<size_t>(std::min<uint64_t>(kStripLanes, columns.end - first));
+  for (uint64_t first = columns.start; first < columns.End(); first += kStripLanes) {
+    const size_t count = static_cast<size_t>(std::min<uint64_t>(kStripLanes, columns.End() - first));
     const size_t stripOffset = first * kBytesPerPixel;
     std::memset(s, 255, w.padded * kStripLanes);
     for (size_t y = 0; y < height; ++y) {
@@ -330,35 +314,33 @@ void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
     std::memcpy(intermediate->Buffer(), PixelBytes(source), intermediate->BufferByteSize());
   }
   if (threads != 0 && width != 0) {
-    const unsigned int rowsPerThread = PerThread(height, threads);
-    std::vector<ErodeWhiteData> records(threads);
+    const unsigned int rowsPerThread = SaturatedShareSize(height, threads);
     size_t busyThreads = 0;
     for (unsigned int t = 0; t < threads; ++t) {
-      const Span rows = ThreadSpan(t, rowsPerThread, height);
-      if (rows.begin < rows.end) busyThreads = t + 1;
+      if (ShareOfLinesSized(height, rowsPerThread, t).count != 0) busyThreads = t + 1;
     }
     // Every thread's scratch is taken here, so a failed allocation reaches the
     // caller as std::bad_alloc rather than ending a worker.
     const size_t scratchBytes = PaddedEntries(width);
     std::unique_ptr<unsigned char[]> scratch(new unsigned char[busyThreads * scratchBytes]);
-    for (unsigned int t = 0; t < threads; ++t) {
-      ErodeWhiteData& record = records[t];
-      record.threadIndex = t;
+    // The rows of the source eroded into the intermediate, colour bytes and
+    // all.
+    const int code = RunParallel(threads, [&](unsigned char threadIndex, unsigned char) {
+      ErodeWhiteData record =
+          PassRecord(threadIndex, width, height, PixelBytes(source), intermediate->Buffer(), m_window, m_direction);
       record.rowsPerThread = rowsPerThread;
-      record.columnsPerThread = 0;
-      record.width = width;
-      record.height = height;
-      record.bufferA = PixelBytes(source);
-      record.bufferB = intermediate->Buffer();
-      record.window = m_window;
-      record.direction = m_direction;
-      record.bufferALimit = 0;
-      record.scratch = t < busyThreads ? scratch.get() + t * scratchBytes : nullptr;
-    }
-    if (RunThreads(HorizErodeCopyProc, records) == kOutOfMemoryCode) throw std::bad_alloc();
+      record.scratch = threadIndex < busyThreads ? scratch.get() + threadIndex * scratchBytes : nullptr;
+      return ErodeRows(record, true);
+    });
+    if (code == kResultOutOfMemory) throw std::bad_alloc();
   }
   m_intermediate = intermediate;
 }
+
+// Once Setup has made the intermediate, the column shares cover the output
+// and each writes every byte of its columns (eroding by scan when no scratch
+// can be had); inputs other than 8-bit BGRA abort.
+StageNeeds NeedsOf(const WhiteErodeRenderer&) { return StageNeeds{IsEightBitBGRA, false}; }
 
 int WhiteErodeRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                unsigned char threadCount) {
@@ -372,23 +354,15 @@ int WhiteErodeRenderer::Render8(KVAbstractImage*, KVAbstractImage* destination, 
                                 unsigned char threadCount) {
   const std::tr1::shared_ptr<KVImage8> intermediate = m_intermediate;
   if (!intermediate || threadCount == 0) return 0;
-  ErodeWhiteData record;
-  record.threadIndex = threadIndex;
-  record.rowsPerThread = 0;
-  record.columnsPerThread = PerThread(intermediate->Width(), threadCount);
-  record.width = intermediate->Width();
-  record.height = intermediate->Height();
-  record.bufferA = PixelBytes(destination);
-  record.bufferB = intermediate->Buffer();
-  record.window = m_window;
-  record.direction = m_direction;
+  ErodeWhiteData record = PassRecord(threadIndex, intermediate->Width(), intermediate->Height(),
+                                     PixelBytes(destination), intermediate->Buffer(), m_window, m_direction);
+  record.columnsPerThread = SaturatedShareSize(intermediate->Width(), threadCount);
   record.bufferALimit = destination->BufferByteSize();
-  record.scratch = nullptr;
   // Without scratch the pass scans instead: it writes all its columns
   // whatever memory is left.
   std::unique_ptr<unsigned char[]> scratch;
-  const Span columns = ThreadSpan(threadIndex, record.columnsPerThread, record.width);
-  if (ShapeOf(m_direction) == kCentred && columns.begin < columns.end) {
+  if (ShapeOf(m_direction) == kCentred &&
+      ShareOfLinesSized(record.width, record.columnsPerThread, threadIndex).count != 0) {
     scratch.reset(new (std::nothrow) unsigned char[WhiteErodeScratchBytes(record.height, 1)]);
     record.scratch = scratch.get();
   }

@@ -1,15 +1,14 @@
 #include <tr1/memory>
-#include <vector>
 
 #include <kvimage/colour.h>
 #include <kvimage/compositing.h>
 #include <kvimage/pipeline.h>
 
 #include "pipeline/Catalogue.h"
+#include "pipeline/RenderLoop.h"
 #include "pipeline/RendererQueue.h"
 #include "pipeline/ResultCodes.h"
 #include "support/CPUExtensions.h"
-#include "support/Threads.h"
 
 namespace kvo {
 namespace image {
@@ -17,18 +16,23 @@ namespace image {
 struct KVImageCompositor_Private {
   KVImageCompositor_Private(KVAbstractImage* backgroundImage, double backgroundOpacity,
                             kvo::KVLookupTables& lookupTables, KVDownsampleFactor downsampleFactor)
-      : background(backgroundImage), opacity(backgroundOpacity), tables(lookupTables), factor(downsampleFactor) {}
+      : background(backgroundImage),
+        opacity(backgroundOpacity),
+        tables(lookupTables),
+        factor(downsampleFactor),
+        queue(kInPlaceOnDestination) {}
 
   KVAbstractImage* background;
   double opacity;
   kvo::KVLookupTables& tables;
   KVDownsampleFactor factor;
-  std::vector<std::tr1::shared_ptr<AbstractCompositor> > queue;
+  // Every stage works in place on the background: no intermediates.
+  StageQueue queue;
 
-  int Append(AbstractCompositor* stage) {
-    std::tr1::shared_ptr<AbstractCompositor> held(stage);
-    queue.push_back(held);
-    return kResultSuccess;
+  // Takes ownership of stage and appends it; returns 0.
+  template <class Stage>
+  int Append(Stage* stage) {
+    return queue.Append(stage);
   }
 };
 
@@ -58,7 +62,7 @@ KVImageCompositor::KVImageCompositor(std::tr1::shared_ptr<KVAbstractImage> backg
 
 KVImageCompositor::~KVImageCompositor() {
   try {
-    m_private->queue.clear();
+    m_private->queue.Clear();
   } catch (std::exception&) {
   }
   delete m_private;
@@ -66,37 +70,16 @@ KVImageCompositor::~KVImageCompositor() {
 
 KVAbstractImage* KVImageCompositor::BackgroundLayer() const { return m_private->background; }
 
-unsigned short KVImageCompositor::RenderQueueCount() const {
-  return static_cast<unsigned short>(m_private->queue.size());
-}
+unsigned short KVImageCompositor::RenderQueueCount() const { return m_private->queue.Count(); }
 
 int KVImageCompositor::ClearRenderQueue() {
   return GuardedCall([&] {
-    m_private->queue.clear();
+    m_private->queue.Clear();
     return kResultSuccess;
   });
 }
 
-int KVImageCompositor::Render() {
-  return GuardedCall([&] {
-    const unsigned char threadCount = PassThreadCount();
-    int result = kResultSuccess;
-    for (size_t i = 0; i < m_private->queue.size(); ++i) {
-      const std::tr1::shared_ptr<AbstractCompositor> stage = m_private->queue[i];
-      stage->Setup(m_private->background);
-      std::vector<CompositeThreadData> records(threadCount);
-      for (unsigned char t = 0; t < threadCount; ++t) {
-        records[t].threadIndex = t;
-        records[t].threadCount = threadCount;
-        records[t].background = m_private->background;
-        records[t].compositor = stage;
-      }
-      const int code = RunThreads(CompositeRenderWorkerThread, records);
-      if (code != 0) result = code;
-    }
-    return result;
-  });
-}
+int KVImageCompositor::Render() { return m_private->queue.Render(m_private->background, m_private->background); }
 
 int KVImageCompositor::AddLayer(KVAbstractImage* layer, double opacity, KVBlendMode blendMode,
                                 KVCompositeType compositeType) {
@@ -151,17 +134,6 @@ int KVImageCompositor::AddShadowCastLayer(std::tr1::shared_ptr<KVAbstractImage> 
                                           unsigned int radius, double amount, KVPixel8_RGB colour, KVBlendMode mode,
                                           bool flag, KVDownsampleFactor factor) {
   return AddShadowCastLayer(layer.get(), bounds, corners, radius, amount, colour, mode, flag, factor);
-}
-
-void* CompositeRenderWorkerThread(void* data) {
-  CompositeThreadData* record = static_cast<CompositeThreadData*>(data);
-  if (record == nullptr) return ThreadExitValue(0);
-  try {
-    record->compositor->Render(record->background, record->threadIndex, record->threadCount);
-  } catch (std::exception& e) {
-    return ThreadExitValue(kvo::ConvertExceptionToKVerr(e, kWorkerThreadDefaultCode));
-  }
-  return ThreadExitValue(0);
 }
 
 }  // namespace image

@@ -23,7 +23,7 @@ KVImageKeyer::KVImageKeyer(std::tr1::shared_ptr<KVAbstractImage> source,
 
 KVImageKeyer::~KVImageKeyer() {
   try {
-    m_private->queue.clear();
+    m_private->queue.Clear();
   } catch (std::exception&) {
   }
   delete m_private;
@@ -32,9 +32,7 @@ KVImageKeyer::~KVImageKeyer() {
 KVAbstractImage* KVImageKeyer::SourceImage() const { return m_private->source; }
 unsigned short KVImageKeyer::RenderQueueCount() const { return m_private->Count(); }
 int KVImageKeyer::ClearRenderQueue() { return m_private->Clear(); }
-int KVImageKeyer::Render() { return m_private->Render(KeyRenderWorkerThread); }
-
-void* KeyRenderWorkerThread(void* data) { return RunRenderThreadData(static_cast<RenderThreadData*>(data)); }
+int KVImageKeyer::Render() { return m_private->Render(); }
 
 namespace {
 // The code the setter's catalogue row refuses these arguments with, or 0.

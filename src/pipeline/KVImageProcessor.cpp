@@ -29,7 +29,7 @@ KVImageProcessor::KVImageProcessor(std::tr1::shared_ptr<KVAbstractImage> source,
 
 KVImageProcessor::~KVImageProcessor() {
   try {
-    m_private->queue.clear();
+    m_private->queue.Clear();
   } catch (std::exception&) {
   }
   delete m_private;
@@ -38,9 +38,7 @@ KVImageProcessor::~KVImageProcessor() {
 KVAbstractImage* KVImageProcessor::SourceImage() const { return m_private->source; }
 unsigned short KVImageProcessor::RenderQueueCount() const { return m_private->Count(); }
 int KVImageProcessor::ClearRenderQueue() { return m_private->Clear(); }
-int KVImageProcessor::Render() { return m_private->Render(ProcessorRenderWorkerThread); }
-
-void* ProcessorRenderWorkerThread(void* data) { return RunRenderThreadData(static_cast<RenderThreadData*>(data)); }
+int KVImageProcessor::Render() { return m_private->Render(); }
 
 int KVImageProcessor::SetOpacity(double opacity) {
   return GuardedCall([&] {

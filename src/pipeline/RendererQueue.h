@@ -3,10 +3,7 @@
 
 #include <kvimage/pipeline.h>
 
-#include <tr1/memory>
-#include <vector>
-
-#include "support/Threads.h"
+#include "pipeline/RenderLoop.h"
 
 namespace kvo {
 namespace image {
@@ -15,47 +12,49 @@ namespace image {
 // truncated toward zero.
 unsigned int ScaledRadius(unsigned int radius, KVDownsampleFactor factor);
 
-// The state and queue algorithm shared by the image processor and the keyer.
+// The state shared by the image processor and the keyer: their images, tables
+// and resolution, and the queue a render runs from the source through
+// intermediates to the destination.
 struct RendererQueue {
   RendererQueue(KVAbstractImage* sourceImage, KVAbstractImage* destinationImage, kvo::KVLookupTables& lookupTables,
                 KVDownsampleFactor downsampleFactor)
-      : source(sourceImage), destination(destinationImage), tables(lookupTables), factor(downsampleFactor) {}
+      : source(sourceImage),
+        destination(destinationImage),
+        tables(lookupTables),
+        factor(downsampleFactor),
+        queue(kChainThroughIntermediates) {}
 
   KVAbstractImage* source;
   KVAbstractImage* destination;
   kvo::KVLookupTables& tables;
   KVDownsampleFactor factor;
-  std::vector<std::tr1::shared_ptr<AbstractRenderer> > queue;
-  // Intermediate images a render has finished with, kept (at most two) for
-  // the next intermediate of the same shape, in this render or a later one:
-  // their pages are already mapped and often still cached.
-  std::vector<std::tr1::shared_ptr<KVAbstractImage> > spareImages;
+  StageQueue queue;
 
   // Takes ownership of stage and appends it; returns 0.
-  int Append(AbstractRenderer* stage);
-  unsigned short Count() const;
+  template <class Stage>
+  int Append(Stage* stage) {
+    return queue.Append(stage);
+  }
+  unsigned short Count() const { return queue.Count(); }
   // A radius in the front end's resolution: radius * DownsampleValue(factor),
   // truncated toward zero.
-  unsigned int ScaledRadius(unsigned int radius) const;
-  int Clear();
-  // Runs every stage in order: stage 0 reads the source, each stage but the
-  // last writes a fresh zero-filled image that the next one reads and that is
-  // released one stage later, and the last writes the destination. Returns
-  // the last non-zero thread code; thread failures and exceptions from Setup
-  // become result codes.
-  int Render(ThreadEntry workerEntry);
+  unsigned int ScaledRadius(unsigned int radius) const { return image::ScaledRadius(radius, factor); }
+  int Clear() {
+    return GuardedCall([&] {
+      queue.Clear();
+      return kResultSuccess;
+    });
+  }
+  int Render() { return queue.Render(source, destination); }
 };
 
-// The private records of the processor and the keyer: the same queue.
+// The private records of the processor and the keyer: the same state.
 struct KVImageProcessor_Private : RendererQueue {
   using RendererQueue::RendererQueue;
 };
 struct KVImageKeyer_Private : RendererQueue {
   using RendererQueue::RendererQueue;
 };
-
-// The body of both renderer worker entries.
-void* RunRenderThreadData(RenderThreadData* data);
 
 }  // namespace image
 }  // namespace kvo

@@ -24,10 +24,6 @@ void ShareOf(uint32_t total, uint32_t share, unsigned char threadIndex, unsigned
   }
 }
 
-uint32_t PixelsPerShare(uint32_t totalPixels, unsigned char threadCount) {
-  return SaturateToUInt32(std::ceil(static_cast<double>(totalPixels) / static_cast<double>(threadCount)));
-}
-
 ShareRun Cut(unsigned long start, unsigned long count, size_t limit) {
   ShareRun run = {0, 0};
   if (start >= limit) return run;
@@ -41,14 +37,14 @@ ShareRun Cut(unsigned long start, unsigned long count, size_t limit) {
 void GetPixelsPerThread(unsigned int width, unsigned int height, unsigned char threadIndex, unsigned char threadCount,
                         unsigned long& start, unsigned long& count) {
   const uint32_t total = width * height;
-  ShareOf(total, PixelsPerShare(total, threadCount), threadIndex, threadCount, start, count);
+  ShareOf(total, SaturatedShareSize(total, threadCount), threadIndex, threadCount, start, count);
 }
 
 void GetBufferSizePerThread(unsigned int width, unsigned int height, unsigned char threadIndex,
                             unsigned char threadCount, unsigned long& start, unsigned long& count) {
   const uint32_t total = width * height;
-  ShareOf(total * kBytesPerPixel, PixelsPerShare(total, threadCount) * kBytesPerPixel, threadIndex, threadCount, start,
-          count);
+  ShareOf(total * kBytesPerPixel, SaturatedShareSize(total, threadCount) * kBytesPerPixel, threadIndex, threadCount,
+          start, count);
 }
 
 ShareRun PixelShare(unsigned int width, unsigned int height, unsigned char threadIndex, unsigned char threadCount,
@@ -63,6 +59,10 @@ ShareRun ByteShare(unsigned int width, unsigned int height, unsigned char thread
   unsigned long start = 0, count = 0;
   GetBufferSizePerThread(width, height, threadIndex, threadCount, start, count);
   return Cut(start, count, limitBytes);
+}
+
+uint32_t SaturatedShareSize(uint32_t total, unsigned int threadCount) {
+  return SaturateToUInt32(std::ceil(static_cast<double>(total) / static_cast<double>(threadCount)));
 }
 
 uint32_t LinesPerThread(uint32_t total, uint32_t threads) {

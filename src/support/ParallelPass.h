@@ -32,6 +32,11 @@ ShareRun PixelShare(unsigned int width, unsigned int height, unsigned char threa
 ShareRun ByteShare(unsigned int width, unsigned int height, unsigned char threadIndex, unsigned char threadCount,
                    size_t limitBytes);
 
+// ceil(total / threadCount) in double precision, saturated to 32 bits: the
+// share size of GetPixelsPerThread, and the rows or columns per thread of the
+// matte clean-up stages.
+uint32_t SaturatedShareSize(uint32_t total, unsigned int threadCount);
+
 // Lines (rows or columns) per thread: ceil(total / threads) in double
 // precision, truncated; 0 threads give 0.
 uint32_t LinesPerThread(uint32_t total, uint32_t threads);
