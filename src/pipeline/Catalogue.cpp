@@ -3,13 +3,13 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <kvimage/kvimage.h>
 
 #include "pipeline/ResultCodes.h"
-#include "support/Assert.h"
 
 namespace kvo {
 namespace image {
@@ -552,7 +552,8 @@ const KVSetterInfo* FindSetter(KVFrontEnd frontEnd, const char* name) {
 
 const KVSetterInfo& CatalogueRow(KVFrontEnd frontEnd, const char* name) {
   const KVSetterInfo* row = FindSetter(frontEnd, name);
-  KV_ASSERT(row != nullptr, "Catalogue", 1, "setter in the catalogue");
+  // Only a setter missing from the catalogue gets here: a fault of the engine.
+  if (row == nullptr) throw std::logic_error(std::string("no catalogue row for ") + name);
   return *row;
 }
 
