@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "TestSupport.h"
-#include "pipeline/RendererQueue.h"
+#include "pipeline/FrontEndState.h"
 
 using namespace kvo::image;
 using kvtest::GuardedImage;
@@ -44,11 +44,11 @@ template struct PrivateAccess<ProcessorRecord, &KVImageProcessor::m_private>;
 template struct PrivateAccess<KeyerRecord, &KVImageKeyer::m_private>;
 
 void Queue(KVImageProcessor& processor, RendererPtr stage) {
-  RendererQueue* queue = processor.*Get(ProcessorRecord());
+  FrontEndState* queue = processor.*Get(ProcessorRecord());
   queue->queue.Append(QueuedStage(stage));
 }
 void Queue(KVImageKeyer& keyer, RendererPtr stage) {
-  RendererQueue* queue = keyer.*Get(KeyerRecord());
+  FrontEndState* queue = keyer.*Get(KeyerRecord());
   queue->queue.Append(QueuedStage(stage));
 }
 

@@ -4,48 +4,19 @@
 #include <kvimage/compositing.h>
 #include <kvimage/pipeline.h>
 
-#include "pipeline/Catalogue.h"
 #include "pipeline/RenderLoop.h"
-#include "pipeline/RendererQueue.h"
+#include "pipeline/FrontEndState.h"
 #include "pipeline/ResultCodes.h"
 #include "support/CPUExtensions.h"
 
 namespace kvo {
 namespace image {
 
-struct KVImageCompositor_Private {
-  KVImageCompositor_Private(KVAbstractImage* backgroundImage, double backgroundOpacity,
-                            kvo::KVLookupTables& lookupTables, KVDownsampleFactor downsampleFactor)
-      : background(backgroundImage),
-        opacity(backgroundOpacity),
-        tables(lookupTables),
-        factor(downsampleFactor),
-        queue(kInPlaceOnDestination) {}
-
-  KVAbstractImage* background;
-  double opacity;
-  kvo::KVLookupTables& tables;
-  KVDownsampleFactor factor;
-  // Every stage works in place on the background: no intermediates.
-  StageQueue queue;
-
-  // Takes ownership of stage and appends it; returns 0.
-  template <class Stage>
-  int Append(Stage* stage) {
-    return queue.Append(stage);
-  }
-};
-
 namespace {
-// The code the setter's catalogue row refuses these arguments with, or 0.
-int Refused(const char* setter, std::initializer_list<double> arguments, const KVAbstractImage* layer,
-            const KVAbstractImage* background) {
-  return RefusedArguments(CatalogueRow(kFrontEndCompositor, setter), arguments, layer, background);
-}
-
 KVImageCompositor_Private* NewCompositorState(KVAbstractImage* background, double opacity,
                                               kvo::KVLookupTables& tables, KVDownsampleFactor factor) {
-  KVImageCompositor_Private* state = new KVImageCompositor_Private(background, opacity, tables, factor);
+  KVImageCompositor_Private* state = 
+      new KVImageCompositor_Private(kFrontEndCompositor, background, background, tables, factor);
   // The background is faded once, here, not at each render.
   if (opacity < 1.0) ChangeLayerOpacity(background, opacity);
   return state;
@@ -61,31 +32,23 @@ KVImageCompositor::KVImageCompositor(std::tr1::shared_ptr<KVAbstractImage> backg
     : m_private(NewCompositorState(background.get(), opacity, tables, factor)) {}
 
 KVImageCompositor::~KVImageCompositor() {
-  try {
-    m_private->queue.Clear();
-  } catch (std::exception&) {
-  }
+  m_private->ReleaseQueue();
   delete m_private;
 }
 
-KVAbstractImage* KVImageCompositor::BackgroundLayer() const { return m_private->background; }
+KVAbstractImage* KVImageCompositor::BackgroundLayer() const { return m_private->destination; }
 
-unsigned short KVImageCompositor::RenderQueueCount() const { return m_private->queue.Count(); }
+unsigned short KVImageCompositor::RenderQueueCount() const { return m_private->Count(); }
 
-int KVImageCompositor::ClearRenderQueue() {
-  return GuardedCall([&] {
-    m_private->queue.Clear();
-    return kResultSuccess;
-  });
-}
+int KVImageCompositor::ClearRenderQueue() { return m_private->Clear(); }
 
-int KVImageCompositor::Render() { return m_private->queue.Render(m_private->background, m_private->background); }
+int KVImageCompositor::Render() { return m_private->Render(); }
 
 int KVImageCompositor::AddLayer(KVAbstractImage* layer, double opacity, KVBlendMode blendMode,
                                 KVCompositeType compositeType) {
   return GuardedCall([&] {
     // NaN passes: the stage clamps the weighted alpha it makes of it to 0.
-    if (const int refusal = Refused("AddLayer", {0, opacity}, layer, m_private->background)) return refusal;
+    if (const int refusal = m_private->Refused("AddLayer", {0, opacity}, layer)) return refusal;
     return m_private->Append(new LayerCompositor(layer, opacity, compositeType, blendMode, m_private->tables));
   });
 }
@@ -98,13 +61,12 @@ int KVImageCompositor::AddLayer(std::tr1::shared_ptr<KVAbstractImage> layer, dou
 int KVImageCompositor::AddLightSpillLayer(KVAbstractImage* layer, int radius, double amount, KVBlendMode mode,
                                           KVDownsampleFactor factor) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("AddLightSpillLayer", {0, static_cast<double>(radius)}, layer,
-                                    m_private->background)) {
+    if (const int refusal = m_private->Refused("AddLightSpillLayer", {0, static_cast<double>(radius)}, layer)) {
       return refusal;
     }
     const kvtl::CPUExtensions extensions = DetectedCPUExtensions();
     // Scaled by this compositor's factor; the stage keeps the one passed here.
-    const unsigned int scaledRadius = ScaledRadius(static_cast<unsigned int>(radius), m_private->factor);
+    const unsigned int scaledRadius = m_private->ScaledRadius(static_cast<unsigned int>(radius));
     return m_private->Append(new LightSpillLayerCompositor(layer, scaledRadius, amount, mode, factor,
                                                            m_private->tables, extensions));
   });
@@ -124,7 +86,7 @@ int KVImageCompositor::AddShadowCastLayer(KVAbstractImage* layer, const kvo::mat
     const kvo::maths::KVRect rectangle = bounds;
     const kvo::maths::KVQuad quad = corners;
     return m_private->Append(new ShadowCastCompositor(layer, rectangle, quad,
-                                                      ScaledRadius(radius, m_private->factor), amount, colour, mode,
+                                                      m_private->ScaledRadius(radius), amount, colour, mode,
                                                       flag, factor, m_private->tables, extensions));
   });
 }

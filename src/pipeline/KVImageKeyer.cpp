@@ -3,8 +3,7 @@
 #include <kvimage/keying.h>
 #include <kvimage/pipeline.h>
 
-#include "pipeline/Catalogue.h"
-#include "pipeline/RendererQueue.h"
+#include "pipeline/FrontEndState.h"
 #include "pipeline/ResultCodes.h"
 #include "support/CPUExtensions.h"
 #include "support/Conversions.h"
@@ -14,18 +13,15 @@ namespace image {
 
 KVImageKeyer::KVImageKeyer(KVAbstractImage* source, KVAbstractImage* destination, kvo::KVLookupTables& tables,
                            KVDownsampleFactor factor)
-    : m_private(new KVImageKeyer_Private(source, destination, tables, factor)) {}
+    : m_private(new KVImageKeyer_Private(kFrontEndKeyer, source, destination, tables, factor)) {}
 
 KVImageKeyer::KVImageKeyer(std::tr1::shared_ptr<KVAbstractImage> source,
                            std::tr1::shared_ptr<KVAbstractImage> destination, kvo::KVLookupTables& tables,
                            KVDownsampleFactor factor)
-    : m_private(new KVImageKeyer_Private(source.get(), destination.get(), tables, factor)) {}
+    : m_private(new KVImageKeyer_Private(kFrontEndKeyer, source.get(), destination.get(), tables, factor)) {}
 
 KVImageKeyer::~KVImageKeyer() {
-  try {
-    m_private->queue.Clear();
-  } catch (std::exception&) {
-  }
+  m_private->ReleaseQueue();
   delete m_private;
 }
 
@@ -34,17 +30,10 @@ unsigned short KVImageKeyer::RenderQueueCount() const { return m_private->Count(
 int KVImageKeyer::ClearRenderQueue() { return m_private->Clear(); }
 int KVImageKeyer::Render() { return m_private->Render(); }
 
-namespace {
-// The code the setter's catalogue row refuses these arguments with, or 0.
-int Refused(const char* setter, std::initializer_list<double> arguments) {
-  return RefusedArguments(CatalogueRow(kFrontEndKeyer, setter), arguments);
-}
-}  // namespace
-
 int KVImageKeyer::SetAutoColorDifferenceKey(KVKeyColor keyColor, double balance, double saturationLimit,
                                             double saturationSoftness) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetAutoColorDifferenceKey", {static_cast<double>(keyColor), balance, saturationLimit, saturationSoftness})) return refusal;
+    if (const int refusal = m_private->Refused("SetAutoColorDifferenceKey", {static_cast<double>(keyColor), balance, saturationLimit, saturationSoftness})) return refusal;
     return m_private->Append(
         new ColorDifferenceKeyer(keyColor, balance, saturationLimit, saturationSoftness, m_private->tables));
   });
@@ -53,7 +42,7 @@ int KVImageKeyer::SetAutoColorDifferenceKey(KVKeyColor keyColor, double balance,
 // Stretches the matte: a super contrast on alpha only.
 int KVImageKeyer::SetAlphaSuperContrast(double low, double high) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetAlphaSuperContrast", {low, high})) return refusal;
+    if (const int refusal = m_private->Refused("SetAlphaSuperContrast", {low, high})) return refusal;
     return m_private->Append(new SuperContrastRenderer(low, high, kChannelsAlpha, DetectedCPUExtensions()));
   });
 }
@@ -61,7 +50,7 @@ int KVImageKeyer::SetAlphaSuperContrast(double low, double high) {
 int KVImageKeyer::SetSpillSuppression(KVChannel channel, KVSpillType spillType, double amount, double redFactor,
                                       double greenFactor, double blueFactor, double referenceFactor) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetSpillSuppression", {0, 0, amount})) return refusal;
+    if (const int refusal = m_private->Refused("SetSpillSuppression", {0, 0, amount})) return refusal;
     return m_private->Append(
         new SpillSuppressor(channel, spillType, amount, redFactor, greenFactor, blueFactor, referenceFactor));
   });
@@ -69,14 +58,14 @@ int KVImageKeyer::SetSpillSuppression(KVChannel channel, KVSpillType spillType, 
 
 int KVImageKeyer::SetAlphaCrop(double left, double top, double right, double bottom) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetAlphaCrop", {left, top, right, bottom})) return refusal;
+    if (const int refusal = m_private->Refused("SetAlphaCrop", {left, top, right, bottom})) return refusal;
     return m_private->Append(new AlphaCrop(left, top, right, bottom));
   });
 }
 
 int KVImageKeyer::SetWhiteErode(KVWhiteErodeDirection direction, int size) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetWhiteErode", {0, static_cast<double>(size)})) return refusal;
+    if (const int refusal = m_private->Refused("SetWhiteErode", {0, static_cast<double>(size)})) return refusal;
     const int scaled = TruncateToInt(size * DownsampleValue(m_private->factor));
     return m_private->Append(new WhiteErodeRenderer(direction, scaled));
   });
@@ -88,7 +77,7 @@ int KVImageKeyer::SetYUVBlur(unsigned int radius, KVYUVBlurType type) {
 
 int KVImageKeyer::SetAlphaStackBlur(unsigned int radius, bool horizontal, bool vertical) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetAlphaStackBlur", {0, horizontal ? 1.0 : 0.0, vertical ? 1.0 : 0.0})) return refusal;
+    if (const int refusal = m_private->Refused("SetAlphaStackBlur", {0, horizontal ? 1.0 : 0.0, vertical ? 1.0 : 0.0})) return refusal;
     return m_private->Append(
         new StackBlurRenderer(m_private->ScaledRadius(radius), horizontal, vertical, kChannelsAlpha));
   });

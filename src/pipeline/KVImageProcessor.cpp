@@ -2,8 +2,7 @@
 #include <kvimage/colour.h>
 #include <kvimage/pipeline.h>
 
-#include "pipeline/Catalogue.h"
-#include "pipeline/RendererQueue.h"
+#include "pipeline/FrontEndState.h"
 #include "pipeline/ResultCodes.h"
 #include "support/CPUExtensions.h"
 #include "support/Conversions.h"
@@ -11,27 +10,17 @@
 namespace kvo {
 namespace image {
 
-namespace {
-// The code the setter's catalogue row refuses these arguments with, or 0.
-int Refused(const char* setter, std::initializer_list<double> arguments) {
-  return RefusedArguments(CatalogueRow(kFrontEndProcessor, setter), arguments);
-}
-}  // namespace
-
 KVImageProcessor::KVImageProcessor(KVAbstractImage* source, KVAbstractImage* destination, kvo::KVLookupTables& tables,
                                    KVDownsampleFactor factor)
-    : m_private(new KVImageProcessor_Private(source, destination, tables, factor)) {}
+    : m_private(new KVImageProcessor_Private(kFrontEndProcessor, source, destination, tables, factor)) {}
 
 KVImageProcessor::KVImageProcessor(std::tr1::shared_ptr<KVAbstractImage> source,
                                    std::tr1::shared_ptr<KVAbstractImage> destination, kvo::KVLookupTables& tables,
                                    KVDownsampleFactor factor)
-    : m_private(new KVImageProcessor_Private(source.get(), destination.get(), tables, factor)) {}
+    : m_private(new KVImageProcessor_Private(kFrontEndProcessor, source.get(), destination.get(), tables, factor)) {}
 
 KVImageProcessor::~KVImageProcessor() {
-  try {
-    m_private->queue.Clear();
-  } catch (std::exception&) {
-  }
+  m_private->ReleaseQueue();
   delete m_private;
 }
 
@@ -42,7 +31,7 @@ int KVImageProcessor::Render() { return m_private->Render(); }
 
 int KVImageProcessor::SetOpacity(double opacity) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetOpacity", {opacity})) return refusal;
+    if (const int refusal = m_private->Refused("SetOpacity", {opacity})) return refusal;
     return m_private->Append(new OpacityRenderer(opacity, DetectedCPUExtensions()));
   });
 }
@@ -61,14 +50,14 @@ int KVImageProcessor::SetMatteView() {
 
 int KVImageProcessor::SetBrightness(double brightness, KVChannelsToProcess channels) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetBrightness", {brightness, static_cast<double>(channels)})) return refusal;
+    if (const int refusal = m_private->Refused("SetBrightness", {brightness, static_cast<double>(channels)})) return refusal;
     return m_private->Append(new BrightnessRenderer(brightness, channels, DetectedCPUExtensions()));
   });
 }
 
 int KVImageProcessor::SetContrast(double contrast, KVChannelsToProcess channels) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetContrast", {contrast, static_cast<double>(channels)})) return refusal;
+    if (const int refusal = m_private->Refused("SetContrast", {contrast, static_cast<double>(channels)})) return refusal;
     return m_private->Append(new ContrastRenderer(contrast, channels, DetectedCPUExtensions()));
   });
 }
@@ -76,21 +65,21 @@ int KVImageProcessor::SetContrast(double contrast, KVChannelsToProcess channels)
 // Neither the channel selection nor low <= high is checked.
 int KVImageProcessor::SetSuperContrast(double low, double high, KVChannelsToProcess channels) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetSuperContrast", {low, high})) return refusal;
+    if (const int refusal = m_private->Refused("SetSuperContrast", {low, high})) return refusal;
     return m_private->Append(new SuperContrastRenderer(low, high, channels, DetectedCPUExtensions()));
   });
 }
 
 int KVImageProcessor::SetColorBalance(double red, double green, double blue) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetColorBalance", {red, green, blue})) return refusal;
+    if (const int refusal = m_private->Refused("SetColorBalance", {red, green, blue})) return refusal;
     return m_private->Append(new ColorBalanceRenderer(red, green, blue, DetectedCPUExtensions()));
   });
 }
 
 int KVImageProcessor::SetColorTemperature(double kelvin) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetColorTemperature", {kelvin})) return refusal;
+    if (const int refusal = m_private->Refused("SetColorTemperature", {kelvin})) return refusal;
     return m_private->Append(new ColorTemperatureRenderer(kelvin));
   });
 }
@@ -98,21 +87,21 @@ int KVImageProcessor::SetColorTemperature(double kelvin) {
 // The saturation stage keeps the processor's division table.
 int KVImageProcessor::SetSaturation(double saturation) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetSaturation", {saturation})) return refusal;
+    if (const int refusal = m_private->Refused("SetSaturation", {saturation})) return refusal;
     return m_private->Append(new SaturationRenderer(saturation, m_private->tables.DivideBy255Table()));
   });
 }
 
 int KVImageProcessor::SetHueShift(double shift, double amount) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetHueShift", {shift, amount})) return refusal;
+    if (const int refusal = m_private->Refused("SetHueShift", {shift, amount})) return refusal;
     return m_private->Append(new HueShiftRenderer(shift, amount));
   });
 }
 
 int KVImageProcessor::SetHueColorize(double hue, double amount) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetHueColorize", {hue, amount})) return refusal;
+    if (const int refusal = m_private->Refused("SetHueColorize", {hue, amount})) return refusal;
     return m_private->Append(new HueColorizeRenderer(hue, amount));
   });
 }
@@ -120,21 +109,21 @@ int KVImageProcessor::SetHueColorize(double hue, double amount) {
 // The type is not checked: every value outside the named tones is warm.
 int KVImageProcessor::SetTint(KVTintType type, double amount) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetTint", {static_cast<double>(type), amount})) return refusal;
+    if (const int refusal = m_private->Refused("SetTint", {static_cast<double>(type), amount})) return refusal;
     return m_private->Append(new TintRenderer(type, amount));
   });
 }
 
 int KVImageProcessor::SetThreeStripColor(double a, double b, double c) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetThreeStripColor", {a, b, c})) return refusal;
+    if (const int refusal = m_private->Refused("SetThreeStripColor", {a, b, c})) return refusal;
     return m_private->Append(new ThreeStripColorRenderer(a, b, c));
   });
 }
 
 int KVImageProcessor::SetStackBlur(unsigned int radius, bool horizontal, bool vertical, KVChannelsToProcess channels) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetStackBlur", {0, horizontal ? 1.0 : 0.0, vertical ? 1.0 : 0.0})) return refusal;
+    if (const int refusal = m_private->Refused("SetStackBlur", {0, horizontal ? 1.0 : 0.0, vertical ? 1.0 : 0.0})) return refusal;
     return m_private->Append(new StackBlurRenderer(m_private->ScaledRadius(radius), horizontal, vertical, channels));
   });
 }
@@ -147,7 +136,7 @@ int KVImageProcessor::SetBoundedStackBlur(unsigned int radius, bool horizontal, 
                                           KVChannelsToProcess channels, const kvo::maths::KVRect& rect,
                                           double feather) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetBoundedStackBlur", {0, horizontal ? 1.0 : 0.0, vertical ? 1.0 : 0.0})) return refusal;
+    if (const int refusal = m_private->Refused("SetBoundedStackBlur", {0, horizontal ? 1.0 : 0.0, vertical ? 1.0 : 0.0})) return refusal;
     return m_private->Append(
         new BoundedStackBlurRenderer(m_private->ScaledRadius(radius), horizontal, vertical, channels, rect, feather));
   });
@@ -157,7 +146,7 @@ int KVImageProcessor::SetBoundedStackBlur(unsigned int radius, bool horizontal, 
 // processor scales the radius.
 int KVImageProcessor::SetDefocus(unsigned int radius, double amount, double blurParameter) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetDefocus", {0, amount})) return refusal;
+    if (const int refusal = m_private->Refused("SetDefocus", {0, amount})) return refusal;
     return m_private->Append(
         new DefocusRenderer(radius, amount, blurParameter, m_private->factor, m_private->tables));
   });
@@ -165,7 +154,7 @@ int KVImageProcessor::SetDefocus(unsigned int radius, double amount, double blur
 
 int KVImageProcessor::SetDiffuse(unsigned int radius, double amount, double blurParameter) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetDiffuse", {0, amount})) return refusal;
+    if (const int refusal = m_private->Refused("SetDiffuse", {0, amount})) return refusal;
     return m_private->Append(
         new DiffuseRenderer(radius, amount, blurParameter, m_private->factor, m_private->tables));
   });
@@ -173,7 +162,7 @@ int KVImageProcessor::SetDiffuse(unsigned int radius, double amount, double blur
 
 int KVImageProcessor::SetSharpen(unsigned int radius, double amount, double threshold, double blurParameter) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetSharpen", {0, amount, threshold})) return refusal;
+    if (const int refusal = m_private->Refused("SetSharpen", {0, amount, threshold})) return refusal;
     return m_private->Append(
         new SharpenRenderer(radius, amount, threshold, blurParameter, m_private->factor, m_private->tables));
   });
@@ -182,7 +171,7 @@ int KVImageProcessor::SetSharpen(unsigned int radius, double amount, double thre
 int KVImageProcessor::SetSoftFocus(KVBlendMode mode, unsigned int radius, double amount,
                                    const kvo::maths::KVRect& rect, double blurParameter) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetSoftFocus", {0, 0, amount})) return refusal;
+    if (const int refusal = m_private->Refused("SetSoftFocus", {0, 0, amount})) return refusal;
     return m_private->Append(
         new SoftFocusRenderer(mode, radius, amount, rect, blurParameter, m_private->factor, m_private->tables));
   });
@@ -190,7 +179,7 @@ int KVImageProcessor::SetSoftFocus(KVBlendMode mode, unsigned int radius, double
 
 int KVImageProcessor::SetBleachBypass(double amount, double desaturation, double contrast) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetBleachBypass", {amount, desaturation, contrast})) return refusal;
+    if (const int refusal = m_private->Refused("SetBleachBypass", {amount, desaturation, contrast})) return refusal;
     return m_private->Append(new BleachBypassRenderer(amount, desaturation, contrast, m_private->tables));
   });
 }
@@ -198,7 +187,7 @@ int KVImageProcessor::SetBleachBypass(double amount, double desaturation, double
 int KVImageProcessor::SetVignette(const KVPixel8_RGB& colour, double amount, double midpoint, double roundness,
                                   double feather, double highlights, const kvo::maths::KVRect& bounds) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetVignette", {0, amount, midpoint, roundness, feather, highlights})) return refusal;
+    if (const int refusal = m_private->Refused("SetVignette", {0, amount, midpoint, roundness, feather, highlights})) return refusal;
     return m_private->Append(new VignetteRenderer(colour, amount, midpoint, roundness, feather, highlights, bounds));
   });
 }
@@ -209,7 +198,7 @@ int KVImageProcessor::SetDepthOfField(KVDepthOfFieldType type, const kvo::maths:
                                       unsigned int radius, double focusSize, double transition, double amount,
                                       double blurParameter, const kvo::maths::KVRect& bounds) {
   return GuardedCall([&] {
-    if (const int refusal = Refused("SetDepthOfField", {0, 0, 0, 0, focusSize, transition, amount})) return refusal;
+    if (const int refusal = m_private->Refused("SetDepthOfField", {0, 0, 0, 0, focusSize, transition, amount})) return refusal;
     return m_private->Append(new DepthOfFieldRenderer(type, focus, angle, m_private->ScaledRadius(radius), focusSize,
                                                       transition, amount, blurParameter, bounds));
   });
