@@ -26,28 +26,24 @@ int ConvertExceptionToKVerr(std::exception& e, int defaultCode) {
 }
 
 const char* ResultCodeMeaning(int code) {
-  switch (code) {
-    case image::kResultSuccess:
-      return "success";
-    case image::kResultRuntimeError:
-      return "runtime error";
-    case image::kResultLogicError:
-      return "logic error";
-    case image::kResultInvalidCombination:
-      return "invalid combination of arguments";
-    case image::kResultOutOfRange:
-      return "argument out of range";
-    case image::kResultOutOfMemory:
-      return "out of memory";
-    case image::kResultUnsupportedFormat:
-      return "unsupported format or channel selection";
-    case image::kResultImagesDoNotMatch:
-      return "images do not match";
-    case image::kResultWorkerFailure:
-      return "a stage failed inside a worker thread";
-    default:
-      return "unknown result code";
+  static const struct {
+    int code;
+    const char* meaning;
+  } kMeanings[] = {
+      {image::kResultSuccess, "success"},
+      {image::kResultRuntimeError, "runtime error"},
+      {image::kResultLogicError, "logic error"},
+      {image::kResultInvalidCombination, "invalid combination of arguments"},
+      {image::kResultOutOfRange, "argument out of range"},
+      {image::kResultOutOfMemory, "out of memory"},
+      {image::kResultUnsupportedFormat, "unsupported format or channel selection"},
+      {image::kResultImagesDoNotMatch, "images do not match"},
+      {image::kResultWorkerFailure, "a stage failed inside a worker thread"},
+  };
+  for (const auto& entry : kMeanings) {
+    if (entry.code == code) return entry.meaning;
   }
+  return "unknown result code";
 }
 
 }  // namespace kvo
