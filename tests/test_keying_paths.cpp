@@ -3,11 +3,13 @@
 // inputs left untouched, and several thread counts.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
 
 #include "TestSupport.h"
+#include "keying/WhiteErodeKernels.h"
 #include "keying/WhiteErodeRing.h"
 
 using namespace kvo::image;
@@ -26,23 +28,6 @@ std::vector<unsigned char> MatteBytes(unsigned int w, unsigned int h, uint32_t s
   return bytes;
 }
 
-// Rows, then columns for the centred direction, each line by the ring.
-std::vector<unsigned char> ErodeByRing(const std::vector<unsigned char>& bytes, unsigned int w, unsigned int h,
-                                       int size, KVWhiteErodeDirection direction) {
-  std::vector<unsigned char> out = bytes;
-  for (unsigned int y = 0; y < h; ++y) {
-    const size_t row = static_cast<size_t>(y) * w * 4 + 3;
-    WhiteErodeLineByRing(&bytes[row], w, 4, size, direction, &out[row], 4);
-  }
-  if (direction != kWhiteErodeAll) return out;
-  const std::vector<unsigned char> rows = out;
-  for (unsigned int x = 0; x < w; ++x) {
-    WhiteErodeLineByRing(&rows[x * 4 + 3], h, static_cast<size_t>(w) * 4, size, direction, &out[x * 4 + 3],
-                         static_cast<size_t>(w) * 4);
-  }
-  return out;
-}
-
 TEST(KeyingPaths, WhiteErodeMatchesItsRing) {
   const int sizes[] = {0, 1, 2, 8, 40};
   // 5 behaves as leftward.
@@ -54,7 +39,7 @@ TEST(KeyingPaths, WhiteErodeMatchesItsRing) {
     for (int size : sizes) {
       for (KVWhiteErodeDirection direction : directions) {
         const std::vector<unsigned char> bytes = MatteBytes(w, h, seed++);
-        const std::vector<unsigned char> expected = ErodeByRing(bytes, w, h, size, direction);
+        const std::vector<unsigned char> expected = WhiteErodeImageByRing(bytes, w, h, size, direction);
         for (unsigned int threads : kThreadCounts) {
           ScopedCoreCount cores(threads);
           GuardedImage src(w, h, 1), dst(w, h, 1);
@@ -68,6 +53,34 @@ TEST(KeyingPaths, WhiteErodeMatchesItsRing) {
           ASSERT_EQ(bytes, src.contents());
         }
       }
+    }
+  }
+}
+
+// The erode always takes its SSE2 kernels; each plain twin against its SSE2
+// kernel on whole runs of odd lengths, one byte off alignment, guard bytes
+// behind. Alphas go to the last bytes of a buffer; the minima run in place,
+// reading ahead by each step.
+TEST(KeyingPaths, ErodeKernelsMatchTheirPlainTwins) {
+  const ErodeKernels rungs[2] = {{ExtractAlphas_Plain, MergeAlphas_Plain, Minima_Plain},
+                                 {ExtractAlphas_SSE2, MergeAlphas_SSE2, Minima_SSE2}};
+  for (unsigned int n : {1u, 7u, 16u, 17u, 33u, 97u}) {
+    for (size_t step : {0u, 1u, 9u, 64u}) {
+      std::pair<std::vector<unsigned char>, std::vector<unsigned char>> results[2];
+      for (int rung = 0; rung < 2; ++rung) {
+        GuardedImage pixels(n, 1, 1), values(n, 1, 1);
+        pixels.fill(MatteBytes(n, 1, n));
+        values.fill(kvtest::PatternBytes(values.bytes(), n + 1));
+        unsigned char* alphas = values.pixels() + 3 * n;
+        ASSERT_EQ(n, rungs[rung].extractAlphas(pixels.pixels(), n, alphas));
+        const size_t reach = std::min<size_t>(step, values.bytes());
+        ASSERT_EQ(values.bytes() - reach, rungs[rung].minima(values.pixels(), values.pixels() + reach,
+                                                             values.bytes() - reach));
+        ASSERT_EQ(n, rungs[rung].mergeAlphas(pixels.pixels(), alphas, n, pixels.pixels()));
+        ASSERT_TRUE(pixels.guardsIntact() && values.guardsIntact());
+        results[rung] = {pixels.contents(), values.contents()};
+      }
+      ASSERT_EQ(results[0], results[1]) << n << " pixels, step " << step;
     }
   }
 }

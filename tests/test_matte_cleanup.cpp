@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "TestSupport.h"
+#include "keying/WhiteErodeRing.h"
 
 using kvtest::SharedTables;
 
@@ -117,60 +118,9 @@ TEST(AlphaCropDeathTest, RefusesOtherChannelOrders) {
 // ---------------------------------------------------------------------------
 // White erode
 
-// The erode of one line exactly as its ring defines it: `window` values, all
-// 255 at the start, a write position wrapping after window - 1, the minimum
-// of the whole ring after every put.
-std::vector<unsigned char> RingErode(const std::vector<unsigned char>& line, int size, int direction) {
-  const int window = 2 * size + 1;
-  const long long n = static_cast<long long>(line.size());
-  std::vector<int> ring(window, 255);
-  int position = 0;
-  auto put = [&](int value) {
-    ring[position] = value;
-    position = position == window - 1 ? 0 : position + 1;
-  };
-  auto lowest = [&] { return static_cast<unsigned char>(*std::min_element(ring.begin(), ring.end())); };
-  auto at = [&](long long i) { return i < n ? line[i] : 255; };
-  std::vector<unsigned char> out(line.size());
-  if (direction == 0) {
-    const int half = static_cast<int>(std::floor(window * 0.5));
-    for (int i = 0; i <= half - 2; ++i) put(at(i));
-    for (long long x = 0; x < n; ++x) {
-      put(at(x + half));
-      out[x] = lowest();
-    }
-  } else if (direction == 1) {
-    for (long long x = 0; x < n; ++x) {
-      put(line[x]);
-      out[x] = lowest();
-    }
-  } else {
-    for (long long x = n - 1; x >= 0; --x) {
-      put(x == 0 ? 255 : line[x]);
-      out[x] = lowest();
-    }
-  }
-  return out;
-}
-
-// The whole stage by the ring: rows, then columns for direction 0.
 std::vector<unsigned char> RingErodeImage(const std::vector<unsigned char>& bytes, unsigned int w, unsigned int h,
                                           int size, int direction) {
-  std::vector<unsigned char> out = bytes;
-  for (unsigned int y = 0; y < h; ++y) {
-    std::vector<unsigned char> row(w);
-    for (unsigned int x = 0; x < w; ++x) row[x] = bytes[(y * w + x) * 4 + 3];
-    row = RingErode(row, size, direction);
-    for (unsigned int x = 0; x < w; ++x) out[(y * w + x) * 4 + 3] = row[x];
-  }
-  if (direction != 0) return out;
-  for (unsigned int x = 0; x < w; ++x) {
-    std::vector<unsigned char> column(h);
-    for (unsigned int y = 0; y < h; ++y) column[y] = out[(y * w + x) * 4 + 3];
-    column = RingErode(column, size, 0);
-    for (unsigned int y = 0; y < h; ++y) out[(y * w + x) * 4 + 3] = column[y];
-  }
-  return out;
+  return WhiteErodeImageByRing(bytes, w, h, size, static_cast<KVWhiteErodeDirection>(direction));
 }
 
 // Runs the stage through a keyer and returns the destination bytes.

@@ -15,6 +15,8 @@
 namespace kvo {
 namespace image {
 
+struct KeyAlphaRun;
+
 // Statistics of one matte thread over its key pixels (pixels whose key byte is
 // strictly the largest): their number, the sum, smallest and largest of their
 // raw colour differences. count and sum wrap modulo 2^32 instead of
@@ -88,13 +90,11 @@ class KVIMAGE_EXPORT ColorDifferenceKeyer : public AbstractRenderer {
   double m_saturationSoftness;
   KVKeyColor m_effectiveKeyColor;
   kvo::KVLookupTables& m_tables;
-  std::tr1::shared_ptr<unsigned char> m_matte;
-  std::tr1::shared_ptr<MatteInfo> m_matteInfo;
+  std::vector<unsigned char> m_matte;  // one byte per pixel of the last Setup's image
   double m_lowThreshold;
   double m_highThreshold;
-  size_t m_mattePixels;              // bytes in m_matte
   unsigned char m_alphaWeight[256];  // 255 - transparency factor, by matte value
-  bool m_alphaBlendIsProduct;        // tables' AlphaBlend is round(v * a / 255) throughout
+  size_t (*m_keyAlphas)(const KeyAlphaRun&);  // Render8's kernel, chosen in Setup
 };
 
 // Decides between green (1) and blue (2) on threadCount threads (at most 255;
@@ -226,6 +226,10 @@ class KVIMAGE_EXPORT WhiteErodeRenderer : public AbstractRenderer {
   KVWhiteErodeDirection m_direction;
   int64_t m_window;
   std::tr1::shared_ptr<KVImage8> m_intermediate;
+  // The passes' kernels, chosen in Setup.
+  size_t (*m_extractAlphas)(const unsigned char* pixels, size_t count, unsigned char* alphas);
+  size_t (*m_mergeAlphas)(const unsigned char* colours, const unsigned char* alphas, size_t count, unsigned char* out);
+  size_t (*m_minima)(unsigned char* values, const unsigned char* later, size_t count);
 };
 
 // ---------------------------------------------------------------------------

@@ -4,39 +4,332 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
-#include <memory>
+#include <vector>
 
 #include <tmmintrin.h>
 
 #include <kvimage/keying.h>
 
 #include "pipeline/StageNeeds.h"
-#include "support/CPUExtensions.h"
 #include "support/Conversions.h"
-#include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
+#include "support/PathChoice.h"
+#include "support/PixelLayout.h"
 
 namespace kvo {
 namespace image {
+
+// One share of Render8: pixels copied from in to out with their alpha scaled
+// by weights[matte value]; pixels from `matted` on have no matte byte and
+// take weights[0].
+struct KeyAlphaRun {
+  const unsigned char* in;
+  unsigned char* out;
+  const unsigned char* matte;
+  size_t matted;
+  size_t pixels;
+  const unsigned char* weights;
+  kvo::KVLookupTables* tables;
+
+  KeyAlphaRun From(size_t first) const {
+    return KeyAlphaRun{in + first * kBytesPerPixel, out + first * kBytesPerPixel, matte + first, matted - first,
+                       pixels - first, weights, tables};
+  }
+};
 
 namespace {
 
 const int kMaxThreads = 255;
 
-std::tr1::shared_ptr<unsigned char> NewMatte(size_t pixels) {
-  return std::tr1::shared_ptr<unsigned char>(new unsigned char[pixels](), std::default_delete<unsigned char[]>());
+// Each kernel family below has one signature and returns the pixels it did:
+// all of them, a vector kernel handing its tail to its plain twin. The
+// wider kernels are SSSE3 rungs, so a host that caps the wider sets at none
+// sends the keyer down its plain kernels.
+
+// ---------------------------------------------------------------------------
+// Render8's alphas.
+
+typedef size_t (*KeyAlphasKernel)(const KeyAlphaRun& run);
+
+// Whole pixels are moved as 32-bit words (the colour bytes unchanged) and the
+// alpha byte written over; locals keep the stores from forcing reloads.
+size_t KeyAlphas_Plain(const KeyAlphaRun& run) {
+  const unsigned char* in = run.in;
+  unsigned char* out = run.out;
+  const unsigned char* matte = run.matte;
+  const unsigned char* weights = run.weights;
+  kvo::KVLookupTables& tables = *run.tables;
+  const size_t matted = run.matted, pixels = run.pixels;
+  for (size_t i = 0; i < pixels; ++i) {
+    const unsigned char* p = in + i * kBytesPerPixel;
+    unsigned char* q = out + i * kBytesPerPixel;
+    const unsigned char alpha = tables.AlphaBlend(p[kAlphaByte], weights[i < matted ? matte[i] : 0]);
+    uint32_t word;
+    std::memcpy(&word, p, sizeof word);
+    std::memcpy(q, &word, sizeof word);
+    q[kAlphaByte] = alpha;
+  }
+  return pixels;
 }
 
-std::tr1::shared_ptr<MatteInfo> NewMatteInfo(size_t threads) {
-  MatteInfo* elements = new MatteInfo[threads];
-  for (size_t i = 0; i < threads; ++i) elements[i] = MatteInfo{0, 0, 255, 0};
-  return std::tr1::shared_ptr<MatteInfo>(elements, std::default_delete<MatteInfo[]>());
+// The matted pixels 16 at a time, for tables whose AlphaBlend is the rounded
+// product: (v * a + 127) / 255 is at most 65152, and n / 255 =
+// (n * 0x8081) >> 23 for every n below 65536.
+KV_TARGET_SSSE3 size_t KeyAlphas_SSSE3(const KeyAlphaRun& run) {
+  const unsigned char* in = run.in;
+  unsigned char* out = run.out;
+  const unsigned char* matte = run.matte;
+  const unsigned char* weights = run.weights;
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i colourMask = _mm_set1_epi32(0x00FFFFFF);
+  const __m128i rounding = _mm_set1_epi16(127), reciprocal = _mm_set1_epi16(static_cast<short>(0x8081));
+  size_t i = 0;
+  for (; i + 16 <= run.matted; i += 16) {
+    unsigned char blockWeights[16];
+    for (int k = 0; k < 16; ++k) blockWeights[k] = weights[matte[i + k]];
+    const __m128i w = _mm_loadu_si128(reinterpret_cast<const __m128i*>(blockWeights));
+    __m128i p[4];
+    for (int k = 0; k < 4; ++k) p[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + (i + 4 * k) * 4));
+    const __m128i alphas[2] = {_mm_packs_epi32(_mm_srli_epi32(p[0], 24), _mm_srli_epi32(p[1], 24)),
+                               _mm_packs_epi32(_mm_srli_epi32(p[2], 24), _mm_srli_epi32(p[3], 24))};
+    const __m128i weightLanes[2] = {_mm_unpacklo_epi8(w, zero), _mm_unpackhi_epi8(w, zero)};
+    for (int half = 0; half < 2; ++half) {
+      const __m128i product = _mm_add_epi16(_mm_mullo_epi16(alphas[half], weightLanes[half]), rounding);
+      const __m128i blended = _mm_srli_epi16(_mm_mulhi_epu16(product, reciprocal), 7);
+      const __m128i shifted[2] = {_mm_slli_epi32(_mm_unpacklo_epi16(blended, zero), 24),
+                                  _mm_slli_epi32(_mm_unpackhi_epi16(blended, zero), 24)};
+      for (int k = 0; k < 2; ++k) {
+        const __m128i pixel = _mm_or_si128(_mm_and_si128(p[2 * half + k], colourMask), shifted[k]);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + (i + 8 * half + 4 * k) * 4), pixel);
+      }
+    }
+  }
+  return i + KeyAlphas_Plain(run.From(i));
 }
+
+// ---------------------------------------------------------------------------
+// Key-colour detection.
+
+struct KeyPixelCounts {
+  uint32_t green;
+  uint32_t blue;
+  uint32_t other;
+};
+
+typedef size_t (*CountKeyPixelsKernel)(const unsigned char* pixels, size_t count, KeyPixelCounts& counts);
+
+// Green: byte 1 at least bytes 0 and 2. Blue: byte 0 strictly the largest.
+size_t CountKeyPixels_Plain(const unsigned char* pixels, size_t count, KeyPixelCounts& counts) {
+  for (size_t i = 0; i < count; ++i) {
+    const unsigned char* p = pixels + i * kBytesPerPixel;
+    const unsigned char b0 = p[kBlueByte], b1 = p[kGreenByte], b2 = p[kRedByte];
+    if (b1 >= std::max(b0, b2)) {
+      ++counts.green;
+    } else if (b0 > std::max(b1, b2)) {
+      ++counts.blue;
+    } else {
+      ++counts.other;
+    }
+  }
+  return count;
+}
+
+// 16 pixels at a time: a blue pixel has byte 0 above byte 1, so it is never
+// green, and the rest are the other pixels.
+KV_TARGET_SSSE3 size_t CountKeyPixels_SSSE3(const unsigned char* pixels, size_t count, KeyPixelCounts& counts) {
+  const __m128i byChannel = _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+  const __m128i zero = _mm_setzero_si128();
+  size_t i = 0;
+  for (; i + 16 <= count; i += 16) {
+    const unsigned char* p = pixels + i * kBytesPerPixel;
+    const __m128i v0 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), byChannel);
+    const __m128i v1 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)), byChannel);
+    const __m128i v2 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 32)), byChannel);
+    const __m128i v3 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 48)), byChannel);
+    const __m128i t0 = _mm_unpacklo_epi32(v0, v1), t1 = _mm_unpackhi_epi32(v0, v1);
+    const __m128i t2 = _mm_unpacklo_epi32(v2, v3), t3 = _mm_unpackhi_epi32(v2, v3);
+    const __m128i b0 = _mm_unpacklo_epi64(t0, t2), b1 = _mm_unpackhi_epi64(t0, t2), b2 = _mm_unpacklo_epi64(t1, t3);
+    const int green = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_subs_epu8(_mm_max_epu8(b0, b2), b1), zero));
+    const int notBlue = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_subs_epu8(b0, _mm_max_epu8(b1, b2)), zero));
+    const uint32_t greens = static_cast<uint32_t>(__builtin_popcount(static_cast<unsigned int>(green)));
+    const uint32_t blues = 16 - static_cast<uint32_t>(__builtin_popcount(static_cast<unsigned int>(notBlue)));
+    counts.green += greens;
+    counts.blue += blues;
+    counts.other += 16 - greens - blues;
+  }
+  return i + CountKeyPixels_Plain(pixels + i * kBytesPerPixel, count - i, counts);
+}
+
+CountKeyPixelsKernel ChooseCountKernel() {
+  return ChooseKernel(KernelRungs<CountKeyPixelsKernel>{CountKeyPixels_Plain, nullptr, CountKeyPixels_SSSE3, nullptr});
+}
+
+// One detection thread's counts over its byte share.
+KeyPixelCounts CountKeyPixelShare(KVImage8* image, unsigned char threadIndex, unsigned char threadCount,
+                                  CountKeyPixelsKernel kernel) {
+  const ShareRun share = ByteShare(image->Width(), image->Height(), threadIndex, threadCount, image->BufferByteSize());
+  KeyPixelCounts counts = {0, 0, 0};
+  kernel(image->Buffer() + share.start, share.count / kBytesPerPixel, counts);
+  return counts;
+}
+
+// ---------------------------------------------------------------------------
+// The matte.
 
 // count and sum wrap modulo 2^32 so that no thread split can overflow them;
 // the fold recovers the true sum (see TrueKeySum).
 int32_t WrappingAdd(int32_t a, int32_t b) {
   return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+}
+
+// Chroma softening: below the limit T a difference is scaled down linearly
+// from full at chroma T to nothing at chroma S, and below S it is dropped.
+struct Softening {
+  int limit;
+  double softLimit;
+  double rampCut[256];
+
+  Softening(double saturationLimit, double saturationSoftness)
+      : limit(TruncateToInt(255.0 * saturationLimit)), softLimit(limit * saturationSoftness) {
+    const double rampWidth = (1.0 - saturationSoftness) * limit;
+    for (int chroma = 0; chroma < 256; ++chroma) rampCut[chroma] = std::fabs((chroma - softLimit) / rampWidth - 1.0);
+  }
+};
+
+typedef size_t (*MatteKernel)(const unsigned char* in, unsigned char* matte, size_t count,
+                              const Softening& softening, MatteInfo& info);
+
+// One run of matte bytes for one key byte. Only key pixels (key byte strictly
+// the largest) can store a non-zero byte: any other difference is at most 0,
+// and softening never makes it positive. For a key pixel the key byte is the
+// maximum, so its chroma is the key byte less the smaller other byte.
+template <unsigned int KeyByte, unsigned int OtherByte1, unsigned int OtherByte2>
+size_t MatteRun_Plain(const unsigned char* in, unsigned char* matte, size_t count, const Softening& softening,
+                      MatteInfo& info) {
+  const int limit = softening.limit;
+  const double softLimit = softening.softLimit;
+  for (size_t i = 0; i < count; ++i) {
+    const unsigned char* p = in + i * kBytesPerPixel;
+    const int key = p[KeyByte];
+    int difference = key - std::max(p[OtherByte1], p[OtherByte2]);
+    if (difference <= 0) {
+      matte[i] = 0;
+      continue;
+    }
+    info.count = WrappingAdd(info.count, 1);
+    info.sum = WrappingAdd(info.sum, difference);
+    info.minimum = std::min(info.minimum, difference);
+    info.maximum = std::max(info.maximum, difference);
+
+    const int chroma = key - std::min(p[OtherByte1], p[OtherByte2]);
+    if (limit > chroma) {
+      if (softLimit > chroma) {
+        difference = 0;
+      } else if (softLimit <= chroma) {
+        difference = TruncateToInt(difference - softening.rampCut[chroma] * difference);
+      }
+    }
+    matte[i] = static_cast<unsigned char>(ClampToByte(difference));
+  }
+  return count;
+}
+
+// The same run 16 pixels at a time. Blocks whose key pixels all keep their
+// difference (chroma at or above the limit) take the vector path: the
+// difference, the statistics and the matte bytes for 16 pixels at once.
+// Blocks with a pixel to soften go through the plain run, as does the tail.
+template <unsigned int KeyByte, unsigned int OtherByte1, unsigned int OtherByte2>
+KV_TARGET_SSSE3 size_t MatteRun_SSSE3(const unsigned char* in, unsigned char* matte, size_t count,
+                                      const Softening& softening, MatteInfo& info) {
+  const int limit = softening.limit;
+  // Gathers byte c of 4 pixels into dword c of the register.
+  const __m128i byChannel = _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+  const __m128i zero = _mm_setzero_si128();
+  // Key pixels with chroma below `limit` are softened; no limit above 255
+  // fits a byte, so such a limit sends every key pixel to the plain run.
+  const bool softensAll = limit > 255;
+  const __m128i limitBytes = _mm_set1_epi8(static_cast<char>(limit > 0 && limit <= 255 ? limit : 0));
+  __m128i lowest = _mm_set1_epi8(static_cast<char>(0xFF)), highest = zero, sums = zero;
+  uint32_t keyPixels = 0;
+  size_t i = 0;
+  for (; i + 16 <= count; i += 16) {
+    const unsigned char* p = in + i * kBytesPerPixel;
+    const __m128i v0 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), byChannel);
+    const __m128i v1 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)), byChannel);
+    const __m128i v2 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 32)), byChannel);
+    const __m128i v3 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 48)), byChannel);
+    const __m128i t0 = _mm_unpacklo_epi32(v0, v1), t1 = _mm_unpackhi_epi32(v0, v1);
+    const __m128i t2 = _mm_unpacklo_epi32(v2, v3), t3 = _mm_unpackhi_epi32(v2, v3);
+    const __m128i channels[3] = {_mm_unpacklo_epi64(t0, t2), _mm_unpackhi_epi64(t0, t2), _mm_unpacklo_epi64(t1, t3)};
+    const __m128i key = channels[KeyByte], other1 = channels[OtherByte1], other2 = channels[OtherByte2];
+    // Key pixels are those with a non-zero saturated difference.
+    const __m128i difference = _mm_subs_epu8(key, _mm_max_epu8(other1, other2));
+    const __m128i notKey = _mm_cmpeq_epi8(difference, zero);
+    const __m128i chroma = _mm_subs_epu8(key, _mm_min_epu8(other1, other2));
+    // chroma < limit, unsigned: the saturated limit - chroma is non-zero.
+    const __m128i soft = _mm_andnot_si128(notKey, _mm_xor_si128(_mm_cmpeq_epi8(_mm_subs_epu8(limitBytes, chroma), zero),
+                                                               _mm_set1_epi8(static_cast<char>(0xFF))));
+    const int keyMask = ~_mm_movemask_epi8(notKey) & 0xFFFF;
+    if (_mm_movemask_epi8(soft) != 0 || (softensAll && keyMask != 0)) {
+      MatteRun_Plain<KeyByte, OtherByte1, OtherByte2>(p, matte + i, 16, softening, info);
+      continue;
+    }
+    keyPixels += static_cast<uint32_t>(__builtin_popcount(static_cast<unsigned int>(keyMask)));
+    sums = _mm_add_epi64(sums, _mm_sad_epu8(difference, zero));
+    lowest = _mm_min_epu8(lowest, _mm_or_si128(difference, notKey));
+    highest = _mm_max_epu8(highest, difference);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(matte + i), difference);
+  }
+  // Fold the vector statistics into the plain run's; count and sum wrap.
+  unsigned char lowestBytes[16], highestBytes[16];
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(lowestBytes), lowest);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(highestBytes), highest);
+  uint64_t sumLanes[2];
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(sumLanes), sums);
+  if (keyPixels != 0) {
+    info.count = WrappingAdd(info.count, static_cast<int32_t>(keyPixels));
+    info.sum = WrappingAdd(info.sum, static_cast<int32_t>(static_cast<uint32_t>(sumLanes[0] + sumLanes[1])));
+    for (int k = 0; k < 16; ++k) {
+      info.minimum = std::min<int32_t>(info.minimum, lowestBytes[k]);
+      info.maximum = std::max<int32_t>(info.maximum, highestBytes[k]);
+    }
+  }
+  return i + MatteRun_Plain<KeyByte, OtherByte1, OtherByte2>(in + i * kBytesPerPixel, matte + i, count - i,
+                                                             softening, info);
+}
+
+// A key colour other than green or blue: no pixel is a key pixel.
+size_t NoKeyPixels(const unsigned char*, unsigned char* matte, size_t count, const Softening&, MatteInfo&) {
+  std::fill(matte, matte + count, static_cast<unsigned char>(0));
+  return count;
+}
+
+MatteKernel ChooseMatteKernel(KVKeyColor keyColor) {
+  if (keyColor == kKeyColorGreen) {
+    return ChooseKernel(KernelRungs<MatteKernel>{MatteRun_Plain<kGreenByte, kBlueByte, kRedByte>, nullptr,
+                                                 MatteRun_SSSE3<kGreenByte, kBlueByte, kRedByte>, nullptr});
+  }
+  if (keyColor == kKeyColorBlue) {
+    return ChooseKernel(KernelRungs<MatteKernel>{MatteRun_Plain<kBlueByte, kGreenByte, kRedByte>, nullptr,
+                                                 MatteRun_SSSE3<kBlueByte, kGreenByte, kRedByte>, nullptr});
+  }
+  return NoKeyPixels;
+}
+
+// One thread's share of the matte pass. The byte share and the pixel share
+// describe the same pixels; both are cut at the end of the image, whose
+// pixels the matte holds one byte each.
+void PullMatteShare(KVImage8* image, unsigned char threadIndex, unsigned char threadCount, MatteKernel kernel,
+                    const Softening& softening, unsigned char* matte, MatteInfo& info) {
+  const size_t pixelLimit = image->BufferByteSize() / kBytesPerPixel;
+  const ShareRun bytes =
+      ByteShare(image->Width(), image->Height(), threadIndex, threadCount, pixelLimit * kBytesPerPixel);
+  const ShareRun pixels = PixelShare(image->Width(), image->Height(), threadIndex, threadCount, pixelLimit);
+  const size_t count = std::min(bytes.count / kBytesPerPixel, pixels.count);
+  // Counted in a local: the threads' records share cache lines.
+  MatteInfo local = info;
+  kernel(image->Buffer() + bytes.start, matte + pixels.start, count, softening, local);
+  info = local;
 }
 
 // The sum of `count` differences lies in [count * minimum, count * maximum];
@@ -75,39 +368,6 @@ bool AlphaBlendIsProduct(kvo::KVLookupTables& tables) {
   return true;
 }
 
-// The keyed pixels of Render8 16 at a time over the first `matted` pixels,
-// for tables whose AlphaBlend is the rounded product: (v * a + 127) / 255 is
-// at most 65152, and n / 255 = (n * 0x8081) >> 23 for every n below 65536.
-// Returns the pixels done (a multiple of 16).
-KV_TARGET_SSSE3 size_t KeyAlphasSSSE3(const unsigned char* in, unsigned char* out, const unsigned char* matte,
-                                      size_t matted, const unsigned char* weights) {
-  const __m128i zero = _mm_setzero_si128();
-  const __m128i colourMask = _mm_set1_epi32(0x00FFFFFF);
-  const __m128i rounding = _mm_set1_epi16(127), reciprocal = _mm_set1_epi16(static_cast<short>(0x8081));
-  size_t i = 0;
-  for (; i + 16 <= matted; i += 16) {
-    unsigned char blockWeights[16];
-    for (int k = 0; k < 16; ++k) blockWeights[k] = weights[matte[i + k]];
-    const __m128i w = _mm_loadu_si128(reinterpret_cast<const __m128i*>(blockWeights));
-    __m128i p[4];
-    for (int k = 0; k < 4; ++k) p[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + (i + 4 * k) * 4));
-    const __m128i alphas[2] = {_mm_packs_epi32(_mm_srli_epi32(p[0], 24), _mm_srli_epi32(p[1], 24)),
-                               _mm_packs_epi32(_mm_srli_epi32(p[2], 24), _mm_srli_epi32(p[3], 24))};
-    const __m128i weightLanes[2] = {_mm_unpacklo_epi8(w, zero), _mm_unpackhi_epi8(w, zero)};
-    for (int half = 0; half < 2; ++half) {
-      const __m128i product = _mm_add_epi16(_mm_mullo_epi16(alphas[half], weightLanes[half]), rounding);
-      const __m128i blended = _mm_srli_epi16(_mm_mulhi_epu16(product, reciprocal), 7);
-      const __m128i shifted[2] = {_mm_slli_epi32(_mm_unpacklo_epi16(blended, zero), 24),
-                                  _mm_slli_epi32(_mm_unpackhi_epi16(blended, zero), 24)};
-      for (int k = 0; k < 2; ++k) {
-        const __m128i pixel = _mm_or_si128(_mm_and_si128(p[2 * half + k], colourMask), shifted[k]);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + (i + 8 * half + 4 * k) * 4), pixel);
-      }
-    }
-  }
-  return i;
-}
-
 }  // namespace
 
 ColorDifferenceKeyer::ColorDifferenceKeyer(KVKeyColor keyColor, double balance, double saturationLimit,
@@ -120,8 +380,7 @@ ColorDifferenceKeyer::ColorDifferenceKeyer(KVKeyColor keyColor, double balance, 
       m_tables(tables),
       m_lowThreshold(255.0),
       m_highThreshold(255.0),
-      m_mattePixels(0),
-      m_alphaBlendIsProduct(false) {
+      m_keyAlphas(KeyAlphas_Plain) {
   for (int m = 0; m < 256; ++m) m_alphaWeight[m] = AlphaWeight(m, m_lowThreshold, m_highThreshold);
 }
 
@@ -140,19 +399,17 @@ void ColorDifferenceKeyer::Setup(KVAbstractImage* source) {
 
   // Built aside and committed only when every thread has finished, so a
   // failed Setup leaves the previous matte and thresholds together.
-  const size_t pixels = image->BufferByteSize() / kBytesPerPixel;
-  std::tr1::shared_ptr<unsigned char> matte = NewMatte(pixels);
-  std::tr1::shared_ptr<MatteInfo> matteInfo = NewMatteInfo(cores);
+  std::vector<unsigned char> matte(image->BufferByteSize() / kBytesPerPixel);
+  std::vector<MatteInfo> matteInfo(cores, MatteInfo{0, 0, 255, 0});
+  const MatteKernel kernel = ChooseMatteKernel(keyColor);
+  const Softening softening(m_saturationLimit, m_saturationSoftness);
   RunParallel(cores, [&](unsigned char threadIndex, unsigned char threadCount) {
-    AutoColorDifferenceData record = {
-        threadIndex, image, matte, matteInfo, keyColor, m_saturationLimit, m_saturationSoftness, threadCount};
-    AutoColorDifferenceMatteProc(&record);
+    PullMatteShare(image, threadIndex, threadCount, kernel, softening, matte.data(), matteInfo[threadIndex]);
     return 0;
   });
 
   MatteInfo folded = {0, 0, 255, 0};
-  for (unsigned int i = 0; i < cores; ++i) {
-    const MatteInfo& element = matteInfo.get()[i];
+  for (const MatteInfo& element : matteInfo) {
     folded.count = WrappingAdd(folded.count, element.count);
     folded.sum = WrappingAdd(folded.sum, element.sum);
     folded.minimum = std::min(folded.minimum, element.minimum);
@@ -166,13 +423,13 @@ void ColorDifferenceKeyer::Setup(KVAbstractImage* source) {
   const double mid = (folded.minimum + folded.maximum) * 0.5;
 
   m_effectiveKeyColor = keyColor;
-  m_matte = matte;
-  m_mattePixels = pixels;
-  m_matteInfo = matteInfo;
+  m_matte.swap(matte);
   m_highThreshold = mid + (mean - mid) * m_balance;
   m_lowThreshold = folded.minimum;
   for (int m = 0; m < 256; ++m) m_alphaWeight[m] = AlphaWeight(m, m_lowThreshold, m_highThreshold);
-  m_alphaBlendIsProduct = AlphaBlendIsProduct(m_tables);
+  m_keyAlphas = AlphaBlendIsProduct(m_tables)
+                    ? ChooseKernel(KernelRungs<KeyAlphasKernel>{KeyAlphas_Plain, nullptr, KeyAlphas_SSSE3, nullptr})
+                    : KeyAlphas_Plain;
 }
 
 // Render8 splits an 8-bit output into byte shares that cover it and writes
@@ -198,97 +455,27 @@ int ColorDifferenceKeyer::Render8(KVImage8* source, KVImage8* destination, unsig
   const uint32_t totalPixels = source->Width() * source->Height();
   const size_t matteStart = static_cast<size_t>(threadIndex) * SaturatedShareSize(totalPixels, threadCount);
 
-  const unsigned char* in = source->Buffer() + share.start;
-  unsigned char* out = destination->Buffer() + share.start;
   const size_t pixels = share.count / kBytesPerPixel;
   // Pixels beyond the matte (Render without a Setup on this image) keep their
   // alpha, as a matte value of 0 would.
-  const size_t matted = matteStart < m_mattePixels ? std::min(pixels, m_mattePixels - matteStart) : 0;
-  const unsigned char* matte = m_matte.get() + (matted != 0 ? matteStart : 0);
-
-  // Whole pixels are moved as 32-bit words (the colour bytes unchanged) and
-  // the alpha byte written over; locals keep the stores from forcing reloads.
-  kvo::KVLookupTables& tables = m_tables;
+  const size_t mattePixels = m_matte.size();
+  const size_t matted = matteStart < mattePixels ? std::min(pixels, mattePixels - matteStart) : 0;
   unsigned char weights[256];
   std::memcpy(weights, m_alphaWeight, sizeof weights);
-  size_t i = 0;
-  if (m_alphaBlendIsProduct && UseSSSE3()) i = KeyAlphasSSSE3(in, out, matte, matted, weights);
-  for (; i < pixels; ++i) {
-    const unsigned char* p = in + i * kBytesPerPixel;
-    unsigned char* q = out + i * kBytesPerPixel;
-    const unsigned char alpha = tables.AlphaBlend(p[kAlphaByte], weights[i < matted ? matte[i] : 0]);
-    uint32_t word;
-    std::memcpy(&word, p, sizeof word);
-    std::memcpy(q, &word, sizeof word);
-    q[kAlphaByte] = alpha;
-  }
+  m_keyAlphas(KeyAlphaRun{source->Buffer() + share.start, destination->Buffer() + share.start,
+                          m_matte.data() + (matted != 0 ? matteStart : 0), matted, pixels, weights, &m_tables});
   return 0;
 }
-
-namespace {
-
-// Green: byte 1 at least bytes 0 and 2. Blue: byte 0 strictly the largest.
-void CountKeyPixels(const unsigned char* bytes, size_t count, uint32_t& greenCount, uint32_t& blueCount,
-                    uint32_t& otherCount) {
-  for (size_t o = 0; o + kBytesPerPixel <= count; o += kBytesPerPixel) {
-    const unsigned char b0 = bytes[o + kBlueByte], b1 = bytes[o + kGreenByte], b2 = bytes[o + kRedByte];
-    if (b1 >= std::max(b0, b2)) {
-      ++greenCount;
-    } else if (b0 > std::max(b1, b2)) {
-      ++blueCount;
-    } else {
-      ++otherCount;
-    }
-  }
-}
-
-// The same 16 pixels at a time: a blue pixel has byte 0 above byte 1, so it
-// is never green, and the rest are the other pixels.
-KV_TARGET_SSSE3 void CountKeyPixelsSSSE3(const unsigned char* bytes, size_t count, uint32_t& greenCount,
-                                         uint32_t& blueCount, uint32_t& otherCount) {
-  const __m128i byChannel = _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
-  const __m128i zero = _mm_setzero_si128();
-  const size_t pixels = count / kBytesPerPixel;
-  size_t i = 0;
-  for (; i + 16 <= pixels; i += 16) {
-    const unsigned char* p = bytes + i * kBytesPerPixel;
-    const __m128i v0 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), byChannel);
-    const __m128i v1 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)), byChannel);
-    const __m128i v2 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 32)), byChannel);
-    const __m128i v3 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 48)), byChannel);
-    const __m128i t0 = _mm_unpacklo_epi32(v0, v1), t1 = _mm_unpackhi_epi32(v0, v1);
-    const __m128i t2 = _mm_unpacklo_epi32(v2, v3), t3 = _mm_unpackhi_epi32(v2, v3);
-    const __m128i b0 = _mm_unpacklo_epi64(t0, t2), b1 = _mm_unpackhi_epi64(t0, t2), b2 = _mm_unpacklo_epi64(t1, t3);
-    const int green = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_subs_epu8(_mm_max_epu8(b0, b2), b1), zero));
-    const int notBlue = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_subs_epu8(b0, _mm_max_epu8(b1, b2)), zero));
-    const uint32_t greens = static_cast<uint32_t>(__builtin_popcount(static_cast<unsigned int>(green)));
-    const uint32_t blues = 16 - static_cast<uint32_t>(__builtin_popcount(static_cast<unsigned int>(notBlue)));
-    greenCount += greens;
-    blueCount += blues;
-    otherCount += 16 - greens - blues;
-  }
-  CountKeyPixels(bytes + i * kBytesPerPixel, count - i * kBytesPerPixel, greenCount, blueCount, otherCount);
-}
-
-}  // namespace
 
 void* AutoDetectKeyColorProc(void* data) {
   if (data == nullptr) return nullptr;
   AutoDetectKeyColorData* record = static_cast<AutoDetectKeyColorData*>(data);
-  KVImage8* image = record->image;
-  if (image == nullptr) return nullptr;
-  const ShareRun share =
-      ByteShare(image->Width(), image->Height(), record->threadIndex, record->threadCount, image->BufferByteSize());
-  const unsigned char* bytes = image->Buffer() + share.start;
-  uint32_t otherCount = 0, greenCount = 0, blueCount = 0;
-  if (UseSSSE3()) {
-    CountKeyPixelsSSSE3(bytes, share.count, greenCount, blueCount, otherCount);
-  } else {
-    CountKeyPixels(bytes, share.count, greenCount, blueCount, otherCount);
-  }
-  record->otherCount = otherCount;
-  record->greenCount = greenCount;
-  record->blueCount = blueCount;
+  if (record->image == nullptr) return nullptr;
+  const KeyPixelCounts counts =
+      CountKeyPixelShare(record->image, record->threadIndex, record->threadCount, ChooseCountKernel());
+  record->otherCount = counts.other;
+  record->greenCount = counts.green;
+  record->blueCount = counts.blue;
   return nullptr;
 }
 
@@ -297,159 +484,23 @@ void AutoDetectKeyColor(KVImage8* image, int threadCount, KVKeyColor* result) {
   const int threads = image == nullptr ? 0 : std::min(std::max(threadCount, 0), kMaxThreads);
   // Whole counts: the sums are the same in any order the threads add them.
   std::atomic<uint64_t> green(0), blue(0);
+  const CountKeyPixelsKernel kernel = ChooseCountKernel();
   RunParallel(static_cast<unsigned char>(threads), [&](unsigned char threadIndex, unsigned char threadCount) {
-    const uint32_t bufferSize = image->Width() * image->Height() * kBytesPerPixel;
-    AutoDetectKeyColorData record = {threadIndex, threadCount, image, bufferSize, 0, 0, 0};
-    AutoDetectKeyColorProc(&record);
-    green += record.greenCount;
-    blue += record.blueCount;
+    const KeyPixelCounts counts = CountKeyPixelShare(image, threadIndex, threadCount, kernel);
+    green += counts.green;
+    blue += counts.blue;
     return 0;
   });
   *result = blue.load() > green.load() ? kKeyColorBlue : kKeyColorGreen;
 }
 
-namespace {
-
-// One thread's run of matte bytes for one key byte. Only key pixels (key byte
-// strictly the largest) can store a non-zero byte: any other difference is at
-// most 0, and softening never makes it positive. For a key pixel the key byte
-// is the maximum, so its chroma is the key byte less the smaller other byte.
-template <unsigned int KeyByte, unsigned int OtherByte1, unsigned int OtherByte2>
-void MatteRun(const unsigned char* in, unsigned char* matte, size_t count, int limit, double softLimit,
-              const double* rampCut, MatteInfo& info) {
-  for (size_t i = 0; i < count; ++i) {
-    const unsigned char* p = in + i * kBytesPerPixel;
-    const int key = p[KeyByte];
-    int difference = key - std::max(p[OtherByte1], p[OtherByte2]);
-    if (difference <= 0) {
-      matte[i] = 0;
-      continue;
-    }
-    info.count = WrappingAdd(info.count, 1);
-    info.sum = WrappingAdd(info.sum, difference);
-    info.minimum = std::min(info.minimum, difference);
-    info.maximum = std::max(info.maximum, difference);
-
-    const int chroma = key - std::min(p[OtherByte1], p[OtherByte2]);
-    if (limit > chroma) {
-      if (softLimit > chroma) {
-        difference = 0;
-      } else if (softLimit <= chroma) {
-        difference = TruncateToInt(difference - rampCut[chroma] * difference);
-      }
-    }
-    matte[i] = static_cast<unsigned char>(ClampToByte(difference));
-  }
-}
-
-// The same run 16 pixels at a time. Blocks whose key pixels all keep their
-// difference (chroma at or above the limit) take the vector path: the
-// difference, the statistics and the matte bytes for 16 pixels at once.
-// Blocks with a pixel to soften go through MatteRun, as does the tail.
-template <unsigned int KeyByte, unsigned int OtherByte1, unsigned int OtherByte2>
-KV_TARGET_SSSE3 void MatteRunSSSE3(const unsigned char* in, unsigned char* matte, size_t count, int limit,
-                                   double softLimit, const double* rampCut, MatteInfo& info) {
-  // Gathers byte c of 4 pixels into dword c of the register.
-  const __m128i byChannel = _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
-  const __m128i zero = _mm_setzero_si128();
-  // Key pixels with chroma below `limit` are softened; no limit above 255
-  // fits a byte, so such a limit sends every key pixel to the plain run.
-  const bool softensAll = limit > 255;
-  const __m128i limitBytes = _mm_set1_epi8(static_cast<char>(limit > 0 && limit <= 255 ? limit : 0));
-  __m128i lowest = _mm_set1_epi8(static_cast<char>(0xFF)), highest = zero, sums = zero;
-  uint32_t keyPixels = 0;
-  size_t i = 0;
-  for (; i + 16 <= count; i += 16) {
-    const unsigned char* p = in + i * kBytesPerPixel;
-    const __m128i v0 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), byChannel);
-    const __m128i v1 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)), byChannel);
-    const __m128i v2 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 32)), byChannel);
-    const __m128i v3 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 48)), byChannel);
-    const __m128i t0 = _mm_unpacklo_epi32(v0, v1), t1 = _mm_unpackhi_epi32(v0, v1);
-    const __m128i t2 = _mm_unpacklo_epi32(v2, v3), t3 = _mm_unpackhi_epi32(v2, v3);
-    const __m128i channels[3] = {_mm_unpacklo_epi64(t0, t2), _mm_unpackhi_epi64(t0, t2), _mm_unpacklo_epi64(t1, t3)};
-    const __m128i key = channels[KeyByte], other1 = channels[OtherByte1], other2 = channels[OtherByte2];
-    // Key pixels are those with a non-zero saturated difference.
-    const __m128i difference = _mm_subs_epu8(key, _mm_max_epu8(other1, other2));
-    const __m128i notKey = _mm_cmpeq_epi8(difference, zero);
-    const __m128i chroma = _mm_subs_epu8(key, _mm_min_epu8(other1, other2));
-    // chroma < limit, unsigned: the saturated limit - chroma is non-zero.
-    const __m128i soft = _mm_andnot_si128(notKey, _mm_xor_si128(_mm_cmpeq_epi8(_mm_subs_epu8(limitBytes, chroma), zero),
-                                                               _mm_set1_epi8(static_cast<char>(0xFF))));
-    const int keyMask = ~_mm_movemask_epi8(notKey) & 0xFFFF;
-    if (_mm_movemask_epi8(soft) != 0 || (softensAll && keyMask != 0)) {
-      MatteRun<KeyByte, OtherByte1, OtherByte2>(p, matte + i, 16, limit, softLimit, rampCut, info);
-      continue;
-    }
-    keyPixels += static_cast<uint32_t>(__builtin_popcount(static_cast<unsigned int>(keyMask)));
-    sums = _mm_add_epi64(sums, _mm_sad_epu8(difference, zero));
-    lowest = _mm_min_epu8(lowest, _mm_or_si128(difference, notKey));
-    highest = _mm_max_epu8(highest, difference);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(matte + i), difference);
-  }
-  // Fold the vector statistics into the plain run's; count and sum wrap.
-  unsigned char lowestBytes[16], highestBytes[16];
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(lowestBytes), lowest);
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(highestBytes), highest);
-  uint64_t sumLanes[2];
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(sumLanes), sums);
-  if (keyPixels != 0) {
-    info.count = WrappingAdd(info.count, static_cast<int32_t>(keyPixels));
-    info.sum = WrappingAdd(info.sum, static_cast<int32_t>(static_cast<uint32_t>(sumLanes[0] + sumLanes[1])));
-    for (int k = 0; k < 16; ++k) {
-      info.minimum = std::min<int32_t>(info.minimum, lowestBytes[k]);
-      info.maximum = std::max<int32_t>(info.maximum, highestBytes[k]);
-    }
-  }
-  MatteRun<KeyByte, OtherByte1, OtherByte2>(in + i * kBytesPerPixel, matte + i, count - i, limit, softLimit, rampCut,
-                                            info);
-}
-
-}  // namespace
-
 void* AutoColorDifferenceMatteProc(void* data) {
   if (data == nullptr) return nullptr;
   AutoColorDifferenceData* record = static_cast<AutoColorDifferenceData*>(data);
-  KVImage8* image = record->image;
-  if (image == nullptr || !record->matte || !record->matteInfo) return nullptr;
-
-  // The byte share and the pixel share describe the same pixels; both are cut
-  // at the end of the image, whose pixels the matte holds one byte each.
-  const size_t pixelLimit = image->BufferByteSize() / kBytesPerPixel;
-  const ShareRun bytes = ByteShare(image->Width(), image->Height(), record->threadIndex, record->threadCount,
-                                   pixelLimit * kBytesPerPixel);
-  const ShareRun pixels =
-      PixelShare(image->Width(), image->Height(), record->threadIndex, record->threadCount, pixelLimit);
-  const size_t count = std::min(bytes.count / kBytesPerPixel, pixels.count);
-  const unsigned char* in = image->Buffer() + bytes.start;
-  unsigned char* matte = record->matte.get() + pixels.start;
-
-  // Chroma softening: below the limit T a difference is scaled down linearly
-  // from full at chroma T to nothing at chroma S, and below S it is dropped.
-  const int limit = TruncateToInt(255.0 * record->saturationLimit);
-  const double softLimit = limit * record->saturationSoftness;
-  const double rampWidth = (1.0 - record->saturationSoftness) * limit;
-  double rampCut[256];
-  for (int chroma = 0; chroma < 256; ++chroma) rampCut[chroma] = std::fabs((chroma - softLimit) / rampWidth - 1.0);
-
-  MatteInfo info = record->matteInfo.get()[record->threadIndex];
-  const bool wider = UseSSSE3();
-  if (record->keyColor == kKeyColorGreen) {
-    if (wider) {
-      MatteRunSSSE3<kGreenByte, kBlueByte, kRedByte>(in, matte, count, limit, softLimit, rampCut, info);
-    } else {
-      MatteRun<kGreenByte, kBlueByte, kRedByte>(in, matte, count, limit, softLimit, rampCut, info);
-    }
-  } else if (record->keyColor == kKeyColorBlue) {
-    if (wider) {
-      MatteRunSSSE3<kBlueByte, kGreenByte, kRedByte>(in, matte, count, limit, softLimit, rampCut, info);
-    } else {
-      MatteRun<kBlueByte, kGreenByte, kRedByte>(in, matte, count, limit, softLimit, rampCut, info);
-    }
-  } else {
-    std::fill(matte, matte + count, static_cast<unsigned char>(0));  // no pixel is a key pixel
-  }
-  record->matteInfo.get()[record->threadIndex] = info;
+  if (record->image == nullptr || !record->matte || !record->matteInfo) return nullptr;
+  PullMatteShare(record->image, record->threadIndex, record->threadCount, ChooseMatteKernel(record->keyColor),
+                 Softening(record->saturationLimit, record->saturationSoftness), record->matte.get(),
+                 record->matteInfo.get()[record->threadIndex]);
   return nullptr;
 }
 

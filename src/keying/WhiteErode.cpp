@@ -4,11 +4,9 @@
 #include <memory>
 #include <new>
 
-#include <emmintrin.h>
-
 #include <kvimage/keying.h>
 
-#include "keying/WhiteErodeRing.h"
+#include "keying/WhiteErodeKernels.h"
 #include "pipeline/ResultCodes.h"
 #include "pipeline/StageNeeds.h"
 #include "support/Assert.h"
@@ -95,71 +93,21 @@ LineWindow WindowOf(size_t n, int64_t window, LineShape shape) {
 // Scratch entries for one line (rows) or one strip row (columns).
 size_t PaddedEntries(size_t n) { return (n + 2 * (2 * n + 1) + 32 + 15) / 16 * 16; }
 
-inline __m128i Load(const unsigned char* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
-inline void Store(unsigned char* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
-
-// The alpha bytes of `count` pixels.
-void ExtractAlphas(const unsigned char* pixels, size_t count, unsigned char* alphas) {
-  size_t i = 0;
-  for (; i + 16 <= count; i += 16) {
-    const unsigned char* p = pixels + i * kBytesPerPixel;
-    const __m128i a0 = _mm_srli_epi32(Load(p), 24), a1 = _mm_srli_epi32(Load(p + 16), 24);
-    const __m128i a2 = _mm_srli_epi32(Load(p + 32), 24), a3 = _mm_srli_epi32(Load(p + 48), 24);
-    Store(alphas + i, _mm_packus_epi16(_mm_packs_epi32(a0, a1), _mm_packs_epi32(a2, a3)));
-  }
-  for (; i < count; ++i) alphas[i] = pixels[i * kBytesPerPixel + kAlphaByte];
-}
-
-// out = the colour bytes of `colours` with the alpha bytes `alphas`
-// (out may be colours).
-void MergeAlphas(const unsigned char* colours, const unsigned char* alphas, size_t count, unsigned char* out) {
-  const __m128i zero = _mm_setzero_si128();
-  const __m128i colourMask = _mm_set1_epi32(0x00FFFFFF);
-  size_t i = 0;
-  for (; i + 16 <= count; i += 16) {
-    const __m128i a = Load(alphas + i);
-    const __m128i low = _mm_unpacklo_epi8(zero, a), high = _mm_unpackhi_epi8(zero, a);
-    const __m128i shifted[4] = {_mm_unpacklo_epi16(zero, low), _mm_unpackhi_epi16(zero, low),
-                                _mm_unpacklo_epi16(zero, high), _mm_unpackhi_epi16(zero, high)};
-    for (int k = 0; k < 4; ++k) {
-      const unsigned char* c = colours + (i + 4 * k) * kBytesPerPixel;
-      Store(out + (i + 4 * k) * kBytesPerPixel, _mm_or_si128(_mm_and_si128(Load(c), colourMask), shifted[k]));
-    }
-  }
-  for (; i < count; ++i) {
-    uint32_t pixel;
-    std::memcpy(&pixel, colours + i * kBytesPerPixel, sizeof pixel);
-    pixel = (pixel & 0x00FFFFFFu) | (static_cast<uint32_t>(alphas[i]) << 24);
-    std::memcpy(out + i * kBytesPerPixel, &pixel, sizeof pixel);
-  }
-}
-
 // The sliding minimum of one row held in s (w.padded entries, the line at
 // s[lead ..], 255 elsewhere); the n results replace s[0 .. n).
-void SlideRow(unsigned char* s, size_t n, const LineWindow& w) {
+void SlideRow(unsigned char* s, size_t n, const LineWindow& w, const ErodeKernels& kernels) {
   const size_t computed = (n + w.width + 15) / 16 * 16;
-  for (size_t span = 1; span < w.span; span *= 2) {
-    for (size_t i = 0; i < computed; i += 16) Store(s + i, _mm_min_epu8(Load(s + i), Load(s + i + span)));
-  }
-  const size_t reach = w.width - w.span;
-  for (size_t i = 0; i < n; i += 16) Store(s + i, _mm_min_epu8(Load(s + i), Load(s + i + reach)));
+  for (size_t span = 1; span < w.span; span *= 2) kernels.minima(s, s + span, computed);
+  kernels.minima(s, s + (w.width - w.span), (n + 15) / 16 * 16);
 }
 
 // The same for a strip: entry i is a row of kStripLanes bytes.
-void SlideStrip(unsigned char* s, size_t n, const LineWindow& w) {
+void SlideStrip(unsigned char* s, size_t n, const LineWindow& w, const ErodeKernels& kernels) {
   const size_t computed = n + w.width;
   for (size_t span = 1; span < w.span; span *= 2) {
-    for (size_t i = 0; i < computed; ++i) {
-      unsigned char* row = s + i * kStripLanes;
-      const unsigned char* later = row + span * kStripLanes;
-      for (size_t k = 0; k < kStripLanes; k += 16) Store(row + k, _mm_min_epu8(Load(row + k), Load(later + k)));
-    }
+    kernels.minima(s, s + span * kStripLanes, computed * kStripLanes);
   }
-  const size_t reach = (w.width - w.span) * kStripLanes;
-  for (size_t i = 0; i < n; ++i) {
-    unsigned char* row = s + i * kStripLanes;
-    for (size_t k = 0; k < kStripLanes; k += 16) Store(row + k, _mm_min_epu8(Load(row + k), Load(row + reach + k)));
-  }
+  kernels.minima(s, s + (w.width - w.span) * kStripLanes, n * kStripLanes);
 }
 
 // The record of one thread of either pass; the caller sets the share size
@@ -180,7 +128,7 @@ unsigned char* ScratchFor(ErodeWhiteData& data, size_t lineLength, std::unique_p
 // The horizontal pass over the record's rows. With copyColour the colour
 // bytes of bufferB are written from bufferA as well (Setup's copy of the
 // source fused into the pass); otherwise only its alpha bytes are written.
-int ErodeRows(ErodeWhiteData& data, bool copyColour) {
+int ErodeRows(ErodeWhiteData& data, bool copyColour, const ErodeKernels& kernels) {
   const ShareRun rows = ShareOfLinesSized(data.height, data.rowsPerThread, data.threadIndex);
   if (rows.count == 0 || data.width == 0) return 0;
   std::unique_ptr<unsigned char[]> owned;
@@ -192,13 +140,13 @@ int ErodeRows(ErodeWhiteData& data, bool copyColour) {
     const unsigned char* in = data.bufferA + y * rowBytes;
     unsigned char* out = data.bufferB + y * rowBytes;
     std::memset(s, 255, w.padded);
-    ExtractAlphas(in, n, s + w.lead);
+    kernels.extractAlphas(in, n, s + w.lead);
     if (w.excluded < n) s[w.lead + w.excluded] = 255;
-    SlideRow(s, n, w);
+    SlideRow(s, n, w, kernels);
     for (size_t x = w.extraBegin; x < w.extraEnd; ++x) {
       s[x] = std::min(s[x], in[(x - w.extraOffset) * kBytesPerPixel + kAlphaByte]);
     }
-    MergeAlphas(copyColour ? in : out, s, n, out);
+    kernels.mergeAlphas(copyColour ? in : out, s, n, out);
   }
   return 0;
 }
@@ -229,6 +177,53 @@ void ErodeColumnsByScan(const ErodeWhiteData& data, ShareRun columns, const Line
   }
 }
 
+// The vertical pass over the record's columns: the centred direction erodes
+// them, the others copy them.
+void ErodeColumns(ErodeWhiteData& data, const ErodeKernels& kernels) {
+  const ShareRun columns = ShareOfLinesSized(data.width, data.columnsPerThread, data.threadIndex);
+  if (columns.count == 0 || data.height == 0) return;
+  const size_t height = data.height, rowBytes = static_cast<size_t>(data.width) * kBytesPerPixel;
+
+  if (ShapeOf(data.direction) != kCentred) {
+    const size_t stripBytes = columns.count * kBytesPerPixel;
+    for (size_t y = 0; y < height; ++y) {
+      const size_t offset = y * rowBytes + columns.start * kBytesPerPixel;
+      if (offset >= data.bufferALimit) break;
+      std::memcpy(data.bufferA + offset, data.bufferB + offset, std::min(stripBytes, data.bufferALimit - offset));
+    }
+    return;
+  }
+
+  const LineWindow w = WindowOf(height, data.window, kCentred);
+  std::unique_ptr<unsigned char[]> owned;
+  unsigned char* s = ScratchFor(data, height, owned);
+  if (s == nullptr) {
+    ErodeColumnsByScan(data, columns, w);
+    return;
+  }
+  for (uint64_t first = columns.start; first < columns.End(); first += kStripLanes) {
+    const size_t count = static_cast<size_t>(std::min<uint64_t>(kStripLanes, columns.End() - first));
+    const size_t stripOffset = first * kBytesPerPixel;
+    std::memset(s, 255, w.padded * kStripLanes);
+    for (size_t y = 0; y < height; ++y) {
+      if (y == w.excluded) continue;
+      kernels.extractAlphas(data.bufferB + y * rowBytes + stripOffset, count, s + (y + w.lead) * kStripLanes);
+    }
+    SlideStrip(s, height, w, kernels);
+    for (size_t y = w.extraBegin; y < w.extraEnd; ++y) {
+      const unsigned char* above = data.bufferB + (y - w.extraOffset) * rowBytes + stripOffset + kAlphaByte;
+      unsigned char* row = s + y * kStripLanes;
+      for (size_t k = 0; k < count; ++k) row[k] = std::min(row[k], above[k * kBytesPerPixel]);
+    }
+    for (size_t y = 0; y < height; ++y) {
+      const size_t offset = y * rowBytes + stripOffset;
+      if (offset >= data.bufferALimit) break;
+      const size_t pixels = std::min(count * kBytesPerPixel, data.bufferALimit - offset) / kBytesPerPixel;
+      kernels.mergeAlphas(data.bufferB + offset, s + y * kStripLanes, pixels, data.bufferA + offset);
+    }
+  }
+}
+
 }  // namespace
 
 // Enough for either pass: a row needs one padded line, a strip of columns
@@ -239,59 +234,21 @@ size_t WhiteErodeScratchBytes(size_t lineLength, size_t) {
 
 void* HorizErodeWhiteProc(void* argument) {
   if (argument == nullptr) return ThreadExitValue(0);
-  return ThreadExitValue(ErodeRows(*static_cast<ErodeWhiteData*>(argument), false));
+  return ThreadExitValue(ErodeRows(*static_cast<ErodeWhiteData*>(argument), false, ChooseErodeKernels()));
 }
 
 void* VertErodeWhiteProc(void* argument) {
   if (argument == nullptr) return ThreadExitValue(0);
-  ErodeWhiteData& data = *static_cast<ErodeWhiteData*>(argument);
-  const ShareRun columns = ShareOfLinesSized(data.width, data.columnsPerThread, data.threadIndex);
-  if (columns.count == 0 || data.height == 0) return ThreadExitValue(0);
-  const size_t height = data.height, rowBytes = static_cast<size_t>(data.width) * kBytesPerPixel;
-
-  if (ShapeOf(data.direction) != kCentred) {
-    const size_t stripBytes = columns.count * kBytesPerPixel;
-    for (size_t y = 0; y < height; ++y) {
-      const size_t offset = y * rowBytes + columns.start * kBytesPerPixel;
-      if (offset >= data.bufferALimit) break;
-      std::memcpy(data.bufferA + offset, data.bufferB + offset, std::min(stripBytes, data.bufferALimit - offset));
-    }
-    return ThreadExitValue(0);
-  }
-
-  const LineWindow w = WindowOf(height, data.window, kCentred);
-  std::unique_ptr<unsigned char[]> owned;
-  unsigned char* s = ScratchFor(data, height, owned);
-  if (s == nullptr) {
-    ErodeColumnsByScan(data, columns, w);
-    return ThreadExitValue(0);
-  }
-  for (uint64_t first = columns.start; first < columns.End(); first += kStripLanes) {
-    const size_t count = static_cast<size_t>(std::min<uint64_t>(kStripLanes, columns.End() - first));
-    const size_t stripOffset = first * kBytesPerPixel;
-    std::memset(s, 255, w.padded * kStripLanes);
-    for (size_t y = 0; y < height; ++y) {
-      if (y == w.excluded) continue;
-      ExtractAlphas(data.bufferB + y * rowBytes + stripOffset, count, s + (y + w.lead) * kStripLanes);
-    }
-    SlideStrip(s, height, w);
-    for (size_t y = w.extraBegin; y < w.extraEnd; ++y) {
-      const unsigned char* above = data.bufferB + (y - w.extraOffset) * rowBytes + stripOffset + kAlphaByte;
-      unsigned char* row = s + y * kStripLanes;
-      for (size_t k = 0; k < count; ++k) row[k] = std::min(row[k], above[k * kBytesPerPixel]);
-    }
-    for (size_t y = 0; y < height; ++y) {
-      const size_t offset = y * rowBytes + stripOffset;
-      if (offset >= data.bufferALimit) break;
-      const size_t pixels = std::min(count * kBytesPerPixel, data.bufferALimit - offset) / kBytesPerPixel;
-      MergeAlphas(data.bufferB + offset, s + y * kStripLanes, pixels, data.bufferA + offset);
-    }
-  }
+  ErodeColumns(*static_cast<ErodeWhiteData*>(argument), ChooseErodeKernels());
   return ThreadExitValue(0);
 }
 
 WhiteErodeRenderer::WhiteErodeRenderer(KVWhiteErodeDirection direction, int size)
-    : m_direction(direction), m_window(2 * static_cast<int64_t>(std::max(size, 0)) + 1) {}
+    : m_direction(direction),
+      m_window(2 * static_cast<int64_t>(std::max(size, 0)) + 1),
+      m_extractAlphas(ExtractAlphas_Plain),
+      m_mergeAlphas(MergeAlphas_Plain),
+      m_minima(Minima_Plain) {}
 
 WhiteErodeRenderer::~WhiteErodeRenderer() {}
 
@@ -299,6 +256,10 @@ unsigned int WhiteErodeRenderer::Type() const { return 0; }
 
 void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
   const unsigned int width = source->Width(), height = source->Height();
+  const ErodeKernels kernels = ChooseErodeKernels();
+  m_extractAlphas = kernels.extractAlphas;
+  m_mergeAlphas = kernels.mergeAlphas;
+  m_minima = kernels.minima;
   // The previous render's image is reused when nothing else holds it and it
   // has the same shape: every byte is rewritten below.
   std::tr1::shared_ptr<KVImage8> intermediate = m_intermediate;
@@ -330,7 +291,7 @@ void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
           PassRecord(threadIndex, width, height, PixelBytes(source), intermediate->Buffer(), m_window, m_direction);
       record.rowsPerThread = rowsPerThread;
       record.scratch = threadIndex < busyThreads ? scratch.get() + threadIndex * scratchBytes : nullptr;
-      return ErodeRows(record, true);
+      return ErodeRows(record, true, kernels);
     });
     if (code == kResultOutOfMemory) throw std::bad_alloc();
   }
@@ -366,7 +327,7 @@ int WhiteErodeRenderer::Render8(KVAbstractImage*, KVAbstractImage* destination, 
     scratch.reset(new (std::nothrow) unsigned char[WhiteErodeScratchBytes(record.height, 1)]);
     record.scratch = scratch.get();
   }
-  VertErodeWhiteProc(&record);
+  ErodeColumns(record, ErodeKernels{m_extractAlphas, m_mergeAlphas, m_minima});
   return 0;
 }
 

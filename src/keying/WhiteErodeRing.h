@@ -51,6 +51,23 @@ inline void WhiteErodeLineByRing(const unsigned char* alphas, size_t count, size
   }
 }
 
+// The whole stage by the ring on BGRA bytes of w x h pixels: the rows, then
+// for the centred direction the columns of the result.
+inline std::vector<unsigned char> WhiteErodeImageByRing(const std::vector<unsigned char>& bytes, unsigned int w,
+                                                        unsigned int h, int size, KVWhiteErodeDirection direction) {
+  std::vector<unsigned char> out = bytes;
+  const size_t rowBytes = static_cast<size_t>(w) * 4;
+  for (unsigned int y = 0; y < h; ++y) {
+    WhiteErodeLineByRing(&bytes[y * rowBytes + 3], w, 4, size, direction, &out[y * rowBytes + 3], 4);
+  }
+  if (direction != kWhiteErodeAll) return out;
+  const std::vector<unsigned char> rows = out;
+  for (unsigned int x = 0; x < w; ++x) {
+    WhiteErodeLineByRing(&rows[x * 4 + 3], h, rowBytes, size, direction, &out[x * 4 + 3], rowBytes);
+  }
+  return out;
+}
+
 }  // namespace image
 }  // namespace kvo
 

@@ -1,0 +1,119 @@
+#ifndef KVIMAGE_SRC_KEYING_WHITEERODEKERNELS_H
+#define KVIMAGE_SRC_KEYING_WHITEERODEKERNELS_H
+
+// The white erode's kernels: three families, each under one signature,
+// plain first. Each returns the units it did, all of them: an SSE2 kernel
+// hands its tail to its plain twin. The erode has no documented plain path,
+// so its passes always take the SSE2 kernels; the plain ones are their
+// straightforward form.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include <emmintrin.h>
+
+#include "support/PathChoice.h"
+#include "support/PixelLayout.h"
+
+namespace kvo {
+namespace image {
+
+namespace erode_detail {
+
+inline __m128i Load(const unsigned char* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
+inline void Store(unsigned char* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
+
+}  // namespace erode_detail
+
+// The alpha bytes of `count` pixels.
+typedef size_t (*ExtractAlphasKernel)(const unsigned char* pixels, size_t count, unsigned char* alphas);
+
+inline size_t ExtractAlphas_Plain(const unsigned char* pixels, size_t count, unsigned char* alphas) {
+  for (size_t i = 0; i < count; ++i) alphas[i] = pixels[i * kBytesPerPixel + kAlphaByte];
+  return count;
+}
+
+inline size_t ExtractAlphas_SSE2(const unsigned char* pixels, size_t count, unsigned char* alphas) {
+  using erode_detail::Load;
+  size_t i = 0;
+  for (; i + 16 <= count; i += 16) {
+    const unsigned char* p = pixels + i * kBytesPerPixel;
+    const __m128i a0 = _mm_srli_epi32(Load(p), 24), a1 = _mm_srli_epi32(Load(p + 16), 24);
+    const __m128i a2 = _mm_srli_epi32(Load(p + 32), 24), a3 = _mm_srli_epi32(Load(p + 48), 24);
+    erode_detail::Store(alphas + i, _mm_packus_epi16(_mm_packs_epi32(a0, a1), _mm_packs_epi32(a2, a3)));
+  }
+  return i + ExtractAlphas_Plain(pixels + i * kBytesPerPixel, count - i, alphas + i);
+}
+
+// out = the colour bytes of `colours` with the alpha bytes `alphas` (out may
+// be colours).
+typedef size_t (*MergeAlphasKernel)(const unsigned char* colours, const unsigned char* alphas, size_t count,
+                                    unsigned char* out);
+
+inline size_t MergeAlphas_Plain(const unsigned char* colours, const unsigned char* alphas, size_t count,
+                                unsigned char* out) {
+  for (size_t i = 0; i < count; ++i) {
+    uint32_t pixel;
+    std::memcpy(&pixel, colours + i * kBytesPerPixel, sizeof pixel);
+    pixel = (pixel & 0x00FFFFFFu) | (static_cast<uint32_t>(alphas[i]) << 24);
+    std::memcpy(out + i * kBytesPerPixel, &pixel, sizeof pixel);
+  }
+  return count;
+}
+
+inline size_t MergeAlphas_SSE2(const unsigned char* colours, const unsigned char* alphas, size_t count,
+                               unsigned char* out) {
+  using erode_detail::Load;
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i colourMask = _mm_set1_epi32(0x00FFFFFF);
+  size_t i = 0;
+  for (; i + 16 <= count; i += 16) {
+    const __m128i a = Load(alphas + i);
+    const __m128i low = _mm_unpacklo_epi8(zero, a), high = _mm_unpackhi_epi8(zero, a);
+    const __m128i shifted[4] = {_mm_unpacklo_epi16(zero, low), _mm_unpackhi_epi16(zero, low),
+                                _mm_unpacklo_epi16(zero, high), _mm_unpackhi_epi16(zero, high)};
+    for (int k = 0; k < 4; ++k) {
+      const unsigned char* c = colours + (i + 4 * k) * kBytesPerPixel;
+      erode_detail::Store(out + (i + 4 * k) * kBytesPerPixel,
+                          _mm_or_si128(_mm_and_si128(Load(c), colourMask), shifted[k]));
+    }
+  }
+  return i + MergeAlphas_Plain(colours + i * kBytesPerPixel, alphas + i, count - i, out + i * kBytesPerPixel);
+}
+
+// values[i] = min(values[i], later[i]) for i < count, in rising i: `later`
+// may be values itself or lie ahead of it, each minimum then reading a value
+// not yet replaced.
+typedef size_t (*MinimaKernel)(unsigned char* values, const unsigned char* later, size_t count);
+
+inline size_t Minima_Plain(unsigned char* values, const unsigned char* later, size_t count) {
+  for (size_t i = 0; i < count; ++i) values[i] = values[i] < later[i] ? values[i] : later[i];
+  return count;
+}
+
+inline size_t Minima_SSE2(unsigned char* values, const unsigned char* later, size_t count) {
+  using erode_detail::Load;
+  size_t i = 0;
+  for (; i + 16 <= count; i += 16) erode_detail::Store(values + i, _mm_min_epu8(Load(values + i), Load(later + i)));
+  return i + Minima_Plain(values + i, later + i, count - i);
+}
+
+// One kernel of each family, of one rung.
+struct ErodeKernels {
+  ExtractAlphasKernel extractAlphas;
+  MergeAlphasKernel mergeAlphas;
+  MinimaKernel minima;
+};
+
+inline ErodeKernels ChooseErodeKernels() {
+  return ErodeKernels{
+      ChooseKernel(KernelRungs<ExtractAlphasKernel>{ExtractAlphas_Plain, ExtractAlphas_SSE2, nullptr, nullptr}),
+      ChooseKernel(KernelRungs<MergeAlphasKernel>{MergeAlphas_Plain, MergeAlphas_SSE2, nullptr, nullptr}),
+      ChooseKernel(KernelRungs<MinimaKernel>{Minima_Plain, Minima_SSE2, nullptr, nullptr})};
+}
+
+}  // namespace image
+}  // namespace kvo
+
+#endif
