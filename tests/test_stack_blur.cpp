@@ -3,8 +3,10 @@
 
 #include <kvimage/kvimage.h>
 
+#include <algorithm>
+
 #include "BlurReference.h"
-#include "renderers/blur/StackBlurCore.h"
+#include "renderers/blur/StackBlurKernels.h"
 #include "TestSupport.h"
 
 using namespace kvo::image;
@@ -380,6 +382,108 @@ TEST(StackBlur, DividerMatchesTheDivideTable) {
     for (uint32_t q = 0; q < 256; ++q) {
       for (uint32_t sum : {q * divsum, q * divsum + 1, q * divsum + divsum / 2, q * divsum + divsum - 1}) {
         ASSERT_EQ(static_cast<int32_t>(sum / divsum), divide(sum)) << radius << " " << sum;
+      }
+    }
+  }
+}
+
+// `count` bytes `offset` past a 16-byte boundary, filled with a pattern
+// (or, as 32-bit values, with values 0 .. 255), guard bytes behind them.
+class OffsetBytes {
+ public:
+  OffsetBytes(size_t count, size_t offset, uint32_t seed, bool values = false)
+      : m_count(count), m_storage(count + offset + 16 + kGuards, kGuard) {
+    m_data = m_storage.data() + (16 - reinterpret_cast<uintptr_t>(m_storage.data()) % 16) % 16 + offset;
+    const std::vector<unsigned char> pattern = PatternBytes(count, seed);
+    for (size_t i = 0; i < count; ++i) m_data[i] = values && i % 4 != 0 ? 0 : pattern[i];
+  }
+  unsigned char* bytes() { return m_data; }
+  int32_t* values() { return reinterpret_cast<int32_t*>(m_data); }
+  std::vector<unsigned char> contents() const { return std::vector<unsigned char>(m_data, m_data + m_count); }
+  bool guardsIntact() const {
+    return std::all_of(m_data + m_count, m_data + m_count + kGuards, [](unsigned char b) { return b == kGuard; });
+  }
+
+ private:
+  static const size_t kGuards = 64;
+  static const unsigned char kGuard = 0xA5;
+  size_t m_count;
+  std::vector<unsigned char> m_storage;
+  unsigned char* m_data;
+};
+
+TEST(StackBlur, VectorKernelsMatchTheirPlainTwins) {
+  struct Case {
+    uint32_t width, height, radius;
+  } cases[] = {{1, 1, 0}, {7, 3, 1}, {17, 5, 2}, {33, 9, 40}, {2061, 3, 5}, {5, 40, 2896}, {9, 6, 4194304}};
+  // Rows: pixels into byte planes of each kind and into 32-bit planes, values
+  // into a 32-bit plane. Columns: byte planes into pixels (whole, one byte
+  // over a colour image, the first two bytes), values into a byte of the
+  // target's own pixels and into values.
+  struct Format {
+    bool values;
+    unsigned inBytes, outBytes;  // a pixel's bytes read and written
+    int kind;                    // the plane kind, or the column store
+  };
+  const Format rowFormats[] = {{false, 4, 4, kPlaneFourBytes}, {false, 4, 2, kPlaneFirstTwoBytes},
+                               {false, 4, 1, kPlaneAlphaByte}, {false, 4, 16, -1}, {true, 4, 4, -1}};
+  const Format columnFormats[] = {{false, 4, 4, kStoreBytes}, {false, 1, 4, kStoreOneByte},
+                                  {false, 2, 4, kStoreFirstTwoBytes}, {true, 4, 4, kStoreOneByte},
+                                  {true, 4, 4, kStoreValues}};
+  for (const Case& c : cases) {
+    const size_t pixels = static_cast<size_t>(c.width) * c.height;
+    for (int direction = 0; direction < 2; ++direction) {
+      for (const Format& f : direction == 0 ? rowFormats : columnFormats) {
+        const uint32_t lines = direction == 0 ? c.height : c.width, first = lines / 3;
+        OffsetBytes input(pixels * f.inBytes, f.values ? 4 : 1, c.width + c.radius, f.values);
+        OffsetBytes colour(pixels * 4, 1, 7);
+        const std::vector<unsigned char> inputBytes = input.contents(), colourBytes = colour.contents();
+        std::vector<unsigned char> results[2];
+        for (int vector = 0; vector < 2; ++vector) {
+          const bool valuesOut = direction == 0 ? f.kind < 0 : f.kind == kStoreValues;
+          OffsetBytes out(pixels * f.outBytes, valuesOut ? 4 : 1, 3);
+          if (direction == 0) {
+            StackBlurRows pass = StackBlurRows();
+            pass.width = c.width;
+            pass.height = c.height;
+            pass.radius = c.radius;
+            pass.pixels = input.bytes();
+            pass.pixelStride = c.width * 4;
+            pass.values = f.values ? input.values() : nullptr;
+            pass.plane = out.bytes();
+            pass.planeStride = c.width * f.outBytes;
+            if (f.kind >= 0) {
+              pass.kind = static_cast<StackBlurPlaneKind>(f.kind);
+            } else {
+              pass.valuePlanes[0] = out.values();
+              if (!f.values) pass.valuePlanes[3] = out.values() + 3 * pixels;
+            }
+            EXPECT_EQ(c.height - first, (vector ? StackBlurRows_SSE2 : StackBlurRows_Plain)(pass, first, c.height));
+          } else {
+            StackBlurColumns pass = StackBlurColumns();
+            pass.width = c.width;
+            pass.height = c.height;
+            pass.radius = c.radius;
+            pass.plane = input.bytes();
+            pass.planeStride = c.width * f.inBytes;
+            pass.values = f.values ? input.values() : nullptr;
+            pass.store = static_cast<StackBlurColumnStore>(f.kind);
+            pass.target = out.bytes();
+            pass.targetStride = c.width * 4;
+            pass.colour = f.values ? out.bytes() : colour.bytes();
+            pass.colourStride = c.width * 4;
+            pass.byteIndex = f.values ? 1u : static_cast<unsigned>(kAlphaByte);
+            pass.valueTarget = out.values();
+            EXPECT_EQ(c.width - first, (vector ? StackBlurColumns_SSE2 : StackBlurColumns_Plain)(pass, first, c.width));
+          }
+          EXPECT_TRUE(out.guardsIntact());
+          results[vector] = out.contents();
+        }
+        EXPECT_EQ(results[0], results[1]) << c.width << "x" << c.height << " r" << c.radius << " direction "
+                                          << direction << " format " << f.kind << (f.values ? " values" : "");
+        EXPECT_EQ(inputBytes, input.contents());
+        EXPECT_EQ(colourBytes, colour.contents());
+        EXPECT_TRUE(input.guardsIntact() && colour.guardsIntact());
       }
     }
   }

@@ -20,14 +20,18 @@ namespace image {
 // that the cost per pixel does not depend on the radius.
 //
 // The row pass ("Vert" procedures, they walk along rows) runs in Setup on the
-// stage's own threads and leaves one 32-bit plane per channel; the column pass
-// ("Horiz" procedures, they walk down columns) runs in Render, one share of
-// columns per render thread.
+// stage's own threads and leaves the blurred rows as bytes, four a pixel (the
+// alpha byte alone in the alpha-only mode); the column pass ("Horiz"
+// procedures, they walk down columns) reads them in Render, one share of
+// columns per render thread. The exported procedures below run the same
+// passes with the row results in 32-bit planes, one per channel, each value
+// 0 .. 255.
 //
 // Every radius is served, with memory bounded by the image: the sums of a
-// window are exact integers (32-bit up to radius 2895, 128-bit beyond), the
-// quotients are exact divisions by (radius+1)^2 without a table, and a window
-// larger than the image costs no more than the image.
+// window are exact (32-bit integers up to radius 2895, doubles up to 4194303,
+// 64- and 128-bit integers beyond), the quotients are exact divisions by
+// (radius+1)^2 without a table, and a window larger than the image costs no
+// more than the image.
 // ---------------------------------------------------------------------------
 
 // One pass procedure's work. Only the fields a pass reads are filled.
@@ -38,13 +42,17 @@ struct StackBlurData {
   uint32_t width;
   uint32_t height;
   uint32_t radius;
+  // The row pass's results, one 32-bit value (0 .. 255) a pixel, row y at
+  // plane + y * width: written by the row pass, read by the column pass.
   int32_t* plane3;             // alpha (byte 3)
-  int32_t* plane2;             // byte 2, all-channel mode only
-  int32_t* plane1;             // byte 1, all-channel mode only
-  int32_t* plane0;             // byte 0, all-channel mode only
+  int32_t* plane2;             // byte 2, RGBA passes only
+  int32_t* plane1;             // byte 1, RGBA passes only
+  int32_t* plane0;             // byte 0, RGBA passes only
   unsigned char* pixels;       // row pass: read; column pass: written
   const unsigned char* sourcePixels;  // column pass, alpha-only mode: colour bytes kept
-  const int32_t* edgeIndex;    // the entering position of every step, filled before the pass starts
+  // The entering position of every step (see below). Not read: the passes
+  // find it from the radius.
+  const int32_t* edgeIndex;
   // divideTable[i] = i / (radius+1)^2. Not read: the passes divide their
   // sums exactly without a table, which would outgrow the caches and, beyond
   // radius 2895, the 32-bit index; any radius works.
@@ -52,10 +60,11 @@ struct StackBlurData {
 };
 
 // The pass procedures: each takes a StackBlurData* and returns null (at once
-// when given none). The edgeIndex entries are thread-independent and are
-// filled by the caller before the threads start: for a row pass entry x holds
-// min(x + radius + 1, width - 1), for a column pass entry y holds
-// min(y + radius + 1, height - 1) * width.
+// when given none). A thread blurs rowsPerThread rows (columnsPerThread
+// columns) from threadIndex times that, cut at the end of the image. The
+// edgeIndex tables (for a row pass entry x holds min(x + radius + 1,
+// width - 1), for a column pass entry y holds min(y + radius + 1, height - 1)
+// * width) describe where each step's entering value lies.
 KVIMAGE_EXPORT void* StackBlurVertRGBAProc(void* data);
 KVIMAGE_EXPORT void* StackBlurVertAlphaProc(void* data);
 KVIMAGE_EXPORT void* StackBlurHorizRGBAProc(void* data);

@@ -6,11 +6,10 @@
 #include <vector>
 
 #include "compositing/BlendOperations.h"
-#include "renderers/blur/StackBlurCore.h"
+#include "renderers/blur/StackBlurPasses.h"
 #include "support/Conversions.h"
-#include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
-#include "support/Threads.h"
+#include "support/PixelLayout.h"
 
 namespace kvo {
 namespace image {
@@ -119,13 +118,6 @@ struct ShadowFill {
   int32_t* plane;
 };
 
-struct ShadowFillShare {
-  const ShadowFill* fill;
-  uint32_t threadIndex;
-  uint32_t rowsPerThread;
-  uint32_t height;
-};
-
 // The layer's alpha at (column, row), 0 outside the sampled area.
 inline double SampledAlpha(const ShadowFill& fill, int64_t column, int64_t row) {
   if (column < fill.sampleLeft || column >= fill.sampleRight || row < fill.sampleTop || row >= fill.sampleBottom) {
@@ -178,15 +170,14 @@ inline int32_t ShadowAlphaAt(const ShadowFill& fill, double px, const double (&r
   return ClampToByte(TruncateToInt(alpha + 0.5));
 }
 
-void* ShadowFillProc(void* record) {
-  const ShadowFillShare& share = *static_cast<ShadowFillShare*>(record);
-  const ShadowFill& fill = *share.fill;
+// The plane rows [firstRow, endRow): the shadow alpha of every reached
+// pixel, 0 elsewhere.
+void FillShadowRows(const ShadowFill& fill, size_t firstRow, size_t endRow) {
   const double(&inv)[3][3] = fill.transform.inverse;
-  const LineShare rows = LineShareOf(share.threadIndex, share.rowsPerThread, share.height);
-  for (uint32_t row = rows.first; row < rows.end; ++row) {
-    int32_t* line = fill.plane + static_cast<size_t>(row) * fill.planeWidth;
+  for (size_t row = firstRow; row < endRow; ++row) {
+    int32_t* line = fill.plane + row * fill.planeWidth;
     std::fill(line, line + fill.planeWidth, 0);
-    const uint32_t y = fill.planeTop + row;
+    const uint32_t y = fill.planeTop + static_cast<uint32_t>(row);
     if (y < fill.reachTop || y >= fill.reachBottom) continue;
     const double py = y + 0.5;
     const double rowTerms[3] = {inv[0][1] * py + inv[0][2], inv[1][1] * py + inv[1][2], inv[2][1] * py + inv[2][2]};
@@ -194,7 +185,6 @@ void* ShadowFillProc(void* record) {
       line[x - fill.planeLeft] = ShadowAlphaAt(fill, x + 0.5, rowTerms);
     }
   }
-  return nullptr;
 }
 
 // [low, high) of the pixels whose centres lie within [from, to], cut to 0 .. limit.
@@ -324,44 +314,23 @@ void ShadowCastCompositor::Setup(KVAbstractImage* background) {
   fill.planeTop = m_planeTop;
   fill.planeWidth = m_planeWidth;
 
-  const uint32_t threads = PassThreadCount();
-  if (threads == 0) return;
   const size_t planePixels = static_cast<size_t>(m_planeWidth) * m_planeHeight;
   SizePlane(m_shadowAlpha, planePixels);
   fill.plane = m_shadowAlpha.data();
-  std::vector<ShadowFillShare> shares(threads);
-  for (uint32_t t = 0; t < threads; ++t) {
-    shares[t] = ShadowFillShare{&fill, t, LinesPerThread(m_planeHeight, threads), m_planeHeight};
-  }
-  RunThreads(ShadowFillProc, shares);
+  RunParallel([&](unsigned char threadIndex, unsigned char threadCount) {
+    const ShareRun rows = ShareOfLines(m_planeHeight, threadIndex, threadCount);
+    FillShadowRows(fill, rows.start, rows.End());
+    return 0;
+  });
 
   if (m_radius != 0) {
     // Rows into the scratch plane, then columns back into the shadow plane.
     SizePlane(m_blurScratch, planePixels);
-    SizePlane(m_edgeIndex, std::max(m_planeWidth, m_planeHeight));
-    std::vector<StackBlurSingleChannelData> passes(threads);
-    for (uint32_t t = 0; t < threads; ++t) {
-      StackBlurSingleChannelData& pass = passes[t];
-      pass = StackBlurSingleChannelData();
-      pass.threadIndex = t;
-      pass.rowsPerThread = LinesPerThread(m_planeHeight, threads);
-      pass.columnsPerThread = LinesPerThread(m_planeWidth, threads);
-      pass.width = m_planeWidth;
-      pass.height = m_planeHeight;
-      pass.radius = m_radius;
-      pass.input = m_shadowAlpha.data();
-      pass.output = m_blurScratch.data();
-      pass.edgeIndex = m_edgeIndex.data();
-      pass.divideTable = nullptr;  // the passes divide exactly without a table
-    }
-    FillStackBlurRowEdgeIndex(m_edgeIndex.data(), m_planeWidth, m_radius);
-    RunThreads(StackBlurVertSingleChannelProc, passes);
-    for (StackBlurSingleChannelData& pass : passes) {
-      pass.input = m_blurScratch.data();
-      pass.output = m_shadowAlpha.data();
-    }
-    FillStackBlurColumnEdgeIndex(m_edgeIndex.data(), m_planeWidth, m_planeHeight, m_radius);
-    RunThreads(StackBlurHorizSingleChannelProc, passes);
+    const StackBlurKernels kernels = ChooseStackBlurKernels();
+    RunStackBlurRows(kernels.rows,
+                     ValueRows(m_shadowAlpha.data(), m_planeWidth, m_planeHeight, m_radius, m_blurScratch.data()));
+    RunStackBlurColumns(kernels.columns, ValueColumns(m_blurScratch.data(), m_planeWidth, m_planeHeight, m_radius,
+                                                      m_shadowAlpha.data()));
   }
   m_setupWidth = width;
   m_setupHeight = height;

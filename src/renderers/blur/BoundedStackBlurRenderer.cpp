@@ -6,10 +6,10 @@
 
 #include <kvimage/blur.h>
 
-#include "renderers/blur/StackBlurCore.h"
+#include "renderers/blur/StackBlurPasses.h"
 #include "support/Conversions.h"
+#include "support/ParallelPass.h"
 #include "support/PixelLayout.h"
-#include "support/Threads.h"
 
 namespace kvo {
 namespace image {
@@ -81,16 +81,19 @@ void BoundedStackBlurRenderer::Setup(KVAbstractImage* image) {
   const size_t imageRowBytes = static_cast<size_t>(w) * kBytesPerPixel, rectRowBytes = rw * kBytesPerPixel;
   const unsigned char* corner = PixelBytes(image) + top * imageRowBytes + left * kBytesPerPixel;
   blurred.resize(rectPixels * kBytesPerPixel);
-  if (horizontal && vertical) {
-    rowPassPlane.resize(rectPixels * kBytesPerPixel);
-    RunStackBlurRowPass(corner, imageRowBytes, rowPassPlane.data(), rectRowBytes, rw, rh, radius, kPlaneFourBytes);
-    RunStackBlurColumnPass(rowPassPlane.data(), rectRowBytes, rw, rh, radius, kStoreBytes, blurred.data(), rectRowBytes,
-                           nullptr, 0);
-  } else if (horizontal) {
-    RunStackBlurRowPass(corner, imageRowBytes, blurred.data(), rectRowBytes, rw, rh, radius, kPlaneFourBytes);
-  } else {
-    RunStackBlurColumnPass(corner, imageRowBytes, rw, rh, radius, kStoreBytes, blurred.data(), rectRowBytes,
-                           nullptr, 0);
+  // Both directions: rows into the row pass's plane, then its columns.
+  if (horizontal && vertical) rowPassPlane.resize(rectPixels * kBytesPerPixel);
+  unsigned char* rowResults = horizontal && vertical ? rowPassPlane.data() : blurred.data();
+  const StackBlurKernels kernels = ChooseStackBlurKernels();
+  if (horizontal) {
+    RunStackBlurRows(kernels.rows,
+                     PixelRowsIntoPlane(corner, imageRowBytes, rw, rh, radius, rowResults, kPlaneFourBytes));
+  }
+  if (vertical) {
+    const bool fromRows = horizontal;
+    RunStackBlurColumns(kernels.columns,
+                        PlaneColumnsIntoPixels(fromRows ? rowResults : corner, fromRows ? rectRowBytes : imageRowBytes,
+                                               rw, rh, radius, kStoreBytes, blurred.data()));
   }
 }
 
@@ -125,10 +128,10 @@ int BoundedStackBlurRenderer::Render8(KVImage8* source, KVImage8* destination, u
   if (channels == kChannelsAlpha) blurredChannel[0] = blurredChannel[1] = blurredChannel[2] = false;
   if (channels == kChannelsColor) blurredChannel[3] = false;
 
-  const LineShare rows = LineShareOf(threadIndex, LinesPerThread(setupHeight, threadCount), setupHeight);
+  const ShareRun rows = ShareOfLines(setupHeight, threadIndex, threadCount);
   const size_t rowBytes = static_cast<size_t>(setupWidth) * kBytesPerPixel;
   const size_t rectRowBytes = static_cast<size_t>(right - left) * kBytesPerPixel;
-  for (uint32_t y = rows.first; y < rows.end; ++y) {
+  for (uint32_t y = static_cast<uint32_t>(rows.start); y < rows.End(); ++y) {
     const unsigned char* in = source->Buffer() + y * rowBytes;
     unsigned char* out = destination->Buffer() + y * rowBytes;
     std::memmove(out, in, rowBytes);

@@ -6,10 +6,9 @@
 
 #include <kvimage/blur.h>
 
-#include "renderers/blur/StackBlurCore.h"
-#include "support/Conversions.h"
+#include "renderers/blur/StackBlurPasses.h"
+#include "support/ParallelPass.h"
 #include "support/PixelLayout.h"
-#include "support/Threads.h"
 
 namespace kvo {
 namespace image {
@@ -59,16 +58,31 @@ void FillStackBlurColumnEdgeIndex(int32_t* edgeIndex, uint32_t width, uint32_t h
 
 namespace {
 
-// Runs a pass body; a failure to allocate the window stack ends the pass
-// quietly (the procedures report nothing).
-template <class Body>
+// Runs a pass procedure's body on its record; a failure to allocate ends the
+// pass quietly (the procedures report nothing).
+template <class Record, class Body>
 void* RunPass(void* data, Body body) {
   if (data == nullptr) return nullptr;
   try {
-    body(*static_cast<StackBlurData*>(data));
+    body(*static_cast<const Record*>(data));
   } catch (std::exception&) {
   }
   return nullptr;
+}
+
+// The row pass of a record from its pixels into 32-bit planes (byte c of a
+// pixel into planes[c], where there is one).
+void RowShareIntoPlanes(const StackBlurData& d, int32_t* const (&planes)[4]) {
+  RunStackBlurRowShare(PixelRowsIntoValues(d.pixels, d.width, d.height, d.radius, planes), d.rowsPerThread,
+                       d.threadIndex);
+}
+
+// The column pass of a record from a 32-bit plane into byte `byteIndex` of
+// its pixels, the other bytes from `colour`.
+void ColumnShareIntoByte(const StackBlurData& d, const int32_t* plane, unsigned byteIndex,
+                         const unsigned char* colour) {
+  RunStackBlurColumnShare(ValueColumnsIntoByte(plane, d.width, d.height, d.radius, d.pixels, byteIndex, colour),
+                          d.columnsPerThread, d.threadIndex);
 }
 
 }  // namespace
@@ -76,113 +90,43 @@ void* RunPass(void* data, Body body) {
 // ----- pass procedures --------------------------------------------------------
 
 void* StackBlurVertRGBAProc(void* data) {
-  return RunPass(data, [](const StackBlurData& d) {
-    const unsigned char* pixels = d.pixels;
-    int32_t* planes[4] = {d.plane0, d.plane1, d.plane2, d.plane3};
-    RowPass<4>(
-        d,
-        [&](size_t pixel, uint32_t* values) {
-          const unsigned char* p = pixels + pixel * kBytesPerPixel;
-          values[0] = p[0];
-          values[1] = p[1];
-          values[2] = p[2];
-          values[3] = p[3];
-        },
-        [&](size_t pixel, const uint32_t* quotients) {
-          for (unsigned c = 0; c < 4; ++c) planes[c][pixel] = static_cast<int32_t>(quotients[c]);
-        });
+  return RunPass<StackBlurData>(data, [](const StackBlurData& d) {
+    int32_t* const planes[4] = {d.plane0, d.plane1, d.plane2, d.plane3};
+    RowShareIntoPlanes(d, planes);
   });
 }
 
 void* StackBlurVertAlphaProc(void* data) {
-  return RunPass(data, [](const StackBlurData& d) {
-    const unsigned char* pixels = d.pixels;
-    int32_t* plane3 = d.plane3;
-    RowPass<1>(
-        d, [&](size_t pixel, uint32_t* values) { values[0] = pixels[pixel * kBytesPerPixel + kAlphaByte]; },
-        [&](size_t pixel, const uint32_t* quotients) { plane3[pixel] = static_cast<int32_t>(quotients[0]); });
+  return RunPass<StackBlurData>(data, [](const StackBlurData& d) {
+    int32_t* const planes[4] = {nullptr, nullptr, nullptr, d.plane3};
+    RowShareIntoPlanes(d, planes);
   });
 }
 
+// Each plane in turn into its byte, the pixel's other bytes kept: once all
+// four have passed every byte is written.
 void* StackBlurHorizRGBAProc(void* data) {
-  return RunPass(data, [](const StackBlurData& d) {
-    unsigned char* pixels = d.pixels;
+  return RunPass<StackBlurData>(data, [](const StackBlurData& d) {
     const int32_t* planes[4] = {d.plane0, d.plane1, d.plane2, d.plane3};
-    ColumnPass<4>(
-        d,
-        [&](size_t pixel, uint32_t* values) {
-          for (unsigned c = 0; c < 4; ++c) values[c] = static_cast<uint32_t>(planes[c][pixel]);
-        },
-        [&](size_t pixel, const uint32_t (*results)[4], unsigned count) {
-          unsigned char bytes[kStackBlurLinesPerBlock * kBytesPerPixel];
-          for (unsigned l = 0; l < count; ++l) {
-            for (unsigned c = 0; c < 4; ++c) bytes[l * kBytesPerPixel + c] = static_cast<unsigned char>(results[l][c]);
-          }
-          std::memcpy(pixels + pixel * kBytesPerPixel, bytes, count * kBytesPerPixel);
-        });
+    for (unsigned c = 0; c < 4; ++c) ColumnShareIntoByte(d, planes[c], c, d.pixels);
   });
 }
 
 void* StackBlurHorizAlphaProc(void* data) {
-  return RunPass(data, [](const StackBlurData& d) {
-    unsigned char* pixels = d.pixels;
-    const unsigned char* source = d.sourcePixels;
-    const int32_t* plane3 = d.plane3;
-    ColumnPass<1>(
-        d, [&](size_t pixel, uint32_t* values) { values[0] = static_cast<uint32_t>(plane3[pixel]); },
-        [&](size_t pixel, const uint32_t (*results)[1], unsigned count) {
-          unsigned char bytes[kStackBlurLinesPerBlock * kBytesPerPixel];
-          std::memcpy(bytes, source + pixel * kBytesPerPixel, count * kBytesPerPixel);
-          for (unsigned l = 0; l < count; ++l) {
-            bytes[l * kBytesPerPixel + kAlphaByte] = static_cast<unsigned char>(results[l][0]);
-          }
-          std::memcpy(pixels + pixel * kBytesPerPixel, bytes, count * kBytesPerPixel);
-        });
-  });
+  return RunPass<StackBlurData>(
+      data, [](const StackBlurData& d) { ColumnShareIntoByte(d, d.plane3, kAlphaByte, d.sourcePixels); });
 }
-
-namespace {
-
-StackBlurData SingleChannelAsPassData(const StackBlurSingleChannelData& single) {
-  StackBlurData data = {};
-  data.threadIndex = single.threadIndex;
-  data.rowsPerThread = single.rowsPerThread;
-  data.columnsPerThread = single.columnsPerThread;
-  data.width = single.width;
-  data.height = single.height;
-  data.radius = single.radius;
-  data.edgeIndex = single.edgeIndex;
-  data.divideTable = single.divideTable;
-  return data;
-}
-
-}  // namespace
 
 void* StackBlurVertSingleChannelProc(void* data) {
-  if (data == nullptr) return nullptr;
-  const StackBlurSingleChannelData& single = *static_cast<StackBlurSingleChannelData*>(data);
-  StackBlurData pass = SingleChannelAsPassData(single);
-  return RunPass(&pass, [&](const StackBlurData& d) {
-    const int32_t* input = single.input;
-    int32_t* output = single.output;
-    RowPass<1>(
-        d, [&](size_t pixel, uint32_t* values) { values[0] = static_cast<uint32_t>(input[pixel]); },
-        [&](size_t pixel, const uint32_t* quotients) { output[pixel] = static_cast<int32_t>(quotients[0]); });
+  return RunPass<StackBlurSingleChannelData>(data, [](const StackBlurSingleChannelData& d) {
+    RunStackBlurRowShare(ValueRows(d.input, d.width, d.height, d.radius, d.output), d.rowsPerThread, d.threadIndex);
   });
 }
 
 void* StackBlurHorizSingleChannelProc(void* data) {
-  if (data == nullptr) return nullptr;
-  const StackBlurSingleChannelData& single = *static_cast<StackBlurSingleChannelData*>(data);
-  StackBlurData pass = SingleChannelAsPassData(single);
-  return RunPass(&pass, [&](const StackBlurData& d) {
-    const int32_t* input = single.input;
-    int32_t* output = single.output;
-    ColumnPass<1>(
-        d, [&](size_t pixel, uint32_t* values) { values[0] = static_cast<uint32_t>(input[pixel]); },
-        [&](size_t pixel, const uint32_t (*results)[1], unsigned count) {
-          for (unsigned l = 0; l < count; ++l) output[pixel + l] = static_cast<int32_t>(results[l][0]);
-        });
+  return RunPass<StackBlurSingleChannelData>(data, [](const StackBlurSingleChannelData& d) {
+    RunStackBlurColumnShare(ValueColumns(d.input, d.width, d.height, d.radius, d.output), d.columnsPerThread,
+                            d.threadIndex);
   });
 }
 
@@ -215,8 +159,9 @@ void StackBlurRenderer::Setup(KVAbstractImage* image) {
     std::vector<unsigned char>().swap(rowPassPlane);
     rowPassPlane.resize(pixelCount * kind);
   }
-  RunStackBlurRowPass(PixelBytes(image), static_cast<size_t>(w) * kBytesPerPixel, rowPassPlane.data(),
-                      static_cast<size_t>(w) * kind, w, h, radius, kind);
+  RunStackBlurRows(ChooseStackBlurKernels().rows,
+                   PixelRowsIntoPlane(PixelBytes(image), static_cast<size_t>(w) * kBytesPerPixel, w, h, radius,
+                                      rowPassPlane.data(), kind));
   setupWidth = w;
   setupHeight = h;
 }
@@ -240,15 +185,12 @@ int StackBlurRenderer::Render8(KVImage8* source, KVImage8* destination, unsigned
                       source->BufferByteSize() < bytes)) {
     return 0;
   }
-  const LineShare columns = LineShareOf(threadIndex, LinesPerThread(source->Width(), threadCount), setupWidth);
-  const size_t rowBytes = static_cast<size_t>(setupWidth) * kBytesPerPixel;
-  if (AlphaOnly()) {
-    StackBlurPlaneColumns(rowPassPlane.data(), setupWidth, setupHeight, columns.first, columns.end, radius,
-                          kStoreAlphaOverColour, destination->Buffer(), rowBytes, source->Buffer(), rowBytes);
-  } else {
-    StackBlurPlaneColumns(rowPassPlane.data(), rowBytes, setupHeight, columns.first, columns.end, radius, kStoreBytes,
-                          destination->Buffer(), rowBytes, nullptr, 0);
-  }
+  StackBlurColumns columns = PlaneColumnsIntoPixels(
+      rowPassPlane.data(), static_cast<size_t>(setupWidth) * (AlphaOnly() ? kPlaneAlphaByte : kPlaneFourBytes),
+      setupWidth, setupHeight, radius, AlphaOnly() ? kStoreOneByte : kStoreBytes, destination->Buffer());
+  columns.colour = source->Buffer();
+  // The share's size follows the source's width, its end the plane's.
+  RunStackBlurColumnShare(columns, LinesPerThread(source->Width(), threadCount), threadIndex);
   return 0;
 }
 

@@ -4,11 +4,11 @@
 
 #include <kvimage/blur.h>
 
-#include "renderers/blur/StackBlurCore.h"
+#include "renderers/blur/StackBlurKernels.h"
+#include "renderers/blur/StackBlurPasses.h"
 #include "support/Conversions.h"
-#include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
-#include "support/Threads.h"
+#include "support/PixelLayout.h"
 
 namespace kvo {
 namespace image {
@@ -291,7 +291,7 @@ void* HorizontalYUVBlurProc(void* data) {
     const YUVBoxBlurData& d = *static_cast<YUVBoxBlurData*>(record);
     const size_t bytes = static_cast<size_t>(d.width) * d.height * kBytesPerPixel;
     if (bytes == 0 || ArrayBytes(d.yuvPixels) < bytes) return;
-    const LineShare rows = LineShareOf(d.threadIndex, LinesPerThread(d.height, d.threadCount), d.height);
+    const ShareRun rows = ShareOfLines(d.height, d.threadIndex, d.threadCount);
     const uint32_t radius = UsefulBoxRadius(d.radius, d.width);
     std::vector<unsigned char> ring0(radius + 1), ring1(radius + 1);
     const std::vector<StackBlurDivider> byCount = BoxDividers(radius);
@@ -299,7 +299,7 @@ void* HorizontalYUVBlurProc(void* data) {
     // Each share's leading cursor starts at its own first row (a walk from the
     // buffer's start would only read and discard the rows before it).
     std::vector<uint32_t> prefixV(byCount.empty() ? 0 : d.width + 1), prefixU(prefixV.size());
-    for (uint32_t y = rows.first; y < rows.end; ++y) {
+    for (uint32_t y = static_cast<uint32_t>(rows.start); y < rows.End(); ++y) {
       if (byCount.empty()) {
         BoxBlurWalk(d.yuvPixels->data(), y * rowBytes, kBytesPerPixel, d.width, radius, ring0, ring1, byCount);
       } else {
@@ -324,9 +324,9 @@ void* VerticalYUVBlurProc(void* data) {
     const int64_t bytes = width * height * kBytesPerPixel;
     if (bytes == 0 || static_cast<int64_t>(ArrayBytes(d.yuvPixels)) < bytes) return;
     const int64_t columnsPerThread = LinesPerThread(d.width, d.threadCount);
-    const int64_t first = static_cast<int64_t>(d.threadIndex) * columnsPerThread;
-    if (columnsPerThread == 0 || first >= width) return;
-    const int64_t owned = std::min(columnsPerThread, width - first);
+    const ShareRun share = ShareOfLinesSized(d.width, static_cast<uint32_t>(columnsPerThread), d.threadIndex);
+    if (share.count == 0) return;
+    const int64_t first = static_cast<int64_t>(share.start), owned = static_cast<int64_t>(share.count);
     const int64_t kBegin = d.phase == 0 ? 0 : owned;
     const int64_t kEnd = d.phase == 0 ? owned : columnsPerThread + 1;
 
@@ -359,19 +359,6 @@ void* VerticalYUVBlurProc(void* data) {
 
 namespace {
 
-StackBlurData AsPassData(const YUVStackBlurData& d) {
-  StackBlurData data = StackBlurData();
-  data.threadIndex = d.threadIndex;
-  data.rowsPerThread = d.rowsPerThread;
-  data.columnsPerThread = d.columnsPerThread;
-  data.width = d.width;
-  data.height = d.height;
-  data.radius = d.radius;
-  data.edgeIndex = d.edgeIndex ? d.edgeIndex->data() : nullptr;
-  data.divideTable = d.divideTable;
-  return data;
-}
-
 bool StackRecordUsable(const YUVStackBlurData& d) {
   const size_t pixels = static_cast<size_t>(d.width) * d.height;
   return pixels != 0 && ArrayBytes(d.yuvPixels) >= pixels * kBytesPerPixel && d.chromaPlane0 && d.chromaPlane1 &&
@@ -385,41 +372,26 @@ void* StackBlurVertYUVProc(void* data) {
   return RunRecord(data, [](void* record) {
     const YUVStackBlurData& d = *static_cast<YUVStackBlurData*>(record);
     if (!StackRecordUsable(d)) return;
-    const unsigned char* pixels = d.yuvPixels->data();
-    int32_t* plane0 = d.chromaPlane0->data();
-    int32_t* plane1 = d.chromaPlane1->data();
-    RowPass<2>(
-        AsPassData(d),
-        [&](size_t pixel, uint32_t* values) {
-          values[0] = pixels[pixel * kBytesPerPixel + kChromaVByte];
-          values[1] = pixels[pixel * kBytesPerPixel + kChromaUByte];
-        },
-        [&](size_t pixel, const uint32_t* quotients) {
-          plane0[pixel] = static_cast<int32_t>(quotients[0]);
-          plane1[pixel] = static_cast<int32_t>(quotients[1]);
-        });
+    static_assert(kChromaVByte == 0 && kChromaUByte == 1, "the chroma planes take bytes 0 and 1");
+    int32_t* const planes[4] = {d.chromaPlane0->data(), d.chromaPlane1->data(), nullptr, nullptr};
+    RunStackBlurRowShare(PixelRowsIntoValues(d.yuvPixels->data(), d.width, d.height, d.radius, planes),
+                         d.rowsPerThread, d.threadIndex);
   });
 }
 
+// Each chroma plane in turn into its byte of the converted pixels.
 void* StackBlurHorizYUVProc(void* data) {
   return RunRecord(data, [](void* record) {
     const YUVStackBlurData& d = *static_cast<YUVStackBlurData*>(record);
     if (!StackRecordUsable(d)) return;
     unsigned char* pixels = d.yuvPixels->data();
-    const int32_t* plane0 = d.chromaPlane0->data();
-    const int32_t* plane1 = d.chromaPlane1->data();
-    ColumnPass<2>(
-        AsPassData(d),
-        [&](size_t pixel, uint32_t* values) {
-          values[0] = static_cast<uint32_t>(plane0[pixel]);
-          values[1] = static_cast<uint32_t>(plane1[pixel]);
-        },
-        [&](size_t pixel, const uint32_t (*results)[2], unsigned count) {
-          for (unsigned l = 0; l < count; ++l) {
-            pixels[(pixel + l) * kBytesPerPixel + kChromaVByte] = static_cast<unsigned char>(results[l][0]);
-            pixels[(pixel + l) * kBytesPerPixel + kChromaUByte] = static_cast<unsigned char>(results[l][1]);
-          }
-        });
+    const SharedIntArray planes[2] = {d.chromaPlane0, d.chromaPlane1};
+    const unsigned bytes[2] = {kChromaVByte, kChromaUByte};
+    for (unsigned k = 0; k < 2; ++k) {
+      RunStackBlurColumnShare(
+          ValueColumnsIntoByte(planes[k]->data(), d.width, d.height, d.radius, pixels, bytes[k], pixels),
+          d.columnsPerThread, d.threadIndex);
+    }
   });
 }
 
@@ -432,7 +404,6 @@ YUVBlurRenderer::~YUVBlurRenderer() {}
 unsigned int YUVBlurRenderer::Type() const { return 1; }
 
 void YUVBlurRenderer::Setup(KVAbstractImage* image) {
-  const uint32_t threads = PassThreadCount();
   const uint32_t w = image->Width(), h = image->Height();
   // The previous array is reused when it has the size and nothing else holds
   // it: every byte is converted anew, and a fresh array would cost page
@@ -448,17 +419,16 @@ void YUVBlurRenderer::Setup(KVAbstractImage* image) {
     previous.reset();
     yuvPixels.reset(new std::vector<unsigned char>(bytes));
   }
-  if (threads == 0) return;
-  std::vector<YUVBlurData> conversions(threads);
-  for (uint32_t t = 0; t < threads; ++t) {
-    YUVBlurData& data = conversions[t];
-    data.threadCount = static_cast<unsigned char>(threads);
-    data.threadIndex = static_cast<unsigned char>(t);
+  RunParallel([&](unsigned char threadIndex, unsigned char threadCount) {
+    YUVBlurData data;
+    data.threadCount = threadCount;
+    data.threadIndex = threadIndex;
     data.image = image;
     data.byteSize = static_cast<uint32_t>(bytes);
     data.yuvPixels = yuvPixels;
-  }
-  RunThreads(YUVBlurConvertToProc, conversions);
+    YUVBlurConvertToProc(&data);
+    return 0;
+  });
 
   switch (blurType) {
     case kYUVBlurHorizontal:
@@ -482,19 +452,18 @@ void YUVBlurRenderer::Setup(KVAbstractImage* image) {
 }
 
 void YUVBlurRenderer::RunBoxPass(void* (*pass)(void*), uint32_t width, uint32_t height, uint32_t phase) {
-  const uint32_t threads = PassThreadCount();
-  std::vector<YUVBoxBlurData> records(threads);
-  for (uint32_t t = 0; t < threads; ++t) {
-    YUVBoxBlurData& data = records[t];
-    data.threadCount = threads;
-    data.threadIndex = t;
+  RunParallel([&](unsigned char threadIndex, unsigned char threadCount) {
+    YUVBoxBlurData data;
+    data.threadCount = threadCount;
+    data.threadIndex = threadIndex;
     data.yuvPixels = yuvPixels;
     data.height = height;
     data.width = width;
     data.radius = radius;
     data.phase = phase;
-  }
-  RunThreads(pass, records);
+    pass(&data);
+    return 0;
+  });
 }
 
 // The row pass leaves the two blurred chroma bytes of every pixel in a plane
@@ -502,12 +471,12 @@ void YUVBlurRenderer::RunBoxPass(void* (*pass)(void*), uint32_t width, uint32_t 
 // and 1 of the converted image, keeping luma and alpha.
 void YUVBlurRenderer::RunStackBlur(uint32_t width, uint32_t height) {
   chromaRows.resize(static_cast<size_t>(width) * height * kPlaneFirstTwoBytes);
-  const size_t rowBytes = static_cast<size_t>(width) * kBytesPerPixel;
-  const size_t planeRowBytes = static_cast<size_t>(width) * kPlaneFirstTwoBytes;
-  RunStackBlurRowPass(yuvPixels->data(), rowBytes, chromaRows.data(), planeRowBytes, width, height, radius,
-                      kPlaneFirstTwoBytes);
-  RunStackBlurColumnPass(chromaRows.data(), planeRowBytes, width, height, radius, kStoreFirstTwoBytes,
-                         yuvPixels->data(), rowBytes, nullptr, 0);
+  const StackBlurKernels kernels = ChooseStackBlurKernels();
+  RunStackBlurRows(kernels.rows, PixelRowsIntoPlane(yuvPixels->data(), static_cast<size_t>(width) * kBytesPerPixel,
+                                                    width, height, radius, chromaRows.data(), kPlaneFirstTwoBytes));
+  RunStackBlurColumns(kernels.columns,
+                      PlaneColumnsIntoPixels(chromaRows.data(), static_cast<size_t>(width) * kPlaneFirstTwoBytes, width,
+                                             height, radius, kStoreFirstTwoBytes, yuvPixels->data()));
 }
 
 int YUVBlurRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
