@@ -5,7 +5,6 @@
 #include "compositing/BlendOperations.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
-#include "support/Threads.h"
 
 namespace kvo {
 namespace image {
@@ -14,21 +13,6 @@ namespace {
 
 // The mismatch assertions' fixed source lines.
 const LayerMatchAssertionLines kMatchAssertionLines = {88, 90, 92, 94};
-
-// One thread's share of the blur's column pass, which writes the blurred copy.
-struct GlowBlurShare {
-  StackBlurRenderer* blur;
-  KVImage8* layer;
-  KVImage8* blurred;
-  unsigned char threadIndex;
-  unsigned char threadCount;
-};
-
-void* GlowBlurColumnsProc(void* record) {
-  GlowBlurShare& share = *static_cast<GlowBlurShare*>(record);
-  share.blur->Render8(share.layer, share.blurred, share.threadIndex, share.threadCount);
-  return ThreadExitValue(0);
-}
 
 }  // namespace
 
@@ -70,12 +54,10 @@ void LightSpillLayerCompositor::Setup(KVAbstractImage*) {
       m_blurred->PixelChannelOrder() != m_layer->PixelChannelOrder()) {
     m_blurred.reset(new KVImage8(width, height, m_layer->PixelChannelOrder(), false));
   }
-  const unsigned char threads = PassThreadCount();
-  std::vector<GlowBlurShare> shares(threads);
-  for (unsigned char t = 0; t < threads; ++t) {
-    shares[t] = GlowBlurShare{&m_blur, static_cast<KVImage8*>(m_layer), m_blurred.get(), t, threads};
-  }
-  RunThreads(GlowBlurColumnsProc, shares);
+  // The blur's column pass, which writes the blurred copy, on the pass's threads.
+  RunParallel([&](unsigned char threadIndex, unsigned char threadCount) {
+    return m_blur.Render8(static_cast<KVImage8*>(m_layer), m_blurred.get(), threadIndex, threadCount);
+  });
   m_blurredReady = true;
 }
 

@@ -5,11 +5,9 @@
 
 #include <kvimage/blur.h>
 
-#include "renderers/blur/StackBlurCore.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
-#include "support/Threads.h"
 
 namespace kvo {
 namespace image {
@@ -23,21 +21,6 @@ inline double UnitFraction(double value) { return value > 0.0 ? (value < 1.0 ? v
 
 // (a * (256 - w) + b * w) / 256, rounded to nearest.
 inline int Mix256(int a, int b, int weight) { return (a * (256 - weight) + b * weight + 128) >> 8; }
-
-// One Setup thread's share of writing every blur level.
-struct LevelRenderData {
-  std::vector<BoundedStackBlurRenderer*> blurs;
-  std::vector<KVImage8*> levels;
-  KVImage8* source;
-  unsigned char threadIndex;
-  unsigned char threadCount;
-};
-
-void* DepthOfFieldLevelProc(void* record) {
-  LevelRenderData& d = *static_cast<LevelRenderData*>(record);
-  for (size_t k = 0; k < d.blurs.size(); ++k) d.blurs[k]->Render8(d.source, d.levels[k], d.threadIndex, d.threadCount);
-  return nullptr;
-}
 
 // [low, high) of a rectangle side clipped to 0 .. limit.
 void ClipSpan(int64_t start, int64_t size, uint32_t limit, uint32_t& low, uint32_t& high) {
@@ -125,18 +108,13 @@ void DepthOfFieldRenderer::Setup(KVAbstractImage* image) {
     levels[k].resize(pixelCount * kBytesPerPixel);
     levelImages.emplace_back(new KVImage8(levels[k].data(), w, h, image->PixelChannelOrder()));
   }
-  const unsigned char threads = PassThreadCount();
-  std::vector<LevelRenderData> records(threads);
-  for (unsigned int t = 0; t < threads; ++t) {
-    records[t].source = static_cast<KVImage8*>(image);
-    records[t].threadIndex = static_cast<unsigned char>(t);
-    records[t].threadCount = threads;
+  // Every level's render in each Setup thread's share.
+  RunParallel([&](unsigned char threadIndex, unsigned char threadCount) {
     for (size_t k = 0; k < blurs.size(); ++k) {
-      records[t].blurs.push_back(blurs[k].get());
-      records[t].levels.push_back(levelImages[k].get());
+      blurs[k]->Render8(static_cast<KVImage8*>(image), levelImages[k].get(), threadIndex, threadCount);
     }
-  }
-  RunThreads(DepthOfFieldLevelProc, records);
+    return 0;
+  });
 }
 
 // 0 within focusSize of the focus point (radial) or line (linear), rising by
