@@ -458,13 +458,6 @@ void RowInLanes(const Lanes& lanes, Source source, Target target, uint32_t width
   for (; x <= last; ++x) clampedStep(x);
 }
 
-template <class Lanes>
-void RowsInLanes(const Lanes& lanes, const StackBlurRows& pass, uint32_t firstRow, uint32_t endRow) {
-  for (uint32_t y = firstRow; y < endRow; ++y) {
-    VisitRow(pass, y, [&](auto source, auto target) { RowInLanes(lanes, source, target, pass.width, pass.radius); });
-  }
-}
-
 // ----- what a column pass reads -------------------------------------------------------
 
 // 16 bytes at `row`, zero-padded past `count`.
@@ -695,11 +688,18 @@ void ColumnsInLanes(const Lanes& lanes, Source source, Target target, uint32_t h
   }
 }
 
-template <class Lanes>
-void ColumnsInLanesOf(const Lanes& lanes, const StackBlurColumns& pass, size_t firstElement, size_t endElement) {
-  VisitColumns(pass, [&](auto source, auto target) {
-    ColumnsInLanes(lanes, source, target, pass.height, firstElement, endElement, pass.radius);
-  });
+// Calls inLanes(lanes) with the lanes that hold the sums of a pass at this
+// radius and returns true, or returns false where only the plain walk serves
+// (past the doubles, and 32-bit values past the 32-bit sums).
+template <class InLanes>
+bool WithLanes(uint32_t radius, bool values, InLanes inLanes) {
+  if (radius <= kLargestStackBlurRadius) {
+    inLanes(Int32Lanes(radius));
+    return true;
+  }
+  if (radius > kLargestStackBlurRadiusInDoubles || values) return false;
+  inLanes(DoubleLanes(radius));
+  return true;
 }
 
 }  // namespace stackblur
@@ -719,14 +719,14 @@ inline uint32_t StackBlurRows_Plain(const StackBlurRows& pass, uint32_t firstRow
 inline uint32_t StackBlurRows_SSE2(const StackBlurRows& pass, uint32_t firstRow, uint32_t endRow) {
   endRow = std::min(endRow, pass.height);
   if (pass.width == 0 || firstRow >= endRow) return 0;
-  if (pass.radius <= kLargestStackBlurRadius) {
-    stackblur::RowsInLanes(stackblur::Int32Lanes(pass.radius), pass, firstRow, endRow);
-  } else if (pass.radius <= kLargestStackBlurRadiusInDoubles && pass.values == nullptr) {
-    stackblur::RowsInLanes(stackblur::DoubleLanes(pass.radius), pass, firstRow, endRow);
-  } else {
-    return StackBlurRows_Plain(pass, firstRow, endRow);
-  }
-  return endRow - firstRow;
+  const bool inLanes = stackblur::WithLanes(pass.radius, pass.values != nullptr, [&](const auto& lanes) {
+    for (uint32_t y = firstRow; y < endRow; ++y) {
+      stackblur::VisitRow(pass, y, [&](auto source, auto target) {
+        stackblur::RowInLanes(lanes, source, target, pass.width, pass.radius);
+      });
+    }
+  });
+  return inLanes ? endRow - firstRow : StackBlurRows_Plain(pass, firstRow, endRow);
 }
 
 inline uint32_t StackBlurColumns_Plain(const StackBlurColumns& pass, uint32_t firstColumn, uint32_t endColumn) {
@@ -743,15 +743,13 @@ inline uint32_t StackBlurColumns_SSE2(const StackBlurColumns& pass, uint32_t fir
   endColumn = std::min(endColumn, pass.width);
   if (pass.height == 0 || firstColumn >= endColumn) return 0;
   const size_t elements = stackblur::ElementsPerPixel(pass);
-  const size_t firstElement = firstColumn * elements, endElement = endColumn * elements;
-  if (pass.radius <= kLargestStackBlurRadius) {
-    stackblur::ColumnsInLanesOf(stackblur::Int32Lanes(pass.radius), pass, firstElement, endElement);
-  } else if (pass.radius <= kLargestStackBlurRadiusInDoubles && pass.values == nullptr) {
-    stackblur::ColumnsInLanesOf(stackblur::DoubleLanes(pass.radius), pass, firstElement, endElement);
-  } else {
-    return StackBlurColumns_Plain(pass, firstColumn, endColumn);
-  }
-  return endColumn - firstColumn;
+  const bool inLanes = stackblur::WithLanes(pass.radius, pass.values != nullptr, [&](const auto& lanes) {
+    stackblur::VisitColumns(pass, [&](auto source, auto target) {
+      stackblur::ColumnsInLanes(lanes, source, target, pass.height, firstColumn * elements, endColumn * elements,
+                                pass.radius);
+    });
+  });
+  return inLanes ? endColumn - firstColumn : StackBlurColumns_Plain(pass, firstColumn, endColumn);
 }
 
 }  // namespace image
