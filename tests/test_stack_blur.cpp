@@ -405,8 +405,8 @@ class OffsetBytes {
   }
 
  private:
-  static const size_t kGuards = 64;
-  static const unsigned char kGuard = 0xA5;
+  static constexpr size_t kGuards = 64;
+  static constexpr unsigned char kGuard = 0xA5;
   size_t m_count;
   std::vector<unsigned char> m_storage;
   unsigned char* m_data;
