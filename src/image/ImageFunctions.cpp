@@ -33,8 +33,8 @@ bool DoKVAbstractImagesMatch(const std::tr1::shared_ptr<KVAbstractImage>& a,
 
 // Shared by CopyPixels and CopyImagePixels, which differ only in the count.
 static int CopyMatchingPixels(KVAbstractImage* source, KVAbstractImage* destination, size_t byteCount) {
-  if (!DoKVAbstractImagesMatch(source, destination)) return 1000;
-  if (source->BitsPerChannel() != 0) return 10;
+  if (!DoKVAbstractImagesMatch(source, destination)) return kResultImagesDoNotMatch;
+  if (source->BitsPerChannel() != 0) return kResultUnsupportedFormat;
   if (byteCount != 0) {
     std::memmove(static_cast<KVImage8*>(destination)->Buffer(), static_cast<KVImage8*>(source)->Buffer(), byteCount);
   }

@@ -4,7 +4,7 @@
 
 #include <kvimage/image.h>
 
-#include "support/Assert.h"
+#include "support/AssertionSites.h"
 #include "support/PixelLayout.h"
 
 namespace kvo {
@@ -79,8 +79,7 @@ unsigned char* KVImage8::ScanLine(unsigned int row) {
 }
 
 const unsigned char* KVImage8::ScanLine(unsigned int row) const {
-  KV_ASSERT(row < Height(), "KVImage8", 96,
-            "(lineIndex >= 0 && lineIndex < Height()) && \"Invalid scan line index\"");
+  AssertAt(row < Height(), kAssertScanLine);
   return m_private->buffer + static_cast<size_t>(row) * m_private->rowBytes;
 }
 

@@ -5,7 +5,7 @@
 #include <kvimage/keying.h>
 
 #include "pipeline/StageNeeds.h"
-#include "support/Assert.h"
+#include "support/AssertionSites.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
@@ -25,12 +25,11 @@ void AlphaCrop::Setup(KVAbstractImage*) {}
 // Render8's row shares cover the output and every byte of each row is
 // written; inputs other than 8-bit BGRA abort. Alpha depends on the pixel's
 // place, not only its value.
-StageNeeds NeedsOf(const AlphaCrop&) { return StageNeeds{IsEightBitBGRA, false}; }
+StageNeeds NeedsOf(const AlphaCrop&) { return StageNeeds{IsBGRA8, false}; }
 
 int AlphaCrop::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                       unsigned char threadCount) {
-  KV_ASSERT(source->BitsPerChannel() == 0 && source->PixelChannelOrder() == kPixelOrderBGRA, "AlphaCrop", 112,
-            "false && \"Not implemented\"");
+  AssertBGRA8(source, kAssertAlphaCropFormat);
   return Render8(source, destination, threadIndex, threadCount);
 }
 

@@ -9,7 +9,7 @@
 #include "keying/WhiteErodeKernels.h"
 #include "pipeline/ResultCodes.h"
 #include "pipeline/StageNeeds.h"
-#include "support/Assert.h"
+#include "support/AssertionSites.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
 
@@ -301,12 +301,11 @@ void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
 // Once Setup has made the intermediate, the column shares cover the output
 // and each writes every byte of its columns (eroding by scan when no scratch
 // can be had); inputs other than 8-bit BGRA abort.
-StageNeeds NeedsOf(const WhiteErodeRenderer&) { return StageNeeds{IsEightBitBGRA, false}; }
+StageNeeds NeedsOf(const WhiteErodeRenderer&) { return StageNeeds{IsBGRA8, false}; }
 
 int WhiteErodeRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                unsigned char threadCount) {
-  KV_ASSERT(source->BitsPerChannel() == 0 && source->PixelChannelOrder() == kPixelOrderBGRA, "WhiteErode", 416,
-            "false && \"Not implemented\"");
+  AssertBGRA8(source, kAssertWhiteErodeFormat);
   return Render8(source, destination, threadIndex, threadCount);
 }
 

@@ -8,10 +8,6 @@ namespace image {
 
 bool IsEightBit(const KVAbstractImage& input) { return input.BitsPerChannel() == 0; }
 
-bool IsEightBitBGRA(const KVAbstractImage& input) {
-  return IsEightBit(input) && input.PixelChannelOrder() == kPixelOrderBGRA;
-}
-
 StageNeeds NeedsOf(const AbstractRenderer&) { return StageNeeds{nullptr, false}; }
 StageNeeds NeedsOf(const AbstractCompositor&) { return StageNeeds{nullptr, false}; }
 

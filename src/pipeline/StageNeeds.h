@@ -3,6 +3,8 @@
 
 #include <kvimage/pipeline.h>
 
+#include "support/AssertionSites.h"
+
 namespace kvo {
 namespace image {
 
@@ -36,7 +38,6 @@ struct StageNeeds {
 
 // Input conditions for StageNeeds::writesWholeOutputFor.
 bool IsEightBit(const KVAbstractImage& input);
-bool IsEightBitBGRA(const KVAbstractImage& input);
 
 // What each stage tells the queue, chosen by overload resolution on the
 // stage's class when it is queued. Any stage no overload names tells nothing.

@@ -9,8 +9,7 @@ namespace kvo {
 namespace image {
 
 namespace {
-const FocusAssertionSite kDefocusSite = {"DefocusRenderer", 66, 72};
-const unsigned int kNotImplementedLine = 135;
+const FocusAssertionSites kDefocusSites = {kAssertDefocusFormat, kAssertDefocusSetter, kAssertDefocusRender};
 const double kLargestAmount = 0.8;
 }  // namespace
 
@@ -27,7 +26,7 @@ unsigned int DefocusRenderer::Type() const { return 1; }
 // The blur works in place on the stage's input, which Render then reads.
 void DefocusRenderer::Setup(KVAbstractImage* image) {
   BlurColourBytes(image, image, tables, factor, radius, WholeImageBlurRect(image, factor), blurParameter,
-                  kDefocusSite);
+                  kDefocusSites);
 
   // A NaN or an amount above the largest gives the largest.
   double a = amount <= kLargestAmount ? amount : kLargestAmount;
@@ -39,7 +38,7 @@ void DefocusRenderer::Setup(KVAbstractImage* image) {
 
 int DefocusRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                             unsigned char threadCount) {
-  CheckFocusImage(source, kDefocusSite.source, kNotImplementedLine);
+  AssertBGRA8(source, kDefocusSites.format);
   return Render8_CPP(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
 }
 

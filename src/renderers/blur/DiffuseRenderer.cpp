@@ -9,8 +9,7 @@ namespace kvo {
 namespace image {
 
 namespace {
-const FocusAssertionSite kDiffuseSite = {"DiffuseRenderer", 72, 78};
-const unsigned int kNotImplementedLine = 141;
+const FocusAssertionSites kDiffuseSites = {kAssertDiffuseFormat, kAssertDiffuseSetter, kAssertDiffuseRender};
 }  // namespace
 
 DiffuseRenderer::DiffuseRenderer(unsigned int radius_, double amount_, double blurParameter_,
@@ -26,12 +25,12 @@ unsigned int DiffuseRenderer::Type() const { return 1; }
 void DiffuseRenderer::Setup(KVAbstractImage* image) {
   blurredImage = ZeroFilledImageLike(image);
   BlurColourBytes(image, blurredImage.get(), tables, factor, radius, WholeImageBlurRect(image, factor),
-                  blurParameter, kDiffuseSite);
+                  blurParameter, kDiffuseSites);
 }
 
 int DiffuseRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                             unsigned char threadCount) {
-  CheckFocusImage(source, kDiffuseSite.source, kNotImplementedLine);
+  AssertBGRA8(source, kDiffuseSites.format);
   return Render8_CPP(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
 }
 

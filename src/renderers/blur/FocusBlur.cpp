@@ -6,18 +6,12 @@
 
 #include <kvimage/image.h>
 
-#include "support/Assert.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
 
 namespace kvo {
 namespace image {
-
-namespace {
-// The code a failed allocation (std::bad_alloc) becomes.
-const int kOutOfMemoryCode = 8;
-}  // namespace
 
 kvo::maths::KVRect WholeImageBlurRect(const KVAbstractImage* image, KVDownsampleFactor factor) {
   kvo::maths::KVRect rect(kvo::maths::KVPoint2(0, 0), static_cast<int>(image->Width()),
@@ -37,21 +31,16 @@ std::tr1::shared_ptr<KVAbstractImage> ZeroFilledImageLike(const KVAbstractImage*
 
 void BlurColourBytes(KVAbstractImage* image, KVAbstractImage* destination, kvo::KVLookupTables& tables,
                      KVDownsampleFactor factor, unsigned int radius, const kvo::maths::KVRect& rect,
-                     double blurParameter, const FocusAssertionSite& site) {
+                     double blurParameter, const FocusAssertionSites& sites) {
   KVImageProcessor nested(image, destination, tables, factor);
   const int queued = nested.SetBoundedStackBlur(radius, true, true, kChannelsColor, rect, blurParameter);
-  KV_ASSERT(queued == 0, site.source, site.setterLine, "false && \"SetStackBlur call failed.\"");
+  AssertAt(queued == 0, sites.setter);
   const int rendered = nested.Render();
   // Every radius is served, so the nested render fails only when memory runs
   // out (code 8): that is the stage's own allocation failure and leaves it as
   // one, for the pipeline to report. Any other failure is a broken invariant.
-  if (rendered == kOutOfMemoryCode) throw std::bad_alloc();
-  KV_ASSERT(rendered == 0, site.source, site.renderLine, "false && \"KVImageProcessor Render call failed.\"");
-}
-
-void CheckFocusImage(const KVAbstractImage* source, const char* stageSource, unsigned int line) {
-  KV_ASSERT(source->BitsPerChannel() == 0 && source->PixelChannelOrder() == kPixelOrderBGRA, stageSource, line,
-            "false && \"Not implemented\"");
+  if (rendered == kResultOutOfMemory) throw std::bad_alloc();
+  AssertAt(rendered == 0, sites.render);
 }
 
 size_t FocusByteLimit(const KVAbstractImage* source, const KVAbstractImage* destination,

@@ -11,14 +11,17 @@
 #include <kvimage/support.h>
 #include <kvimage/types.h>
 
+#include "support/AssertionSites.h"
+
 namespace kvo {
 namespace image {
 
-// Where a stage's nested-blur assertions report from.
-struct FocusAssertionSite {
-  const char* source;
-  unsigned int setterLine;  // `false && "SetStackBlur call failed."'
-  unsigned int renderLine;  // `false && "KVImageProcessor Render call failed."'
+// Where a focus stage's assertions report from: an image it cannot handle,
+// and its nested blur failing to queue or to render.
+struct FocusAssertionSites {
+  AssertionSite format;
+  AssertionSite setter;
+  AssertionSite render;
 };
 
 // The rectangle of a whole-image focus blur: (0, 0, width, height), four
@@ -34,11 +37,8 @@ std::tr1::shared_ptr<KVAbstractImage> ZeroFilledImageLike(const KVAbstractImage*
 // nested setter or render fails.
 void BlurColourBytes(KVAbstractImage* image, KVAbstractImage* destination, kvo::KVLookupTables& tables,
                      KVDownsampleFactor factor, unsigned int radius, const kvo::maths::KVRect& rect,
-                     double blurParameter, const FocusAssertionSite& site);
+                     double blurParameter, const FocusAssertionSites& sites);
 
-// The per-pixel passes handle 8-bit images of channel order 1 only; any other
-// image aborts with `false && "Not implemented"'.
-void CheckFocusImage(const KVAbstractImage* source, const char* stageSource, unsigned int line);
 
 // The bytes a pass over source, destination and a blurred copy may touch: the
 // smallest of their buffers (0 before any blurred copy exists).

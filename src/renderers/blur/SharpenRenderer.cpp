@@ -11,8 +11,7 @@ namespace kvo {
 namespace image {
 
 namespace {
-const FocusAssertionSite kSharpenSite = {"SharpenRenderer", 71, 77};
-const unsigned int kNotImplementedLine = 140;
+const FocusAssertionSites kSharpenSites = {kAssertSharpenFormat, kAssertSharpenSetter, kAssertSharpenRender};
 }  // namespace
 
 SharpenRenderer::SharpenRenderer(unsigned int radius_, double amount_, double threshold_, double blurParameter_,
@@ -31,7 +30,7 @@ unsigned int SharpenRenderer::Type() const { return 1; }
 void SharpenRenderer::Setup(KVAbstractImage* image) {
   blurredImage = ZeroFilledImageLike(image);
   BlurColourBytes(image, blurredImage.get(), tables, factor, radius, WholeImageBlurRect(image, factor),
-                  blurParameter, kSharpenSite);
+                  blurParameter, kSharpenSites);
 
   const int t = TruncateToInt(threshold * 255.0) & 255;
   sharpenTable.resize(256 * 256);
@@ -48,7 +47,7 @@ void SharpenRenderer::Setup(KVAbstractImage* image) {
 
 int SharpenRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                             unsigned char threadCount) {
-  CheckFocusImage(source, kSharpenSite.source, kNotImplementedLine);
+  AssertBGRA8(source, kSharpenSites.format);
   return Render8_CPP(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
 }
 

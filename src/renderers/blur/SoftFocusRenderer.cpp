@@ -10,8 +10,7 @@ namespace kvo {
 namespace image {
 
 namespace {
-const FocusAssertionSite kSoftFocusSite = {"SoftFocusRenderer", 65, 71};
-const unsigned int kNotImplementedLine = 134;
+const FocusAssertionSites kSoftFocusSites = {kAssertSoftFocusFormat, kAssertSoftFocusSetter, kAssertSoftFocusRender};
 }  // namespace
 
 SoftFocusRenderer::SoftFocusRenderer(KVBlendMode mode_, unsigned int radius_, double amount_,
@@ -35,12 +34,12 @@ unsigned int SoftFocusRenderer::Type() const { return 1; }
 // the radius.
 void SoftFocusRenderer::Setup(KVAbstractImage* image) {
   blurredImage = ZeroFilledImageLike(image);
-  BlurColourBytes(image, blurredImage.get(), tables, factor, radius, rect, blurParameter, kSoftFocusSite);
+  BlurColourBytes(image, blurredImage.get(), tables, factor, radius, rect, blurParameter, kSoftFocusSites);
 }
 
 int SoftFocusRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                               unsigned char threadCount) {
-  CheckFocusImage(source, kSoftFocusSite.source, kNotImplementedLine);
+  AssertBGRA8(source, kSoftFocusSites.format);
   return Render8_CPP(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
 }
 
