@@ -1,6 +1,7 @@
 #ifndef KVIMAGE_COLOUR_H
 #define KVIMAGE_COLOUR_H
 
+#include <cstddef>
 #include <vector>
 
 #include <kvimage/export.h>
@@ -11,6 +12,16 @@
 
 namespace kvo {
 namespace image {
+
+// Internal: a thread's pixels and what each stage's pixel kernels read, both
+// defined with the kernels. A stage keeps the kernel it chose for the
+// processor in a pointer (see the stage sources).
+struct PixelRun;
+struct OpacityArguments;
+struct BrightnessArguments;
+struct ContrastArguments;
+struct SuperContrastArguments;
+struct ColorBalanceArguments;
 
 // Scales alpha by an opacity. The plain path multiplies (alpha * opacity,
 // truncated); the SSE2 path subtracts (1 - opacity) * 255 with saturation and
@@ -31,6 +42,7 @@ class KVIMAGE_EXPORT OpacityRenderer : public AbstractRenderer {
  private:
   kvtl::CPUExtensions m_extensions;
   double m_opacity;
+  size_t (*m_kernel)(const PixelRun&, const OpacityArguments&);
 };
 
 // Carries two flags and renders nothing: the destination keeps what it held.
@@ -109,6 +121,7 @@ class KVIMAGE_EXPORT BrightnessRenderer : public AbstractRenderer {
   double m_brightness;
   KVChannelsToProcess m_channels;
   unsigned char m_table[256];
+  size_t (*m_kernel)(const PixelRun&, const BrightnessArguments&);
 };
 
 // Scales the chosen channels about 127 with c = trunc(256 * contrast). The
@@ -133,6 +146,7 @@ class KVIMAGE_EXPORT ContrastRenderer : public AbstractRenderer {
   KVChannelsToProcess m_channels;
   kvtl::CPUExtensions m_extensions;
   unsigned char m_table[256];
+  size_t (*m_kernel)(const PixelRun&, const ContrastArguments&);
 };
 
 // Stretches the input range [low, high] (fractions of 255) to 0..255,
@@ -158,6 +172,7 @@ class KVIMAGE_EXPORT SuperContrastRenderer : public AbstractRenderer {
   double m_high;
   KVChannelsToProcess m_channels;
   unsigned char m_table[256];
+  size_t (*m_kernel)(const PixelRun&, const SuperContrastArguments&);
 };
 
 // Scales red, green and blue by three gains (0..2); alpha is copied. The
@@ -183,6 +198,7 @@ class KVIMAGE_EXPORT ColorBalanceRenderer : public AbstractRenderer {
   unsigned char m_redTable[256];
   unsigned char m_greenTable[256];
   unsigned char m_blueTable[256];
+  size_t (*m_kernel)(const PixelRun&, const ColorBalanceArguments&);
 };
 
 // Casts the image towards the colour of a black body at a temperature in
