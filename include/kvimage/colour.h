@@ -22,6 +22,10 @@ struct BrightnessArguments;
 struct ContrastArguments;
 struct SuperContrastArguments;
 struct ColorBalanceArguments;
+struct SaturationArguments;
+struct ThreeStripArguments;
+struct VignetteArguments;
+struct HueStageArguments;
 
 // Scales alpha by an opacity. The plain path multiplies (alpha * opacity,
 // truncated); the SSE2 path subtracts (1 - opacity) * 255 with saturation and
@@ -247,6 +251,7 @@ class KVIMAGE_EXPORT SaturationRenderer : public AbstractRenderer {
   [[maybe_unused]] float* m_table;
   double m_reciprocalOfDifference[511];  // [k + 255] = 1 / k, k = -255..255
   double m_reciprocalOfValue[256];       // [v] = 1 / v
+  size_t (*m_kernel)(const PixelRun&, const SaturationArguments&);
 };
 
 // Rotates hue in the integer HLS model and mixes the result with the source
@@ -265,6 +270,7 @@ class KVIMAGE_EXPORT HueShiftRenderer : public AbstractRenderer {
  private:
   double m_hueOffset;  // 360 - shift
   double m_keep;       // 1 - amount
+  size_t (*m_kernel)(const PixelRun&, const HueStageArguments&);
 };
 
 // Replaces hue in the integer HLS model (greys stay grey) and mixes the result
@@ -283,6 +289,7 @@ class KVIMAGE_EXPORT HueColorizeRenderer : public AbstractRenderer {
  private:
   double m_hue;
   double m_keep;  // 1 - amount
+  size_t (*m_kernel)(const PixelRun&, const HueStageArguments&);
 };
 
 // Moves every pixel toward the tone colour its luminance picks, by an amount.
@@ -325,6 +332,10 @@ class KVIMAGE_EXPORT ThreeStripColorRenderer : public AbstractRenderer {
   int Render8_AVX2(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
 
  private:
+  // Render's share through a kernel; the plain kernel finishes its tail.
+  int RenderWith(size_t (*kernel)(const PixelRun&, const ThreeStripArguments&), KVAbstractImage* source,
+                 KVAbstractImage* destination, unsigned char threadIndex, unsigned char threadCount);
+
   double m_levelA;
   double m_levelB;
   double m_levelC;
@@ -336,6 +347,7 @@ class KVIMAGE_EXPORT ThreeStripColorRenderer : public AbstractRenderer {
   int m_blueWeight[511];
   int m_greenWeight[511];
   int m_redWeight[511];
+  size_t (*m_kernel)(const PixelRun&, const ThreeStripArguments&);
 };
 
 // The look of skipping the bleach in film processing. Each colour byte is
@@ -392,6 +404,9 @@ class KVIMAGE_EXPORT VignetteRenderer : public AbstractRenderer {
  private:
   // The weight (0..256) at squared normalised distance s.
   int WeightAt(double s) const;
+  // Render's share through a kernel; the plain kernel finishes its tail.
+  int RenderWith(size_t (*kernel)(const PixelRun&, const VignetteArguments&), KVAbstractImage* source,
+                 KVAbstractImage* destination, unsigned char threadIndex, unsigned char threadCount);
 
   KVPixel8_RGB m_colour;
   double m_amount;
@@ -406,6 +421,7 @@ class KVIMAGE_EXPORT VignetteRenderer : public AbstractRenderer {
   std::vector<double> m_columnTerm;
   std::vector<double> m_rowTerm;
   int m_protection[256];
+  size_t (*m_kernel)(const PixelRun&, const VignetteArguments&);
 };
 
 // Integer RGB to HLS (hue -1 and saturation 0 for a grey).

@@ -15,7 +15,7 @@ struct BrightnessArguments {
 
 namespace {
 
-typedef TableKernel<BrightnessArguments> BrightnessKernel;
+typedef PixelKernel<BrightnessArguments> BrightnessKernel;
 
 // One pixel's byte pattern: value in the selected channels, 0 elsewhere (an
 // unknown selection selects nothing).

@@ -15,6 +15,7 @@
 #include <kvimage/image.h>
 #include <kvimage/types.h>
 
+#include "renderers/colour/PixelRun.h"
 #include "support/Assert.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
@@ -30,55 +31,6 @@ inline void RequireBlueGreenRedAlpha(KVAbstractImage* source, const char* stageS
             "false && \"Not implemented\"");
 }
 
-// A thread's pixels: the same positions in the source and the destination.
-struct PixelRun {
-  const unsigned char* in;
-  unsigned char* out;
-  size_t pixels;
-
-  // The first `count` pixels, and the pixels from `first` on.
-  PixelRun First(size_t count) const { return PixelRun{in, out, count}; }
-  PixelRun From(size_t first) const {
-    return PixelRun{in + first * kBytesPerPixel, out + first * kBytesPerPixel, pixels - first};
-  }
-};
-
-// The plain paths' share: GetBufferSizePerThread with the source's width and
-// the destination's height. False for an empty share.
-inline bool PlainPathShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
-                           unsigned char threadCount, PixelRun& run) {
-  const ShareRun share =
-      ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
-  run.in = PixelBytes(source) + share.start;
-  run.out = PixelBytes(destination) + share.start;
-  run.pixels = share.count / kBytesPerPixel;
-  return run.pixels != 0;
-}
-
-// The vector paths' share: GetPixelsPerThread with the source's width and
-// height, cut only at the end of the source's pixels (more threads than
-// pixels). A vector path decides on this count; the destination's end cuts
-// only what is written (WrittenRun).
-inline ShareRun VectorPathShare(KVAbstractImage* source, unsigned char threadIndex, unsigned char threadCount) {
-  return PixelShare(source->Width(), source->Height(), threadIndex, threadCount,
-                    static_cast<size_t>(source->Width()) * source->Height());
-}
-
-// The part of a vector share that both images hold: where it reads and
-// writes.
-inline PixelRun WrittenRun(KVAbstractImage* source, KVAbstractImage* destination, const ShareRun& share) {
-  const size_t limit = CommonByteSize(source, destination) / kBytesPerPixel;
-  const size_t start = share.start < limit ? share.start : limit;
-  const size_t end = share.End() < limit ? share.End() : limit;
-  return PixelRun{PixelBytes(source) + start * kBytesPerPixel, PixelBytes(destination) + start * kBytesPerPixel,
-                  end - start};
-}
-
-// A table stage's kernel: one signature for its plain and vector forms,
-// returning the pixels it did.
-template <class Arguments>
-using TableKernel = size_t (*)(const PixelRun& run, const Arguments& arguments);
-
 // One thread of a stage whose plain path walks a table and whose vector path
 // computes its own formula. The plain kernel walks the plain share. Any other
 // kernel is a vector path: it takes the vector share, and when that share's
@@ -88,7 +40,7 @@ using TableKernel = size_t (*)(const PixelRun& run, const Arguments& arguments);
 // last block included, since a plain tail would change the formula.
 template <class Arguments>
 int RenderTableShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
-                     unsigned char threadCount, TableKernel<Arguments> kernel, TableKernel<Arguments> plain,
+                     unsigned char threadCount, PixelKernel<Arguments> kernel, PixelKernel<Arguments> plain,
                      const Arguments& arguments) {
   if (kernel != plain) {
     const ShareRun share = VectorPathShare(source, threadIndex, threadCount);

@@ -18,7 +18,7 @@ struct ColorBalanceArguments {
 
 namespace {
 
-typedef TableKernel<ColorBalanceArguments> ColorBalanceKernel;
+typedef PixelKernel<ColorBalanceArguments> ColorBalanceKernel;
 
 void BuildGainTable(double gain, unsigned char table[256]) {
   for (int i = 0; i < 256; ++i) table[i] = static_cast<unsigned char>(ClampToByte(TruncateToInt(i * gain)));

@@ -15,7 +15,7 @@ struct ContrastArguments {
 
 namespace {
 
-typedef TableKernel<ContrastArguments> ContrastKernel;
+typedef PixelKernel<ContrastArguments> ContrastKernel;
 
 const int kPivot = 127;  // input 127 always maps to 127
 const int kUnitMultiplier = 256;

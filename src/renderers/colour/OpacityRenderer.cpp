@@ -19,7 +19,7 @@ struct OpacityArguments {
 
 namespace {
 
-typedef TableKernel<OpacityArguments> OpacityKernel;
+typedef PixelKernel<OpacityArguments> OpacityKernel;
 
 // alpha = clamp(trunc(alpha * opacity)); colour copied.
 size_t Opacity_Plain(const PixelRun& run, const OpacityArguments& arguments) {

@@ -18,7 +18,7 @@ struct SuperContrastArguments {
 
 namespace {
 
-typedef TableKernel<SuperContrastArguments> SuperContrastKernel;
+typedef PixelKernel<SuperContrastArguments> SuperContrastKernel;
 
 // The stretched range in 8-bit levels. Differences wrap in 32 bits as the
 // processor's integer arithmetic does (only NaN bounds, INT_MIN, reach that).
