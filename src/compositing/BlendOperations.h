@@ -205,32 +205,65 @@ size_t ColourOnly_Plain(const LayerRun& run) {
   return run.pixels;
 }
 
-// Eight pixels at a time; fa = 0 needs no test, the step it gives is 0.
-template <class Operation>
-KV_TARGET_AVX2 size_t ColourOnly_AVX2(const LayerRun& run) {
+// Eight pixels of the background and the layer from pixel p, and the
+// layer's weighted alphas (fa).
+struct EightPixels {
+  unsigned char* canvas;
+  __m256i under;
+  __m256i over;
+  __m256i weightedAlpha;
+};
+
+KV_TARGET_AVX2 inline EightPixels LoadEight(const LayerRun& run, size_t p) {
+  const unsigned char* layer = run.top + p * kBytesPerPixel;
   const unsigned char* weightedAlpha = run.weightedAlpha;
-  const __m256i byteMask = _mm256_set1_epi32(255);
+  EightPixels eight;
+  eight.canvas = run.bottom + p * kBytesPerPixel;
+  eight.under = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(eight.canvas));
+  eight.over = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(layer));
+  eight.weightedAlpha =
+      _mm256_setr_epi32(weightedAlpha[layer[3]], weightedAlpha[layer[7]], weightedAlpha[layer[11]],
+                        weightedAlpha[layer[15]], weightedAlpha[layer[19]], weightedAlpha[layer[23]],
+                        weightedAlpha[layer[27]], weightedAlpha[layer[31]]);
+  return eight;
+}
+
+// Stores blend.Blend(eight) over each whole group of eight background pixels
+// of the run. Returns the pixels done.
+template <class EightBlend>
+KV_TARGET_AVX2 inline size_t ForEachEight(const LayerRun& run, const EightBlend& blend) {
   size_t p = 0;
   for (; p + 8 <= run.pixels; p += 8) {
-    const unsigned char* layer = run.top + p * kBytesPerPixel;
-    unsigned char* canvas = run.bottom + p * kBytesPerPixel;
-    const __m256i under = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(canvas));
-    const __m256i over = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(layer));
-    const __m256i fa = _mm256_setr_epi32(weightedAlpha[layer[3]], weightedAlpha[layer[7]], weightedAlpha[layer[11]],
-                                         weightedAlpha[layer[15]], weightedAlpha[layer[19]], weightedAlpha[layer[23]],
-                                         weightedAlpha[layer[27]], weightedAlpha[layer[31]]);
-    __m256i result = _mm256_andnot_si256(_mm256_set1_epi32(0x00FFFFFF), under);
+    const EightPixels eight = LoadEight(run, p);
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(eight.canvas), blend.Blend(eight));
+  }
+  return p;
+}
+
+// Eight pixels at a time; fa = 0 needs no test, the step it gives is 0.
+template <class Operation>
+struct ColourOnlyEight {
+  kvo::KVLookupTables& tables;
+
+  KV_TARGET_AVX2 __m256i Blend(const EightPixels& eight) const {
+    const __m256i byteMask = _mm256_set1_epi32(255);
+    __m256i result = _mm256_andnot_si256(_mm256_set1_epi32(0x00FFFFFF), eight.under);
     for (int shift = 0; shift < 24; shift += 8) {
-      const __m256i canvasByte = _mm256_and_si256(_mm256_srli_epi32(under, shift), byteMask);
-      const __m256i layerByte = _mm256_and_si256(_mm256_srli_epi32(over, shift), byteMask);
-      const __m256i blended = VectorBlend<Operation>::Apply(run.tables, layerByte, canvasByte);
-      const __m256i step = _mm256_srai_epi32(_mm256_mullo_epi32(_mm256_sub_epi32(blended, canvasByte), fa), 8);
+      const __m256i canvasByte = _mm256_and_si256(_mm256_srli_epi32(eight.under, shift), byteMask);
+      const __m256i layerByte = _mm256_and_si256(_mm256_srli_epi32(eight.over, shift), byteMask);
+      const __m256i blended = VectorBlend<Operation>::Apply(tables, layerByte, canvasByte);
+      const __m256i step =
+          _mm256_srai_epi32(_mm256_mullo_epi32(_mm256_sub_epi32(blended, canvasByte), eight.weightedAlpha), 8);
       const __m256i channel = _mm256_and_si256(_mm256_add_epi32(canvasByte, step), byteMask);
       result = _mm256_or_si256(result, _mm256_slli_epi32(channel, shift));
     }
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(canvas), result);
+    return result;
   }
-  return p;
+};
+
+template <class Operation>
+KV_TARGET_AVX2 size_t ColourOnly_AVX2(const LayerRun& run) {
+  return ForEachEight(run, ColourOnlyEight<Operation>{run.tables});
 }
 
 // The layer compositor's alpha path (an over-composite). The blend operand
@@ -277,26 +310,21 @@ size_t AlphaComposite_Plain(const LayerRun& run) {
 // conversion whose NaN and overflow result (the most negative integer)
 // clamps to 0 like the plain kernel's. Returns the pixels done.
 template <bool kFillWhereClear, bool kKeepWhereLayerClear, class Operation>
-KV_TARGET_AVX2 size_t AlphaComposite_AVX2(const LayerRun& run) {
-  const unsigned char* weightedAlpha = run.weightedAlpha;
-  const float* divideBy255 = run.tables.DivideBy255Table();
-  const __m256i byteMask = _mm256_set1_epi32(255);
-  const __m256i zero = _mm256_setzero_si256();
-  const __m256 one = _mm256_set1_ps(1.0f);
-  size_t p = 0;
-  for (; p + 8 <= run.pixels; p += 8) {
-    const unsigned char* layer = run.top + p * kBytesPerPixel;
-    unsigned char* canvas = run.bottom + p * kBytesPerPixel;
-    const __m256i under = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(canvas));
-    const __m256i over = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(layer));
+struct AlphaCompositeEight {
+  kvo::KVLookupTables& tables;
+
+  KV_TARGET_AVX2 __m256i Blend(const EightPixels& eight) const {
+    const float* divideBy255 = tables.DivideBy255Table();
+    const unsigned char* canvas = eight.canvas;
+    const __m256i under = eight.under, over = eight.over, fa = eight.weightedAlpha;
+    const __m256i byteMask = _mm256_set1_epi32(255);
+    const __m256i zero = _mm256_setzero_si256();
     const __m256i backgroundAlpha = _mm256_srli_epi32(under, 24);
-    const __m256i fa = _mm256_setr_epi32(weightedAlpha[layer[3]], weightedAlpha[layer[7]], weightedAlpha[layer[11]],
-                                         weightedAlpha[layer[15]], weightedAlpha[layer[19]], weightedAlpha[layer[23]],
-                                         weightedAlpha[layer[27]], weightedAlpha[layer[31]]);
     const __m256i combined =
         _mm256_sub_epi32(_mm256_add_epi32(backgroundAlpha, fa), blendvec::Multiply(backgroundAlpha, fa));
     const __m256i clear = _mm256_cmpeq_epi32(combined, zero);
-    const __m256 inverse = _mm256_div_ps(one, _mm256_cvtepi32_ps(_mm256_max_epi32(combined, _mm256_set1_epi32(1))));
+    const __m256 inverse =
+        _mm256_div_ps(_mm256_set1_ps(1.0f), _mm256_cvtepi32_ps(_mm256_max_epi32(combined, _mm256_set1_epi32(1))));
     const __m256 backgroundWeight = _mm256_mul_ps(
         _mm256_setr_ps(divideBy255[canvas[3]], divideBy255[canvas[7]], divideBy255[canvas[11]], divideBy255[canvas[15]],
                        divideBy255[canvas[19]], divideBy255[canvas[23]], divideBy255[canvas[27]],
@@ -307,7 +335,7 @@ KV_TARGET_AVX2 size_t AlphaComposite_AVX2(const LayerRun& run) {
       const __m256i canvasByte = _mm256_and_si256(_mm256_srli_epi32(under, shift), byteMask);
       const __m256i layerByte = _mm256_and_si256(_mm256_srli_epi32(over, shift), byteMask);
       const __m256i operand = blendvec::Multiply(canvasByte, backgroundAlpha);
-      const __m256i blended = VectorBlend<Operation>::Apply(run.tables, layerByte, operand);
+      const __m256i blended = VectorBlend<Operation>::Apply(tables, layerByte, operand);
       const __m256 value = _mm256_mul_ps(_mm256_add_ps(_mm256_cvtepi32_ps(_mm256_mullo_epi32(blended, fa)),
                                                        _mm256_mul_ps(_mm256_cvtepi32_ps(canvasByte), backgroundWeight)),
                                          inverse);
@@ -316,9 +344,13 @@ KV_TARGET_AVX2 size_t AlphaComposite_AVX2(const LayerRun& run) {
     }
     result = _mm256_blendv_epi8(result, kFillWhereClear ? over : under, clear);
     if (kKeepWhereLayerClear) result = _mm256_blendv_epi8(result, under, _mm256_cmpeq_epi32(fa, zero));
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(canvas), result);
+    return result;
   }
-  return p;
+};
+
+template <bool kFillWhereClear, bool kKeepWhereLayerClear, class Operation>
+KV_TARGET_AVX2 size_t AlphaComposite_AVX2(const LayerRun& run) {
+  return ForEachEight(run, AlphaCompositeEight<kFillWhereClear, kKeepWhereLayerClear, Operation>{run.tables});
 }
 
 // The kernels of one blend mode, for DispatchBlendMode.

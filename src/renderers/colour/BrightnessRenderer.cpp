@@ -58,7 +58,7 @@ BrightnessRenderer::BrightnessRenderer(double brightness, KVChannelsToProcess ch
       m_channels(channels),
       m_table(),
       m_kernel(ChooseKernel(KernelRungs<BrightnessKernel>{Brightness_Plain, Brightness_SSE2, nullptr, nullptr},
-                            extensions.sse2)) {}
+                            m_extensions.sse2)) {}
 
 BrightnessRenderer::~BrightnessRenderer() {}
 

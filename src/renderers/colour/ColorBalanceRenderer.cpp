@@ -58,7 +58,7 @@ ColorBalanceRenderer::ColorBalanceRenderer(double red, double green, double blue
       m_greenTable(),
       m_blueTable(),
       m_kernel(ChooseKernel(KernelRungs<ColorBalanceKernel>{ColorBalance_Plain, ColorBalance_SSE2, nullptr, nullptr},
-                            extensions.sse2)) {}
+                            m_extensions.sse2)) {}
 
 ColorBalanceRenderer::~ColorBalanceRenderer() {}
 

@@ -63,7 +63,7 @@ ContrastRenderer::ContrastRenderer(double contrast, KVChannelsToProcess channels
       m_extensions(extensions),
       m_table(),
       m_kernel(ChooseKernel(KernelRungs<ContrastKernel>{Contrast_Plain, Contrast_SSE2, nullptr, nullptr},
-                            extensions.sse2)) {}
+                            m_extensions.sse2)) {}
 
 ContrastRenderer::~ContrastRenderer() {}
 

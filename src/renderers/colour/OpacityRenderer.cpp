@@ -48,7 +48,7 @@ OpacityRenderer::OpacityRenderer(double opacity, const kvtl::CPUExtensions& exte
     : m_extensions(extensions),
       m_opacity(opacity),
       m_kernel(ChooseKernel(KernelRungs<OpacityKernel>{Opacity_Plain, Opacity_SSE2, nullptr, nullptr},
-                            extensions.sse2)) {}
+                            m_extensions.sse2)) {}
 
 OpacityRenderer::~OpacityRenderer() {}
 
