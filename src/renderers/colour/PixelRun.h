@@ -19,8 +19,7 @@ struct PixelRun {
   unsigned char* out;
   size_t pixels;
 
-  // The first `count` pixels, and the pixels from `first` on.
-  PixelRun First(size_t count) const { return PixelRun{in, out, count}; }
+  // The pixels from `first` on.
   PixelRun From(size_t first) const {
     return PixelRun{in + first * kBytesPerPixel, out + first * kBytesPerPixel, pixels - first};
   }
