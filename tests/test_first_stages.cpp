@@ -524,3 +524,45 @@ TEST(FirstStages, DestinationSmallerOrLargerThanTheSource) {
   EXPECT_EQ(0, processor.Render());
   EXPECT_TRUE(destination.guardsIntact());
 }
+
+// Source 8 x 8 into destination 8 x 4 on three threads: the vector shares of
+// the source are 22, 22 and 20 pixels, none a multiple of 16, so every thread
+// takes the plain path whole, whose shares (11, 11, 10 pixels of the
+// destination) cover the destination exactly. Every destination pixel gets
+// the plain formula, including the last thread's, whose vector share lies
+// wholly past the destination.
+TEST(FirstStages, SmallerDestinationDecidesOnTheSourceShare) {
+  struct SmallerDestinationCase {
+    const char* name;
+    std::function<AbstractRenderer*()> make;
+    std::function<int(int value, unsigned int channel)> plain;
+  };
+  const SmallerDestinationCase cases[] = {
+      {"opacity", [] { return new OpacityRenderer(0.5, kVectorPath); },
+       [](int v, unsigned int c) { return c == 3 ? v / 2 : v; }},
+      {"brightness", [] { return new BrightnessRenderer(0.2, kChannelsColor, kVectorPath); },
+       [](int v, unsigned int c) { return c == 3 ? v : std::min(255, v + 51); }},
+      {"contrast", [] { return new ContrastRenderer(0.5, kChannelsAll, kVectorPath); },
+       [](int v, unsigned int) { return 127 + (v - 127) * 128 / 256; }},
+      {"colour balance", [] { return new ColorBalanceRenderer(0.3, 1.0, 2.0, kVectorPath); },
+       [](int v, unsigned int c) {
+         const double gain = c == 0 ? 2.0 : (c == 1 ? 1.0 : 0.3);  // blue, green, red
+         return c == 3 ? v : std::min(255, static_cast<int>(v * gain));
+       }},
+  };
+  const std::vector<unsigned char> in = kvtest::PatternBytes(8 * 8 * 4, 5);
+  for (const SmallerDestinationCase& stage : cases) {
+    GuardedImage source(8, 8), destination(8, 4);
+    source.fill(in);
+    destination.fill(std::vector<unsigned char>(8 * 4 * 4, 0x5A));
+    std::unique_ptr<AbstractRenderer> renderer(stage.make());
+    RenderAllShares(*renderer, source.image(), destination.image(), 3);
+    std::vector<unsigned char> expected(in.begin(), in.begin() + 8 * 4 * 4);
+    for (size_t i = 0; i < expected.size(); ++i) {
+      expected[i] = static_cast<unsigned char>(stage.plain(expected[i], static_cast<unsigned int>(i % 4)));
+    }
+    EXPECT_EQ(expected, destination.contents()) << stage.name;
+    EXPECT_TRUE(destination.guardsIntact()) << stage.name;
+    EXPECT_EQ(in, source.contents()) << stage.name;
+  }
+}

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "TestSupport.h"
-#include "support/CPUExtensions.h"
 
 using namespace kvo::image;
 using kvtest::Bytes;
@@ -59,7 +58,7 @@ void ExpectWideEqualsNarrow(const StageSetter& set, const char* what) {
 }
 
 TEST(SuperContrastPaths, SuperContrastWideEqualsSSE2OnEveryRange) {
-  if (!UseAVX2()) GTEST_SKIP() << "no AVX2 on this processor";
+  if (kvtl::GetWiderExtension() < kvtl::kWiderAVX2) GTEST_SKIP() << "no AVX2 on this processor";
   const double ranges[][2] = {{0.2, 0.8}, {0.0, 1.0}, {0.5, 0.5}, {0.1, 0.9961}, {0.0, 0.0}, {1.0, 1.0}};
   for (const auto& range : ranges) {
     const double low = range[0], high = range[1];
@@ -71,7 +70,7 @@ TEST(SuperContrastPaths, SuperContrastWideEqualsSSE2OnEveryRange) {
 // The 256-pixel gradient is also checked level by level against the
 // processor's own rounding: nearest in single precision inside the range.
 TEST(SuperContrastPaths, SuperContrastWideRoundsEveryLevelToNearest) {
-  if (!UseAVX2()) GTEST_SKIP() << "no AVX2 on this processor";
+  if (kvtl::GetWiderExtension() < kvtl::kWiderAVX2) GTEST_SKIP() << "no AVX2 on this processor";
   const Size size = {256, 1};
   Bytes input(256 * 4);
   for (int i = 0; i < 256; ++i) {

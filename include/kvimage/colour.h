@@ -1,6 +1,7 @@
 #ifndef KVIMAGE_COLOUR_H
 #define KVIMAGE_COLOUR_H
 
+#include <cstddef>
 #include <vector>
 
 #include <kvimage/export.h>
@@ -11,6 +12,20 @@
 
 namespace kvo {
 namespace image {
+
+// Internal: a thread's pixels and what each stage's pixel kernels read, both
+// defined with the kernels. A stage keeps the kernel it chose for the
+// processor in a pointer (see the stage sources).
+struct PixelRun;
+struct OpacityArguments;
+struct BrightnessArguments;
+struct ContrastArguments;
+struct SuperContrastArguments;
+struct ColorBalanceArguments;
+struct SaturationArguments;
+struct ThreeStripArguments;
+struct VignetteArguments;
+struct HueStageArguments;
 
 // Scales alpha by an opacity. The plain path multiplies (alpha * opacity,
 // truncated); the SSE2 path subtracts (1 - opacity) * 255 with saturation and
@@ -31,6 +46,7 @@ class KVIMAGE_EXPORT OpacityRenderer : public AbstractRenderer {
  private:
   kvtl::CPUExtensions m_extensions;
   double m_opacity;
+  size_t (*m_kernel)(const PixelRun&, const OpacityArguments&);
 };
 
 // Carries two flags and renders nothing: the destination keeps what it held.
@@ -109,6 +125,7 @@ class KVIMAGE_EXPORT BrightnessRenderer : public AbstractRenderer {
   double m_brightness;
   KVChannelsToProcess m_channels;
   unsigned char m_table[256];
+  size_t (*m_kernel)(const PixelRun&, const BrightnessArguments&);
 };
 
 // Scales the chosen channels about 127 with c = trunc(256 * contrast). The
@@ -133,6 +150,7 @@ class KVIMAGE_EXPORT ContrastRenderer : public AbstractRenderer {
   KVChannelsToProcess m_channels;
   kvtl::CPUExtensions m_extensions;
   unsigned char m_table[256];
+  size_t (*m_kernel)(const PixelRun&, const ContrastArguments&);
 };
 
 // Stretches the input range [low, high] (fractions of 255) to 0..255,
@@ -158,6 +176,7 @@ class KVIMAGE_EXPORT SuperContrastRenderer : public AbstractRenderer {
   double m_high;
   KVChannelsToProcess m_channels;
   unsigned char m_table[256];
+  size_t (*m_kernel)(const PixelRun&, const SuperContrastArguments&);
 };
 
 // Scales red, green and blue by three gains (0..2); alpha is copied. The
@@ -183,6 +202,7 @@ class KVIMAGE_EXPORT ColorBalanceRenderer : public AbstractRenderer {
   unsigned char m_redTable[256];
   unsigned char m_greenTable[256];
   unsigned char m_blueTable[256];
+  size_t (*m_kernel)(const PixelRun&, const ColorBalanceArguments&);
 };
 
 // Casts the image towards the colour of a black body at a temperature in
@@ -231,6 +251,7 @@ class KVIMAGE_EXPORT SaturationRenderer : public AbstractRenderer {
   [[maybe_unused]] float* m_table;
   double m_reciprocalOfDifference[511];  // [k + 255] = 1 / k, k = -255..255
   double m_reciprocalOfValue[256];       // [v] = 1 / v
+  size_t (*m_kernel)(const PixelRun&, const SaturationArguments&);
 };
 
 // Rotates hue in the integer HLS model and mixes the result with the source
@@ -249,6 +270,7 @@ class KVIMAGE_EXPORT HueShiftRenderer : public AbstractRenderer {
  private:
   double m_hueOffset;  // 360 - shift
   double m_keep;       // 1 - amount
+  size_t (*m_kernel)(const PixelRun&, const HueStageArguments&);
 };
 
 // Replaces hue in the integer HLS model (greys stay grey) and mixes the result
@@ -267,6 +289,7 @@ class KVIMAGE_EXPORT HueColorizeRenderer : public AbstractRenderer {
  private:
   double m_hue;
   double m_keep;  // 1 - amount
+  size_t (*m_kernel)(const PixelRun&, const HueStageArguments&);
 };
 
 // Moves every pixel toward the tone colour its luminance picks, by an amount.
@@ -309,6 +332,10 @@ class KVIMAGE_EXPORT ThreeStripColorRenderer : public AbstractRenderer {
   int Render8_AVX2(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
 
  private:
+  // Render's share through a kernel; the plain kernel finishes its tail.
+  int RenderWith(size_t (*kernel)(const PixelRun&, const ThreeStripArguments&), KVAbstractImage* source,
+                 KVAbstractImage* destination, unsigned char threadIndex, unsigned char threadCount);
+
   double m_levelA;
   double m_levelB;
   double m_levelC;
@@ -320,6 +347,7 @@ class KVIMAGE_EXPORT ThreeStripColorRenderer : public AbstractRenderer {
   int m_blueWeight[511];
   int m_greenWeight[511];
   int m_redWeight[511];
+  size_t (*m_kernel)(const PixelRun&, const ThreeStripArguments&);
 };
 
 // The look of skipping the bleach in film processing. Each colour byte is
@@ -376,6 +404,9 @@ class KVIMAGE_EXPORT VignetteRenderer : public AbstractRenderer {
  private:
   // The weight (0..256) at squared normalised distance s.
   int WeightAt(double s) const;
+  // Render's share through a kernel; the plain kernel finishes its tail.
+  int RenderWith(size_t (*kernel)(const PixelRun&, const VignetteArguments&), KVAbstractImage* source,
+                 KVAbstractImage* destination, unsigned char threadIndex, unsigned char threadCount);
 
   KVPixel8_RGB m_colour;
   double m_amount;
@@ -390,6 +421,7 @@ class KVIMAGE_EXPORT VignetteRenderer : public AbstractRenderer {
   std::vector<double> m_columnTerm;
   std::vector<double> m_rowTerm;
   int m_protection[256];
+  size_t (*m_kernel)(const PixelRun&, const VignetteArguments&);
 };
 
 // Integer RGB to HLS (hue -1 and saturation 0 for a grey).

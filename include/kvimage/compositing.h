@@ -1,6 +1,7 @@
 #ifndef KVIMAGE_COMPOSITING_H
 #define KVIMAGE_COMPOSITING_H
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -14,6 +15,10 @@
 
 namespace kvo {
 namespace image {
+
+// Internal: a layer's pixels over the background's, as the compositing
+// kernels take them (defined with the kernels).
+struct LayerRun;
 
 // Blends one 8-bit channel: r = mode(top, bottom), then
 // bottom + (((r - bottom) * opacity) >> 8) with a signed 32-bit product and an
@@ -51,6 +56,10 @@ class KVIMAGE_EXPORT LayerCompositor : public AbstractCompositor {
   kvo::KVLookupTables& m_tables;
   // fa for each layer alpha: clamp(trunc(alpha * opacity), 0, 255).
   unsigned char m_weightedAlpha[256];
+  // The plain kernel of the type and mode, and the one Setup chose for the
+  // processor (the plain kernel finishes its tail).
+  size_t (*m_plainKernel)(const LayerRun&);
+  size_t (*m_kernel)(const LayerRun&);
 };
 
 // A glow of a layer onto the background. Setup blurs a copy of the layer (all
@@ -94,6 +103,9 @@ class KVIMAGE_EXPORT LightSpillLayerCompositor : public AbstractCompositor {
   StackBlurRenderer m_blur;
   std::unique_ptr<KVImage8> m_blurred;
   bool m_blurredReady;
+  // As for LayerCompositor, for the glow's mode.
+  size_t (*m_plainKernel)(const LayerRun&);
+  size_t (*m_kernel)(const LayerRun&);
 };
 
 // A cast shadow. The layer stands in `bounds` (background pixels; layer pixel

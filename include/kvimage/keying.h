@@ -110,6 +110,9 @@ KVIMAGE_EXPORT void* AutoColorDifferenceMatteProc(void* data);
 // Spill suppression and matte clean-up (alpha crop, white erode)
 // ---------------------------------------------------------------------------
 
+// Internal: what the spill suppressor's kernels read (defined with them).
+struct SpillArguments;
+
 // Pulls the key colour's cast off the foreground. Standard and extended move
 // the key byte towards the other channels by s = trunc(255 * amount) / 256,
 // with an arithmetic shift, so a downward move at full strength reaches its
@@ -134,6 +137,10 @@ class KVIMAGE_EXPORT SpillSuppressor : public AbstractRenderer {
                           unsigned char threadCount);
 
  private:
+  SpillArguments KernelArguments() const;
+  int RenderMethod(KVSpillType method, KVImage8* source, KVImage8* destination, unsigned char threadIndex,
+                   unsigned char threadCount);
+
   KVChannel m_channel;
   KVSpillType m_spillType;
   double m_amount;
@@ -144,6 +151,10 @@ class KVIMAGE_EXPORT SpillSuppressor : public AbstractRenderer {
   // The advanced method tabulated at construction: the spill for each (key,
   // reference) pair, then blue, green and red for each (spill, byte) pair.
   std::vector<unsigned char> m_advancedTables;
+  // The plain kernel of the stage's method and key channel, and the one
+  // Setup chose for the processor (the plain kernel finishes its tail).
+  size_t (*m_plainKernel)(const unsigned char*, unsigned char*, size_t, const SpillArguments&);
+  size_t (*m_kernel)(const unsigned char*, unsigned char*, size_t, const SpillArguments&);
 };
 
 // A garbage matte: alpha is kept only strictly inside the rectangle

@@ -10,8 +10,8 @@
 
 #include "compositing/BlendVectors.h"
 #include "support/Assert.h"
-#include "support/CPUExtensions.h"
 #include "support/Conversions.h"
+#include "support/PathChoice.h"
 #include "support/PixelLayout.h"
 
 namespace kvo {
@@ -45,10 +45,11 @@ struct BlendCurveOperation {
 };
 
 // Calls action.Run<Operation>() with the operation of mode: add, the eleven
-// curves, and the top value for normal, replace and every unknown mode.
-// Callers that treat replace differently test for it first.
+// curves, and the top value for normal, replace and every unknown mode, and
+// returns what it returns. Callers that treat replace differently test for it
+// first.
 template <class Action>
-int DispatchBlendMode(KVBlendMode mode, Action& action) {
+auto DispatchBlendMode(KVBlendMode mode, Action& action) -> decltype(action.template Run<BlendTopOperation>()) {
   typedef kvo::KVLookupTables T;
   switch (static_cast<uint32_t>(mode)) {
     case kBlendAdd: return action.template Run<BlendAddOperation>();
@@ -162,9 +163,111 @@ inline void AssertLayerMatchesBackground(const KVAbstractImage* m_foregroundLaye
             "order of foreground and background layers does not match\"");
 }
 
-// The layer compositor's alpha path (an over-composite), run with
-// DispatchBlendMode over `pixels` pixels of a layer and the background. The
-// blend operand is the background colour weighted by its alpha, while the
+// A layer over the background: `pixels` pixels of each from the same place,
+// the layer's weighted alphas and the tables.
+struct LayerRun {
+  const unsigned char* top;
+  unsigned char* bottom;
+  size_t pixels;
+  const unsigned char* weightedAlpha;
+  kvo::KVLookupTables& tables;
+
+  LayerRun From(size_t first) const {
+    return LayerRun{top + first * kBytesPerPixel, bottom + first * kBytesPerPixel, pixels - first, weightedAlpha,
+                    tables};
+  }
+};
+
+// The one signature of the compositing kernels: each returns the pixels it
+// did, and the plain kernel finishes the rest.
+typedef size_t (*LayerKernel)(const LayerRun& run);
+
+inline void RunLayerKernel(LayerKernel kernel, LayerKernel plain, const LayerRun& run) {
+  const size_t done = kernel(run);
+  if (done < run.pixels) plain(run.From(done));
+}
+
+// Colour-only: each colour byte moves towards r(layer, background) by fa/256;
+// the background alpha is kept. fa = 0 leaves a pixel as it is in every mode
+// this runs for (replace has its own kernels).
+template <class Operation>
+size_t ColourOnly_Plain(const LayerRun& run) {
+  const unsigned char* layer = run.top;
+  unsigned char* canvas = run.bottom;
+  for (size_t p = 0; p < run.pixels; ++p, layer += kBytesPerPixel, canvas += kBytesPerPixel) {
+    const int fa = run.weightedAlpha[layer[kAlphaByte]];
+    if (fa == 0) continue;
+    for (unsigned int c = kBlueByte; c <= kRedByte; ++c) {
+      const int blended = Operation::Apply(run.tables, layer[c], canvas[c]);
+      canvas[c] = static_cast<unsigned char>(BlendTowards(canvas[c], blended, fa));
+    }
+  }
+  return run.pixels;
+}
+
+// Eight pixels of the background and the layer from pixel p, and the
+// layer's weighted alphas (fa).
+struct EightPixels {
+  unsigned char* canvas;
+  __m256i under;
+  __m256i over;
+  __m256i weightedAlpha;
+};
+
+KV_TARGET_AVX2 inline EightPixels LoadEight(const LayerRun& run, size_t p) {
+  const unsigned char* layer = run.top + p * kBytesPerPixel;
+  const unsigned char* weightedAlpha = run.weightedAlpha;
+  EightPixels eight;
+  eight.canvas = run.bottom + p * kBytesPerPixel;
+  eight.under = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(eight.canvas));
+  eight.over = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(layer));
+  eight.weightedAlpha =
+      _mm256_setr_epi32(weightedAlpha[layer[3]], weightedAlpha[layer[7]], weightedAlpha[layer[11]],
+                        weightedAlpha[layer[15]], weightedAlpha[layer[19]], weightedAlpha[layer[23]],
+                        weightedAlpha[layer[27]], weightedAlpha[layer[31]]);
+  return eight;
+}
+
+// Stores blend.Blend(eight) over each whole group of eight background pixels
+// of the run. Returns the pixels done.
+template <class EightBlend>
+KV_TARGET_AVX2 inline size_t ForEachEight(const LayerRun& run, const EightBlend& blend) {
+  size_t p = 0;
+  for (; p + 8 <= run.pixels; p += 8) {
+    const EightPixels eight = LoadEight(run, p);
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(eight.canvas), blend.Blend(eight));
+  }
+  return p;
+}
+
+// Eight pixels at a time; fa = 0 needs no test, the step it gives is 0.
+template <class Operation>
+struct ColourOnlyEight {
+  kvo::KVLookupTables& tables;
+
+  KV_TARGET_AVX2 __m256i Blend(const EightPixels& eight) const {
+    const __m256i byteMask = _mm256_set1_epi32(255);
+    __m256i result = _mm256_andnot_si256(_mm256_set1_epi32(0x00FFFFFF), eight.under);
+    for (int shift = 0; shift < 24; shift += 8) {
+      const __m256i canvasByte = _mm256_and_si256(_mm256_srli_epi32(eight.under, shift), byteMask);
+      const __m256i layerByte = _mm256_and_si256(_mm256_srli_epi32(eight.over, shift), byteMask);
+      const __m256i blended = VectorBlend<Operation>::Apply(tables, layerByte, canvasByte);
+      const __m256i step =
+          _mm256_srai_epi32(_mm256_mullo_epi32(_mm256_sub_epi32(blended, canvasByte), eight.weightedAlpha), 8);
+      const __m256i channel = _mm256_and_si256(_mm256_add_epi32(canvasByte, step), byteMask);
+      result = _mm256_or_si256(result, _mm256_slli_epi32(channel, shift));
+    }
+    return result;
+  }
+};
+
+template <class Operation>
+KV_TARGET_AVX2 size_t ColourOnly_AVX2(const LayerRun& run) {
+  return ForEachEight(run, ColourOnlyEight<Operation>{run.tables});
+}
+
+// The layer compositor's alpha path (an over-composite). The blend operand
+// is the background colour weighted by its alpha, while the
 // un-premultiplication weights the raw background colour; the arithmetic is
 // single precision, one rounding at a time, as written.
 //   kFillWhereClear: where the combined alpha is 0, copy the layer pixel
@@ -173,97 +276,97 @@ inline void AssertLayerMatchesBackground(const KVAbstractImage* m_foregroundLaye
 //                    as they are, instead of taking them through the
 //                    un-premultiplication, which moves some colours of a
 //                    translucent background down one step.
-template <bool kFillWhereClear, bool kKeepWhereLayerClear>
-struct AlphaComposite {
-  const unsigned char* top;
-  unsigned char* bottom;
-  size_t pixels;
-  const unsigned char* weightedAlpha;
+template <bool kFillWhereClear, bool kKeepWhereLayerClear, class Operation>
+size_t AlphaComposite_Plain(const LayerRun& run) {
+  kvo::KVLookupTables& tables = run.tables;
+  const unsigned char* layer = run.top;
+  unsigned char* canvas = run.bottom;
+  for (size_t p = 0; p < run.pixels; ++p, layer += kBytesPerPixel, canvas += kBytesPerPixel) {
+    const unsigned char backgroundAlpha = canvas[kAlphaByte];
+    const int fa = run.weightedAlpha[layer[kAlphaByte]];
+    if (kKeepWhereLayerClear && fa == 0) continue;
+    const unsigned char combinedAlpha = tables.AlphaChannelBlend(backgroundAlpha, static_cast<unsigned char>(fa));
+    if (combinedAlpha == 0) {
+      if (kFillWhereClear) std::memcpy(canvas, layer, kBytesPerPixel);
+      continue;
+    }
+    const float inverse = tables.Invert(combinedAlpha);
+    const float backgroundWeight = tables.DivideBy255(backgroundAlpha) * static_cast<float>(255 - fa);
+    for (unsigned int c = kBlueByte; c <= kRedByte; ++c) {
+      const int operand = tables.AlphaBlend(canvas[c], backgroundAlpha);
+      const int blended = Operation::Apply(tables, layer[c], operand);
+      const float value =
+          (static_cast<float>(blended * fa) + static_cast<float>(canvas[c]) * backgroundWeight) * inverse;
+      canvas[c] = static_cast<unsigned char>(ClampToByte(TruncateToInt(value)));
+    }
+    canvas[kAlphaByte] = combinedAlpha;
+  }
+  return run.pixels;
+}
+
+// The same arithmetic eight pixels at a time, in the same single-precision
+// order: the alpha tables' integer forms, 1 / combined by a correctly
+// rounded division (the invert table's own definition), and a truncating
+// conversion whose NaN and overflow result (the most negative integer)
+// clamps to 0 like the plain kernel's. Returns the pixels done.
+template <bool kFillWhereClear, bool kKeepWhereLayerClear, class Operation>
+struct AlphaCompositeEight {
   kvo::KVLookupTables& tables;
 
-  template <class Operation>
-  int Run() {
-    size_t done = 0;
-    if (UseAVX2()) done = RunBlocks_AVX2<Operation>();
-    RunPlain<Operation>(done);
-    return 0;
-  }
-
-  // One pixel at a time from pixel `first` on.
-  template <class Operation>
-  void RunPlain(size_t first) {
-    const unsigned char* layer = top + first * kBytesPerPixel;
-    unsigned char* canvas = bottom + first * kBytesPerPixel;
-    for (size_t p = first; p < pixels; ++p, layer += kBytesPerPixel, canvas += kBytesPerPixel) {
-      const unsigned char backgroundAlpha = canvas[kAlphaByte];
-      const int fa = weightedAlpha[layer[kAlphaByte]];
-      if (kKeepWhereLayerClear && fa == 0) continue;
-      const unsigned char combinedAlpha = tables.AlphaChannelBlend(backgroundAlpha, static_cast<unsigned char>(fa));
-      if (combinedAlpha == 0) {
-        if (kFillWhereClear) std::memcpy(canvas, layer, kBytesPerPixel);
-        continue;
-      }
-      const float inverse = tables.Invert(combinedAlpha);
-      const float backgroundWeight = tables.DivideBy255(backgroundAlpha) * static_cast<float>(255 - fa);
-      for (unsigned int c = kBlueByte; c <= kRedByte; ++c) {
-        const int operand = tables.AlphaBlend(canvas[c], backgroundAlpha);
-        const int blended = Operation::Apply(tables, layer[c], operand);
-        const float value =
-            (static_cast<float>(blended * fa) + static_cast<float>(canvas[c]) * backgroundWeight) * inverse;
-        canvas[c] = static_cast<unsigned char>(ClampToByte(TruncateToInt(value)));
-      }
-      canvas[kAlphaByte] = combinedAlpha;
-    }
-  }
-
-  // The same arithmetic eight pixels at a time, in the same single-precision
-  // order: the alpha tables' integer forms, 1 / combined by a correctly
-  // rounded division (the invert table's own definition), and a truncating
-  // conversion whose NaN and overflow result (the most negative integer)
-  // clamps to 0 like the plain path's. Returns the pixels done; the plain
-  // form finishes the last one to seven.
-  template <class Operation>
-  KV_TARGET_AVX2 size_t RunBlocks_AVX2() {
+  KV_TARGET_AVX2 __m256i Blend(const EightPixels& eight) const {
     const float* divideBy255 = tables.DivideBy255Table();
+    const unsigned char* canvas = eight.canvas;
+    const __m256i under = eight.under, over = eight.over, fa = eight.weightedAlpha;
     const __m256i byteMask = _mm256_set1_epi32(255);
     const __m256i zero = _mm256_setzero_si256();
-    const __m256 one = _mm256_set1_ps(1.0f);
-    size_t p = 0;
-    for (; p + 8 <= pixels; p += 8) {
-      const unsigned char* layer = top + p * kBytesPerPixel;
-      unsigned char* canvas = bottom + p * kBytesPerPixel;
-      const __m256i under = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(canvas));
-      const __m256i over = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(layer));
-      const __m256i backgroundAlpha = _mm256_srli_epi32(under, 24);
-      const __m256i fa = _mm256_setr_epi32(weightedAlpha[layer[3]], weightedAlpha[layer[7]], weightedAlpha[layer[11]],
-                                           weightedAlpha[layer[15]], weightedAlpha[layer[19]], weightedAlpha[layer[23]],
-                                           weightedAlpha[layer[27]], weightedAlpha[layer[31]]);
-      const __m256i combined =
-          _mm256_sub_epi32(_mm256_add_epi32(backgroundAlpha, fa), blendvec::Multiply(backgroundAlpha, fa));
-      const __m256i clear = _mm256_cmpeq_epi32(combined, zero);
-      const __m256 inverse = _mm256_div_ps(one, _mm256_cvtepi32_ps(_mm256_max_epi32(combined, _mm256_set1_epi32(1))));
-      const __m256 backgroundWeight =
-          _mm256_mul_ps(_mm256_setr_ps(divideBy255[canvas[3]], divideBy255[canvas[7]], divideBy255[canvas[11]], divideBy255[canvas[15]],
-                         divideBy255[canvas[19]], divideBy255[canvas[23]], divideBy255[canvas[27]],
-                         divideBy255[canvas[31]]),
-                     _mm256_cvtepi32_ps(_mm256_sub_epi32(byteMask, fa)));
-      __m256i result = _mm256_slli_epi32(combined, 24);
-      for (int shift = 0; shift < 24; shift += 8) {
-        const __m256i canvasByte = _mm256_and_si256(_mm256_srli_epi32(under, shift), byteMask);
-        const __m256i layerByte = _mm256_and_si256(_mm256_srli_epi32(over, shift), byteMask);
-        const __m256i operand = blendvec::Multiply(canvasByte, backgroundAlpha);
-        const __m256i blended = VectorBlend<Operation>::Apply(tables, layerByte, operand);
-        const __m256 value = _mm256_mul_ps(_mm256_add_ps(_mm256_cvtepi32_ps(_mm256_mullo_epi32(blended, fa)),
-                                                   _mm256_mul_ps(_mm256_cvtepi32_ps(canvasByte), backgroundWeight)),
-                                        inverse);
-        const __m256i channel = _mm256_min_epi32(_mm256_max_epi32(_mm256_cvttps_epi32(value), zero), byteMask);
-        result = _mm256_or_si256(result, _mm256_slli_epi32(channel, shift));
-      }
-      result = _mm256_blendv_epi8(result, kFillWhereClear ? over : under, clear);
-      if (kKeepWhereLayerClear) result = _mm256_blendv_epi8(result, under, _mm256_cmpeq_epi32(fa, zero));
-      _mm256_storeu_si256(reinterpret_cast<__m256i*>(canvas), result);
+    const __m256i backgroundAlpha = _mm256_srli_epi32(under, 24);
+    const __m256i combined =
+        _mm256_sub_epi32(_mm256_add_epi32(backgroundAlpha, fa), blendvec::Multiply(backgroundAlpha, fa));
+    const __m256i clear = _mm256_cmpeq_epi32(combined, zero);
+    const __m256 inverse =
+        _mm256_div_ps(_mm256_set1_ps(1.0f), _mm256_cvtepi32_ps(_mm256_max_epi32(combined, _mm256_set1_epi32(1))));
+    const __m256 backgroundWeight = _mm256_mul_ps(
+        _mm256_setr_ps(divideBy255[canvas[3]], divideBy255[canvas[7]], divideBy255[canvas[11]], divideBy255[canvas[15]],
+                       divideBy255[canvas[19]], divideBy255[canvas[23]], divideBy255[canvas[27]],
+                       divideBy255[canvas[31]]),
+        _mm256_cvtepi32_ps(_mm256_sub_epi32(byteMask, fa)));
+    __m256i result = _mm256_slli_epi32(combined, 24);
+    for (int shift = 0; shift < 24; shift += 8) {
+      const __m256i canvasByte = _mm256_and_si256(_mm256_srli_epi32(under, shift), byteMask);
+      const __m256i layerByte = _mm256_and_si256(_mm256_srli_epi32(over, shift), byteMask);
+      const __m256i operand = blendvec::Multiply(canvasByte, backgroundAlpha);
+      const __m256i blended = VectorBlend<Operation>::Apply(tables, layerByte, operand);
+      const __m256 value = _mm256_mul_ps(_mm256_add_ps(_mm256_cvtepi32_ps(_mm256_mullo_epi32(blended, fa)),
+                                                       _mm256_mul_ps(_mm256_cvtepi32_ps(canvasByte), backgroundWeight)),
+                                         inverse);
+      const __m256i channel = _mm256_min_epi32(_mm256_max_epi32(_mm256_cvttps_epi32(value), zero), byteMask);
+      result = _mm256_or_si256(result, _mm256_slli_epi32(channel, shift));
     }
-    return p;
+    result = _mm256_blendv_epi8(result, kFillWhereClear ? over : under, clear);
+    if (kKeepWhereLayerClear) result = _mm256_blendv_epi8(result, under, _mm256_cmpeq_epi32(fa, zero));
+    return result;
+  }
+};
+
+template <bool kFillWhereClear, bool kKeepWhereLayerClear, class Operation>
+KV_TARGET_AVX2 size_t AlphaComposite_AVX2(const LayerRun& run) {
+  return ForEachEight(run, AlphaCompositeEight<kFillWhereClear, kKeepWhereLayerClear, Operation>{run.tables});
+}
+
+// The kernels of one blend mode, for DispatchBlendMode.
+struct ColourOnlyRungs {
+  template <class Operation>
+  KernelRungs<LayerKernel> Run() {
+    return KernelRungs<LayerKernel>{ColourOnly_Plain<Operation>, nullptr, nullptr, ColourOnly_AVX2<Operation>};
+  }
+};
+
+template <bool kFillWhereClear, bool kKeepWhereLayerClear>
+struct AlphaCompositeRungs {
+  template <class Operation>
+  KernelRungs<LayerKernel> Run() {
+    return KernelRungs<LayerKernel>{AlphaComposite_Plain<kFillWhereClear, kKeepWhereLayerClear, Operation>, nullptr,
+                                    nullptr, AlphaComposite_AVX2<kFillWhereClear, kKeepWhereLayerClear, Operation>};
   }
 };
 

@@ -11,7 +11,7 @@
 
 #include <kvimage/support.h>
 
-#include "support/CPUExtensions.h"
+#include "support/PathChoice.h"
 
 namespace kvo {
 namespace image {

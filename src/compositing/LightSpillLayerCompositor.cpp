@@ -14,6 +14,12 @@ namespace {
 // The mismatch assertions' fixed source lines.
 const LayerMatchAssertionLines kMatchAssertionLines = {88, 90, 92, 94};
 
+// The glow keeps the background wherever its weighted alpha is 0.
+KernelRungs<LayerKernel> GlowRungs(KVBlendMode mode) {
+  AlphaCompositeRungs<false, true> rungs;
+  return DispatchBlendMode(mode, rungs);
+}
+
 }  // namespace
 
 LightSpillLayerCompositor::LightSpillLayerCompositor(KVAbstractImage* layer, unsigned int radius, double amount,
@@ -27,7 +33,9 @@ LightSpillLayerCompositor::LightSpillLayerCompositor(KVAbstractImage* layer, uns
       m_tables(tables),
       m_extensions(extensions),
       m_blur(radius, true, true, kChannelsAll),
-      m_blurredReady(false) {
+      m_blurredReady(false),
+      m_plainKernel(GlowRungs(blendMode).plain),
+      m_kernel(m_plainKernel) {
   FillWeightedAlpha(ClampedUnit(m_amount), m_weightedAlpha);
 }
 
@@ -41,6 +49,7 @@ KVAbstractImage* LightSpillLayerCompositor::GlowLayer() const {
 }
 
 void LightSpillLayerCompositor::Setup(KVAbstractImage*) {
+  m_kernel = ChooseKernel(GlowRungs(m_blendMode));
   m_blurredReady = false;
   if (m_radius == 0 || m_layer == nullptr) return;
   const uint32_t width = m_layer->Width(), height = m_layer->Height();
@@ -79,9 +88,10 @@ int LightSpillLayerCompositor::Render8(KVImage8* backgroundLayer, unsigned char 
   const ShareRun share = ByteShare(backgroundLayer->Width(), backgroundLayer->Height(), threadIndex, threadCount,
                                    CommonByteSize(glow, backgroundLayer));
   if (share.count == 0) return 0;
-  AlphaComposite<false, true> composite = {PixelBytes(glow) + share.start, backgroundLayer->Buffer() + share.start,
-                                           share.count / kBytesPerPixel, m_weightedAlpha, m_tables};
-  return DispatchBlendMode(m_blendMode, composite);
+  const LayerRun run = {PixelBytes(glow) + share.start, backgroundLayer->Buffer() + share.start,
+                       share.count / kBytesPerPixel, m_weightedAlpha, m_tables};
+  RunLayerKernel(m_kernel, m_plainKernel, run);
+  return 0;
 }
 
 }  // namespace image

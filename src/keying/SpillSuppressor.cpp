@@ -5,15 +5,34 @@
 
 #include <kvimage/keying.h>
 
-#include "support/CPUExtensions.h"
 #include "support/Conversions.h"
+#include "support/PathChoice.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
 
 namespace kvo {
 namespace image {
 
+// The weights of the advanced method, for the computed kernels.
+struct AdvancedFactors {
+  double red, green, blue, reference;
+};
+
+// What the kernels read: the strength of the standard and extended moves,
+// and the advanced method's tables (null for a stage built for another
+// method) and factors.
+struct SpillArguments {
+  int strength;
+  const unsigned char* tables;
+  AdvancedFactors factors;
+};
+
 namespace {
+
+// The one signature of the spill kernels: `pixels` pixels from in to out;
+// each returns the pixels it did and the plain kernel finishes the rest.
+typedef size_t (*SpillKernel)(const unsigned char* in, unsigned char* out, size_t pixels,
+                              const SpillArguments& arguments);
 
 // v moved towards target by strength / 256. The step is a signed 32-bit
 // product shifted arithmetically, so a negative step rounds toward minus
@@ -62,34 +81,40 @@ ShareRun SpillShare(KVImage8* source, KVImage8* destination, unsigned char threa
   return share;
 }
 
+// Green: if G > R, G moves towards R. Blue: if B > G, B moves towards G.
 template <class Bytes>
-struct Standard {
-  static void Apply(const unsigned char* in, unsigned char* out, size_t count, int strength) {
-    for (size_t i = 0; i < count; i += kBytesPerPixel) {
-      const uint32_t pixel = LoadPixel(in + i);
-      const int key = ByteOf(pixel, Bytes::key), reference = ByteOf(pixel, Bytes::reference);
-      StorePixel(out + i, key > reference ? WithByte(pixel, Bytes::key, Move(key, reference, strength)) : pixel);
-    }
+size_t SpillStandard_Plain(const unsigned char* in, unsigned char* out, size_t pixels,
+                           const SpillArguments& arguments) {
+  for (size_t i = 0; i < pixels * kBytesPerPixel; i += kBytesPerPixel) {
+    const uint32_t pixel = LoadPixel(in + i);
+    const int key = ByteOf(pixel, Bytes::key), reference = ByteOf(pixel, Bytes::reference);
+    StorePixel(out + i,
+               key > reference ? WithByte(pixel, Bytes::key, Move(key, reference, arguments.strength)) : pixel);
   }
-};
+  return pixels;
+}
 
+// The key byte moves towards the rounded-down mean of the other two when it
+// lies above it, and the red byte rises towards the mean when the third
+// channel is above red.
 template <class Bytes>
-struct Extended {
-  static void Apply(const unsigned char* in, unsigned char* out, size_t count, int strength) {
-    for (size_t i = 0; i < count; i += kBytesPerPixel) {
-      // Both moves are computed and selected without branches: on real footage
-      // the tests flip from pixel to pixel.
-      const uint32_t pixel = LoadPixel(in + i);
-      const int key = ByteOf(pixel, Bytes::key), side = ByteOf(pixel, Bytes::side), red = ByteOf(pixel, kRedByte);
-      const int mean = (side + red) >> 1;
-      const bool spill = key > mean;
-      const bool raise = spill && side > red;
-      const uint32_t lowered = WithByte(pixel, Bytes::key, Move(key, mean, strength));
-      const uint32_t raised = WithByte(lowered, kRedByte, Move(red, mean, strength));
-      StorePixel(out + i, raise ? raised : (spill ? lowered : pixel));
-    }
+size_t SpillExtended_Plain(const unsigned char* in, unsigned char* out, size_t pixels,
+                           const SpillArguments& arguments) {
+  const int strength = arguments.strength;
+  for (size_t i = 0; i < pixels * kBytesPerPixel; i += kBytesPerPixel) {
+    // Both moves are computed and selected without branches: on real footage
+    // the tests flip from pixel to pixel.
+    const uint32_t pixel = LoadPixel(in + i);
+    const int key = ByteOf(pixel, Bytes::key), side = ByteOf(pixel, Bytes::side), red = ByteOf(pixel, kRedByte);
+    const int mean = (side + red) >> 1;
+    const bool spill = key > mean;
+    const bool raise = spill && side > red;
+    const uint32_t lowered = WithByte(pixel, Bytes::key, Move(key, mean, strength));
+    const uint32_t raised = WithByte(lowered, kRedByte, Move(red, mean, strength));
+    StorePixel(out + i, raise ? raised : (spill ? lowered : pixel));
   }
-};
+  return pixels;
+}
 
 // The extended method 8 pixels at a time, in 16-bit lanes. A move's step
 // ((target - v) * strength) >> 8 is at most 255 * 255 in size, so its 32-bit
@@ -119,32 +144,32 @@ inline void PutByteLanes(__m128i& first, __m128i& second, __m128i lanes, unsigne
 }
 
 template <class Bytes>
-struct ExtendedSSSE3 {
-  KV_TARGET_SSSE3 static void Apply(const unsigned char* in, unsigned char* out, size_t count, int strength) {
-    size_t i = 0;
-    if (strength >= 0 && strength <= 255) {
-      const __m128i strengthLanes = _mm_set1_epi16(static_cast<short>(strength));
-      for (; i + 8 * kBytesPerPixel <= count; i += 8 * kBytesPerPixel) {
-        __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
-        __m128i second = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i + 16));
-        const __m128i key = ByteLanes(first, second, Bytes::key);
-        const __m128i side = ByteLanes(first, second, Bytes::side);
-        const __m128i red = ByteLanes(first, second, kRedByte);
-        const __m128i mean = _mm_srli_epi16(_mm_add_epi16(side, red), 1);
-        const __m128i spill = _mm_cmpgt_epi16(key, mean);
-        const __m128i raise = _mm_and_si128(spill, _mm_cmpgt_epi16(side, red));
-        const __m128i lowered = MoveLanes(key, mean, strengthLanes), raised = MoveLanes(red, mean, strengthLanes);
-        const __m128i newKey = _mm_or_si128(_mm_and_si128(spill, lowered), _mm_andnot_si128(spill, key));
-        const __m128i newRed = _mm_or_si128(_mm_and_si128(raise, raised), _mm_andnot_si128(raise, red));
-        PutByteLanes(first, second, newKey, Bytes::key);
-        PutByteLanes(first, second, newRed, kRedByte);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), first);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i + 16), second);
-      }
+KV_TARGET_SSSE3 size_t SpillExtended_SSSE3(const unsigned char* in, unsigned char* out, size_t pixels,
+                                           const SpillArguments& arguments) {
+  const int strength = arguments.strength;
+  size_t i = 0;
+  if (strength >= 0 && strength <= 255) {
+    const __m128i strengthLanes = _mm_set1_epi16(static_cast<short>(strength));
+    for (; i + 8 * kBytesPerPixel <= pixels * kBytesPerPixel; i += 8 * kBytesPerPixel) {
+      __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+      __m128i second = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i + 16));
+      const __m128i key = ByteLanes(first, second, Bytes::key);
+      const __m128i side = ByteLanes(first, second, Bytes::side);
+      const __m128i red = ByteLanes(first, second, kRedByte);
+      const __m128i mean = _mm_srli_epi16(_mm_add_epi16(side, red), 1);
+      const __m128i spill = _mm_cmpgt_epi16(key, mean);
+      const __m128i raise = _mm_and_si128(spill, _mm_cmpgt_epi16(side, red));
+      const __m128i lowered = MoveLanes(key, mean, strengthLanes), raised = MoveLanes(red, mean, strengthLanes);
+      const __m128i newKey = _mm_or_si128(_mm_and_si128(spill, lowered), _mm_andnot_si128(spill, key));
+      const __m128i newRed = _mm_or_si128(_mm_and_si128(raise, raised), _mm_andnot_si128(raise, red));
+      PutByteLanes(first, second, newKey, Bytes::key);
+      PutByteLanes(first, second, newRed, kRedByte);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), first);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i + 16), second);
     }
-    Extended<Bytes>::Apply(in + i, out + i, count - i, strength);
   }
-};
+  return i / kBytesPerPixel;
+}
 
 // spill = clamp(key - trunc(reference * referenceFactor)), the difference in
 // wrapping 32-bit arithmetic like the processor's.
@@ -159,48 +184,50 @@ inline unsigned char Corrected(int spill, double factor, unsigned char value) {
   return static_cast<unsigned char>(ClampToByte(TruncateToInt(spill * factor + value)));
 }
 
+// spill = clamp(key - trunc(reference * referenceFactor)), the difference
+// taken in wrapping 32-bit arithmetic like the processor's; each colour byte
+// then becomes clamp(trunc(spill * its factor + byte)). Looked up in the
+// stage's tables, which hold exactly that.
 template <class Bytes>
-struct Advanced {
-  static void Apply(const unsigned char* in, unsigned char* out, size_t count, const unsigned char* tables) {
-    const unsigned char* spillOf = tables;       // [key][reference]
-    const unsigned char* blue = tables + 65536;  // [spill][byte] for each colour byte
-    const unsigned char* green = tables + 2 * 65536;
-    const unsigned char* red = tables + 3 * 65536;
-    for (size_t i = 0; i < count; i += kBytesPerPixel) {
-      const unsigned char* p = in + i;
-      unsigned char* q = out + i;
-      const unsigned int spill = spillOf[(p[Bytes::key] << 8) | p[Bytes::reference]];
-      const unsigned char alpha = p[kAlphaByte];
-      q[kBlueByte] = blue[(spill << 8) | p[kBlueByte]];
-      q[kGreenByte] = green[(spill << 8) | p[kGreenByte]];
-      q[kRedByte] = red[(spill << 8) | p[kRedByte]];
-      q[kAlphaByte] = alpha;
-    }
+size_t SpillTables_Plain(const unsigned char* in, unsigned char* out, size_t pixels, const SpillArguments& arguments) {
+  const unsigned char* tables = arguments.tables;
+  const unsigned char* spillOf = tables;       // [key][reference]
+  const unsigned char* blue = tables + 65536;  // [spill][byte] for each colour byte
+  const unsigned char* green = tables + 2 * 65536;
+  const unsigned char* red = tables + 3 * 65536;
+  for (size_t i = 0; i < pixels * kBytesPerPixel; i += kBytesPerPixel) {
+    const unsigned char* p = in + i;
+    unsigned char* q = out + i;
+    const unsigned int spill = spillOf[(p[Bytes::key] << 8) | p[Bytes::reference]];
+    const unsigned char alpha = p[kAlphaByte];
+    q[kBlueByte] = blue[(spill << 8) | p[kBlueByte]];
+    q[kGreenByte] = green[(spill << 8) | p[kGreenByte]];
+    q[kRedByte] = red[(spill << 8) | p[kRedByte]];
+    q[kAlphaByte] = alpha;
   }
-};
+  return pixels;
+}
 
-// The weights of the advanced method, for the pixel-by-pixel form.
-struct AdvancedFactors {
-  double red, green, blue, reference;
-};
-
+// The advanced method computed pixel by pixel (a stage built for another
+// method has no tables).
 template <class Bytes>
-struct ComputedAdvanced {
-  static void Apply(const unsigned char* in, unsigned char* out, size_t count, const AdvancedFactors& factors) {
-    int scaledReference[256];
-    for (int v = 0; v < 256; ++v) scaledReference[v] = TruncateToInt(v * factors.reference);
-    for (size_t i = 0; i < count; i += kBytesPerPixel) {
-      const unsigned char* p = in + i;
-      unsigned char* q = out + i;
-      const int spill = Spill<Bytes>(p, scaledReference);
-      const unsigned char alpha = p[kAlphaByte];
-      q[kBlueByte] = Corrected(spill, factors.blue, p[kBlueByte]);
-      q[kGreenByte] = Corrected(spill, factors.green, p[kGreenByte]);
-      q[kRedByte] = Corrected(spill, factors.red, p[kRedByte]);
-      q[kAlphaByte] = alpha;
-    }
+size_t SpillComputed_Plain(const unsigned char* in, unsigned char* out, size_t pixels,
+                           const SpillArguments& arguments) {
+  const AdvancedFactors& factors = arguments.factors;
+  int scaledReference[256];
+  for (int v = 0; v < 256; ++v) scaledReference[v] = TruncateToInt(v * factors.reference);
+  for (size_t i = 0; i < pixels * kBytesPerPixel; i += kBytesPerPixel) {
+    const unsigned char* p = in + i;
+    unsigned char* q = out + i;
+    const int spill = Spill<Bytes>(p, scaledReference);
+    const unsigned char alpha = p[kAlphaByte];
+    q[kBlueByte] = Corrected(spill, factors.blue, p[kBlueByte]);
+    q[kGreenByte] = Corrected(spill, factors.green, p[kGreenByte]);
+    q[kRedByte] = Corrected(spill, factors.red, p[kRedByte]);
+    q[kAlphaByte] = alpha;
   }
-};
+  return pixels;
+}
 
 // The advanced method computed 8 pixels at a time in double lanes, each
 // step the very operation of the plain form (products and sums rounded one
@@ -221,48 +248,62 @@ KV_TARGET_AVX2 inline __m256i ClampedToByte(__m256i lanes) {
 }
 
 template <class Bytes>
-struct ComputedAdvancedAVX2 {
-  KV_TARGET_AVX2 static void Apply(const unsigned char* in, unsigned char* out, size_t count,
-                                   const AdvancedFactors& factors) {
-    const __m256d referenceFactor = _mm256_set1_pd(factors.reference);
-    const __m256d byteFactors[3] = {_mm256_set1_pd(factors.blue), _mm256_set1_pd(factors.green),
-                                    _mm256_set1_pd(factors.red)};
-    size_t i = 0;
-    for (; i + 8 * kBytesPerPixel <= count; i += 8 * kBytesPerPixel) {
-      const __m256i pixels = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in + i));
-      const __m256i key = ByteLanes8(pixels, 8 * Bytes::key);
-      const __m256i reference = ByteLanes8(pixels, 8 * Bytes::reference);
-      const __m256i scaled = Truncated(_mm256_mul_pd(LowDoubles(reference), referenceFactor),
-                                       _mm256_mul_pd(HighDoubles(reference), referenceFactor));
-      const __m256i spill = ClampedToByte(_mm256_sub_epi32(key, scaled));
-      const __m256d spillLow = LowDoubles(spill), spillHigh = HighDoubles(spill);
-      __m256i result = _mm256_and_si256(pixels, _mm256_set1_epi32(static_cast<int>(0xFF000000u)));
-      for (int byte = 0; byte < 3; ++byte) {
-        const __m256i value = ByteLanes8(pixels, 8 * byte);
-        const __m256i corrected =
-            ClampedToByte(Truncated(_mm256_add_pd(_mm256_mul_pd(spillLow, byteFactors[byte]), LowDoubles(value)),
-                                    _mm256_add_pd(_mm256_mul_pd(spillHigh, byteFactors[byte]), HighDoubles(value))));
-        result = _mm256_or_si256(result, _mm256_slli_epi32(corrected, 8 * byte));
-      }
-      _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + i), result);
+KV_TARGET_AVX2 size_t SpillComputed_AVX2(const unsigned char* in, unsigned char* out, size_t pixels,
+                                         const SpillArguments& arguments) {
+  const AdvancedFactors& factors = arguments.factors;
+  size_t i = 0;
+  const __m256d referenceFactor = _mm256_set1_pd(factors.reference);
+  const __m256d byteFactors[3] = {_mm256_set1_pd(factors.blue), _mm256_set1_pd(factors.green),
+                                  _mm256_set1_pd(factors.red)};
+  for (; i + 8 * kBytesPerPixel <= pixels * kBytesPerPixel; i += 8 * kBytesPerPixel) {
+    const __m256i block = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in + i));
+    const __m256i key = ByteLanes8(block, 8 * Bytes::key);
+    const __m256i reference = ByteLanes8(block, 8 * Bytes::reference);
+    const __m256i scaled = Truncated(_mm256_mul_pd(LowDoubles(reference), referenceFactor),
+                                     _mm256_mul_pd(HighDoubles(reference), referenceFactor));
+    const __m256i spill = ClampedToByte(_mm256_sub_epi32(key, scaled));
+    const __m256d spillLow = LowDoubles(spill), spillHigh = HighDoubles(spill);
+    __m256i result = _mm256_and_si256(block, _mm256_set1_epi32(static_cast<int>(0xFF000000u)));
+    for (int byte = 0; byte < 3; ++byte) {
+      const __m256i value = ByteLanes8(block, 8 * byte);
+      const __m256i corrected =
+          ClampedToByte(Truncated(_mm256_add_pd(_mm256_mul_pd(spillLow, byteFactors[byte]), LowDoubles(value)),
+                                  _mm256_add_pd(_mm256_mul_pd(spillHigh, byteFactors[byte]), HighDoubles(value))));
+      result = _mm256_or_si256(result, _mm256_slli_epi32(corrected, 8 * byte));
     }
-    ComputedAdvanced<Bytes>::Apply(in + i, out + i, count - i, factors);
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + i), result);
   }
-};
+  return i / kBytesPerPixel;
+}
 
-// Runs a method for the key channel over the thread's share.
-template <template <class> class Method, class Argument>
-int RunOnShare(KVChannel channel, KVImage8* source, KVImage8* destination, unsigned char threadIndex,
-               unsigned char threadCount, const Argument& argument) {
+template <class Bytes>
+KernelRungs<SpillKernel> RungsForKey(KVSpillType method, bool tabulated) {
+  if (method == kSpillAdvanced) {
+    return KernelRungs<SpillKernel>{tabulated ? SpillTables_Plain<Bytes> : SpillComputed_Plain<Bytes>, nullptr,
+                                    nullptr, SpillComputed_AVX2<Bytes>};
+  }
+  if (method == kSpillExtended) {
+    return KernelRungs<SpillKernel>{SpillExtended_Plain<Bytes>, nullptr, SpillExtended_SSSE3<Bytes>, nullptr};
+  }
+  return KernelRungs<SpillKernel>{SpillStandard_Plain<Bytes>, nullptr, nullptr, nullptr};
+}
+
+// The kernels of a method (advanced, extended, anything else standard) for
+// the key channel; `tabulated` when the stage holds the advanced tables.
+KernelRungs<SpillKernel> SpillRungs(KVChannel channel, KVSpillType method, bool tabulated) {
+  return channel == kChannelBlue ? RungsForKey<BlueKey>(method, tabulated) : RungsForKey<GreenKey>(method, tabulated);
+}
+
+// A kernel over the thread's share; the plain kernel finishes its tail.
+int RunOnShare(SpillKernel kernel, SpillKernel plain, KVImage8* source, KVImage8* destination,
+               unsigned char threadIndex, unsigned char threadCount, const SpillArguments& arguments) {
   const ShareRun share = SpillShare(source, destination, threadIndex, threadCount);
   if (share.count == 0) return 0;
   const unsigned char* in = source->Buffer() + share.start;
   unsigned char* out = destination->Buffer() + share.start;
-  if (channel == kChannelBlue) {
-    Method<BlueKey>::Apply(in, out, share.count, argument);
-  } else {
-    Method<GreenKey>::Apply(in, out, share.count, argument);
-  }
+  const size_t pixels = share.count / kBytesPerPixel;
+  const size_t done = kernel(in, out, pixels, arguments);
+  if (done < pixels) plain(in + done * kBytesPerPixel, out + done * kBytesPerPixel, pixels - done, arguments);
   return 0;
 }
 
@@ -276,7 +317,9 @@ SpillSuppressor::SpillSuppressor(KVChannel channel, KVSpillType spillType, doubl
       m_redFactor(redFactor),
       m_greenFactor(greenFactor),
       m_blueFactor(blueFactor),
-      m_referenceFactor(referenceFactor) {
+      m_referenceFactor(referenceFactor),
+      m_plainKernel(SpillRungs(channel, spillType, spillType == kSpillAdvanced).plain),
+      m_kernel(m_plainKernel) {
   if (spillType != kSpillAdvanced) return;
   // Every result of the advanced method depends on two bytes at a time: the
   // spill on (key, reference) and each corrected byte on (spill, byte), so it
@@ -306,50 +349,46 @@ SpillSuppressor::~SpillSuppressor() {}
 
 unsigned int SpillSuppressor::Type() const { return 0; }
 
-void SpillSuppressor::Setup(KVAbstractImage*) {}
+void SpillSuppressor::Setup(KVAbstractImage*) {
+  m_kernel = ChooseKernel(SpillRungs(m_channel, m_spillType, !m_advancedTables.empty()));
+}
+
+SpillArguments SpillSuppressor::KernelArguments() const {
+  const SpillArguments arguments = {Strength(m_amount), m_advancedTables.empty() ? nullptr : m_advancedTables.data(),
+                                    AdvancedFactors{m_redFactor, m_greenFactor, m_blueFactor, m_referenceFactor}};
+  return arguments;
+}
 
 int SpillSuppressor::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                             unsigned char threadCount) {
   const unsigned int depth = source->BitsPerChannel();
   if (depth != 0) return static_cast<int>(depth);
-  KVImage8* in = static_cast<KVImage8*>(source);
-  KVImage8* out = static_cast<KVImage8*>(destination);
-  if (m_spillType == kSpillAdvanced) return RenderSpillAdvanced(in, out, threadIndex, threadCount);
-  if (m_spillType == kSpillExtended) return RenderSpillExtended(in, out, threadIndex, threadCount);
-  return RenderSpillStandard(in, out, threadIndex, threadCount);
+  return RunOnShare(m_kernel, m_plainKernel, static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination),
+                    threadIndex, threadCount, KernelArguments());
 }
 
-// Green: if G > R, G moves towards R. Blue: if B > G, B moves towards G.
+// A method called by name: the kernel Setup chose when it is the stage's own
+// method, else the method's plain kernel (the same bytes).
+int SpillSuppressor::RenderMethod(KVSpillType method, KVImage8* source, KVImage8* destination,
+                                  unsigned char threadIndex, unsigned char threadCount) {
+  const SpillKernel plain = SpillRungs(m_channel, method, !m_advancedTables.empty()).plain;
+  return RunOnShare(plain == m_plainKernel ? m_kernel : plain, plain, source, destination, threadIndex, threadCount,
+                    KernelArguments());
+}
+
 int SpillSuppressor::RenderSpillStandard(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
                                          unsigned char threadCount) {
-  return RunOnShare<Standard>(m_channel, source, destination, threadIndex, threadCount, Strength(m_amount));
+  return RenderMethod(kSpillStandard, source, destination, threadIndex, threadCount);
 }
 
-// The key byte moves towards the rounded-down mean of the other two when it
-// lies above it, and the red byte rises towards the mean when the third
-// channel is above red.
 int SpillSuppressor::RenderSpillExtended(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
                                          unsigned char threadCount) {
-  if (UseSSSE3()) {
-    return RunOnShare<ExtendedSSSE3>(m_channel, source, destination, threadIndex, threadCount, Strength(m_amount));
-  }
-  return RunOnShare<Extended>(m_channel, source, destination, threadIndex, threadCount, Strength(m_amount));
+  return RenderMethod(kSpillExtended, source, destination, threadIndex, threadCount);
 }
 
-// spill = clamp(key - trunc(reference * referenceFactor)), the difference
-// taken in wrapping 32-bit arithmetic like the processor's; each colour byte
-// then becomes clamp(trunc(spill * its factor + byte)). A stage built for
-// another method has no tables and computes each pixel.
 int SpillSuppressor::RenderSpillAdvanced(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
                                          unsigned char threadCount) {
-  const AdvancedFactors factors = {m_redFactor, m_greenFactor, m_blueFactor, m_referenceFactor};
-  if (UseAVX2()) {
-    return RunOnShare<ComputedAdvancedAVX2>(m_channel, source, destination, threadIndex, threadCount, factors);
-  }
-  if (!m_advancedTables.empty()) {
-    return RunOnShare<Advanced>(m_channel, source, destination, threadIndex, threadCount, m_advancedTables.data());
-  }
-  return RunOnShare<ComputedAdvanced>(m_channel, source, destination, threadIndex, threadCount, factors);
+  return RenderMethod(kSpillAdvanced, source, destination, threadIndex, threadCount);
 }
 
 }  // namespace image

@@ -2,11 +2,20 @@
 
 #include "renderers/colour/ChannelTables.h"
 #include "support/Conversions.h"
+#include "support/PathChoice.h"
 
 namespace kvo {
 namespace image {
 
+struct BrightnessArguments {
+  const unsigned char* table;
+  KVChannelsToProcess channels;
+  double brightness;
+};
+
 namespace {
+
+typedef PixelKernel<BrightnessArguments> BrightnessKernel;
 
 // One pixel's byte pattern: value in the selected channels, 0 elsewhere (an
 // unknown selection selects nothing).
@@ -23,11 +32,33 @@ uint32_t ChannelPattern(KVChannelsToProcess channels, uint32_t value) {
   }
 }
 
+size_t Brightness_Plain(const PixelRun& run, const BrightnessArguments& arguments) {
+  ApplyChannelTable(run, arguments.table, arguments.channels);
+  return run.pixels;
+}
+
+// Saturating byte addition of |offset| (or subtraction for offset < 1): the
+// table's clamp(i + offset) exactly.
+size_t Brightness_SSE2(const PixelRun& run, const BrightnessArguments& arguments) {
+  const int offset = TruncateToInt(255.0 * arguments.brightness);
+  // The magnitude as the processor's negation gives it, low byte kept (a NaN
+  // brightness thus adds nothing).
+  const uint32_t magnitude = (offset < 0 ? 0u - static_cast<uint32_t>(offset) : static_cast<uint32_t>(offset)) & 0xFFu;
+  const __m128i mask = _mm_set1_epi32(static_cast<int>(ChannelPattern(arguments.channels, magnitude)));
+  if (offset < 1) return TransformBlocks(run, [mask](__m128i block) { return _mm_subs_epu8(block, mask); });
+  return TransformBlocks(run, [mask](__m128i block) { return _mm_adds_epu8(block, mask); });
+}
+
 }  // namespace
 
 BrightnessRenderer::BrightnessRenderer(double brightness, KVChannelsToProcess channels,
                                        const kvtl::CPUExtensions& extensions)
-    : m_extensions(extensions), m_brightness(brightness), m_channels(channels), m_table() {}
+    : m_extensions(extensions),
+      m_brightness(brightness),
+      m_channels(channels),
+      m_table(),
+      m_kernel(ChooseKernel(KernelRungs<BrightnessKernel>{Brightness_Plain, Brightness_SSE2, nullptr, nullptr},
+                            m_extensions.sse2)) {}
 
 BrightnessRenderer::~BrightnessRenderer() {}
 
@@ -43,37 +74,20 @@ void BrightnessRenderer::Setup(KVAbstractImage*) {
 int BrightnessRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                unsigned char threadCount) {
   RequireBlueGreenRedAlpha(source, "BrightnessRenderer", 305);
-  return m_extensions.sse2 ? Render8_SSE2(source, destination, threadIndex, threadCount)
-                           : Render8_CPP(source, destination, threadIndex, threadCount);
+  return RenderTableShare(source, destination, threadIndex, threadCount, m_kernel, Brightness_Plain,
+                          BrightnessArguments{m_table, m_channels, m_brightness});
 }
 
 int BrightnessRenderer::Render8_CPP(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                     unsigned char threadCount) {
-  PixelRun run;
-  if (PlainPathShare(source, destination, threadIndex, threadCount, run)) ApplyChannelTable(run, m_table, m_channels);
-  return 0;
+  return RenderTableShare<BrightnessArguments>(source, destination, threadIndex, threadCount, Brightness_Plain,
+                                               Brightness_Plain, BrightnessArguments{m_table, m_channels, m_brightness});
 }
 
-// Saturating byte addition of |offset| (or subtraction for offset < 1): the
-// table's clamp(i + offset) exactly. Shares that are not a multiple of 16
-// pixels take the plain path whole.
 int BrightnessRenderer::Render8_SSE2(KVAbstractImage* source, KVAbstractImage* destination,
                                      unsigned char threadIndex, unsigned char threadCount) {
-  PixelRun run;
-  if (!VectorPathShare(source, destination, threadIndex, threadCount, run)) return 0;
-  if (run.pixels % 16 != 0) return Render8_CPP(source, destination, threadIndex, threadCount);
-
-  const int offset = TruncateToInt(255.0 * m_brightness);
-  // The magnitude as the processor's negation gives it, low byte kept (a NaN
-  // brightness thus adds nothing).
-  const uint32_t magnitude = (offset < 0 ? 0u - static_cast<uint32_t>(offset) : static_cast<uint32_t>(offset)) & 0xFFu;
-  const __m128i mask = _mm_set1_epi32(static_cast<int>(ChannelPattern(m_channels, magnitude)));
-  if (offset < 1) {
-    TransformBlocks(run, [mask](__m128i block) { return _mm_subs_epu8(block, mask); });
-  } else {
-    TransformBlocks(run, [mask](__m128i block) { return _mm_adds_epu8(block, mask); });
-  }
-  return 0;
+  return RenderTableShare<BrightnessArguments>(source, destination, threadIndex, threadCount, Brightness_SSE2,
+                                               Brightness_Plain, BrightnessArguments{m_table, m_channels, m_brightness});
 }
 
 }  // namespace image

@@ -1,9 +1,10 @@
 #ifndef KVIMAGE_SRC_RENDERERS_COLOUR_CHANNELTABLES_H
 #define KVIMAGE_SRC_RENDERERS_COLOUR_CHANNELTABLES_H
 
-// What the table-driven tone and colour stages share: their thread shares,
-// the per-pixel table walks of their plain paths, and the block loop and
-// 16-bit multiply of their SSE2 paths.
+// What the table-driven tone and colour stages share: their thread shares and
+// the documented choice between their paths, the per-pixel table walks of
+// their plain paths, and the block loop and 16-bit multiply of their SSE2
+// paths.
 #include <emmintrin.h>
 #include <mmintrin.h>
 
@@ -14,6 +15,7 @@
 #include <kvimage/image.h>
 #include <kvimage/types.h>
 
+#include "renderers/colour/PixelRun.h"
 #include "support/Assert.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
@@ -29,35 +31,28 @@ inline void RequireBlueGreenRedAlpha(KVAbstractImage* source, const char* stageS
             "false && \"Not implemented\"");
 }
 
-// A thread's pixels: the same positions in the source and the destination.
-struct PixelRun {
-  const unsigned char* in;
-  unsigned char* out;
-  size_t pixels;
-};
-
-// The plain paths' share: GetBufferSizePerThread with the source's width and
-// the destination's height. False for an empty share.
-inline bool PlainPathShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
-                           unsigned char threadCount, PixelRun& run) {
-  const ShareRun share =
-      ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
-  run.in = PixelBytes(source) + share.start;
-  run.out = PixelBytes(destination) + share.start;
-  run.pixels = share.count / kBytesPerPixel;
-  return run.pixels != 0;
-}
-
-// The vector paths' share: GetPixelsPerThread with the source's width and
-// height. False for an empty share.
-inline bool VectorPathShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
-                            unsigned char threadCount, PixelRun& run) {
-  const ShareRun share = PixelShare(source->Width(), source->Height(), threadIndex, threadCount,
-                                    CommonByteSize(source, destination) / kBytesPerPixel);
-  run.in = PixelBytes(source) + share.start * kBytesPerPixel;
-  run.out = PixelBytes(destination) + share.start * kBytesPerPixel;
-  run.pixels = share.count;
-  return run.pixels != 0;
+// One thread of a stage whose plain path walks a table and whose vector path
+// computes its own formula. The plain kernel walks the plain share. Any other
+// kernel is a vector path: it takes the vector share, and when that share's
+// pixel count is not a multiple of 16 the whole call goes the plain way
+// instead (with the plain share); otherwise the kernel does the written part
+// of the share. The vector kernels do every pixel of their run, a partial
+// last block included, since a plain tail would change the formula.
+template <class Arguments>
+int RenderTableShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                     unsigned char threadCount, PixelKernel<Arguments> kernel, PixelKernel<Arguments> plain,
+                     const Arguments& arguments) {
+  if (kernel != plain) {
+    const ShareRun share = VectorPathShare(source, threadIndex, threadCount);
+    if (share.count == 0) return 0;
+    if (share.count % 16 == 0) {
+      kernel(WrittenRun(source, destination, share), arguments);
+      return 0;
+    }
+  }
+  PixelRun run;
+  if (PlainPathShare(source, destination, threadIndex, threadCount, run)) plain(run, arguments);
+  return 0;
 }
 
 // Pixels are moved as one 32-bit word (blue in the low byte) so that each
@@ -115,9 +110,12 @@ inline void ApplyChannelTable(const PixelRun& run, const unsigned char* table, K
 // Runs blockOp over the run's 16-byte blocks (four pixels each). When both
 // pointers are 16-byte aligned the blocks are read aligned and written with
 // non-temporal stores, so the output does not evict the cache, then fenced;
-// otherwise unaligned loads and stores. The MMX state is cleared either way.
+// otherwise unaligned loads and stores. A last partial block (a run cut at the
+// end of an image) goes through blockOp in a copy, so every pixel gets the
+// same formula. The MMX state is cleared either way. Returns the pixels done:
+// all of them.
 template <class BlockOp>
-inline void TransformBlocks(const PixelRun& run, BlockOp blockOp) {
+inline size_t TransformBlocks(const PixelRun& run, BlockOp blockOp) {
   const __m128i* in = reinterpret_cast<const __m128i*>(run.in);
   __m128i* out = reinterpret_cast<__m128i*>(run.out);
   const size_t blocks = run.pixels / 4;
@@ -128,7 +126,15 @@ inline void TransformBlocks(const PixelRun& run, BlockOp blockOp) {
   } else {
     for (size_t b = 0; b < blocks; ++b) _mm_storeu_si128(out + b, blockOp(_mm_loadu_si128(in + b)));
   }
+  const size_t tailBytes = (run.pixels % 4) * kBytesPerPixel;
+  if (tailBytes != 0) {
+    alignas(16) unsigned char block[16] = {};
+    std::memcpy(block, run.in + blocks * 16, tailBytes);
+    _mm_store_si128(reinterpret_cast<__m128i*>(block), blockOp(_mm_load_si128(reinterpret_cast<__m128i*>(block))));
+    std::memcpy(run.out + blocks * 16, block, tailBytes);
+  }
   _mm_empty();
+  return run.pixels;
 }
 
 // Eight signed 16-bit lanes: (value * multiplier) as a 32-bit product,

@@ -2,11 +2,20 @@
 
 #include "renderers/colour/ChannelTables.h"
 #include "support/Conversions.h"
+#include "support/PathChoice.h"
 
 namespace kvo {
 namespace image {
 
+struct ContrastArguments {
+  const unsigned char* table;
+  KVChannelsToProcess channels;
+  double contrast;
+};
+
 namespace {
+
+typedef PixelKernel<ContrastArguments> ContrastKernel;
 
 const int kPivot = 127;  // input 127 always maps to 127
 const int kUnitMultiplier = 256;
@@ -22,11 +31,39 @@ void PixelMultipliers(KVChannelsToProcess channels, int c, short lanes[4]) {
   lanes[kAlphaByte] = alpha ? scaled : unit;
 }
 
+size_t Contrast_Plain(const PixelRun& run, const ContrastArguments& arguments) {
+  ApplyChannelTable(run, arguments.table, arguments.channels);
+  return run.pixels;
+}
+
+// 127 + ((x - 127) * multiplier >> 8) per byte in 16-bit lanes. The shift
+// rounds toward minus infinity where the table truncates toward zero, so the
+// two paths differ by one below 127; that difference is kept.
+size_t Contrast_SSE2(const PixelRun& run, const ContrastArguments& arguments) {
+  short lanes[4];
+  PixelMultipliers(arguments.channels, TruncateToInt(256.0 * arguments.contrast), lanes);
+  const __m128i multipliers =
+      _mm_setr_epi16(lanes[0], lanes[1], lanes[2], lanes[3], lanes[0], lanes[1], lanes[2], lanes[3]);
+  const __m128i pivot = _mm_set1_epi16(kPivot);
+  const __m128i zero = _mm_setzero_si128();
+  return TransformBlocks(run, [=](__m128i block) {
+    const __m128i first = _mm_sub_epi16(_mm_unpacklo_epi8(block, zero), pivot);
+    const __m128i second = _mm_sub_epi16(_mm_unpackhi_epi8(block, zero), pivot);
+    return _mm_packus_epi16(_mm_adds_epi16(MultiplyShift8(first, multipliers), pivot),
+                            _mm_adds_epi16(MultiplyShift8(second, multipliers), pivot));
+  });
+}
+
 }  // namespace
 
 ContrastRenderer::ContrastRenderer(double contrast, KVChannelsToProcess channels,
                                    const kvtl::CPUExtensions& extensions)
-    : m_contrast(contrast), m_channels(channels), m_extensions(extensions), m_table() {}
+    : m_contrast(contrast),
+      m_channels(channels),
+      m_extensions(extensions),
+      m_table(),
+      m_kernel(ChooseKernel(KernelRungs<ContrastKernel>{Contrast_Plain, Contrast_SSE2, nullptr, nullptr},
+                            m_extensions.sse2)) {}
 
 ContrastRenderer::~ContrastRenderer() {}
 
@@ -47,40 +84,20 @@ void ContrastRenderer::Setup(KVAbstractImage*) {
 int ContrastRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                              unsigned char threadCount) {
   RequireBlueGreenRedAlpha(source, "ContrastRenderer", 464);
-  return m_extensions.sse2 ? Render8_SSE2(source, destination, threadIndex, threadCount)
-                           : Render8_CPP(source, destination, threadIndex, threadCount);
+  return RenderTableShare(source, destination, threadIndex, threadCount, m_kernel, Contrast_Plain,
+                          ContrastArguments{m_table, m_channels, m_contrast});
 }
 
 int ContrastRenderer::Render8_CPP(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                   unsigned char threadCount) {
-  PixelRun run;
-  if (PlainPathShare(source, destination, threadIndex, threadCount, run)) ApplyChannelTable(run, m_table, m_channels);
-  return 0;
+  return RenderTableShare<ContrastArguments>(source, destination, threadIndex, threadCount, Contrast_Plain,
+                                             Contrast_Plain, ContrastArguments{m_table, m_channels, m_contrast});
 }
 
-// 127 + ((x - 127) * multiplier >> 8) per byte in 16-bit lanes. The shift
-// rounds toward minus infinity where the table truncates toward zero, so the
-// two paths differ by one below 127; that difference is kept. Shares that are
-// not a multiple of 16 pixels take the plain path whole.
 int ContrastRenderer::Render8_SSE2(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                    unsigned char threadCount) {
-  PixelRun run;
-  if (!VectorPathShare(source, destination, threadIndex, threadCount, run)) return 0;
-  if (run.pixels % 16 != 0) return Render8_CPP(source, destination, threadIndex, threadCount);
-
-  short lanes[4];
-  PixelMultipliers(m_channels, TruncateToInt(256.0 * m_contrast), lanes);
-  const __m128i multipliers =
-      _mm_setr_epi16(lanes[0], lanes[1], lanes[2], lanes[3], lanes[0], lanes[1], lanes[2], lanes[3]);
-  const __m128i pivot = _mm_set1_epi16(kPivot);
-  const __m128i zero = _mm_setzero_si128();
-  TransformBlocks(run, [=](__m128i block) {
-    const __m128i first = _mm_sub_epi16(_mm_unpacklo_epi8(block, zero), pivot);
-    const __m128i second = _mm_sub_epi16(_mm_unpackhi_epi8(block, zero), pivot);
-    return _mm_packus_epi16(_mm_adds_epi16(MultiplyShift8(first, multipliers), pivot),
-                            _mm_adds_epi16(MultiplyShift8(second, multipliers), pivot));
-  });
-  return 0;
+  return RenderTableShare<ContrastArguments>(source, destination, threadIndex, threadCount, Contrast_SSE2,
+                                             Contrast_Plain, ContrastArguments{m_table, m_channels, m_contrast});
 }
 
 }  // namespace image

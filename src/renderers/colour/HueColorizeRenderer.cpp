@@ -1,19 +1,28 @@
 #include <kvimage/colour.h>
 
 #include "renderers/colour/HueStagePixels.h"
-#include "renderers/colour/WrappingInt.h"
 #include "support/Conversions.h"
 
 namespace kvo {
 namespace image {
 
-HueColorizeRenderer::HueColorizeRenderer(double hue, double amount) : m_hue(hue), m_keep(1.0 - amount) {}
+namespace {
+
+// Every hue becomes trunc(hue), brought into range like a shifted hue. Greys
+// keep their colour: their saturation stays 0 and the conversion back writes
+// nothing.
+HueMapping ColorizeTo(double hue) { return HueMapping{TruncateToInt(hue), false}; }
+
+}  // namespace
+
+HueColorizeRenderer::HueColorizeRenderer(double hue, double amount)
+    : m_hue(hue), m_keep(1.0 - amount), m_kernel(HueStage_Plain) {}
 
 HueColorizeRenderer::~HueColorizeRenderer() {}
 
 unsigned int HueColorizeRenderer::Type() const { return 0; }
 
-void HueColorizeRenderer::Setup(KVAbstractImage*) {}
+void HueColorizeRenderer::Setup(KVAbstractImage*) { m_kernel = ChooseHueStageKernel(ColorizeTo(m_hue)); }
 
 int HueColorizeRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                 unsigned char threadCount) {
@@ -21,18 +30,9 @@ int HueColorizeRenderer::Render(KVAbstractImage* source, KVAbstractImage* destin
   return Render8(source, destination, threadIndex, threadCount);
 }
 
-// Every hue becomes trunc(hue), brought into range like a shifted hue. Greys
-// keep their colour: their saturation stays 0 and the conversion back writes
-// nothing.
 int HueColorizeRenderer::Render8(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                  unsigned char threadCount) {
-  const int hue = TruncateToInt(m_hue);
-  return RenderHueStageShare(source, destination, threadIndex, threadCount, m_keep, [hue](int) {
-    int colorized = hue;
-    if (colorized > 359) colorized -= 360;
-    if (colorized < 0) colorized = WrapAdd(colorized, 360);
-    return colorized;
-  }, HueMapping{hue, false});
+  return RenderHueStageShare(source, destination, threadIndex, threadCount, m_kernel, m_keep, ColorizeTo(m_hue));
 }
 
 }  // namespace image

@@ -8,8 +8,9 @@
 #include <kvimage/colour.h>
 
 #include "renderers/colour/HLSModel.h"
-#include "support/CPUExtensions.h"
+#include "renderers/colour/PixelRun.h"
 #include "support/Conversions.h"
+#include "support/PathChoice.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
 
@@ -61,12 +62,11 @@ inline uint32_t LightnessOfSum(uint32_t sum) { return ((((sum * 24 + 17) >> 1) *
 
 }  // namespace hls
 
-// The hue a stage gives each hue of the forward conversion, in the form the
-// eight-pixel path computes: offset, plus the hue itself if addsHue, then one
-// subtraction of 360 above 359 and one addition below 0. The stage's own
-// function stays the reference: the path is taken only when the two agree
-// on every hue -1..360 and every result lies in -1..360, where the path's
-// arithmetic is exact (other settings, a NaN hue, go the plain way).
+// The hue a stage gives each hue of the forward conversion: offset, plus the
+// hue itself if addsHue, then one subtraction of 360 above 359 and one
+// addition below 0 (hue shift adds its offset, colorize replaces the hue). The
+// eight-pixel path computes it in lanes, exactly wherever every result lies
+// in -1..360; other settings (a NaN hue) go the plain way.
 struct HueMapping {
   int offset;
   bool addsHue;
@@ -79,14 +79,21 @@ struct HueMapping {
   }
 };
 
-template <class NewHue>
-bool MappingMatches(NewHue newHue, const HueMapping& mapping) {
+inline bool MappingInLaneRange(const HueMapping& mapping) {
   for (int hue = -1; hue <= 360; ++hue) {
-    const int mapped = newHue(hue);
-    if (mapped != mapping(hue) || mapped < -1 || mapped > 360) return false;
+    const int mapped = mapping(hue);
+    if (mapped < -1 || mapped > 360) return false;
   }
   return true;
 }
+
+// What the hue stages' kernels read.
+struct HueStageArguments {
+  HueStageBytes bytes;
+  bool orderTwo;  // channel order 2: the shifted byte places
+  double keep;
+  HueMapping mapping;
+};
 
 namespace hue8 {
 
@@ -278,52 +285,65 @@ KV_TARGET_AVX2 inline size_t RenderHueStageBlocks(const unsigned char* in, unsig
 
 }  // namespace hue8
 
-// One pixel of the hue stages: the colour goes through HLS, newHue(hue)
-// replaces its hue, and the converted colour is mixed with the source by
-// keep. The output starts as the source colour, so a grey whose hue became
+// The hue stages' pixels one at a time: the colour goes through HLS, the
+// mapping replaces its hue, and the converted colour is mixed with the source
+// by keep. The output starts as the source colour, so a grey whose hue became
 // defined keeps its colour through the conversion back.
-template <class NewHue>
-inline void RenderHueStagePixel(const unsigned char* in, unsigned char* out, const HueStageBytes& bytes, double keep,
-                                NewHue newHue) {
-  const KVPixel8_RGB original = {in[bytes.readRed], in[bytes.readGreen], in[bytes.readBlue]};
-  KVPixel8_RGB changed = original;
-  KVPixel8_HLS model;
-  hls::RGBtoHLS(original, model);
-  model.hue = newHue(model.hue);
-  hls::HLStoRGB(model, changed);
-  const unsigned char other = in[bytes.readOther];
-  out[bytes.writeRed] = MixWithSource(original.red, changed.red, keep);
-  out[bytes.writeGreen] = MixWithSource(original.green, changed.green, keep);
-  out[bytes.writeBlue] = MixWithSource(original.blue, changed.blue, keep);
-  out[bytes.writeOther] = other;
+inline size_t HueStage_Plain(const PixelRun& run, const HueStageArguments& arguments) {
+  const HueStageBytes& bytes = arguments.bytes;
+  for (size_t i = 0; i < run.pixels * kBytesPerPixel; i += kBytesPerPixel) {
+    const unsigned char* in = run.in + i;
+    unsigned char* out = run.out + i;
+    const KVPixel8_RGB original = {in[bytes.readRed], in[bytes.readGreen], in[bytes.readBlue]};
+    KVPixel8_RGB changed = original;
+    KVPixel8_HLS model;
+    hls::RGBtoHLS(original, model);
+    model.hue = arguments.mapping(model.hue);
+    hls::HLStoRGB(model, changed);
+    const unsigned char other = in[bytes.readOther];
+    out[bytes.writeRed] = MixWithSource(original.red, changed.red, arguments.keep);
+    out[bytes.writeGreen] = MixWithSource(original.green, changed.green, arguments.keep);
+    out[bytes.writeBlue] = MixWithSource(original.blue, changed.blue, arguments.keep);
+    out[bytes.writeOther] = other;
+  }
+  return run.pixels;
 }
 
-// The pixel walk of the hue stages over this thread's share: eight pixels at
-// a time where the processor and the setting allow, the rest one by one.
-template <class NewHue>
-int RenderHueStageShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
-                        unsigned char threadCount, double keep, NewHue newHue, const HueMapping& mapping) {
-  const ShareRun share =
-      ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
-  if (share.count == 0) return 0;
-  const HueStageBytes bytes = HueStageBytesFor(source->PixelChannelOrder());
-  const unsigned char* in = PixelBytes(source) + share.start;
-  unsigned char* out = PixelBytes(destination) + share.start;
+// Eight pixels at a time, the byte places and the mix fixed per call.
+KV_TARGET_AVX2 inline size_t HueStage_AVX2(const PixelRun& run, const HueStageArguments& arguments) {
+  using hue8::HueStageLayout;
+  using hue8::RenderHueStageBlocks;
+  const size_t count = run.pixels * kBytesPerPixel;
   size_t done = 0;
-  if (UseAVX2() && MappingMatches(newHue, mapping)) {
-    const bool shifted = source->PixelChannelOrder() == kPixelOrderARGB;
-    if (keep == 0.0) {
-      done = shifted ? hue8::RenderHueStageBlocks<hue8::HueStageLayout<true>, true>(in, out, share.count, mapping, keep)
-                     : hue8::RenderHueStageBlocks<hue8::HueStageLayout<false>, true>(in, out, share.count, mapping, keep);
-    } else {
-      done = shifted
-                 ? hue8::RenderHueStageBlocks<hue8::HueStageLayout<true>, false>(in, out, share.count, mapping, keep)
-                 : hue8::RenderHueStageBlocks<hue8::HueStageLayout<false>, false>(in, out, share.count, mapping, keep);
-    }
+  if (arguments.keep == 0.0) {
+    done = arguments.orderTwo
+               ? RenderHueStageBlocks<HueStageLayout<true>, true>(run.in, run.out, count, arguments.mapping, 0.0)
+               : RenderHueStageBlocks<HueStageLayout<false>, true>(run.in, run.out, count, arguments.mapping, 0.0);
+  } else {
+    done = arguments.orderTwo ? RenderHueStageBlocks<HueStageLayout<true>, false>(run.in, run.out, count,
+                                                                                  arguments.mapping, arguments.keep)
+                              : RenderHueStageBlocks<HueStageLayout<false>, false>(run.in, run.out, count,
+                                                                                   arguments.mapping, arguments.keep);
   }
-  for (size_t i = done; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
-    RenderHueStagePixel(in + i, out + i, bytes, keep, newHue);
-  }
+  return done / kBytesPerPixel;
+}
+
+typedef PixelKernel<HueStageArguments> HueStageKernel;
+
+// The widest kernel the processor, the host's cap and the mapping allow.
+inline HueStageKernel ChooseHueStageKernel(const HueMapping& mapping) {
+  return ChooseKernel(
+      KernelRungs<HueStageKernel>{HueStage_Plain, nullptr, nullptr, MappingInLaneRange(mapping) ? HueStage_AVX2 : nullptr});
+}
+
+// This thread's share through a kernel; the plain kernel finishes its tail.
+inline int RenderHueStageShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                               unsigned char threadCount, HueStageKernel kernel, double keep,
+                               const HueMapping& mapping) {
+  PixelRun run;
+  if (!PlainPathShare(source, destination, threadIndex, threadCount, run)) return 0;
+  const KVPixelChannelOrder order = source->PixelChannelOrder();
+  RunKernel(kernel, HueStage_Plain, run, HueStageArguments{HueStageBytesFor(order), order == kPixelOrderARGB, keep, mapping});
   return 0;
 }
 

@@ -6,34 +6,80 @@
 
 #include <kvimage/colour.h>
 
-#include "support/CPUExtensions.h"
+#include "renderers/colour/PixelRun.h"
 #include "support/Conversions.h"
+#include "support/PathChoice.h"
 #include "support/PixelLayout.h"
-#include "support/ParallelPass.h"
 
 namespace kvo {
 namespace image {
 
-SaturationRenderer::SaturationRenderer(double saturation, float* table) : m_saturation(saturation), m_table(table) {}
-
-SaturationRenderer::~SaturationRenderer() {}
-
-unsigned int SaturationRenderer::Type() const { return 0; }
-
-// The entries for 0 are infinite and never read.
-void SaturationRenderer::Setup(KVAbstractImage*) {
-  const double infinity = std::numeric_limits<double>::infinity();
-  for (int k = -255; k <= 255; ++k) m_reciprocalOfDifference[k + 255] = k == 0 ? infinity : 1.0 / k;
-  for (int v = 0; v <= 255; ++v) m_reciprocalOfValue[v] = v == 0 ? infinity : 1.0 / v;
-}
-
-int SaturationRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
-                               unsigned char threadCount) {
-  if (source->BitsPerChannel() != 0) return 0;
-  return Render8(source, destination, threadIndex, threadCount);
-}
+struct SaturationArguments {
+  double factor;
+  const double* reciprocalOfDifference;  // [k + 255] = 1 / k
+  const double* reciprocalOfValue;       // [v] = 1 / v
+};
 
 namespace {
+
+typedef PixelKernel<SaturationArguments> SaturationKernel;
+
+// Hue-saturation-value in double precision, one rounding at a time. Bytes 0,
+// 1, 2 play blue, green, red in any channel order; byte 3 is copied. A colour
+// that loses all saturation becomes its maximum, not its luminance.
+size_t Saturation_Plain(const PixelRun& run, const SaturationArguments& arguments) {
+  const unsigned char* in = run.in;
+  unsigned char* out = run.out;
+  for (size_t i = 0; i < run.pixels * kBytesPerPixel; i += kBytesPerPixel) {
+    const int c0 = in[i + kBlueByte], c1 = in[i + kGreenByte], c2 = in[i + kRedByte];
+    const int value = std::max(c0, std::max(c1, c2));
+    const int min = std::min(c0, std::min(c1, c2));
+    const double saturation = value == 0 ? 0.0 : (value - min) * arguments.reciprocalOfValue[value];
+    double hue = 0.0;
+    if (saturation != 0.0) {
+      const double reciprocal = arguments.reciprocalOfDifference[value - min + 255];
+      if (value == c2) {
+        hue = (c1 - c0) * reciprocal;
+      } else if (value == c1) {
+        hue = (c0 - c2) * reciprocal + 2.0;
+      } else {
+        hue = (c2 - c1) * reciprocal + 4.0;
+      }
+      hue = hue * 60.0;
+      if (hue < 0.0) hue += 360.0;
+    }
+    double scaled = saturation * arguments.factor;
+    if (scaled > 1.0) scaled = 1.0;
+
+    unsigned char r0 = in[i + kBlueByte], r1 = in[i + kGreenByte], r2 = in[i + kRedByte];
+    if (scaled == 0.0) {
+      r0 = r1 = r2 = static_cast<unsigned char>(value);
+    } else {
+      if (hue == 360.0) hue = 0.0;
+      const double sector = hue / 60.0;
+      const int index = TruncateToInt(sector);
+      const double fraction = sector - index;
+      const unsigned char p = static_cast<unsigned char>(TruncateToInt((1.0 - scaled) * value));
+      const unsigned char q = static_cast<unsigned char>(TruncateToInt((1.0 - scaled * fraction) * value));
+      const unsigned char t = static_cast<unsigned char>(TruncateToInt((1.0 - scaled * (1.0 - fraction)) * value));
+      const unsigned char v = static_cast<unsigned char>(value);
+      switch (index) {
+        case 0: r2 = v; r1 = t; r0 = p; break;
+        case 1: r2 = q; r1 = v; r0 = p; break;
+        case 2: r2 = p; r1 = v; r0 = t; break;
+        case 3: r2 = p; r1 = q; r0 = v; break;
+        case 4: r2 = t; r1 = p; r0 = v; break;
+        case 5: r2 = v; r1 = p; r0 = q; break;
+        default: break;  // the colour stays as read
+      }
+    }
+    out[i + kBlueByte] = r0;
+    out[i + kGreenByte] = r1;
+    out[i + kRedByte] = r2;
+    out[i + kAlphaByte] = in[i + kAlphaByte];
+  }
+  return run.pixels;
+}
 
 KV_TARGET_AVX2 inline __m256d WidenMask(__m128i mask) { return _mm256_castsi256_pd(_mm256_cvtepi32_epi64(mask)); }
 
@@ -59,17 +105,19 @@ KV_TARGET_AVX2 inline __m128i NarrowMask(__m256d mask) {
 }
 
 // Four pixels at a time in the same double operations, in the same order, as
-// the loop below: the reciprocals come from the same tables, the quotient
+// the plain kernel: the reciprocals come from the same tables, the quotient
 // h / 60 is a correctly rounded division like the scalar one, and the
 // truncating conversions give the same integers (the most negative one for
-// NaN, whose low byte 0 is what the scalar cast stores). Returns the bytes
-// done, whole blocks of four pixels.
-KV_TARGET_AVX2 size_t RenderSaturationBlocks(const unsigned char* in, unsigned char* out, size_t count,
-                                             double saturationFactor, const double* reciprocalOfDifference,
-                                             const double* reciprocalOfValue) {
+// NaN, whose low byte 0 is what the scalar cast stores). Returns the pixels
+// done, whole blocks of four.
+KV_TARGET_AVX2 size_t Saturation_AVX2(const PixelRun& run, const SaturationArguments& arguments) {
+  const unsigned char* in = run.in;
+  unsigned char* out = run.out;
+  const double* reciprocalOfDifference = arguments.reciprocalOfDifference;
+  const double* reciprocalOfValue = arguments.reciprocalOfValue;
   const __m128i byteMask = _mm_set1_epi32(0xFF);
   const __m256d zero = _mm256_setzero_pd(), one = _mm256_set1_pd(1.0), sixty = _mm256_set1_pd(60.0);
-  const __m256d full = _mm256_set1_pd(360.0), factor = _mm256_set1_pd(saturationFactor);
+  const __m256d full = _mm256_set1_pd(360.0), factor = _mm256_set1_pd(arguments.factor);
   // Shuffle patterns: bytes 0, 1, 2 of the result as places in (p, q, t, V),
   // byte 3 cleared; one per sextant, then the grey one.
   const __m256i kSextantPatterns = _mm256_setr_epi32(Pattern(0x80030200), Pattern(0x80010300), Pattern(0x80000302),
@@ -77,7 +125,7 @@ KV_TARGET_AVX2 size_t RenderSaturationBlocks(const unsigned char* in, unsigned c
                                                      kGreyPattern, kGreyPattern);
   const __m128i laneBytes = _mm_setr_epi32(0, 0x04040404, 0x08080808, 0x0C0C0C0C);
   const size_t blockBytes = 4 * kBytesPerPixel;
-  const size_t end = count / blockBytes * blockBytes;
+  const size_t end = run.pixels * kBytesPerPixel / blockBytes * blockBytes;
   for (size_t i = 0; i < end; i += blockBytes) {
     const __m128i pixels = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
     const __m128i c0 = _mm_and_si128(pixels, byteMask);
@@ -137,70 +185,40 @@ KV_TARGET_AVX2 size_t RenderSaturationBlocks(const unsigned char* in, unsigned c
     const __m128i result = Select(asRead, pixels, _mm_or_si128(shuffled, alpha));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), result);
   }
-  return end;
+  return end / kBytesPerPixel;
 }
+
+const KernelRungs<SaturationKernel> kSaturationRungs = {Saturation_Plain, nullptr, nullptr, Saturation_AVX2};
 
 }  // namespace
 
-// Hue-saturation-value in double precision, one rounding at a time. Bytes 0,
-// 1, 2 play blue, green, red in any channel order; byte 3 is copied. A colour
-// that loses all saturation becomes its maximum, not its luminance.
+SaturationRenderer::SaturationRenderer(double saturation, float* table)
+    : m_saturation(saturation), m_table(table), m_kernel(Saturation_Plain) {}
+
+SaturationRenderer::~SaturationRenderer() {}
+
+unsigned int SaturationRenderer::Type() const { return 0; }
+
+// The entries for 0 are infinite and never read.
+void SaturationRenderer::Setup(KVAbstractImage*) {
+  const double infinity = std::numeric_limits<double>::infinity();
+  for (int k = -255; k <= 255; ++k) m_reciprocalOfDifference[k + 255] = k == 0 ? infinity : 1.0 / k;
+  for (int v = 0; v <= 255; ++v) m_reciprocalOfValue[v] = v == 0 ? infinity : 1.0 / v;
+  m_kernel = ChooseKernel(kSaturationRungs);
+}
+
+int SaturationRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                               unsigned char threadCount) {
+  if (source->BitsPerChannel() != 0) return 0;
+  return Render8(source, destination, threadIndex, threadCount);
+}
+
 int SaturationRenderer::Render8(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                 unsigned char threadCount) {
-  const ShareRun share =
-      ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
-  if (share.count == 0) return 0;
-  const unsigned char* in = PixelBytes(source) + share.start;
-  unsigned char* out = PixelBytes(destination) + share.start;
-  const size_t done = UseAVX2() ? RenderSaturationBlocks(in, out, share.count, m_saturation, m_reciprocalOfDifference, m_reciprocalOfValue) : 0;
-  for (size_t i = done; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
-    const int c0 = in[i + kBlueByte], c1 = in[i + kGreenByte], c2 = in[i + kRedByte];
-    const int value = std::max(c0, std::max(c1, c2));
-    const int min = std::min(c0, std::min(c1, c2));
-    const double saturation = value == 0 ? 0.0 : (value - min) * m_reciprocalOfValue[value];
-    double hue = 0.0;
-    if (saturation != 0.0) {
-      const double reciprocal = m_reciprocalOfDifference[value - min + 255];
-      if (value == c2) {
-        hue = (c1 - c0) * reciprocal;
-      } else if (value == c1) {
-        hue = (c0 - c2) * reciprocal + 2.0;
-      } else {
-        hue = (c2 - c1) * reciprocal + 4.0;
-      }
-      hue = hue * 60.0;
-      if (hue < 0.0) hue += 360.0;
-    }
-    double scaled = saturation * m_saturation;
-    if (scaled > 1.0) scaled = 1.0;
-
-    unsigned char r0 = in[i + kBlueByte], r1 = in[i + kGreenByte], r2 = in[i + kRedByte];
-    if (scaled == 0.0) {
-      r0 = r1 = r2 = static_cast<unsigned char>(value);
-    } else {
-      if (hue == 360.0) hue = 0.0;
-      const double sector = hue / 60.0;
-      const int index = TruncateToInt(sector);
-      const double fraction = sector - index;
-      const unsigned char p = static_cast<unsigned char>(TruncateToInt((1.0 - scaled) * value));
-      const unsigned char q = static_cast<unsigned char>(TruncateToInt((1.0 - scaled * fraction) * value));
-      const unsigned char t = static_cast<unsigned char>(TruncateToInt((1.0 - scaled * (1.0 - fraction)) * value));
-      const unsigned char v = static_cast<unsigned char>(value);
-      switch (index) {
-        case 0: r2 = v; r1 = t; r0 = p; break;
-        case 1: r2 = q; r1 = v; r0 = p; break;
-        case 2: r2 = p; r1 = v; r0 = t; break;
-        case 3: r2 = p; r1 = q; r0 = v; break;
-        case 4: r2 = t; r1 = p; r0 = v; break;
-        case 5: r2 = v; r1 = p; r0 = q; break;
-        default: break;  // the colour stays as read
-      }
-    }
-    out[i + kBlueByte] = r0;
-    out[i + kGreenByte] = r1;
-    out[i + kRedByte] = r2;
-    out[i + kAlphaByte] = in[i + kAlphaByte];
-  }
+  PixelRun run;
+  if (!PlainPathShare(source, destination, threadIndex, threadCount, run)) return 0;
+  RunKernel(m_kernel, Saturation_Plain, run,
+            SaturationArguments{m_saturation, m_reciprocalOfDifference, m_reciprocalOfValue});
   return 0;
 }
 

@@ -3,13 +3,22 @@
 #include <immintrin.h>
 
 #include "renderers/colour/ChannelTables.h"
-#include "support/CPUExtensions.h"
 #include "support/Conversions.h"
+#include "support/PathChoice.h"
 
 namespace kvo {
 namespace image {
 
+struct SuperContrastArguments {
+  const unsigned char* table;
+  KVChannelsToProcess channels;
+  double low;
+  double high;
+};
+
 namespace {
+
+typedef PixelKernel<SuperContrastArguments> SuperContrastKernel;
 
 // The stretched range in 8-bit levels. Differences wrap in 32 bits as the
 // processor's integer arithmetic does (only NaN bounds, INT_MIN, reach that).
@@ -46,8 +55,16 @@ StretchLanes LanesOf(const StretchRange& range) {
   return lanes;
 }
 
-// Four blocks of four pixels at a time; the run holds a multiple of 16.
-void StretchBlocks_SSE2(const PixelRun& run, const StretchLanes& lanes) {
+size_t SuperContrast_Plain(const PixelRun& run, const SuperContrastArguments& arguments) {
+  ApplyChannelTable(run, arguments.table, arguments.channels);
+  return run.pixels;
+}
+
+// The colour bytes stretched in single precision and rounded to nearest, so
+// a byte may be one above the truncating table; four pixels at a time. The
+// alpha lane has bounds 0 and 255 and factor 1, and keeps its byte.
+size_t SuperContrast_SSE2(const PixelRun& run, const SuperContrastArguments& arguments) {
+  const StretchLanes lanes = LanesOf(RangeOf(arguments.low, arguments.high));
   const __m128i lower = lanes.lower, upper = lanes.upper;
   const __m128 factor = lanes.factor;
   const __m128i full = _mm_set1_epi32(255);
@@ -59,7 +76,7 @@ void StretchBlocks_SSE2(const PixelRun& run, const StretchLanes& lanes) {
     const __m128i inRange = _mm_andnot_si128(_mm_cmplt_epi32(x, lower), scaled);
     return _mm_or_si128(_mm_andnot_si128(above, inRange), _mm_and_si128(above, full));
   };
-  TransformBlocks(run, [=](__m128i block) {
+  return TransformBlocks(run, [=](__m128i block) {
     const __m128i first = _mm_unpacklo_epi8(block, zero), second = _mm_unpackhi_epi8(block, zero);
     const __m128i pixels01 = _mm_packs_epi32(stretch(_mm_unpacklo_epi16(first, zero)),
                                              stretch(_mm_unpackhi_epi16(first, zero)));
@@ -90,10 +107,11 @@ KV_TARGET_AVX2 inline __m256i StretchBlock_AVX2(__m256i block, __m256i lower, __
   return _mm256_packus_epi16(pixels01, pixels23);
 }
 
-// Streams the output like the SSE2 loop when both pointers are 32-byte
-// aligned; otherwise unaligned loads and stores. The run holds a multiple of
-// 16 pixels, so there is no tail.
-KV_TARGET_AVX2 void StretchBlocks_AVX2(const PixelRun& run, const StretchLanes& lanes) {
+// Streams the output like the SSE2 kernel when both pointers are 32-byte
+// aligned; otherwise unaligned loads and stores. Pixels short of a block of
+// eight go through the SSE2 kernel (the same formula).
+KV_TARGET_AVX2 size_t SuperContrast_AVX2(const PixelRun& run, const SuperContrastArguments& arguments) {
+  const StretchLanes lanes = LanesOf(RangeOf(arguments.low, arguments.high));
   const __m256i lower = _mm256_broadcastsi128_si256(lanes.lower);
   const __m256i upper = _mm256_broadcastsi128_si256(lanes.upper);
   const __m256 factor = _mm256_castsi256_ps(_mm256_broadcastsi128_si256(_mm_castps_si128(lanes.factor)));
@@ -110,13 +128,43 @@ KV_TARGET_AVX2 void StretchBlocks_AVX2(const PixelRun& run, const StretchLanes& 
       _mm256_storeu_si256(out + b, StretchBlock_AVX2(_mm256_loadu_si256(in + b), lower, upper, factor));
   }
   _mm256_zeroupper();
+  return blocks * 8 + SuperContrast_SSE2(run.From(blocks * 8), arguments);
+}
+
+const KernelRungs<SuperContrastKernel> kSuperContrastRungs = {SuperContrast_Plain, SuperContrast_SSE2, nullptr,
+                                                              SuperContrast_AVX2};
+
+// One thread through a kernel. The plain kernel (and any selection but
+// colour, which the vector path does not serve) walks the plain share whole.
+// A vector kernel takes the vector share: its first count % 16 pixels go
+// through the table, the rest through the kernel, both where the images hold
+// them.
+int RenderSuperContrastShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                             unsigned char threadCount, SuperContrastKernel kernel,
+                             const SuperContrastArguments& arguments) {
+  if (kernel == SuperContrast_Plain || arguments.channels != kChannelsColor) {
+    PixelRun run;
+    if (PlainPathShare(source, destination, threadIndex, threadCount, run)) SuperContrast_Plain(run, arguments);
+    return 0;
+  }
+  const ShareRun share = VectorPathShare(source, threadIndex, threadCount);
+  if (share.count == 0) return 0;
+  const size_t leadIn = share.count % 16;
+  SuperContrast_Plain(WrittenRun(source, destination, ShareRun{share.start, leadIn}), arguments);
+  kernel(WrittenRun(source, destination, ShareRun{share.start + leadIn, share.count - leadIn}), arguments);
+  return 0;
 }
 
 }  // namespace
 
 SuperContrastRenderer::SuperContrastRenderer(double low, double high, KVChannelsToProcess channels,
                                              const kvtl::CPUExtensions& extensions)
-    : m_extensions(extensions), m_low(low), m_high(high), m_channels(channels), m_table() {}
+    : m_extensions(extensions),
+      m_low(low),
+      m_high(high),
+      m_channels(channels),
+      m_table(),
+      m_kernel(ChooseKernel(kSuperContrastRungs, extensions.sse2)) {}
 
 SuperContrastRenderer::~SuperContrastRenderer() {}
 
@@ -137,48 +185,28 @@ void SuperContrastRenderer::Setup(KVAbstractImage*) {
     }
     m_table[i] = static_cast<unsigned char>(value);
   }
+  m_kernel = ChooseKernel(kSuperContrastRungs, m_extensions.sse2);
 }
 
 int SuperContrastRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                   unsigned char threadCount) {
   RequireBlueGreenRedAlpha(source, "SuperContrastRenderer", 513);
-  return m_extensions.sse2 ? Render8_SSE2(source, destination, threadIndex, threadCount)
-                           : Render8_CPP(source, destination, threadIndex, threadCount);
+  return RenderSuperContrastShare(source, destination, threadIndex, threadCount, m_kernel,
+                                  SuperContrastArguments{m_table, m_channels, m_low, m_high});
 }
 
 int SuperContrastRenderer::Render8_CPP(KVAbstractImage* source, KVAbstractImage* destination,
                                        unsigned char threadIndex, unsigned char threadCount) {
-  PixelRun run;
-  if (PlainPathShare(source, destination, threadIndex, threadCount, run)) ApplyChannelTable(run, m_table, m_channels);
-  return 0;
+  return RenderSuperContrastShare(source, destination, threadIndex, threadCount, SuperContrast_Plain,
+                                  SuperContrastArguments{m_table, m_channels, m_low, m_high});
 }
 
-// Colour only (other selections take the plain path whole). The first
-// pixels go through the table one by one until a multiple of 16 remains; the
-// rest is stretched four pixels at a time (eight with AVX2) in single
-// precision and rounded to nearest, so it may be one above the truncating
-// table. The alpha lane has
-// bounds 0 and 255 and factor 1, and keeps its byte.
+// The vector path even where the record chose the plain one.
 int SuperContrastRenderer::Render8_SSE2(KVAbstractImage* source, KVAbstractImage* destination,
                                         unsigned char threadIndex, unsigned char threadCount) {
-  if (m_channels != kChannelsColor) return Render8_CPP(source, destination, threadIndex, threadCount);
-  PixelRun run;
-  if (!VectorPathShare(source, destination, threadIndex, threadCount, run)) return 0;
-
-  PixelRun leadIn = run;
-  leadIn.pixels = run.pixels % 16;
-  ApplyColourTables(leadIn, m_table, m_table, m_table);
-  run.in += leadIn.pixels * kBytesPerPixel;
-  run.out += leadIn.pixels * kBytesPerPixel;
-  run.pixels -= leadIn.pixels;
-
-  const StretchLanes lanes = LanesOf(RangeOf(m_low, m_high));
-  if (UseAVX2()) {
-    StretchBlocks_AVX2(run, lanes);
-  } else {
-    StretchBlocks_SSE2(run, lanes);
-  }
-  return 0;
+  return RenderSuperContrastShare(source, destination, threadIndex, threadCount,
+                                  m_kernel != SuperContrast_Plain ? m_kernel : SuperContrast_SSE2,
+                                  SuperContrastArguments{m_table, m_channels, m_low, m_high});
 }
 
 }  // namespace image

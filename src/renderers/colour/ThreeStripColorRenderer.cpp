@@ -2,16 +2,26 @@
 
 #include <kvimage/colour.h>
 
+#include "renderers/colour/PixelRun.h"
 #include "support/Assert.h"
-#include "support/CPUExtensions.h"
 #include "support/Conversions.h"
+#include "support/PathChoice.h"
 #include "support/PixelLayout.h"
-#include "support/ParallelPass.h"
 
 namespace kvo {
 namespace image {
 
+// Each curve's weight by a channel's excess over its neighbours' mean, the
+// pointers offset to excess 0.
+struct ThreeStripArguments {
+  const int* blueWeight;
+  const int* greenWeight;
+  const int* redWeight;
+};
+
 namespace {
+
+typedef PixelKernel<ThreeStripArguments> ThreeStripKernel;
 
 // Zero below the level l = trunc(level * 255) (as a byte), then a ramp of
 // slope 256 / (256 - l) clamped to 255. The divisor is taken as a byte too, so
@@ -28,6 +38,25 @@ void BuildCurve(double level, int* curve) {
   for (int i = 0; i < 256; ++i) curve[i] = i < start ? 0 : ClampToByte(TruncateToInt((i - start) * scale));
 }
 
+// Each colour byte is scaled by the sum of the other two channels' curve
+// values, looked up by how far each channel stands above the mean of its two
+// neighbours, and shifted right by 9, so a byte never exceeds 254
+// (255 * 510 >> 9). The 9 is kept on purpose: it is that ceiling.
+size_t ThreeStrip_Plain(const PixelRun& run, const ThreeStripArguments& arguments) {
+  for (size_t i = 0; i < run.pixels * kBytesPerPixel; i += kBytesPerPixel) {
+    const int blue = run.in[i + kBlueByte], green = run.in[i + kGreenByte], red = run.in[i + kRedByte];
+    const unsigned char alpha = run.in[i + kAlphaByte];
+    const int blueCurve = arguments.blueWeight[blue - ((green + red) >> 1)];
+    const int greenCurve = arguments.greenWeight[green - ((blue + red) >> 1)];
+    const int redCurve = arguments.redWeight[red - ((blue + green) >> 1)];
+    run.out[i + kBlueByte] = static_cast<unsigned char>((blue * (greenCurve + redCurve)) >> 9);
+    run.out[i + kGreenByte] = static_cast<unsigned char>((green * (redCurve + blueCurve)) >> 9);
+    run.out[i + kRedByte] = static_cast<unsigned char>((red * (blueCurve + greenCurve)) >> 9);
+    run.out[i + kAlphaByte] = alpha;
+  }
+  return run.pixels;
+}
+
 KV_TARGET_AVX2 inline __m256i ByteLanes(__m256i pixels, int shift) {
   return _mm256_and_si256(_mm256_srli_epi32(pixels, shift), _mm256_set1_epi32(255));
 }
@@ -41,12 +70,16 @@ KV_TARGET_AVX2 inline __m256i WeightLanes(const int* weight, __m256i excess) {
                            weight[at[6]], weight[at[7]]);
 }
 
-// The per-pixel arithmetic of the plain form eight pixels at a time (colour
+// The per-pixel arithmetic of the plain kernel eight pixels at a time (colour
 // order blue, green, red, alpha). Returns the pixels done.
-KV_TARGET_AVX2 size_t ThreeStripPixels_AVX2(const unsigned char* in, unsigned char* out, size_t count,
-                                            const int* blueWeight, const int* greenWeight, const int* redWeight) {
+KV_TARGET_AVX2 size_t ThreeStrip_AVX2(const PixelRun& run, const ThreeStripArguments& arguments) {
+  const unsigned char* in = run.in;
+  unsigned char* out = run.out;
+  const int* blueWeight = arguments.blueWeight;
+  const int* greenWeight = arguments.greenWeight;
+  const int* redWeight = arguments.redWeight;
   size_t k = 0;
-  for (; k + 8 <= count; k += 8) {
+  for (; k + 8 <= run.pixels; k += 8) {
     const __m256i pixels = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in + k * kBytesPerPixel));
     const __m256i blue = ByteLanes(pixels, 8 * kBlueByte), green = ByteLanes(pixels, 8 * kGreenByte),
                   red = ByteLanes(pixels, 8 * kRedByte);
@@ -75,9 +108,12 @@ KV_TARGET_AVX2 size_t ThreeStripPixels_AVX2(const unsigned char* in, unsigned ch
   return k;
 }
 
+const KernelRungs<ThreeStripKernel> kThreeStripRungs = {ThreeStrip_Plain, nullptr, nullptr, ThreeStrip_AVX2};
+
 }  // namespace
 
-ThreeStripColorRenderer::ThreeStripColorRenderer(double a, double b, double c) : m_levelA(a), m_levelB(b), m_levelC(c) {}
+ThreeStripColorRenderer::ThreeStripColorRenderer(double a, double b, double c)
+    : m_levelA(a), m_levelB(b), m_levelC(c), m_kernel(ThreeStrip_Plain) {}
 
 ThreeStripColorRenderer::~ThreeStripColorRenderer() {}
 
@@ -95,72 +131,34 @@ void ThreeStripColorRenderer::Setup(KVAbstractImage*) {
     m_greenWeight[excess + 255] = m_curveB[inverted];
     m_redWeight[excess + 255] = m_curveA[inverted];
   }
+  m_kernel = ChooseKernel(kThreeStripRungs);
 }
 
 int ThreeStripColorRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                     unsigned char threadCount) {
   KV_ASSERT(source->BitsPerChannel() == 0 && source->PixelChannelOrder() == kPixelOrderBGRA,
             "ThreeStripColorRenderer", 151, "false && \"Not implemented\"");
-  if (UseAVX2()) {
-    return Render8_AVX2(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex,
-                        threadCount);
-  }
-  return Render8_CPP(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
+  return RenderWith(m_kernel, source, destination, threadIndex, threadCount);
 }
 
-// Each colour byte is scaled by the sum of the other two channels' curve
-// values, looked up by how far each channel stands above the mean of its two
-// neighbours, and shifted right by 9, so a byte never exceeds 254
-// (255 * 510 >> 9). The 9 is kept on purpose: it is that ceiling.
 int ThreeStripColorRenderer::Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
                                          unsigned char threadCount) {
-  const ShareRun share =
-      ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
-  if (share.count == 0) return 0;
-  const unsigned char* in = source->Buffer() + share.start;
-  unsigned char* out = destination->Buffer() + share.start;
-  const int* blueWeight = m_blueWeight + 255;
-  const int* greenWeight = m_greenWeight + 255;
-  const int* redWeight = m_redWeight + 255;
-  for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
-    const int blue = in[i + kBlueByte], green = in[i + kGreenByte], red = in[i + kRedByte];
-    const unsigned char alpha = in[i + kAlphaByte];
-    const int blueCurve = blueWeight[blue - ((green + red) >> 1)];
-    const int greenCurve = greenWeight[green - ((blue + red) >> 1)];
-    const int redCurve = redWeight[red - ((blue + green) >> 1)];
-    out[i + kBlueByte] = static_cast<unsigned char>((blue * (greenCurve + redCurve)) >> 9);
-    out[i + kGreenByte] = static_cast<unsigned char>((green * (redCurve + blueCurve)) >> 9);
-    out[i + kRedByte] = static_cast<unsigned char>((red * (blueCurve + greenCurve)) >> 9);
-    out[i + kAlphaByte] = alpha;
-  }
-  return 0;
+  return RenderWith(ThreeStrip_Plain, source, destination, threadIndex, threadCount);
 }
 
-// Whole groups of eight pixels through the wide form; the plain form's loop
-// on the rest of the share.
+// Whole groups of eight pixels through the wide kernel, the rest through the
+// plain one.
 int ThreeStripColorRenderer::Render8_AVX2(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
                                           unsigned char threadCount) {
-  const ShareRun share =
-      ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
-  if (share.count == 0) return 0;
-  const unsigned char* in = source->Buffer() + share.start;
-  unsigned char* out = destination->Buffer() + share.start;
-  const int* blueWeight = m_blueWeight + 255;
-  const int* greenWeight = m_greenWeight + 255;
-  const int* redWeight = m_redWeight + 255;
-  const size_t done =
-      ThreeStripPixels_AVX2(in, out, share.count / kBytesPerPixel, blueWeight, greenWeight, redWeight);
-  for (size_t i = done * kBytesPerPixel; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
-    const int blue = in[i + kBlueByte], green = in[i + kGreenByte], red = in[i + kRedByte];
-    const unsigned char alpha = in[i + kAlphaByte];
-    const int blueCurve = blueWeight[blue - ((green + red) >> 1)];
-    const int greenCurve = greenWeight[green - ((blue + red) >> 1)];
-    const int redCurve = redWeight[red - ((blue + green) >> 1)];
-    out[i + kBlueByte] = static_cast<unsigned char>((blue * (greenCurve + redCurve)) >> 9);
-    out[i + kGreenByte] = static_cast<unsigned char>((green * (redCurve + blueCurve)) >> 9);
-    out[i + kRedByte] = static_cast<unsigned char>((red * (blueCurve + greenCurve)) >> 9);
-    out[i + kAlphaByte] = alpha;
-  }
+  return RenderWith(ThreeStrip_AVX2, source, destination, threadIndex, threadCount);
+}
+
+int ThreeStripColorRenderer::RenderWith(ThreeStripKernel kernel, KVAbstractImage* source,
+                                        KVAbstractImage* destination, unsigned char threadIndex,
+                                        unsigned char threadCount) {
+  PixelRun run;
+  if (!PlainPathShare(source, destination, threadIndex, threadCount, run)) return 0;
+  RunKernel(kernel, ThreeStrip_Plain, run, ThreeStripArguments{m_blueWeight + 255, m_greenWeight + 255, m_redWeight + 255});
   return 0;
 }
 

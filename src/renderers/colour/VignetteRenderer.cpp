@@ -5,19 +5,15 @@
 
 #include <kvimage/colour.h>
 
+#include "renderers/colour/PixelRun.h"
 #include "renderers/colour/Rec601Luma.h"
-#include "support/CPUExtensions.h"
 #include "support/Conversions.h"
+#include "support/PathChoice.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
 
 namespace kvo {
 namespace image {
-
-namespace {
-
-// (a * (256 - w) + b * w) / 256, rounded to nearest.
-inline int Mix256(int a, int b, int weight) { return (a * (256 - weight) + b * weight + 128) >> 8; }
 
 // What the weight of a squared distance depends on, fixed for a render.
 struct VignetteShape {
@@ -28,6 +24,77 @@ struct VignetteShape {
   double amount;
   int fullWeight;
 };
+
+// What the kernels read. A pixel's place in the image is its distance from
+// `origin`, the destination's first pixel.
+struct VignetteArguments {
+  const unsigned char* origin;
+  unsigned int width;
+  const double* columnTerm;
+  const double* rowTerm;
+  VignetteShape shape;
+  const int* protection;
+  KVPixel8_RGB colour;
+  ChannelBytes at;
+};
+
+namespace {
+
+typedef PixelKernel<VignetteArguments> VignetteKernel;
+
+// (a * (256 - w) + b * w) / 256, rounded to nearest.
+inline int Mix256(int a, int b, int weight) { return (a * (256 - weight) + b * weight + 128) >> 8; }
+
+VignetteShape ShapeOf(double amount, double midpoint, double feather) {
+  const double full = midpoint + feather;
+  const VignetteShape shape = {amount > 0.0 ? midpoint * midpoint : HUGE_VAL, full * full, midpoint, feather, amount,
+                               TruncateToInt(amount * 256.0)};
+  return shape;
+}
+
+// 0 up to the midpoint, then amount * smoothstep((d - midpoint) / feather),
+// and amount from d = midpoint + feather on (decided on s, which spares most
+// pixels the square root).
+int WeightOf(double s, const VignetteShape& shape) {
+  if (s >= shape.fullSquared) return shape.fullWeight;
+  const double d = std::sqrt(s);
+  if (!(d > shape.midpoint)) return 0;
+  double u = 1.0;
+  if (shape.feather > 0.0) u = std::min(1.0, (d - shape.midpoint) / shape.feather);
+  return TruncateToInt(shape.amount * (u * u * (3.0 - 2.0 * u)) * 256.0);
+}
+
+// Pixel by pixel; pixels at or inside the midpoint are copied without a
+// square root.
+size_t Vignette_Plain(const PixelRun& run, const VignetteArguments& arguments) {
+  const size_t first = static_cast<size_t>(run.out - arguments.origin) / kBytesPerPixel;
+  const ChannelBytes at = arguments.at;
+  const KVPixel8_RGB colour = arguments.colour;
+  unsigned int x = static_cast<unsigned int>(first % arguments.width);
+  unsigned int y = static_cast<unsigned int>(first / arguments.width);
+  for (size_t i = 0; i < run.pixels * kBytesPerPixel; i += kBytesPerPixel) {
+    const double s = arguments.columnTerm[x] + arguments.rowTerm[y];
+    const int red = run.in[i + at.red], green = run.in[i + at.green], blue = run.in[i + at.blue];
+    const unsigned char alpha = run.in[i + at.alpha];
+    const int weight = s <= arguments.shape.untouched ? 0 : WeightOf(s, arguments.shape);
+    if (weight == 0) {
+      run.out[i + at.red] = static_cast<unsigned char>(red);
+      run.out[i + at.green] = static_cast<unsigned char>(green);
+      run.out[i + at.blue] = static_cast<unsigned char>(blue);
+    } else {
+      const int opacity = (weight * arguments.protection[Rec601Luma(red, green, blue)]) >> 8;
+      run.out[i + at.red] = static_cast<unsigned char>(Mix256(red, colour.red, opacity));
+      run.out[i + at.green] = static_cast<unsigned char>(Mix256(green, colour.green, opacity));
+      run.out[i + at.blue] = static_cast<unsigned char>(Mix256(blue, colour.blue, opacity));
+    }
+    run.out[i + at.alpha] = alpha;
+    if (++x == arguments.width) {
+      x = 0;
+      ++y;
+    }
+  }
+  return run.pixels;
+}
 
 // The weights of `count` pixels of one row, four at a time, with the same
 // double-precision steps as the per-pixel form: a correctly rounded square
@@ -133,6 +200,31 @@ KV_TARGET_AVX2 size_t MixPixels_AVX2(const unsigned char* in, unsigned char* out
   return k;
 }
 
+// The plain kernel with the weights of up to a row at a time taken from
+// RowWeights_AVX2 first; the colour arithmetic is the same. Pixels short of a
+// group of eight go through the plain kernel.
+KV_TARGET_AVX2 size_t Vignette_AVX2(const PixelRun& run, const VignetteArguments& arguments) {
+  const size_t first = static_cast<size_t>(run.out - arguments.origin) / kBytesPerPixel;
+  const size_t kChunk = 256;
+  int weights[kChunk];
+  size_t done = 0;
+  while (done < run.pixels) {
+    const size_t position = first + done;
+    const unsigned int x = static_cast<unsigned int>(position % arguments.width);
+    const unsigned int y = static_cast<unsigned int>(position / arguments.width);
+    const size_t count = std::min(std::min(kChunk, static_cast<size_t>(arguments.width - x)), run.pixels - done);
+    RowWeights_AVX2(&arguments.columnTerm[x], arguments.rowTerm[y], count, arguments.shape, weights);
+    const PixelRun chunk = run.From(done);
+    const size_t mixed =
+        MixPixels_AVX2(chunk.in, chunk.out, weights, count, arguments.protection, arguments.colour, arguments.at);
+    Vignette_Plain(PixelRun{chunk.in, chunk.out, count}.From(mixed), arguments);
+    done += count;
+  }
+  return run.pixels;
+}
+
+const KernelRungs<VignetteKernel> kVignetteRungs = {Vignette_Plain, nullptr, nullptr, Vignette_AVX2};
+
 }  // namespace
 
 // Strengths outside 0 .. 1 (a stage built directly) are clamped, NaN as 0.
@@ -144,7 +236,8 @@ VignetteRenderer::VignetteRenderer(const KVPixel8_RGB& colour, double amount, do
       m_roundness(UnitStrength(roundness)),
       m_feather(UnitStrength(feather)),
       m_highlights(UnitStrength(highlights)),
-      m_bounds(bounds) {
+      m_bounds(bounds),
+      m_kernel(Vignette_Plain) {
   for (int luma = 0; luma < 256; ++luma) {
     m_protection[luma] = TruncateToInt((1.0 - m_highlights * luma / 255.0) * 256.0);
   }
@@ -174,6 +267,7 @@ void VignetteRenderer::Setup(KVAbstractImage* source) {
   const double centreX = left + halfWidth, centreY = top + halfHeight;
   m_columnTerm.assign(width, 0.0);
   m_rowTerm.assign(height, 0.0);
+  m_kernel = ChooseKernel(kVignetteRungs);
   if (axisX <= 0.0 || axisY <= 0.0) return;  // an empty image
   for (unsigned int x = 0; x < width; ++x) {
     const double offset = (x + 0.5 - centreX) / axisX;
@@ -185,117 +279,39 @@ void VignetteRenderer::Setup(KVAbstractImage* source) {
   }
 }
 
-// 0 up to the midpoint, then amount * smoothstep((d - midpoint) / feather),
-// and amount from d = midpoint + feather on (decided on s, which spares most
-// pixels the square root).
-int VignetteRenderer::WeightAt(double s) const {
-  const double full = m_midpoint + m_feather;
-  if (s >= full * full) return TruncateToInt(m_amount * 256.0);
-  const double d = std::sqrt(s);
-  if (!(d > m_midpoint)) return 0;
-  double u = 1.0;
-  if (m_feather > 0.0) u = std::min(1.0, (d - m_midpoint) / m_feather);
-  return TruncateToInt(m_amount * (u * u * (3.0 - 2.0 * u)) * 256.0);
-}
+int VignetteRenderer::WeightAt(double s) const { return WeightOf(s, ShapeOf(m_amount, m_midpoint, m_feather)); }
 
 int VignetteRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                              unsigned char threadCount) {
   if (source->BitsPerChannel() != 0) return static_cast<int>(source->BitsPerChannel());
-  if (UseAVX2()) {
-    return Render8_AVX2(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex,
-                        threadCount);
-  }
-  return Render8(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
+  return RenderWith(m_kernel, source, destination, threadIndex, threadCount);
 }
 
 int VignetteRenderer::Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
                               unsigned char threadCount) {
+  return RenderWith(Vignette_Plain, source, destination, threadIndex, threadCount);
+}
+
+int VignetteRenderer::Render8_AVX2(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
+                                   unsigned char threadCount) {
+  return RenderWith(Vignette_AVX2, source, destination, threadIndex, threadCount);
+}
+
+int VignetteRenderer::RenderWith(size_t (*kernel)(const PixelRun&, const VignetteArguments&),
+                                 KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                                 unsigned char threadCount) {
   const unsigned int width = source->Width();
   // Only the image Setup measured.
   if (width != m_columnTerm.size() || source->Height() != m_rowTerm.size()) return 0;
   const ShareRun share = PixelShare(width, source->Height(), threadIndex, threadCount,
                                     CommonByteSize(source, destination) / kBytesPerPixel);
   if (share.count == 0) return 0;
-  const ChannelBytes at = ChannelBytesOf(source);
-  const unsigned char* in = PixelBytes(source) + share.start * kBytesPerPixel;
-  unsigned char* out = PixelBytes(destination) + share.start * kBytesPerPixel;
-  // Pixels at or inside the midpoint are copied without a square root.
-  const double untouched = m_amount > 0.0 ? m_midpoint * m_midpoint : HUGE_VAL;
-  unsigned int x = static_cast<unsigned int>(share.start % width);
-  unsigned int y = static_cast<unsigned int>(share.start / width);
-  for (size_t i = 0; i < share.count * kBytesPerPixel; i += kBytesPerPixel) {
-    const double s = m_columnTerm[x] + m_rowTerm[y];
-    const int red = in[i + at.red], green = in[i + at.green], blue = in[i + at.blue];
-    const unsigned char alpha = in[i + at.alpha];
-    const int weight = s <= untouched ? 0 : WeightAt(s);
-    if (weight == 0) {
-      out[i + at.red] = static_cast<unsigned char>(red);
-      out[i + at.green] = static_cast<unsigned char>(green);
-      out[i + at.blue] = static_cast<unsigned char>(blue);
-    } else {
-      const int opacity = (weight * m_protection[Rec601Luma(red, green, blue)]) >> 8;
-      out[i + at.red] = static_cast<unsigned char>(Mix256(red, m_colour.red, opacity));
-      out[i + at.green] = static_cast<unsigned char>(Mix256(green, m_colour.green, opacity));
-      out[i + at.blue] = static_cast<unsigned char>(Mix256(blue, m_colour.blue, opacity));
-    }
-    out[i + at.alpha] = alpha;
-    if (++x == width) {
-      x = 0;
-      ++y;
-    }
-  }
-  return 0;
-}
-
-// The per-pixel loop above with the weights of up to a row at a time taken
-// from RowWeights_AVX2 first; the colour arithmetic is the same.
-int VignetteRenderer::Render8_AVX2(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
-                                   unsigned char threadCount) {
-  const unsigned int width = source->Width();
-  if (width != m_columnTerm.size() || source->Height() != m_rowTerm.size()) return 0;
-  const ShareRun share = PixelShare(width, source->Height(), threadIndex, threadCount,
-                                    CommonByteSize(source, destination) / kBytesPerPixel);
-  if (share.count == 0) return 0;
-  const ChannelBytes at = ChannelBytesOf(source);
-  const unsigned char* in = PixelBytes(source) + share.start * kBytesPerPixel;
-  unsigned char* out = PixelBytes(destination) + share.start * kBytesPerPixel;
-  const double full = m_midpoint + m_feather;
-  const VignetteShape shape = {m_amount > 0.0 ? m_midpoint * m_midpoint : HUGE_VAL,
-                               full * full,
-                               m_midpoint,
-                               m_feather,
-                               m_amount,
-                               TruncateToInt(m_amount * 256.0)};
-  const size_t kChunk = 256;
-  int weights[kChunk];
-  size_t done = 0;
-  while (done < share.count) {
-    const size_t position = share.start + done;
-    const unsigned int x = static_cast<unsigned int>(position % width);
-    const unsigned int y = static_cast<unsigned int>(position / width);
-    const size_t count = std::min(std::min(kChunk, static_cast<size_t>(width - x)), share.count - done);
-    RowWeights_AVX2(&m_columnTerm[x], m_rowTerm[y], count, shape, weights);
-    const size_t mixed = MixPixels_AVX2(in + done * kBytesPerPixel, out + done * kBytesPerPixel, weights, count,
-                                        m_protection, m_colour, at);
-    for (size_t k = mixed; k < count; ++k) {
-      const size_t i = (done + k) * kBytesPerPixel;
-      const int red = in[i + at.red], green = in[i + at.green], blue = in[i + at.blue];
-      const unsigned char alpha = in[i + at.alpha];
-      const int weight = weights[k];
-      if (weight == 0) {
-        out[i + at.red] = static_cast<unsigned char>(red);
-        out[i + at.green] = static_cast<unsigned char>(green);
-        out[i + at.blue] = static_cast<unsigned char>(blue);
-      } else {
-        const int opacity = (weight * m_protection[Rec601Luma(red, green, blue)]) >> 8;
-        out[i + at.red] = static_cast<unsigned char>(Mix256(red, m_colour.red, opacity));
-        out[i + at.green] = static_cast<unsigned char>(Mix256(green, m_colour.green, opacity));
-        out[i + at.blue] = static_cast<unsigned char>(Mix256(blue, m_colour.blue, opacity));
-      }
-      out[i + at.alpha] = alpha;
-    }
-    done += count;
-  }
+  const PixelRun run = {PixelBytes(source) + share.start * kBytesPerPixel,
+                        PixelBytes(destination) + share.start * kBytesPerPixel, share.count};
+  const VignetteArguments arguments = {PixelBytes(destination), width, m_columnTerm.data(), m_rowTerm.data(),
+                                       ShapeOf(m_amount, m_midpoint, m_feather), m_protection, m_colour,
+                                       ChannelBytesOf(source)};
+  RunKernel(kernel, Vignette_Plain, run, arguments);
   return 0;
 }
 
