@@ -110,57 +110,6 @@ inline std::vector<unsigned char> PatternBytes(size_t count, uint32_t seed) {
   return bytes;
 }
 
-// A front end of one kind over small guarded images, for driving catalogue
-// rows by name: a compositor lays its background over a pattern and gets one
-// layer of the same size for its layer parameter. Render starts from the
-// same images every time (some stages work in place) and checks the guards.
-class CatalogueFrontEnd {
-  GuardedImage m_source, m_destination, m_layer;  // outlive the front end that points at them
-
- public:
-  explicit CatalogueFrontEnd(kvo::image::KVFrontEnd frontEnd, unsigned int width = 7, unsigned int height = 5)
-      : m_source(width, height), m_destination(width, height), m_layer(width, height) {
-    using namespace kvo::image;
-    m_source.fill(PatternBytes(m_source.bytes(), 8));
-    m_layer.fill(PatternBytes(m_layer.bytes(), 4));
-    if (frontEnd == kFrontEndProcessor) {
-      processor.reset(new KVImageProcessor(m_source.image(), m_destination.image(), SharedTables(), kDownsampleNone));
-    } else if (frontEnd == kFrontEndKeyer) {
-      keyer.reset(new KVImageKeyer(m_source.image(), m_destination.image(), SharedTables(), kDownsampleNone));
-    } else {
-      compositor.reset(new KVImageCompositor(m_source.image(), 1.0, SharedTables(), kDownsampleNone));
-    }
-  }
-
-  int Queue(const char* name, const std::vector<double>& values) {
-    const unsigned int count = static_cast<unsigned int>(values.size());
-    if (processor) return QueueSetter(*processor, name, values.data(), count);
-    if (keyer) return QueueSetter(*keyer, name, values.data(), count);
-    kvo::image::KVAbstractImage* layers[] = {m_layer.image()};
-    return QueueSetter(*compositor, name, values.data(), count, layers, 1);
-  }
-  unsigned short Queued() const {
-    return processor ? processor->RenderQueueCount()
-                     : (keyer ? keyer->RenderQueueCount() : compositor->RenderQueueCount());
-  }
-  KVImage8* layer() { return m_layer.image(); }
-
-  // The render's code and bytes (the destination, or the composited background).
-  int Render(std::vector<unsigned char>& bytes) {
-    const std::vector<unsigned char> source = m_source.contents(), destination = m_destination.contents();
-    const int code = processor ? processor->Render() : (keyer ? keyer->Render() : compositor->Render());
-    bytes = compositor ? m_source.contents() : m_destination.contents();
-    EXPECT_TRUE(m_source.guardsIntact() && m_destination.guardsIntact() && m_layer.guardsIntact());
-    m_source.fill(source);
-    m_destination.fill(destination);
-    return code;
-  }
-
-  std::unique_ptr<kvo::image::KVImageProcessor> processor;
-  std::unique_ptr<kvo::image::KVImageKeyer> keyer;
-  std::unique_ptr<kvo::image::KVImageCompositor> compositor;
-};
-
 // An image of another channel depth. It has no pixels: a stage that reaches
 // for its bytes instead of checking the depth first crashes.
 class DeepImage : public kvo::image::KVAbstractImage {
