@@ -60,8 +60,9 @@ TEST(Stress, RepeatedRendersOfRandomQueuesGiveTheSameBytes) {
       EXPECT_TRUE(firstA.bytes == firstB.bytes) << "seed " << seed << ", " << a << " and " << b << " threads";
     }
   }
-  // The generator must keep reaching both kinds of comparison.
-  EXPECT_GT(comparedAcrossCounts, kScenarios / 10);
+  // The generator must keep reaching both kinds of comparison (about one
+  // queue in six has only stages whose bytes do not depend on the count).
+  EXPECT_GT(comparedAcrossCounts, kScenarios / 16);
   EXPECT_GT(rendersWithStages, kScenarios * 2);
 }
 

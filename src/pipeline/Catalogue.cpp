@@ -219,7 +219,7 @@ const std::vector<SetterSpec>& Specs() {
        {Checked("red", 0, 2, 1, "red gain (1 unchanged)"), Checked("green", 0, 2, 1, "green gain"),
         Checked("blue", 0, 2, 1, "blue gain")},
        [](void* f, const Arguments& a) { return P(f).SetColorBalance(a.Real(0), a.Real(1), a.Real(2)); }},
-      {kFrontEndProcessor, "SetColorTemperature", "ColorTemperatureRenderer", true, "black-body cast",
+      {kFrontEndProcessor, "SetColorTemperature", "ColorTemperatureRenderer", false, "black-body cast",
        {Checked("kelvin", 1500, 13500, 6500, "colour temperature", "kelvin")},
        [](void* f, const Arguments& a) { return P(f).SetColorTemperature(a.Real(0)); }},
       {kFrontEndProcessor, "SetSaturation", "SaturationRenderer", false, "HSV saturation in double precision",

@@ -3,16 +3,18 @@
 
 // A pipeline scenario decoded from a string of bytes: a front end, image
 // sizes (empty, 1x1, long and thin, small), a channel order, a thread count
-// and a queue of setters called with hostile arguments (NaN, infinities,
-// huge and negative values, every enumeration value and some outside the
-// enumerations). The fuzzer decodes its input this way; the stress test
-// decodes bytes from a seeded generator.
+// and a queue of setters picked from the stage catalogue and queued by name
+// with hostile numbers drawn from each parameter's type and range (NaN,
+// infinities, huge and negative values, the range's ends and just beyond,
+// every choice and values outside them, now and then a number that does not
+// fit its type at all). The fuzzer decodes its input this way; the stress
+// test decodes bytes from a seeded generator.
 //
 // The only combinations built around are the ones that are programming
 // errors by contract and abort with an assertion:
-// - a source of channel order 2 reaching a stage that handles order 1 only;
+// - an order-2 image reaching a stage whose row requires BGRA;
 // - a compositor over an order-2 background faded at construction (the fade
-//   runs the opacity stage, which handles order 1 only).
+//   runs the opacity stage, which requires BGRA).
 // Everything else must come back as a result code from the documented set.
 #include <kvimage/kvimage.h>
 
@@ -28,10 +30,14 @@
 namespace kvfuzz {
 
 using namespace kvo::image;
-using kvo::maths::KVPoint2;
-using kvo::maths::KVPoint2F;
-using kvo::maths::KVQuad;
-using kvo::maths::KVRect;
+
+const double kNaN = std::numeric_limits<double>::quiet_NaN();
+const double kInfinity = std::numeric_limits<double>::infinity();
+
+template <class T, size_t N>
+T Pick(const T (&values)[N], unsigned int choice) {
+  return values[choice % N];
+}
 
 // Reads the scenario's choices; past the end of the input every read is 0.
 class ByteReader {
@@ -39,97 +45,147 @@ class ByteReader {
   ByteReader(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
 
   uint8_t Byte() { return m_position < m_size ? m_data[m_position++] : 0; }
-  bool Bool() { return (Byte() & 1) != 0; }
   uint16_t U16() { return static_cast<uint16_t>(Byte() | (Byte() << 8)); }
-  uint32_t U32() { return static_cast<uint32_t>(U16()) | (static_cast<uint32_t>(U16()) << 16); }
-  unsigned int Below(unsigned int bound) { return bound == 0 ? 0 : Byte() % bound; }
+  unsigned int Below(size_t bound) { return bound == 0 ? 0 : static_cast<unsigned int>(Byte() % bound); }
 
-  // Mostly values around the setters' ranges, a quarter of the time one of
-  // the values a broken host expression produces.
-  double Double() {
-    static const double kSpecial[] = {std::numeric_limits<double>::quiet_NaN(),
-                                      -std::numeric_limits<double>::quiet_NaN(),
-                                      std::numeric_limits<double>::infinity(),
-                                      -std::numeric_limits<double>::infinity(),
-                                      0.0, -0.0, 1.0, -1.0, 0.5, 2.0, 0.8, 360.0, 1500.0, 13500.0,
-                                      1e300, -1e300, std::numeric_limits<double>::max(),
-                                      std::numeric_limits<double>::lowest(),
-                                      std::numeric_limits<double>::denorm_min(), 1.0000000000000002,
-                                      -1e-300, 4294967296.0, 2147483648.0, -2147483649.0};
+  // Mostly a value in or just around minimum..maximum (an unbounded side
+  // narrowed to 64 from zero), often the ends themselves and just beyond
+  // them, a quarter of the time one of the values a broken host expression
+  // produces.
+  double Real(double minimum, double maximum) {
+    static const double kSpecial[] = {kNaN, -kNaN, kInfinity, -kInfinity, 0.0, -0.0, 1.0, -1.0, 0.5, 2.0, 1e300,
+                                      -1e300, std::numeric_limits<double>::max(), std::numeric_limits<double>::lowest(),
+                                      std::numeric_limits<double>::denorm_min(), 1.0000000000000002, -1e-300,
+                                      4294967296.0, 2147483648.0, -2147483649.0};
     const uint8_t choice = Byte();
-    if (choice < 64) return kSpecial[choice % (sizeof(kSpecial) / sizeof(kSpecial[0]))];
-    if (choice < 80) {
+    if (choice < 64) return Pick(kSpecial, choice);
+    if (choice < 96) {
+      const double ends[] = {minimum, maximum, std::nextafter(minimum, -kInfinity),
+                             std::nextafter(maximum, kInfinity), minimum - 1.0, maximum + 1.0};
+      return Pick(ends, choice);
+    }
+    if (choice < 104) {
       double raw;
-      const uint32_t low = U32(), high = U32();
-      const uint64_t bits = (static_cast<uint64_t>(high) << 32) | low;
+      const uint64_t bits = static_cast<uint64_t>(U16()) | static_cast<uint64_t>(U16()) << 16 |
+                            static_cast<uint64_t>(U16()) << 32 | static_cast<uint64_t>(U16()) << 48;
       std::memcpy(&raw, &bits, sizeof raw);
       return raw;
     }
-    return -0.25 + 2.5 * (U16() / 65535.0);
+    const double low = minimum < -4096.0 ? -64.0 : minimum;
+    const double high = maximum > 4096.0 ? std::fmax(low, 0.0) + 64.0 : maximum;
+    return low + (high - low) * (-0.125 + 1.25 * (U16() / 65535.0));
+  }
+
+  // A whole number of int's range: mostly small ones from the minimum (a
+  // size or radius that fits a small image), sometimes int's limits.
+  double Whole(double minimum) {
+    static const int kSpecial[] = {INT_MIN, INT_MIN + 1, -100000, -1, 0, 1, 10000000, INT_MAX - 1, INT_MAX};
+    const uint8_t choice = Byte();
+    if (choice < 32) return Pick(kSpecial, choice);
+    return std::fmax(minimum, -16.0) - 2.0 + choice % 64;
   }
 
   // Small radii mostly; sometimes the limits and beyond.
-  unsigned int Radius() {
-    static const unsigned int kSpecial[] = {0u, 1u, 2u, 254u, 255u, 256u, 2895u, 2896u, 65535u, 100000u,
-                                            10000000u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu};
+  double Radius() {
+    static const double kSpecial[] = {0,     1,      2,        254,          255,          256,         2895, 2896,
+                                      65535, 100000, 10000000, 2147483647.0, 2147483648.0, 4294967295.0};
     const uint8_t choice = Byte();
-    if (choice >= 16) return choice % 24;
-    return kSpecial[choice % (sizeof(kSpecial) / sizeof(kSpecial[0]))];
+    return choice >= 16 ? choice % 24 : Pick(kSpecial, choice);
   }
 
-  int Int() {
-    static const int kSpecial[] = {INT_MIN, INT_MIN + 1, -100000, -1, 0, 1, 10000000, INT_MAX - 1, INT_MAX};
+  // Every choice, and the usual values outside them.
+  double Choice(const KVParameterInfo& parameter) {
     const uint8_t choice = Byte();
-    if (choice < 32) return kSpecial[choice % (sizeof(kSpecial) / sizeof(kSpecial[0]))];
-    return static_cast<int>(choice % 64) - 16;
+    if (choice < 224) return parameter.choices[choice % parameter.choiceCount].value;
+    return Outside(choice, parameter.minimum, parameter.maximum);
+  }
+  // The same over first..last.
+  int Enumeration(int first, int last) {
+    const uint8_t choice = Byte();
+    return choice < 224 ? first + choice % (last - first + 1) : static_cast<int>(Outside(choice, first, last));
   }
 
-  // Every value of [first, last] and the usual out-of-range ones.
-  template <class Enum>
-  Enum Enumeration(int first, int last) {
-    static const int kOutside[] = {-1, INT_MIN, INT_MAX, 255, 256, 1000};
-    const uint8_t choice = Byte();
-    if (choice < 224) return static_cast<Enum>(first + choice % (last - first + 1));
-    if (choice < 232) return static_cast<Enum>(first - 1);
-    if (choice < 240) return static_cast<Enum>(last + 1);
-    return static_cast<Enum>(kOutside[choice % (sizeof(kOutside) / sizeof(kOutside[0]))]);
-  }
+  // A coordinate in or near a small image, or any number.
+  double Coordinate() { return Byte() < 160 ? Below(48) - 8.0 : Real(-4096.0, 4096.0); }
 
-  KVRect Rect() {
-    if (Byte() < 128) {  // a rectangle in or near a small image
-      const int left = static_cast<int>(Below(40)) - 8, top = static_cast<int>(Below(40)) - 8;
-      return KVRect(KVPoint2(left, top), static_cast<int>(Below(48)) - 4, static_cast<int>(Below(48)) - 4);
+  // The numbers of one parameter (none for a layer).
+  void Numbers(const KVParameterInfo& parameter, std::vector<double>& values) {
+    switch (parameter.type) {
+      case kParameterReal: values.push_back(Real(parameter.minimum, parameter.maximum)); break;
+      case kParameterInteger: values.push_back(Whole(parameter.minimum)); break;
+      case kParameterRadius: values.push_back(Radius()); break;
+      case kParameterBool: values.push_back(Byte() & 1); break;
+      case kParameterChoice: values.push_back(Choice(parameter)); break;
+      case kParameterColour:
+        for (int c = 0; c < 3; ++c) values.push_back(Byte());
+        break;
+      case kParameterRect: {
+        // A rectangle in or near a small image, or any four ints.
+        const bool small = Byte() < 128;
+        for (int c = 0; c < 4; ++c) {
+          values.push_back(small ? Below(c < 2 ? 40 : 48) - (c < 2 ? 8.0 : 4.0) : Whole(INT_MIN));
+        }
+        break;
+      }
+      case kParameterPoint: case kParameterQuad:
+        for (unsigned int c = 0; c < NumberCount(parameter.type); ++c) values.push_back(Coordinate());
+        break;
+      case kParameterLayer: break;
     }
-    const int left = Int(), top = Int(), width = Int(), height = Int();
-    return KVRect(KVPoint2(left, top), width, height);
   }
-  KVPoint2F PointF() {
-    if (Byte() < 160) return KVPoint2F(Below(48) - 8.0, Below(48) - 8.0);
-    const double x = Double(), y = Double();
-    return KVPoint2F(x, y);
-  }
-  KVPixel8_RGB Colour() {
-    KVPixel8_RGB colour;
-    colour.red = Byte();
-    colour.green = Byte();
-    colour.blue = Byte();
-    return colour;
+
+  // Now and then a number that fits no whole-number type, or none at all.
+  void MaybeMisfit(std::vector<double>& values) {
+    static const double kMisfits[] = {0.5, -1.0, 2.0, 256.0, kNaN, 4294967296.0, -2147483649.0};
+    if (Byte() == 255 && !values.empty()) values[Below(values.size())] = Pick(kMisfits, Byte());
   }
 
  private:
+  static double Outside(uint8_t choice, double first, double last) {
+    static const int kOutside[] = {-1, INT_MIN, INT_MAX, 255, 256, 1000};
+    if (choice < 232) return first - 1;
+    if (choice < 240) return last + 1;
+    return Pick(kOutside, choice);
+  }
+
   const uint8_t* m_data;
   size_t m_size;
   size_t m_position = 0;
 };
 
-// Codes that a public call may return.
+// Codes that a render may return.
 inline bool IsDocumentedCode(int code) {
   switch (code) {
-    case 0: case 2: case 3: case 4: case 7: case 8: case 10: case 1000: case 1001:
+    case kResultSuccess: case kResultRuntimeError: case kResultLogicError: case kResultInvalidCombination:
+    case kResultOutOfRange: case kResultOutOfMemory: case kResultUnsupportedFormat: case kResultImagesDoNotMatch:
+    case kResultWorkerFailure:
       return true;
-    default:
-      return false;
   }
+  return false;
+}
+
+// Codes that queueing a row by name may return: 0, the row's own, and 7
+// for a number that does not fit its parameter.
+inline bool IsRowCode(const KVSetterInfo& row, int code) {
+  bool listed = code == kResultSuccess || code == kResultOutOfRange;
+  for (unsigned int i = 0; i < row.codeCount; ++i) listed = listed || row.codes[i] == code;
+  return listed;
+}
+
+// The setters whose stage gives the same bytes whatever the thread count
+// (no per-thread statistics, vector-path shares or share-dependent walks
+// like the YUV blur's vertical box): the stress test compares thread counts
+// only for queues of these.
+inline bool SameBytesAtAnyThreadCount(const KVSetterInfo& row) {
+  static const char* const kNames[] = {
+      "SetMirror",           "SetSilhouette",  "SetMatteView",  "SetColorTemperature", "SetSaturation",
+      "SetHueShift",         "SetHueColorize", "SetTint",       "SetThreeStripColor",  "SetStackBlur",
+      "SetBoundedStackBlur", "SetAlphaCrop",   "SetWhiteErode", "SetAlphaStackBlur"};
+  if (row.frontEnd == kFrontEndCompositor) return false;
+  for (const char* name : kNames) {
+    if (std::strcmp(row.name, name) == 0) return true;
+  }
+  return false;
 }
 
 // An image in its own exactly sized heap block, so that a sanitizer sees
@@ -180,56 +236,63 @@ struct Size {
 // Empty, single-pixel, long and thin, and small images.
 inline Size DecodeSize(ByteReader& in) {
   switch (in.Below(8)) {
-    case 0: return {0, 1 + in.Below(40)};
-    case 1: return {1 + in.Below(40), 0};
-    case 2: return {1, 1};
-    case 3: return {1, 1u + in.Byte()};
-    case 4: return {1u + in.Byte(), 1};
-    case 5: return {2 + in.Below(3), 40 + in.Below(100)};
-    default: return {1 + in.Below(24), 1 + in.Below(24)};
+    case 0:
+      return {0, 1 + in.Below(40)};
+    case 1:
+      return {1 + in.Below(40), 0};
+    case 2:
+      return {1, 1};
+    case 3:
+      return {1, 1u + in.Byte()};
+    case 4:
+      return {1u + in.Byte(), 1};
+    case 5:
+      return {2 + in.Below(3), 40 + in.Below(100)};
+    default:
+      return {1 + in.Below(24), 1 + in.Below(24)};
   }
 }
-
-enum FrontEndKind { kProcessorFrontEnd = 0, kKeyerFrontEnd = 1, kCompositorFrontEnd = 2 };
 
 // One decoded scenario, built and ready to render.
 class Scenario {
  public:
   Scenario(ByteReader& in, kvo::KVLookupTables& tables) {
-    m_kind = static_cast<FrontEndKind>(in.Below(3));
+    m_frontEnd = static_cast<KVFrontEnd>(in.Below(3));
     // Mostly a few threads (fast executions), now and then up to 64.
     const uint8_t threadChoice = in.Byte();
     m_threads = threadChoice < 192 ? 1u + threadChoice % 4 : 1u + threadChoice % 64;
     m_order = in.Below(4) == 0 ? kPixelOrderARGB : kPixelOrderBGRA;
-    const Size size = DecodeSize(in);
-    const KVDownsampleFactor factor = in.Enumeration<KVDownsampleFactor>(0, 3);
-    m_source.reset(new Frame(size.width, size.height, m_order, in.U16()));
-    if (m_kind == kCompositorFrontEnd) {
-      double opacity = in.Byte() < 128 ? 1.0 : in.Double();
-      // Fading an order-2 background runs the order-1-only opacity stage.
+    m_size = DecodeSize(in);
+    const KVDownsampleFactor factor = static_cast<KVDownsampleFactor>(in.Enumeration(0, 3));
+    m_source.reset(new Frame(m_size.width, m_size.height, m_order, in.U16()));
+    if (m_frontEnd == kFrontEndCompositor) {
+      double opacity = in.Byte() < 128 ? 1.0 : in.Real(0.0, 1.0);
+      // Fading an order-2 background runs the opacity stage.
       if (m_order == kPixelOrderARGB && opacity < 1.0) opacity = 1.0;
       m_compositor.reset(new KVImageCompositor(m_source->image(), opacity, tables, factor));
     } else {
       // Render does not compare the destination with the source: now and
-      // then the destination has another size.
-      const Size other = in.Below(8) == 0 ? DecodeSize(in) : size;
+      // then the destination has another size (the shares then follow the
+      // destination's lines, so the bytes depend on the thread count).
+      const Size other = in.Below(8) == 0 ? DecodeSize(in) : m_size;
+      if (other.width != m_size.width || other.height != m_size.height) m_threadCountIndependent = false;
       m_destination.reset(new Frame(other.width, other.height, m_order, in.U16()));
-      if (m_kind == kProcessorFrontEnd) {
+      if (m_frontEnd == kFrontEndProcessor) {
         m_processor.reset(new KVImageProcessor(m_source->image(), m_destination->image(), tables, factor));
       } else {
         m_keyer.reset(new KVImageKeyer(m_source->image(), m_destination->image(), tables, factor));
       }
     }
-    const unsigned int stages = in.Below(7);
-    for (unsigned int i = 0; i < stages; ++i) {
-      const int code = m_kind == kProcessorFrontEnd ? QueueEffect(in)
-                       : m_kind == kKeyerFrontEnd   ? QueueKeying(in, size)
-                                                    : QueueLayer(in, size, tables);
-      if (!IsDocumentedCode(code)) m_failure = "setter returned undocumented code " + std::to_string(code);
+    // The rows of this front end the images may reach.
+    std::vector<const KVSetterInfo*> rows;
+    for (unsigned int i = 0; i < SetterCount(); ++i) {
+      const KVSetterInfo* row = SetterAt(i);
+      if (row->frontEnd == m_frontEnd && (!row->requiresBGRA || m_order == kPixelOrderBGRA)) rows.push_back(row);
     }
+    const unsigned int stages = in.Below(7);
+    for (unsigned int i = 0; i < stages && !rows.empty(); ++i) Queue(in, *rows[in.Below(rows.size())]);
   }
 
-  FrontEndKind kind() const { return m_kind; }
   unsigned int threads() const { return m_threads; }
   // True when every queued stage gives the same bytes whatever the thread
   // count (the stress test compares counts only then).
@@ -258,7 +321,8 @@ class Scenario {
     kvo::KVSystem::SetCPUCoreCount(restoredCoreCount);
     outcome.bytes = canvas.contents();
     canvas.restore(start);
-    if (!IsDocumentedCode(outcome.code)) m_failure = "Render returned undocumented code " + std::to_string(outcome.code);
+    if (!IsDocumentedCode(outcome.code))
+      m_failure = "Render returned undocumented code " + std::to_string(outcome.code);
     if (m_blursSourceInPlace) {
       m_source->restore(source);
     } else if (!m_compositor && m_source->contents() != source) {
@@ -271,233 +335,47 @@ class Scenario {
   }
 
  private:
-  int QueueEffect(ByteReader& in) {
-    // Stages that abort on an order-2 source are replaced by the matte view.
-    enum { kOpacity, kMirror, kSilhouette, kMatteView, kBrightness, kContrast, kSuperContrast, kColorBalance,
-           kColorTemperature, kSaturation, kHueShift, kHueColorize, kTint, kThreeStrip, kStackBlur, kYUVBlur,
-           kBoundedBlur, kDefocus, kDiffuse, kSharpen, kSoftFocus, kBleachBypass, kVignette, kDepthOfField,
-           kEffectCount };
-    int which = static_cast<int>(in.Below(kEffectCount));
-    const bool orderOneOnly = which == kOpacity || which == kSilhouette || which == kBrightness ||
-                              which == kContrast || which == kSuperContrast || which == kColorBalance ||
-                              which == kTint || which == kThreeStrip || which == kDefocus || which == kDiffuse ||
-                              which == kSharpen || which == kSoftFocus;
-    if (orderOneOnly && m_order != kPixelOrderBGRA) which = kMatteView;
-    KVImageProcessor& p = *m_processor;
-    switch (which) {
-      case kOpacity:
-        m_threadCountIndependent = false;  // the vector path's shares
-        return p.SetOpacity(in.Double());
-      case kMirror: {
-        const bool first = in.Bool();
-        return p.SetMirror(first, in.Bool());
-      }
-      case kSilhouette: return p.SetSilhouette(in.Colour());
-      case kMatteView: return p.SetMatteView();
-      case kBrightness: {
-        m_threadCountIndependent = false;
-        const double amount = in.Double();
-        return p.SetBrightness(amount, in.Enumeration<KVChannelsToProcess>(3, 5));
-      }
-      case kContrast: {
-        m_threadCountIndependent = false;
-        const double amount = in.Double();
-        return p.SetContrast(amount, in.Enumeration<KVChannelsToProcess>(3, 5));
-      }
-      case kSuperContrast: {
-        m_threadCountIndependent = false;
-        const double low = in.Double(), high = in.Double();
-        return p.SetSuperContrast(low, high, in.Enumeration<KVChannelsToProcess>(3, 5));
-      }
-      case kColorBalance: {
-        m_threadCountIndependent = false;
-        const double r = in.Double(), g = in.Double(), b = in.Double();
-        return p.SetColorBalance(r, g, b);
-      }
-      case kColorTemperature:
-        return p.SetColorTemperature(in.Byte() < 128 ? 1500.0 + in.U16() % 12001 : in.Double());
-      case kSaturation: return p.SetSaturation(in.Double());
-      case kHueShift: {
-        const double shift = in.Byte() < 128 ? in.U16() % 361 : in.Double();
-        return p.SetHueShift(shift, in.Double());
-      }
-      case kHueColorize: {
-        const double hue = in.Byte() < 128 ? in.U16() % 361 : in.Double();
-        return p.SetHueColorize(hue, in.Double());
-      }
-      case kTint: {
-        const KVTintType type = in.Enumeration<KVTintType>(0, 10);
-        return p.SetTint(type, in.Double());
-      }
-      case kThreeStrip: {
-        const double a = in.Double(), b = in.Double(), c = in.Double();
-        return p.SetThreeStripColor(a, b, c);
-      }
-      case kStackBlur: {
-        const unsigned int radius = in.Radius();
-        const bool h = in.Bool(), v = in.Bool();
-        return p.SetStackBlur(radius, h, v, in.Enumeration<KVChannelsToProcess>(3, 5));
-      }
-      case kYUVBlur: {
-        const unsigned int radius = in.Radius();
-        return p.SetYUVBlur(radius, in.Enumeration<KVYUVBlurType>(0, 4));
-      }
-      case kBoundedBlur: {
-        const unsigned int radius = in.Radius();
-        const bool h = in.Bool(), v = in.Bool();
-        const KVChannelsToProcess channels = in.Enumeration<KVChannelsToProcess>(3, 5);
-        const KVRect rect = in.Rect();
-        return p.SetBoundedStackBlur(radius, h, v, channels, rect, in.Double());
-      }
-      case kDefocus: {
-        m_threadCountIndependent = false;
-        const unsigned int radius = in.Radius();
-        const double amount = in.Double();
-        // The defocus blurs its input in place: queued first, the source.
-        const bool first = p.RenderQueueCount() == 0;
-        const int code = p.SetDefocus(radius, amount, in.Double());
-        if (code == 0 && first) m_blursSourceInPlace = true;
-        return code;
-      }
-      case kDiffuse: {
-        m_threadCountIndependent = false;
-        const unsigned int radius = in.Radius();
-        const double amount = in.Double();
-        return p.SetDiffuse(radius, amount, in.Double());
-      }
-      case kSharpen: {
-        m_threadCountIndependent = false;
-        const unsigned int radius = in.Radius();
-        const double amount = in.Double(), threshold = in.Double();
-        return p.SetSharpen(radius, amount, threshold, in.Double());
-      }
-      case kSoftFocus: {
-        m_threadCountIndependent = false;
-        const KVBlendMode mode = in.Enumeration<KVBlendMode>(0, 13);
-        const unsigned int radius = in.Radius();
-        const double amount = in.Double();
-        const KVRect rect = in.Rect();
-        return p.SetSoftFocus(mode, radius, amount, rect, in.Double());
-      }
-      case kBleachBypass: {
-        m_threadCountIndependent = false;
-        const double amount = in.Double(), desaturation = in.Double();
-        return p.SetBleachBypass(amount, desaturation, in.Double());
-      }
-      case kVignette: {
-        m_threadCountIndependent = false;
-        const KVPixel8_RGB colour = in.Colour();
-        const double amount = in.Double(), midpoint = in.Double(), roundness = in.Double(), feather = in.Double();
-        const double highlights = in.Double();
-        return p.SetVignette(colour, amount, midpoint, roundness, feather, highlights, in.Rect());
-      }
-      default: {
-        m_threadCountIndependent = false;
-        const KVDepthOfFieldType type = in.Enumeration<KVDepthOfFieldType>(0, 1);
-        const KVPoint2F focus = in.PointF();
-        const double angle = in.Double();
-        const unsigned int radius = in.Radius();
-        const double focusSize = in.Double(), transition = in.Double(), amount = in.Double();
-        const double blurParameter = in.Double();
-        return p.SetDepthOfField(type, focus, angle, radius, focusSize, transition, amount, blurParameter,
-                                 in.Rect());
-      }
+  // Queues the row by name with numbers drawn for each parameter; a setter
+  // that refuses queues nothing.
+  void Queue(ByteReader& in, const KVSetterInfo& row) {
+    std::vector<double> values;
+    std::vector<KVAbstractImage*> layers;
+    for (unsigned int p = 0; p < row.parameterCount; ++p) {
+      if (row.parameters[p].type == kParameterLayer) layers.push_back(NewLayer(in));
+      in.Numbers(row.parameters[p], values);
     }
+    in.MaybeMisfit(values);
+    const unsigned short before = queued();
+    const unsigned int count = static_cast<unsigned int>(values.size());
+    const int code = m_processor ? QueueSetter(*m_processor, row.name, values.data(), count)
+                     : m_keyer   ? QueueSetter(*m_keyer, row.name, values.data(), count)
+                                 : QueueSetter(*m_compositor, row.name, values.data(), count, layers.data(),
+                                               static_cast<unsigned int>(layers.size()));
+    const std::string what = std::string(row.name) + " returned " + std::to_string(code);
+    if (!IsRowCode(row, code)) m_failure = what + ", not one of its codes";
+    if (queued() != before + (code == kResultSuccess ? 1 : 0)) {
+      m_failure = what + " and queued " + std::to_string(queued() - before);
+    }
+    if (!SameBytesAtAnyThreadCount(row)) m_threadCountIndependent = false;
+    // The defocus blurs its input in place: queued first, the source.
+    if (code == kResultSuccess && before == 0 && std::strcmp(row.name, "SetDefocus") == 0) m_blursSourceInPlace = true;
   }
 
-  int QueueKeying(ByteReader& in, Size) {
-    enum { kKey, kAlphaSuperContrast, kSpill, kAlphaCrop, kWhiteErode, kYUVBlur, kAlphaBlur, kKeyingCount };
-    int which = static_cast<int>(in.Below(kKeyingCount));
-    const bool orderOneOnly = which == kAlphaSuperContrast || which == kAlphaCrop || which == kWhiteErode;
-    if (orderOneOnly && m_order != kPixelOrderBGRA) which = kAlphaBlur;
-    KVImageKeyer& k = *m_keyer;
-    switch (which) {
-      case kKey: {
-        m_threadCountIndependent = false;  // per-thread statistics
-        const KVKeyColor colour = in.Enumeration<KVKeyColor>(0, 2);
-        const double balance = in.Double(), limit = in.Double();
-        return k.SetAutoColorDifferenceKey(colour, balance, limit, in.Double());
-      }
-      case kAlphaSuperContrast: {
-        m_threadCountIndependent = false;
-        const double low = in.Double();
-        return k.SetAlphaSuperContrast(low, in.Double());
-      }
-      case kSpill: {
-        m_threadCountIndependent = false;
-        const KVChannel channel = in.Enumeration<KVChannel>(0, 1);
-        const KVSpillType type = in.Enumeration<KVSpillType>(0, 2);
-        const double amount = in.Double(), red = in.Double(), green = in.Double(), blue = in.Double();
-        return k.SetSpillSuppression(channel, type, amount, red, green, blue, in.Double());
-      }
-      case kAlphaCrop: {
-        const double left = in.Double(), top = in.Double(), right = in.Double();
-        return k.SetAlphaCrop(left, top, right, in.Double());
-      }
-      case kWhiteErode: {
-        const KVWhiteErodeDirection direction = in.Enumeration<KVWhiteErodeDirection>(0, 2);
-        return k.SetWhiteErode(direction, in.Int());
-      }
-      case kYUVBlur: {
-        const unsigned int radius = in.Radius();
-        return k.SetYUVBlur(radius, in.Enumeration<KVYUVBlurType>(0, 4));
-      }
-      default: {
-        const unsigned int radius = in.Radius();
-        const bool h = in.Bool();
-        return k.SetAlphaStackBlur(radius, h, in.Bool());
-      }
-    }
-  }
-
-  int QueueLayer(ByteReader& in, Size size, kvo::KVLookupTables&) {
-    m_threadCountIndependent = false;
-    // Mostly a layer of the background's size (others are refused, except
-    // by the shadow stage, which takes any size).
-    const Size layerSize = in.Below(6) == 0 ? DecodeSize(in) : size;
-    const KVPixelChannelOrder order = in.Below(8) == 0 ? (m_order == kPixelOrderBGRA ? kPixelOrderARGB : kPixelOrderBGRA)
-                                                       : m_order;
-    m_layers.emplace_back(new Frame(layerSize.width, layerSize.height, order, in.U16()));
+  // Mostly a layer of the background's size and order (others are refused,
+  // except by the shadow stage, which takes any).
+  KVAbstractImage* NewLayer(ByteReader& in) {
+    const Size size = in.Below(6) == 0 ? DecodeSize(in) : m_size;
+    const KVPixelChannelOrder other = m_order == kPixelOrderBGRA ? kPixelOrderARGB : kPixelOrderBGRA;
+    const KVPixelChannelOrder order = in.Below(8) == 0 ? other : m_order;
+    m_layers.emplace_back(new Frame(size.width, size.height, order, in.U16()));
     m_layerBytes.push_back(m_layers.back()->contents());
-    KVImage8* layer = m_layers.back()->image();
-    const bool shared = in.Bool();
-    std::tr1::shared_ptr<KVAbstractImage> sharedLayer = CreateImage(layer->Buffer(), layer->Width(), layer->Height(), order);
-    m_sharedLayers.push_back(sharedLayer);
-    KVImageCompositor& c = *m_compositor;
-    switch (in.Below(3)) {
-      case 0: {
-        const double opacity = in.Double();
-        const KVBlendMode mode = in.Enumeration<KVBlendMode>(0, 13);
-        const KVCompositeType type = in.Enumeration<KVCompositeType>(0, 2);
-        return shared ? c.AddLayer(sharedLayer, opacity, mode, type) : c.AddLayer(layer, opacity, mode, type);
-      }
-      case 1: {
-        const int radius = in.Byte() < 200 ? static_cast<int>(in.Radius() & 0x7FFFFFFFu) : in.Int();
-        const double amount = in.Double();
-        const KVBlendMode mode = in.Enumeration<KVBlendMode>(0, 13);
-        const KVDownsampleFactor factor = in.Enumeration<KVDownsampleFactor>(0, 3);
-        return shared ? c.AddLightSpillLayer(sharedLayer, radius, amount, mode, factor)
-                      : c.AddLightSpillLayer(layer, radius, amount, mode, factor);
-      }
-      default: {
-        const KVRect bounds = in.Rect();
-        const KVPoint2F a = in.PointF(), b = in.PointF(), d = in.PointF(), e = in.PointF();
-        const KVQuad corners(a, b, d, e);
-        const unsigned int radius = in.Radius();
-        const double amount = in.Double();
-        const KVPixel8_RGB colour = in.Colour();
-        const KVBlendMode mode = in.Enumeration<KVBlendMode>(0, 13);
-        const bool flag = in.Bool();
-        const KVDownsampleFactor factor = in.Enumeration<KVDownsampleFactor>(0, 3);
-        return shared ? c.AddShadowCastLayer(sharedLayer, bounds, corners, radius, amount, colour, mode, flag, factor)
-                      : c.AddShadowCastLayer(layer, bounds, corners, radius, amount, colour, mode, flag, factor);
-      }
-    }
+    return m_layers.back()->image();
   }
 
-  FrontEndKind m_kind;
+  KVFrontEnd m_frontEnd;
   unsigned int m_threads;
   KVPixelChannelOrder m_order;
+  Size m_size;
   bool m_threadCountIndependent = true;
   bool m_blursSourceInPlace = false;
   std::string m_failure;
@@ -505,7 +383,6 @@ class Scenario {
   std::unique_ptr<Frame> m_destination;
   std::vector<std::unique_ptr<Frame>> m_layers;
   std::vector<std::vector<unsigned char>> m_layerBytes;
-  std::vector<std::tr1::shared_ptr<KVAbstractImage>> m_sharedLayers;
   std::unique_ptr<KVImageProcessor> m_processor;
   std::unique_ptr<KVImageKeyer> m_keyer;
   std::unique_ptr<KVImageCompositor> m_compositor;

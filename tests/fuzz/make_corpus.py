@@ -1,16 +1,25 @@
 #!/usr/bin/env python3
 """Writes the fuzzer's seed corpus (tests/fuzz/corpus/): for every front end
-and every stage it can queue, one small input that queues that stage on a
-small image, plus a few inputs with several stages, empty and thin images
-and many threads. The layout follows the decoder in PipelineScenario.h;
-the argument bytes are pseudo-random with a fixed seed, so the corpus is
-the same on every run."""
+and every row of the stage catalogue it can queue, one small input that
+queues that row on a small image, plus a few inputs with several stages,
+empty and thin images and many threads. The layout follows the decoder in
+PipelineScenario.h; the argument bytes are pseudo-random with a fixed seed,
+so the corpus is the same on every run."""
 import os
 import random
+import re
 import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-STAGES = {0: 24, 1: 7, 2: 3}  # front end -> number of stage selectors
+CATALOGUE = os.path.join(HERE, "..", "..", "src", "pipeline", "Catalogue.cpp")
+FRONT_ENDS = ["Processor", "Keyer", "Compositor"]
+
+
+def row_counts():
+    """Front end -> number of catalogue rows (the decoder's row selectors)."""
+    with open(CATALOGUE) as f:
+        rows = re.findall(r"\{kFrontEnd(\w+), \"", f.read())
+    return {kind: rows.count(name) for kind, name in enumerate(FRONT_ENDS)}
 
 
 def header(rng, kind, threads, size_mode, size_bytes, stages):
@@ -32,7 +41,7 @@ def main():
     os.makedirs(target, exist_ok=True)
     rng = random.Random(20261121)
     seeds = []
-    for kind, count in STAGES.items():
+    for kind, count in row_counts().items():
         for stage in range(count):
             data = header(rng, kind, 1 + stage % 3, 6, [7, 4], 1) + [stage]
             data += [rng.randrange(256) for _ in range(48)]

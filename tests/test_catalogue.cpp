@@ -1,0 +1,215 @@
+// The stage catalogue against the setters it describes: each row's checks
+// are the setter's and what they let through renders, QueueSetter refuses
+// what does not fit, a call by name is the direct call, and the README's
+// stage table names exactly the catalogue's setters.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "TestSupport.h"
+
+namespace {
+
+using namespace kvo::image;
+using kvo::maths::KVPoint2;
+using kvo::maths::KVPoint2F;
+using kvo::maths::KVQuad;
+using kvo::maths::KVRect;
+using kvtest::GuardedImage;
+typedef std::vector<double> Numbers;
+
+// A front end of the row's kind over small guarded images (a compositor's
+// layer parameter gets a layer of the background's size), queueing by name.
+// Render starts from the same images every time: some stages work in place.
+class Front {
+  GuardedImage m_source{7, 5}, m_destination{7, 5}, m_layer{7, 5};  // outlive the front end
+
+ public:
+  explicit Front(KVFrontEnd frontEnd) {
+    m_source.fill(kvtest::PatternBytes(m_source.bytes(), 8));
+    m_layer.fill(kvtest::PatternBytes(m_layer.bytes(), 4));
+    KVImage8 *source = m_source.image(), *destination = m_destination.image();
+    kvo::KVLookupTables& tables = kvtest::SharedTables();
+    const KVDownsampleFactor none = kDownsampleNone;
+    if (frontEnd == kFrontEndProcessor) processor.reset(new KVImageProcessor(source, destination, tables, none));
+    if (frontEnd == kFrontEndKeyer) keyer.reset(new KVImageKeyer(source, destination, tables, none));
+    if (frontEnd == kFrontEndCompositor) compositor.reset(new KVImageCompositor(source, 1.0, tables, none));
+  }
+  int Queue(const char* name, const Numbers& values, unsigned int layerCount = 1) {
+    const unsigned int count = static_cast<unsigned int>(values.size());
+    KVAbstractImage* layers[] = {layer(), layer()};
+    return processor ? QueueSetter(*processor, name, values.data(), count)
+           : keyer   ? QueueSetter(*keyer, name, values.data(), count)
+                     : QueueSetter(*compositor, name, values.data(), count, layers, layerCount);
+  }
+  unsigned short Queued() const {
+    return processor ? processor->RenderQueueCount()
+           : keyer   ? keyer->RenderQueueCount()
+                     : compositor->RenderQueueCount();
+  }
+  // The destination's bytes, or the composited background's.
+  std::vector<unsigned char> Render() {
+    const std::vector<unsigned char> source = m_source.contents(), destination = m_destination.contents();
+    EXPECT_EQ(processor ? processor->Render() : keyer ? keyer->Render() : compositor->Render(), 0);
+    const std::vector<unsigned char> bytes = compositor ? m_source.contents() : m_destination.contents();
+    EXPECT_TRUE(m_source.guardsIntact() && m_destination.guardsIntact() && m_layer.guardsIntact());
+    m_source.fill(source);
+    m_destination.fill(destination);
+    return bytes;
+  }
+  KVImage8* layer() { return m_layer.image(); }
+
+  std::unique_ptr<KVImageProcessor> processor;
+  std::unique_ptr<KVImageKeyer> keyer;
+  std::unique_ptr<KVImageCompositor> compositor;
+};
+
+Numbers Defaults(const KVSetterInfo& row) {
+  Numbers values;
+  for (const KVParameterInfo* p = row.parameters; p != row.parameters + row.parameterCount; ++p) {
+    values.insert(values.end(), p->defaults, p->defaults + NumberCount(p->type));
+  }
+  return values;
+}
+
+// Queues on a fresh front end; a refusal queues nothing.
+int Queued(const KVSetterInfo& row, const Numbers& values) {
+  Front front(row.frontEnd);
+  const int code = front.Queue(row.name, values);
+  EXPECT_EQ(front.Queued(), code == 0 ? 1 : 0) << "code " << code;
+  return code;
+}
+
+// The numbers a parameter is tried with, each with the code it must bring:
+// a range's ends pass and just beyond is refused; NaN passes every range and
+// an infinity is refused by a range only; radii and sizes far beyond the
+// image pass; a channel selection of 2 is refused; a direction flag and the
+// next both false (0 below) are refused.
+std::vector<std::pair<double, int> > Cases(const KVParameterInfo& p) {
+  const bool ranged = p.check == kCheckRange, real = p.type == kParameterReal;
+  std::vector<std::pair<double, int> > cases;
+  if (ranged) {
+    cases = {{p.minimum, 0}, {p.maximum, 0}, {real ? std::nextafter(p.minimum, -HUGE_VAL) : p.minimum - 1, 7},
+             {real ? std::nextafter(p.maximum, HUGE_VAL) : p.maximum + 1, 7}};
+  }
+  if (real || p.type == kParameterPoint || p.type == kParameterQuad) {
+    cases.insert(cases.end(), {{kvtest::kNaN, 0}, {HUGE_VAL, ranged ? 7 : 0}, {-HUGE_VAL, ranged ? 7 : 0}});
+  }
+  if (p.type == kParameterRadius) cases.insert(cases.end(), {{2896, 0}, {100000, 0}, {4294967295.0, 0}});
+  if (p.type == kParameterInteger) cases.push_back({10000000, 0});
+  if (p.check == kCheckChannelSelection) cases.push_back({2, 10});
+  if (p.check == kCheckDirectionPair) cases.push_back({0, 4});
+  return cases;
+}
+
+// Every number of every parameter of every row over the row's defaults:
+// the codes above, and what is queued renders to 0 with bounded work, the
+// same bytes twice.
+TEST(Catalogue, EveryRowsChecksAreTheSettersAndWhatTheyLetThroughRenders) {
+  for (unsigned int r = 0; r < SetterCount(); ++r) {
+    const KVSetterInfo& row = *SetterAt(r);
+    const Numbers defaults = Defaults(row);
+    EXPECT_EQ(Queued(row, defaults), 0) << row.name;
+    unsigned int at = 0;  // the parameter's first number
+    const KVParameterInfo* end = row.parameters + row.parameterCount;
+    for (const KVParameterInfo* p = row.parameters; p != end; at += NumberCount(p++->type)) {
+      for (unsigned int k = 0; k < NumberCount(p->type); ++k) {
+        for (const auto& c : Cases(*p)) {
+          SCOPED_TRACE(testing::Message() << row.name << " " << p->name << "[" << k << "] = " << c.first);
+          Numbers values = defaults;
+          values[at + k] = c.first;
+          if (p->check == kCheckDirectionPair) values[at + 1] = 0;
+          Front front(row.frontEnd);
+          ASSERT_EQ(front.Queue(row.name, values), c.second);
+          EXPECT_EQ(front.Queued(), c.second == 0 ? 1 : 0);
+          if (c.second == 0) {
+            EXPECT_EQ(front.Render(), front.Render());
+          }
+        }
+      }
+    }
+  }
+}
+
+TEST(Catalogue, QueueSetterRefusesUnknownNamesWrongCountsAndMisfittingNumbers) {
+  Front keyer(kFrontEndKeyer), compositor(kFrontEndCompositor);
+  EXPECT_EQ(keyer.Queue("SetOpacity", {1.0}), 4);
+  EXPECT_EQ(keyer.Queue(nullptr, {}), 4);
+  EXPECT_EQ(compositor.Queue("AddLayer", {1.0, kBlendNormal, kCompositeAlpha}, 2), 4);
+  EXPECT_EQ(keyer.Queued() + compositor.Queued(), 0);
+  // radius, horizontal, vertical, channels, rect (left, top, width, height), feather
+  const KVSetterInfo& blur = *FindSetter(kFrontEndProcessor, "SetBoundedStackBlur");
+  const Numbers numbers = Defaults(blur);
+  EXPECT_EQ(Queued(blur, Numbers(numbers.begin(), numbers.end() - 1)), 4);
+  EXPECT_EQ(Queued(blur, Numbers(numbers.size() + 1, 1.0)), 4);
+  const std::pair<unsigned int, double> misfits[] = {{0, 0.5}, {0, -1},   {0, 4294967296.0}, {1, 2},
+                                                     {3, 3.5}, {3, kvtest::kNaN}, {6, 1.5}, {7, 2147483648.0}};
+  for (const auto& misfit : misfits) {
+    Numbers values = numbers;
+    values[misfit.first] = misfit.second;
+    EXPECT_EQ(Queued(blur, values), 7) << "number " << misfit.first << " = " << misfit.second;
+  }
+  EXPECT_EQ(Queued(*FindSetter(kFrontEndProcessor, "SetSilhouette"), {0, 0, 256}), 7);
+}
+
+// A call by name gives the bytes of the direct call (defaults, and numbers
+// that tell a colour's, a rectangle's and a quadrilateral's apart).
+TEST(Catalogue, QueueingByNameIsTheDirectCall) {
+  const KVQuad floor(KVPoint2F(1, 1), KVPoint2F(6, 0.5), KVPoint2F(0, 4), KVPoint2F(7, 4.5));
+  const struct {
+    KVFrontEnd frontEnd;
+    const char* name;
+    Numbers values;  // none: the row's defaults
+    std::function<int(Front&)> direct;
+  } cases[] = {
+      {kFrontEndProcessor, "SetStackBlur", {},
+       [](Front& f) { return f.processor->SetStackBlur(4, true, true, kChannelsAll); }},
+      {kFrontEndProcessor, "SetBoundedStackBlur", {2, 1, 0, 5, 1, 2, 4, 3, 0.5}, [](Front& f) {
+         return f.processor->SetBoundedStackBlur(2, true, false, kChannelsAll, KVRect(KVPoint2(1, 2), 4, 3), 0.5);
+       }},
+      {kFrontEndKeyer, "SetSpillSuppression", {},
+       [](Front& f) { return f.keyer->SetSpillSuppression(kChannelGreen, kSpillStandard, 1, 0, -1, 0, 1); }},
+      {kFrontEndCompositor, "AddLightSpillLayer", {},
+       [](Front& f) { return f.compositor->AddLightSpillLayer(f.layer(), 8, 0.5, kBlendScreen, kDownsampleNone); }},
+      {kFrontEndCompositor, "AddShadowCastLayer",
+       {0, 0, 7, 5, 1, 1, 6, 0.5, 0, 4, 7, 4.5, 2, 0.7, 10, 20, 30, kBlendMultiply, 1, 0}, [floor](Front& f) {
+         return f.compositor->AddShadowCastLayer(f.layer(), KVRect(KVPoint2(0, 0), 7, 5), floor, 2, 0.7,
+                                                 KVPixel8_RGB{10, 20, 30}, kBlendMultiply, true, kDownsampleNone);
+       }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Front byName(c.frontEnd), direct(c.frontEnd);
+    ASSERT_EQ(byName.Queue(c.name, c.values.empty() ? Defaults(*FindSetter(c.frontEnd, c.name)) : c.values), 0);
+    ASSERT_EQ(c.direct(direct), 0);
+    EXPECT_EQ(byName.Render(), direct.Render());
+  }
+}
+
+// The README's stage table: rows "| processor, keyer | `SetYUVBlur(...` ...".
+TEST(Catalogue, TheReadmeStageTableListsExactlyTheCataloguesSetters) {
+  const char* const frontEnds[] = {"processor", "keyer", "compositor"};
+  std::set<std::string> catalogue, readme;
+  for (unsigned int r = 0; r < SetterCount(); ++r) {
+    catalogue.insert(std::string(frontEnds[SetterAt(r)->frontEnd]) + " " + SetterAt(r)->name);
+  }
+  std::ifstream file(KVIMAGE_README);
+  ASSERT_TRUE(file.good()) << KVIMAGE_README;
+  for (std::string line; std::getline(file, line);) {
+    const size_t tick = line.find("| `"), open = line.find('(', tick);
+    if (line.compare(0, 2, "| ") != 0 || tick == std::string::npos || open == std::string::npos) continue;
+    std::istringstream cell(line.substr(2, tick - 2));
+    for (std::string frontEnd; std::getline(cell >> std::ws, frontEnd, ',');) {
+      frontEnd.erase(frontEnd.find_last_not_of(' ') + 1);
+      for (const char* known : frontEnds) {
+        if (frontEnd == known) readme.insert(frontEnd + " " + line.substr(tick + 3, open - tick - 3));
+      }
+    }
+  }
+  EXPECT_EQ(readme, catalogue);
+}
+
+}  // namespace
