@@ -9,7 +9,7 @@
 #include <kvimage/types.h>
 
 #include "compositing/BlendVectors.h"
-#include "support/Assert.h"
+#include "support/AssertionSites.h"
 #include "support/Conversions.h"
 #include "support/PathChoice.h"
 #include "support/PixelLayout.h"
@@ -135,32 +135,15 @@ inline void FillWeightedAlpha(double opacity, unsigned char (&weightedAlpha)[256
   }
 }
 
-// The fixed source lines of the four layer/background match assertions of a
-// stage that lays a layer of the background's size over it.
-struct LayerMatchAssertionLines {
-  unsigned int width;
-  unsigned int height;
-  unsigned int depth;
-  unsigned int order;
-};
-
 // A layer that differs from the background in width, height, depth or channel
-// order is a fatal programming error, reported under the stage's source name.
-inline void AssertLayerMatchesBackground(const KVAbstractImage* m_foregroundLayer,
-                                         const KVAbstractImage* backgroundLayer, const char* source,
-                                         const LayerMatchAssertionLines& lines) {
-  KV_ASSERT(m_foregroundLayer->Width() == backgroundLayer->Width(), source, lines.width,
-            "m_foregroundLayer->Width() == backgroundLayer->Width() && \"Width of foreground and background layers "
-            "does not match\"");
-  KV_ASSERT(m_foregroundLayer->Height() == backgroundLayer->Height(), source, lines.height,
-            "m_foregroundLayer->Height() == backgroundLayer->Height() && \"Height of foreground and background "
-            "layers does not match\"");
-  KV_ASSERT(m_foregroundLayer->BitsPerChannel() == backgroundLayer->BitsPerChannel(), source, lines.depth,
-            "m_foregroundLayer->BitsPerChannel() == backgroundLayer->BitsPerChannel() && \"BPC of foreground and "
-            "background layers does not match\"");
-  KV_ASSERT(m_foregroundLayer->PixelChannelOrder() == backgroundLayer->PixelChannelOrder(), source, lines.order,
-            "m_foregroundLayer->PixelChannelOrder() == backgroundLayer->PixelChannelOrder() && \"Pixel channel "
-            "order of foreground and background layers does not match\"");
+// order is a fatal programming error; `first` is the stage's width site, its
+// height, depth and order sites follow it.
+inline void AssertLayerMatchesBackground(const KVAbstractImage* layer, const KVAbstractImage* background,
+                                         AssertionSite first) {
+  AssertAt(layer->Width() == background->Width(), first);
+  AssertAt(layer->Height() == background->Height(), static_cast<AssertionSite>(first + 1));
+  AssertAt(layer->BitsPerChannel() == background->BitsPerChannel(), static_cast<AssertionSite>(first + 2));
+  AssertAt(layer->PixelChannelOrder() == background->PixelChannelOrder(), static_cast<AssertionSite>(first + 3));
 }
 
 // A layer over the background: `pixels` pixels of each from the same place,

@@ -9,14 +9,6 @@ namespace image {
 
 namespace {
 
-// The mismatch assertions' fixed source lines.
-enum : unsigned int {
-  kWidthAssertionLine = 64,
-  kHeightAssertionLine = 66,
-  kDepthAssertionLine = 68,
-  kOrderAssertionLine = 70
-};
-
 // Replace copies the layer's colour bytes whatever their alpha.
 size_t ReplaceColour_Plain(const LayerRun& run) {
   const unsigned char* layer = run.top;
@@ -77,9 +69,7 @@ unsigned int LayerCompositor::Type() const { return 0; }
 void LayerCompositor::Setup(KVAbstractImage*) { m_kernel = ChooseKernel(LayerRungs(m_compositeType, m_blendMode)); }
 
 int LayerCompositor::Render(KVAbstractImage* backgroundLayer, unsigned char threadIndex, unsigned char threadCount) {
-  const LayerMatchAssertionLines lines = {kWidthAssertionLine, kHeightAssertionLine, kDepthAssertionLine,
-                                          kOrderAssertionLine};
-  AssertLayerMatchesBackground(m_foregroundLayer, backgroundLayer, "LayerCompositor", lines);
+  AssertLayerMatchesBackground(m_foregroundLayer, backgroundLayer, kAssertLayerWidth);
   const unsigned int depth = backgroundLayer->BitsPerChannel();
   if (depth != 0) return static_cast<int>(depth);
   return Render8(static_cast<KVImage8*>(backgroundLayer), threadIndex, threadCount);

@@ -11,8 +11,6 @@ namespace image {
 
 namespace {
 
-// The mismatch assertions' fixed source lines.
-const LayerMatchAssertionLines kMatchAssertionLines = {88, 90, 92, 94};
 
 // The glow keeps the background wherever its weighted alpha is 0.
 KernelRungs<LayerKernel> GlowRungs(KVBlendMode mode) {
@@ -72,7 +70,7 @@ void LightSpillLayerCompositor::Setup(KVAbstractImage*) {
 
 int LightSpillLayerCompositor::Render(KVAbstractImage* backgroundLayer, unsigned char threadIndex,
                                       unsigned char threadCount) {
-  AssertLayerMatchesBackground(m_layer, backgroundLayer, "LightSpillLayerCompositor", kMatchAssertionLines);
+  AssertLayerMatchesBackground(m_layer, backgroundLayer, kAssertLightSpillWidth);
   const unsigned int depth = backgroundLayer->BitsPerChannel();
   if (depth != 0) return static_cast<int>(depth);
   return Render8(static_cast<KVImage8*>(backgroundLayer), threadIndex, threadCount);

@@ -7,7 +7,7 @@
 #include "pipeline/RenderLoop.h"
 #include "pipeline/FrontEndState.h"
 #include "pipeline/ResultCodes.h"
-#include "support/CPUExtensions.h"
+#include "support/PathChoice.h"
 
 namespace kvo {
 namespace image {

@@ -5,7 +5,7 @@
 
 #include "pipeline/FrontEndState.h"
 #include "pipeline/ResultCodes.h"
-#include "support/CPUExtensions.h"
+#include "support/PathChoice.h"
 #include "support/Conversions.h"
 
 namespace kvo {

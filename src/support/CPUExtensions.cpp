@@ -1,4 +1,4 @@
-#include "support/CPUExtensions.h"
+#include <kvimage/support.h>
 
 #include <cpuid.h>
 

@@ -73,7 +73,7 @@ void BrightnessRenderer::Setup(KVAbstractImage*) {
 
 int BrightnessRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                unsigned char threadCount) {
-  RequireBlueGreenRedAlpha(source, "BrightnessRenderer", 305);
+  AssertBGRA8(source, kAssertBrightnessFormat);
   return RenderTableShare(source, destination, threadIndex, threadCount, m_kernel, Brightness_Plain,
                           BrightnessArguments{m_table, m_channels, m_brightness});
 }

@@ -16,20 +16,12 @@
 #include <kvimage/types.h>
 
 #include "renderers/colour/PixelRun.h"
-#include "support/Assert.h"
+#include "support/AssertionSites.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
 
 namespace kvo {
 namespace image {
-
-// The stages with a plain and a vector path handle 8-bit blue, green, red,
-// alpha sources only; anything else is a programming error reported at the
-// stage's own source name and line.
-inline void RequireBlueGreenRedAlpha(KVAbstractImage* source, const char* stageSource, unsigned int line) {
-  KV_ASSERT(source->BitsPerChannel() == 0 && source->PixelChannelOrder() == kPixelOrderBGRA, stageSource, line,
-            "false && \"Not implemented\"");
-}
 
 // One thread of a stage whose plain path walks a table and whose vector path
 // computes its own formula. The plain kernel walks the plain share. Any other

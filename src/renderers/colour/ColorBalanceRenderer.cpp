@@ -72,7 +72,7 @@ void ColorBalanceRenderer::Setup(KVAbstractImage*) {
 
 int ColorBalanceRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                  unsigned char threadCount) {
-  RequireBlueGreenRedAlpha(source, "ColorBalanceRenderer", 373);
+  AssertBGRA8(source, kAssertColorBalanceFormat);
   return RenderTableShare(source, destination, threadIndex, threadCount, m_kernel, ColorBalance_Plain,
                           ColorBalanceArguments{m_blueTable, m_greenTable, m_redTable, m_blue, m_green, m_red});
 }

@@ -83,7 +83,7 @@ void ContrastRenderer::Setup(KVAbstractImage*) {
 
 int ContrastRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                              unsigned char threadCount) {
-  RequireBlueGreenRedAlpha(source, "ContrastRenderer", 464);
+  AssertBGRA8(source, kAssertContrastFormat);
   return RenderTableShare(source, destination, threadIndex, threadCount, m_kernel, Contrast_Plain,
                           ContrastArguments{m_table, m_channels, m_contrast});
 }

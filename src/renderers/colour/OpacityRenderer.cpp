@@ -5,7 +5,7 @@
 #include <kvimage/colour.h>
 
 #include "renderers/colour/ChannelTables.h"
-#include "support/Assert.h"
+#include "support/AssertionSites.h"
 #include "support/Conversions.h"
 #include "support/PathChoice.h"
 #include "support/PixelLayout.h"
@@ -58,8 +58,7 @@ void OpacityRenderer::Setup(KVAbstractImage*) {}
 
 int OpacityRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                             unsigned char threadCount) {
-  KV_ASSERT(source->BitsPerChannel() == 0 && source->PixelChannelOrder() == kPixelOrderBGRA, "OpacityRenderer", 211,
-            "false && \"Not implemented\"");
+  AssertBGRA8(source, kAssertOpacityFormat);
   return RenderTableShare(source, destination, threadIndex, threadCount, m_kernel, Opacity_Plain,
                           OpacityArguments{m_opacity});
 }

@@ -1,6 +1,6 @@
 #include <kvimage/colour.h>
 
-#include "support/Assert.h"
+#include "support/AssertionSites.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
 
@@ -18,8 +18,7 @@ void SilhouetteRenderer::Setup(KVAbstractImage*) {}
 
 int SilhouetteRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                unsigned char threadCount) {
-  KV_ASSERT(source->BitsPerChannel() == 0 && source->PixelChannelOrder() == kPixelOrderBGRA, "SilhouetteRenderer", 77,
-            "false && \"Not implemented\"");
+  AssertBGRA8(source, kAssertSilhouetteFormat);
   return Render8_CPP(source, destination, threadIndex, threadCount);
 }
 

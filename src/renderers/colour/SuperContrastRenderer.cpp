@@ -190,7 +190,7 @@ void SuperContrastRenderer::Setup(KVAbstractImage*) {
 
 int SuperContrastRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                   unsigned char threadCount) {
-  RequireBlueGreenRedAlpha(source, "SuperContrastRenderer", 513);
+  AssertBGRA8(source, kAssertSuperContrastFormat);
   return RenderSuperContrastShare(source, destination, threadIndex, threadCount, m_kernel,
                                   SuperContrastArguments{m_table, m_channels, m_low, m_high});
 }

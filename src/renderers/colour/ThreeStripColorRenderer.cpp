@@ -3,7 +3,7 @@
 #include <kvimage/colour.h>
 
 #include "renderers/colour/PixelRun.h"
-#include "support/Assert.h"
+#include "support/AssertionSites.h"
 #include "support/Conversions.h"
 #include "support/PathChoice.h"
 #include "support/PixelLayout.h"
@@ -136,8 +136,7 @@ void ThreeStripColorRenderer::Setup(KVAbstractImage*) {
 
 int ThreeStripColorRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                     unsigned char threadCount) {
-  KV_ASSERT(source->BitsPerChannel() == 0 && source->PixelChannelOrder() == kPixelOrderBGRA,
-            "ThreeStripColorRenderer", 151, "false && \"Not implemented\"");
+  AssertBGRA8(source, kAssertThreeStripFormat);
   return RenderWith(m_kernel, source, destination, threadIndex, threadCount);
 }
 

@@ -2,7 +2,7 @@
 
 #include <kvimage/colour.h>
 
-#include "support/Assert.h"
+#include "support/AssertionSites.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
@@ -82,8 +82,7 @@ void TintRenderer::Setup(KVAbstractImage*) {
 
 int TintRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                          unsigned char threadCount) {
-  KV_ASSERT(source->BitsPerChannel() == 0 && source->PixelChannelOrder() == kPixelOrderBGRA, "TintRenderer", 175,
-            "false && \"Not implemented\"");
+  AssertBGRA8(source, kAssertTintFormat);
   return Render8_CPP(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
 }
 
