@@ -5,6 +5,7 @@
 
 #include <kvimage/keying.h>
 
+#include "pipeline/StageNeeds.h"
 #include "support/Conversions.h"
 #include "support/PathChoice.h"
 #include "support/PixelLayout.h"
@@ -12,6 +13,10 @@
 
 namespace kvo {
 namespace image {
+
+// Splits an 8-bit output into byte shares that cover it and writes every
+// whole pixel of its share; other depths are refused and written not at all.
+StageNeeds NeedsOf(const SpillSuppressor&) { return StageNeeds{IsEightBit, false}; }
 
 // The weights of the advanced method, for the computed kernels.
 struct AdvancedFactors {

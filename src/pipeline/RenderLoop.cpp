@@ -1,6 +1,7 @@
 #include "pipeline/RenderLoop.h"
 
 #include <cstring>
+#include <memory>
 
 #include "support/ParallelPass.h"
 
@@ -63,21 +64,20 @@ const size_t kMostSpareImages = 2;
 // An image of the input's size and order for a stage to write, taken from the
 // spares when one fits: all zero, filled on the pass's threads, unless the
 // stage tells it overwrites it (then its earlier bytes cannot show).
-std::tr1::shared_ptr<KVAbstractImage> NewIntermediate(const StageNeeds& needs, KVAbstractImage* input,
-                                                      unsigned char threadCount,
-                                                      std::vector<std::tr1::shared_ptr<KVAbstractImage> >& spares) {
-  std::tr1::shared_ptr<KVAbstractImage> held;
+std::unique_ptr<KVImage8> NewIntermediate(const StageNeeds& needs, KVAbstractImage* input, unsigned char threadCount,
+                                          std::vector<std::unique_ptr<KVImage8> >& spares) {
+  std::unique_ptr<KVImage8> held;
   for (size_t k = 0; k < spares.size(); ++k) {
-    KVAbstractImage* spare = spares[k].get();
+    KVImage8* spare = spares[k].get();
     if (spare->Width() == input->Width() && spare->Height() == input->Height() &&
         spare->PixelChannelOrder() == input->PixelChannelOrder()) {
-      held = spares[k];
+      held = std::move(spares[k]);
       spares.erase(spares.begin() + static_cast<std::ptrdiff_t>(k));
       break;
     }
   }
   if (!held) held.reset(new KVImage8(input->Width(), input->Height(), input->PixelChannelOrder(), false));
-  KVImage8* image = static_cast<KVImage8*>(held.get());
+  KVImage8* image = held.get();
   if (threadCount != 0 && needs.WritesWholeOutput(*input)) return held;
   // A small image is cleared at once; a large one by the pass's threads,
   // each a contiguous share.
@@ -94,15 +94,11 @@ std::tr1::shared_ptr<KVAbstractImage> NewIntermediate(const StageNeeds& needs, K
   return held;
 }
 
-// Releases an intermediate, keeping its image as a spare when nothing else
-// holds it.
-void KeepSpare(std::tr1::shared_ptr<KVAbstractImage>& image,
-               std::vector<std::tr1::shared_ptr<KVAbstractImage> >& spares) {
-  if (image && image.use_count() == 1) {
-    if (spares.size() == kMostSpareImages) spares.erase(spares.begin());
-    spares.push_back(image);
-  }
-  image.reset();
+// Releases an intermediate, keeping its image as a spare.
+void KeepSpare(std::unique_ptr<KVImage8>& image, std::vector<std::unique_ptr<KVImage8> >& spares) {
+  if (!image) return;
+  if (spares.size() == kMostSpareImages) spares.erase(spares.begin());
+  spares.push_back(std::move(image));
 }
 
 }  // namespace
@@ -118,7 +114,7 @@ int StageQueue::Render(KVAbstractImage* source, KVAbstractImage* destination) {
     const bool chained = m_chaining == kChainThroughIntermediates;
     // intermediates[i] is what stage i writes for stage i + 1, released one
     // stage later.
-    std::vector<std::tr1::shared_ptr<KVAbstractImage> > intermediates(chained ? stageCount : 0);
+    std::vector<std::unique_ptr<KVImage8> > intermediates(chained ? stageCount : 0);
     const unsigned char threadCount = PassThreadCount();
     int result = kResultSuccess;
     for (size_t i = 0; i < stageCount; ++i) {

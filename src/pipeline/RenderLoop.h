@@ -3,6 +3,7 @@
 
 #include <kvimage/pipeline.h>
 
+#include <memory>
 #include <tr1/memory>
 #include <vector>
 
@@ -88,7 +89,7 @@ class StageQueue {
   // Intermediate images a render has finished with, kept (at most two) for
   // the next intermediate of the same shape, in this render or a later one:
   // their pages are already mapped and often still cached.
-  std::vector<std::tr1::shared_ptr<KVAbstractImage> > m_spareImages;
+  std::vector<std::unique_ptr<KVImage8> > m_spareImages;
 };
 
 }  // namespace image

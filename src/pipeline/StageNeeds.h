@@ -37,21 +37,18 @@ struct StageNeeds {
 };
 
 // Input conditions for StageNeeds::writesWholeOutputFor.
-bool IsEightBit(const KVAbstractImage& input);
+inline bool IsEightBit(const KVAbstractImage& input) { return input.BitsPerChannel() == 0; }
 
 // What each stage tells the queue, chosen by overload resolution on the
 // stage's class when it is queued. Any stage no overload names tells nothing.
-StageNeeds NeedsOf(const AbstractRenderer& stage);
-StageNeeds NeedsOf(const AbstractCompositor& stage);
+inline StageNeeds NeedsOf(const AbstractRenderer&) { return StageNeeds{nullptr, false}; }
+inline StageNeeds NeedsOf(const AbstractCompositor&) { return StageNeeds{nullptr, false}; }
 
-// Keying stages (defined in the stage's own file, the spill suppressor's in
-// StageNeeds.cpp).
+// The stages that tell something, each defined in the stage's own file.
 StageNeeds NeedsOf(const ColorDifferenceKeyer& stage);
 StageNeeds NeedsOf(const SpillSuppressor& stage);
 StageNeeds NeedsOf(const AlphaCrop& stage);
 StageNeeds NeedsOf(const WhiteErodeRenderer& stage);
-
-// Colour stages (defined in StageNeeds.cpp).
 StageNeeds NeedsOf(const SilhouetteRenderer& stage);
 StageNeeds NeedsOf(const MatteViewRenderer& stage);
 StageNeeds NeedsOf(const ColorTemperatureRenderer& stage);

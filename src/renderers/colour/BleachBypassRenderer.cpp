@@ -1,6 +1,7 @@
 #include <kvimage/colour.h>
 #include <kvimage/compositing.h>
 
+#include "pipeline/StageNeeds.h"
 #include "renderers/colour/Rec601Luma.h"
 #include "support/Conversions.h"
 #include "support/PixelLayout.h"
@@ -8,6 +9,9 @@
 
 namespace kvo {
 namespace image {
+
+// Each pixel alone, on one path, from tables built from the arguments only.
+StageNeeds NeedsOf(const BleachBypassRenderer&) { return StageNeeds{nullptr, true}; }
 
 namespace {
 

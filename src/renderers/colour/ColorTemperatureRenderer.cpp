@@ -2,11 +2,16 @@
 
 #include <kvimage/colour.h>
 
+#include "pipeline/StageNeeds.h"
 #include "renderers/colour/ChannelTables.h"
 #include "support/Conversions.h"
 
 namespace kvo {
 namespace image {
+
+// Each pixel alone, on one path, from tables Setup builds from the
+// temperature only.
+StageNeeds NeedsOf(const ColorTemperatureRenderer&) { return StageNeeds{nullptr, true}; }
 
 namespace {
 

@@ -1,10 +1,14 @@
 #include <kvimage/colour.h>
 
+#include "pipeline/StageNeeds.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
 
 namespace kvo {
 namespace image {
+
+// Each pixel alone, on one path: its alpha as opaque grey.
+StageNeeds NeedsOf(const MatteViewRenderer&) { return StageNeeds{nullptr, true}; }
 
 MatteViewRenderer::MatteViewRenderer() {}
 

@@ -1,11 +1,15 @@
 #include <kvimage/colour.h>
 
+#include "pipeline/StageNeeds.h"
 #include "support/AssertionSites.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
 
 namespace kvo {
 namespace image {
+
+// Each pixel alone, on one path: one colour and the pixel's own alpha.
+StageNeeds NeedsOf(const SilhouetteRenderer&) { return StageNeeds{nullptr, true}; }
 
 SilhouetteRenderer::SilhouetteRenderer(KVPixel8_RGB colour)
     : m_red(colour.red), m_green(colour.green), m_blue(colour.blue) {}
