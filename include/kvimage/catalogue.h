@@ -74,6 +74,12 @@ struct KVSetterInfo {
   // The stage renders 8-bit BGRA images only: any other order reaches one
   // of its assertions (a host checks the order before it queues).
   bool requiresBGRA;
+  // The stage gives the same bytes whatever the thread count, for a
+  // destination of the source's size. The others depend on the count by
+  // design (per-thread statistics, vector paths taken per share, walks over
+  // thread shares): a host that needs the same bytes on every machine fixes
+  // the count with KVSystem::SetCPUCoreCount.
+  bool sameBytesAtAnyThreadCount;
 };
 
 // How many numbers a parameter of this type takes in a value list.

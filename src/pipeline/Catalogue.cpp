@@ -167,6 +167,7 @@ struct SetterSpec {
   const char* name;
   const char* stage;
   bool requiresBGRA;
+  bool sameBytesAtAnyThreadCount;
   const char* explanation;
   std::vector<ParameterSpec> parameters;
   Invoker invoke;
@@ -186,60 +187,60 @@ const char* const kFeatherText = "width of the feathered edge of the blurred reg
 const std::vector<SetterSpec>& Specs() {
   static const std::vector<SetterSpec> specs = {
       // The processor.
-      {kFrontEndProcessor, "SetOpacity", "OpacityRenderer", true, "scale alpha (plain and SSE2 paths)",
+      {kFrontEndProcessor, "SetOpacity", "OpacityRenderer", true, false, "scale alpha (plain and SSE2 paths)",
        {Checked("opacity", 0, 1, 1, "alpha multiplier")},
        [](void* f, const Arguments& a) { return P(f).SetOpacity(a.Real(0)); }},
-      {kFrontEndProcessor, "SetMirror", "MirrorRenderer", false, "carries its flags and writes nothing",
+      {kFrontEndProcessor, "SetMirror", "MirrorRenderer", false, true, "carries its flags and writes nothing",
        {Flag("first", true, "first flag"), Flag("second", false, "second flag")},
        [](void* f, const Arguments& a) { return P(f).SetMirror(a.Flag(0), a.Flag(1)); }},
-      {kFrontEndProcessor, "SetSilhouette", "SilhouetteRenderer", true, "one colour, source alpha",
+      {kFrontEndProcessor, "SetSilhouette", "SilhouetteRenderer", true, true, "one colour, source alpha",
        {Colour("colour", 0, 0, 0, "the silhouette's colour")},
        [](void* f, const Arguments& a) { return P(f).SetSilhouette(a.Colour(0)); }},
-      {kFrontEndProcessor, "SetMatteView", "MatteViewRenderer", false, "alpha as opaque grey", {},
+      {kFrontEndProcessor, "SetMatteView", "MatteViewRenderer", false, true, "alpha as opaque grey", {},
        [](void* f, const Arguments&) { return P(f).SetMatteView(); }},
-      {kFrontEndProcessor, "SetBrightness", "BrightnessRenderer", true, "add to the channels (plain and SSE2 paths)",
+      {kFrontEndProcessor, "SetBrightness", "BrightnessRenderer", true, false, "add to the channels (plain and SSE2 paths)",
        {Checked("brightness", -1, 1, 0, "offset, a fraction of 255"),
         Choice("channels", kChannels, kChannelsColor, "the bytes processed", kCheckChannelSelection)},
        [](void* f, const Arguments& a) {
          return P(f).SetBrightness(a.Real(0), a.Choice<KVChannelsToProcess>(1));
        }},
-      {kFrontEndProcessor, "SetContrast", "ContrastRenderer", true,
+      {kFrontEndProcessor, "SetContrast", "ContrastRenderer", true, false,
        "scale the channels about the middle (plain and SSE2 paths)",
        {Checked("contrast", 0, 2, 1, "gain about 128 (1 unchanged)"),
         Choice("channels", kChannels, kChannelsColor, "the bytes processed", kCheckChannelSelection)},
        [](void* f, const Arguments& a) { return P(f).SetContrast(a.Real(0), a.Choice<KVChannelsToProcess>(1)); }},
-      {kFrontEndProcessor, "SetSuperContrast", "SuperContrastRenderer", true,
+      {kFrontEndProcessor, "SetSuperContrast", "SuperContrastRenderer", true, false,
        "stretch low..high to the full range (plain and SSE2 paths)",
        {Checked("low", 0, 1, 0, "becomes 0"), Checked("high", 0, 1, 1, "becomes 255"),
         Choice("channels", kChannels, kChannelsColor, "the bytes processed")},
        [](void* f, const Arguments& a) {
          return P(f).SetSuperContrast(a.Real(0), a.Real(1), a.Choice<KVChannelsToProcess>(2));
        }},
-      {kFrontEndProcessor, "SetColorBalance", "ColorBalanceRenderer", true, "channel gains (plain and SSE2 paths)",
+      {kFrontEndProcessor, "SetColorBalance", "ColorBalanceRenderer", true, false, "channel gains (plain and SSE2 paths)",
        {Checked("red", 0, 2, 1, "red gain (1 unchanged)"), Checked("green", 0, 2, 1, "green gain"),
         Checked("blue", 0, 2, 1, "blue gain")},
        [](void* f, const Arguments& a) { return P(f).SetColorBalance(a.Real(0), a.Real(1), a.Real(2)); }},
-      {kFrontEndProcessor, "SetColorTemperature", "ColorTemperatureRenderer", false, "black-body cast",
+      {kFrontEndProcessor, "SetColorTemperature", "ColorTemperatureRenderer", false, true, "black-body cast",
        {Checked("kelvin", 1500, 13500, 6500, "colour temperature", "kelvin")},
        [](void* f, const Arguments& a) { return P(f).SetColorTemperature(a.Real(0)); }},
-      {kFrontEndProcessor, "SetSaturation", "SaturationRenderer", false, "HSV saturation in double precision",
+      {kFrontEndProcessor, "SetSaturation", "SaturationRenderer", false, true, "HSV saturation in double precision",
        {Checked("saturation", 0, 2, 1, "saturation gain (1 unchanged, 0 grey)")},
        [](void* f, const Arguments& a) { return P(f).SetSaturation(a.Real(0)); }},
-      {kFrontEndProcessor, "SetHueShift", "HueShiftRenderer", false, "rotate the hue (integer HLS)",
+      {kFrontEndProcessor, "SetHueShift", "HueShiftRenderer", false, true, "rotate the hue (integer HLS)",
        {Checked("shift", 0, 360, 0, "hue rotation", "degrees"), Checked("amount", 0, 1, 1, "mix with the input")},
        [](void* f, const Arguments& a) { return P(f).SetHueShift(a.Real(0), a.Real(1)); }},
-      {kFrontEndProcessor, "SetHueColorize", "HueColorizeRenderer", false, "one hue, lightness kept",
+      {kFrontEndProcessor, "SetHueColorize", "HueColorizeRenderer", false, true, "one hue, lightness kept",
        {Checked("hue", 0, 360, 0, "the hue", "degrees"), Checked("amount", 0, 1, 1, "mix with the input")},
        [](void* f, const Arguments& a) { return P(f).SetHueColorize(a.Real(0), a.Real(1)); }},
-      {kFrontEndProcessor, "SetTint", "TintRenderer", true, "grey, warm or nine tone tables",
+      {kFrontEndProcessor, "SetTint", "TintRenderer", true, true, "grey, warm or nine tone tables",
        {Choice("type", kTints, kTintGrey, "the tone (any other value is warm)"),
         Checked("amount", 0, 1, 1, "mix with the input")},
        [](void* f, const Arguments& a) { return P(f).SetTint(a.Choice<KVTintType>(0), a.Real(1)); }},
-      {kFrontEndProcessor, "SetThreeStripColor", "ThreeStripColorRenderer", true, "three-strip colour film look",
+      {kFrontEndProcessor, "SetThreeStripColor", "ThreeStripColorRenderer", true, true, "three-strip colour film look",
        {Checked("a", 0, 1, 0, "first level"), Checked("b", 0, 1, 0, "second level"),
         Checked("c", 0, 1, 0, "third level")},
        [](void* f, const Arguments& a) { return P(f).SetThreeStripColor(a.Real(0), a.Real(1), a.Real(2)); }},
-      {kFrontEndProcessor, "SetStackBlur", "StackBlurRenderer", false,
+      {kFrontEndProcessor, "SetStackBlur", "StackBlurRenderer", false, true,
        "stack blur (alpha: alpha only; any other selection: all four bytes)",
        {Radius("radius", 4, kRadiusText), Flag("horizontal", true, "blur along rows", kCheckDirectionPair),
         Flag("vertical", true, "blur down columns"),
@@ -247,10 +248,10 @@ const std::vector<SetterSpec>& Specs() {
        [](void* f, const Arguments& a) {
          return P(f).SetStackBlur(a.Radius(0), a.Flag(1), a.Flag(2), a.Choice<KVChannelsToProcess>(3));
        }},
-      {kFrontEndProcessor, "SetYUVBlur", "YUVBlurRenderer", false, "chroma box or stack blur",
+      {kFrontEndProcessor, "SetYUVBlur", "YUVBlurRenderer", false, false, "chroma box or stack blur",
        {Radius("radius", 4, kRadiusText), Choice("type", kYUVBlurTypes, kYUVBlurStack, "the blur (above 3: none)")},
        [](void* f, const Arguments& a) { return P(f).SetYUVBlur(a.Radius(0), a.Choice<KVYUVBlurType>(1)); }},
-      {kFrontEndProcessor, "SetBoundedStackBlur", "BoundedStackBlurRenderer", false,
+      {kFrontEndProcessor, "SetBoundedStackBlur", "BoundedStackBlurRenderer", false, true,
        "stack blur inside a rectangle, feathered into the image",
        {Radius("radius", 4, kRadiusText), Flag("horizontal", true, "blur along rows", kCheckDirectionPair),
         Flag("vertical", true, "blur down columns"),
@@ -260,17 +261,17 @@ const std::vector<SetterSpec>& Specs() {
          return P(f).SetBoundedStackBlur(a.Radius(0), a.Flag(1), a.Flag(2), a.Choice<KVChannelsToProcess>(3),
                                          a.Rect(4), a.Real(5));
        }},
-      {kFrontEndProcessor, "SetDefocus", "DefocusRenderer", true,
+      {kFrontEndProcessor, "SetDefocus", "DefocusRenderer", true, false,
        "blur, then brighten by 1/(1 - amount); blurs its input in place",
        {Radius("radius", 8, kRadiusText), Checked("amount", 0, 0.8, 0.4, "brightening"),
         Free("blurParameter", 0, kHuge, 0, kFeatherText, "pixels")},
        [](void* f, const Arguments& a) { return P(f).SetDefocus(a.Radius(0), a.Real(1), a.Real(2)); }},
-      {kFrontEndProcessor, "SetDiffuse", "DiffuseRenderer", true,
+      {kFrontEndProcessor, "SetDiffuse", "DiffuseRenderer", true, false,
        "blurred copy laid over the image by blurred alpha x amount",
        {Radius("radius", 8, kRadiusText), Checked("amount", 0, 1, 0.5, "strength of the glow"),
         Free("blurParameter", 0, kHuge, 0, kFeatherText, "pixels")},
        [](void* f, const Arguments& a) { return P(f).SetDiffuse(a.Radius(0), a.Real(1), a.Real(2)); }},
-      {kFrontEndProcessor, "SetSharpen", "SharpenRenderer", true,
+      {kFrontEndProcessor, "SetSharpen", "SharpenRenderer", true, false,
        "unsharp mask; differences below the threshold left alone",
        {Radius("radius", 4, kRadiusText), Checked("amount", 0, 1, 0.6, "strength"),
         Checked("threshold", 0, 1, 0.02, "smallest difference sharpened"),
@@ -278,7 +279,7 @@ const std::vector<SetterSpec>& Specs() {
        [](void* f, const Arguments& a) {
          return P(f).SetSharpen(a.Radius(0), a.Real(1), a.Real(2), a.Real(3));
        }},
-      {kFrontEndProcessor, "SetSoftFocus", "SoftFocusRenderer", true,
+      {kFrontEndProcessor, "SetSoftFocus", "SoftFocusRenderer", true, false,
        "blurred copy blended and composited over the destination",
        {Choice("mode", kBlendModes, kBlendScreen, "how the blurred copy is blended"),
         Radius("radius", 8, kRadiusText), Checked("amount", 0, 1, 0.5, "opacity of the blurred copy"),
@@ -287,12 +288,12 @@ const std::vector<SetterSpec>& Specs() {
        [](void* f, const Arguments& a) {
          return P(f).SetSoftFocus(a.Choice<KVBlendMode>(0), a.Radius(1), a.Real(2), a.Rect(3), a.Real(4));
        }},
-      {kFrontEndProcessor, "SetBleachBypass", "BleachBypassRenderer", false,
+      {kFrontEndProcessor, "SetBleachBypass", "BleachBypassRenderer", false, false,
        "luminance overlaid on colour, pulled to grey, S-curve about 128; (0, 0, 0) is the identity",
        {Checked("amount", 0, 1, 0.5, "overlay of the luminance"), Checked("desaturation", 0, 1, 0.5, "pull to grey"),
         Checked("contrast", 0, 1, 0.5, "S-curve strength")},
        [](void* f, const Arguments& a) { return P(f).SetBleachBypass(a.Real(0), a.Real(1), a.Real(2)); }},
-      {kFrontEndProcessor, "SetVignette", "VignetteRenderer", false,
+      {kFrontEndProcessor, "SetVignette", "VignetteRenderer", false, false,
        "colour toward the edges of bounds (empty: whole image), ellipse at roundness 0, circle at 1; highlights "
        "protect bright pixels",
        {Colour("colour", 0, 0, 0, "the colour at the edges"), Checked("amount", 0, 1, 0.5, "strength"),
@@ -303,7 +304,7 @@ const std::vector<SetterSpec>& Specs() {
        [](void* f, const Arguments& a) {
          return P(f).SetVignette(a.Colour(0), a.Real(1), a.Real(2), a.Real(3), a.Real(4), a.Real(5), a.Rect(6));
        }},
-      {kFrontEndProcessor, "SetDepthOfField", "DepthOfFieldRenderer", false,
+      {kFrontEndProcessor, "SetDepthOfField", "DepthOfFieldRenderer", false, false,
        "blur growing away from a disc (radial) or a band at angle degrees (linear) through focus; sizes as "
        "fractions of the diagonal; outside bounds copied",
        {Choice("type", kDepthOfFieldTypes, kDepthOfFieldRadial, "disc or band (any other value is radial)"),
@@ -319,7 +320,7 @@ const std::vector<SetterSpec>& Specs() {
        }},
 
       // The keyer.
-      {kFrontEndKeyer, "SetAutoColorDifferenceKey", "ColorDifferenceKeyer", false,
+      {kFrontEndKeyer, "SetAutoColorDifferenceKey", "ColorDifferenceKeyer", false, false,
        "pull a colour-difference key (auto detects green or blue per image)",
        {Choice("keyColor", kKeyColours, kKeyColorAuto, "the backing colour"),
         Checked("balance", 0, 1, 0.5, "upper threshold, from the matte's middle (0) to its mean (1)"),
@@ -328,11 +329,11 @@ const std::vector<SetterSpec>& Specs() {
        [](void* f, const Arguments& a) {
          return K(f).SetAutoColorDifferenceKey(a.Choice<KVKeyColor>(0), a.Real(1), a.Real(2), a.Real(3));
        }},
-      {kFrontEndKeyer, "SetAlphaSuperContrast", "SuperContrastRenderer", true,
+      {kFrontEndKeyer, "SetAlphaSuperContrast", "SuperContrastRenderer", true, false,
        "stretch the matte low..high to the full range",
        {Checked("low", 0, 1, 0, "becomes 0"), Checked("high", 0, 1, 1, "becomes 255")},
        [](void* f, const Arguments& a) { return K(f).SetAlphaSuperContrast(a.Real(0), a.Real(1)); }},
-      {kFrontEndKeyer, "SetSpillSuppression", "SpillSuppressor", false, "remove the backing's cast",
+      {kFrontEndKeyer, "SetSpillSuppression", "SpillSuppressor", false, false, "remove the backing's cast",
        {Choice("channel", kSpillChannels, kChannelGreen, "the channel pulled down"),
         Choice("spillType", kSpillTypes, kSpillStandard, "the method"),
         Checked("amount", 0, 1, 1, "strength"),
@@ -344,28 +345,28 @@ const std::vector<SetterSpec>& Specs() {
          return K(f).SetSpillSuppression(a.Choice<KVChannel>(0), a.Choice<KVSpillType>(1), a.Real(2), a.Real(3),
                                          a.Real(4), a.Real(5), a.Real(6));
        }},
-      {kFrontEndKeyer, "SetAlphaCrop", "AlphaCrop", true, "garbage matte: clear alpha outside the margins",
+      {kFrontEndKeyer, "SetAlphaCrop", "AlphaCrop", true, true, "garbage matte: clear alpha outside the margins",
        {Checked("left", 0, 1, 0, "margin", "fraction of the size"), Checked("top", 0, 1, 0, "margin", "fraction of the size"),
         Checked("right", 0, 1, 0, "margin", "fraction of the size"),
         Checked("bottom", 0, 1, 0, "margin", "fraction of the size")},
        [](void* f, const Arguments& a) { return K(f).SetAlphaCrop(a.Real(0), a.Real(1), a.Real(2), a.Real(3)); }},
-      {kFrontEndKeyer, "SetWhiteErode", "WhiteErodeRenderer", true, "shrink the opaque matte",
+      {kFrontEndKeyer, "SetWhiteErode", "WhiteErodeRenderer", true, true, "shrink the opaque matte",
        {Choice("direction", kErodeDirections, kWhiteErodeAll, "the shape"),
         {"size", kParameterInteger, kCheckRange, 0, kLargestInt, {2}, "pixels", nullptr,
          "erosion (scaled by the downsample factor)"}},
        [](void* f, const Arguments& a) {
          return K(f).SetWhiteErode(a.Choice<KVWhiteErodeDirection>(0), a.Integer(1));
        }},
-      {kFrontEndKeyer, "SetYUVBlur", "YUVBlurRenderer", false, "chroma box or stack blur",
+      {kFrontEndKeyer, "SetYUVBlur", "YUVBlurRenderer", false, false, "chroma box or stack blur",
        {Radius("radius", 4, kRadiusText), Choice("type", kYUVBlurTypes, kYUVBlurStack, "the blur (above 3: none)")},
        [](void* f, const Arguments& a) { return K(f).SetYUVBlur(a.Radius(0), a.Choice<KVYUVBlurType>(1)); }},
-      {kFrontEndKeyer, "SetAlphaStackBlur", "StackBlurRenderer", false, "stack blur of the matte",
+      {kFrontEndKeyer, "SetAlphaStackBlur", "StackBlurRenderer", false, true, "stack blur of the matte",
        {Radius("radius", 2, kRadiusText), Flag("horizontal", true, "blur along rows", kCheckDirectionPair),
         Flag("vertical", true, "blur down columns")},
        [](void* f, const Arguments& a) { return K(f).SetAlphaStackBlur(a.Radius(0), a.Flag(1), a.Flag(2)); }},
 
       // The compositor.
-      {kFrontEndCompositor, "AddLayer", "LayerCompositor", false, "lay a layer over the background",
+      {kFrontEndCompositor, "AddLayer", "LayerCompositor", false, false, "lay a layer over the background",
        {Layer("layer", kCheckLayerMatches, "the layer: the background's size, order and depth"),
         Checked("opacity", 0, 1, 1, "the layer's opacity (NaN composites as 0)"),
         Choice("blendMode", kBlendModes, kBlendNormal, "how colours combine"),
@@ -373,7 +374,7 @@ const std::vector<SetterSpec>& Specs() {
        [](void* f, const Arguments& a) {
          return C(f).AddLayer(a.Layer(0), a.Real(1), a.Choice<KVBlendMode>(2), a.Choice<KVCompositeType>(3));
        }},
-      {kFrontEndCompositor, "AddLightSpillLayer", "LightSpillLayerCompositor", false,
+      {kFrontEndCompositor, "AddLightSpillLayer", "LightSpillLayerCompositor", false, false,
        "the layer stack-blurred and laid over the background through the alpha composite",
        {Layer("layer", kCheckLayerMatches, "the layer: the background's size, order and depth"),
         {"radius", kParameterInteger, kCheckRange, 0, kLargestInt, {8}, "pixels", nullptr, kRadiusText},
@@ -384,7 +385,7 @@ const std::vector<SetterSpec>& Specs() {
          return C(f).AddLightSpillLayer(a.Layer(0), a.Integer(1), a.Real(2), a.Choice<KVBlendMode>(3),
                                         a.Choice<KVDownsampleFactor>(4));
        }},
-      {kFrontEndCompositor, "AddShadowCastLayer", "ShadowCastCompositor", false,
+      {kFrontEndCompositor, "AddShadowCastLayer", "ShadowCastCompositor", false, false,
        "the layer's alpha inside bounds thrown through the perspective transform onto the quadrilateral corners "
        "(convex; otherwise no shadow), blurred, laid as colour; the flag fades it from the contact edge",
        {Layer("layer", kCheckNone, "the shadow's caster (any size)"),
@@ -443,7 +444,8 @@ struct Catalogue {
       codes[i].push_back(kResultOutOfMemory);
       setters.push_back(KVSetterInfo{spec.frontEnd, spec.name, spec.stage, spec.explanation, parameters[i].data(),
                                      static_cast<unsigned int>(parameters[i].size()), codes[i].data(),
-                                     static_cast<unsigned int>(codes[i].size()), spec.requiresBGRA});
+                                     static_cast<unsigned int>(codes[i].size()), spec.requiresBGRA,
+                                     spec.sameBytesAtAnyThreadCount});
     }
   }
 };

@@ -172,22 +172,6 @@ inline bool IsRowCode(const KVSetterInfo& row, int code) {
   return listed;
 }
 
-// The setters whose stage gives the same bytes whatever the thread count
-// (no per-thread statistics, vector-path shares or share-dependent walks
-// like the YUV blur's vertical box): the stress test compares thread counts
-// only for queues of these.
-inline bool SameBytesAtAnyThreadCount(const KVSetterInfo& row) {
-  static const char* const kNames[] = {
-      "SetMirror",           "SetSilhouette",  "SetMatteView",  "SetColorTemperature", "SetSaturation",
-      "SetHueShift",         "SetHueColorize", "SetTint",       "SetThreeStripColor",  "SetStackBlur",
-      "SetBoundedStackBlur", "SetAlphaCrop",   "SetWhiteErode", "SetAlphaStackBlur"};
-  if (row.frontEnd == kFrontEndCompositor) return false;
-  for (const char* name : kNames) {
-    if (std::strcmp(row.name, name) == 0) return true;
-  }
-  return false;
-}
-
 // An image in its own exactly sized heap block, so that a sanitizer sees
 // any access past its end.
 class Frame {
@@ -356,7 +340,7 @@ class Scenario {
     if (queued() != before + (code == kResultSuccess ? 1 : 0)) {
       m_failure = what + " and queued " + std::to_string(queued() - before);
     }
-    if (!SameBytesAtAnyThreadCount(row)) m_threadCountIndependent = false;
+    if (!row.sameBytesAtAnyThreadCount) m_threadCountIndependent = false;
     // The defocus blurs its input in place: queued first, the source.
     if (code == kResultSuccess && before == 0 && std::strcmp(row.name, "SetDefocus") == 0) m_blursSourceInPlace = true;
   }
