@@ -8,6 +8,8 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "TestSupport.h"
@@ -525,44 +527,133 @@ TEST(FirstStages, DestinationSmallerOrLargerThanTheSource) {
   EXPECT_TRUE(destination.guardsIntact());
 }
 
-// Source 8 x 8 into destination 8 x 4 on three threads: the vector shares of
-// the source are 22, 22 and 20 pixels, none a multiple of 16, so every thread
-// takes the plain path whole, whose shares (11, 11, 10 pixels of the
-// destination) cover the destination exactly. Every destination pixel gets
-// the plain formula, including the last thread's, whose vector share lies
-// wholly past the destination.
-TEST(FirstStages, SmallerDestinationDecidesOnTheSourceShare) {
-  struct SmallerDestinationCase {
+namespace {
+
+// Every thread index on its own thread at once, as the pipelines run them.
+void RenderOnThreads(AbstractRenderer& stage, KVAbstractImage* source, KVAbstractImage* destination,
+                     unsigned int threads) {
+  stage.Setup(source);
+  std::vector<std::thread> workers;
+  for (unsigned int t = 0; t < threads; ++t) {
+    workers.emplace_back([&stage, source, destination, t, threads] {
+      stage.Render(source, destination, static_cast<unsigned char>(t), static_cast<unsigned char>(threads));
+    });
+  }
+  for (std::thread& worker : workers) worker.join();
+}
+
+// [start, start + count) of `total` units, `perThread` to a thread.
+std::pair<size_t, size_t> ModelShare(size_t total, size_t perThread, size_t thread) {
+  const size_t start = std::min(total, perThread * thread);
+  return {start, std::min(total, start + perThread)};
+}
+
+// The pixels of the destination each path writes, as one thread would work
+// them out: a vector share (of the source's pixels) of a non-zero multiple of
+// 16 takes the vector formula where the images overlap; every other thread
+// writes its plain share (source width x destination height) except those
+// pixels. Super contrast instead starts every vector share with its
+// remainder through the table. `size` is the source's width and height, then
+// the destination's. 'v' vector, 'p' plain, 0 untouched.
+std::string ModelPaths(const unsigned int (&size)[4], unsigned int threads, bool leadIn) {
+  const size_t sourcePixels = size[0] * size[1], destinationPixels = size[2] * size[3];
+  const size_t common = std::min(sourcePixels, destinationPixels);
+  const size_t plainTotal = size[0] * size[3];
+  std::string paths(destinationPixels, '\0');
+  for (size_t t = 0; t < threads; ++t) {
+    const auto share = ModelShare(sourcePixels, (sourcePixels + threads - 1) / threads, t);
+    const size_t count = share.second - share.first;
+    if (leadIn || (count != 0 && count % 16 == 0)) {
+      for (size_t p = share.first; p < std::min(common, share.second); ++p) {
+        paths[p] = leadIn && p < share.first + count % 16 ? 'p' : 'v';
+      }
+    }
+  }
+  for (size_t t = 0; t < threads && !leadIn; ++t) {
+    const auto share = ModelShare(sourcePixels, (sourcePixels + threads - 1) / threads, t);
+    const size_t count = share.second - share.first;
+    if (count == 0 || count % 16 == 0) continue;
+    const auto plain = ModelShare(plainTotal, (plainTotal + threads - 1) / threads, t);
+    for (size_t p = plain.first; p < std::min(common, plain.second); ++p) {
+      if (paths[p] != 'v') paths[p] = 'p';
+    }
+  }
+  return paths;
+}
+
+}  // namespace
+
+// A destination smaller (or larger) than the source: the two kinds of share
+// no longer line up, a thread on the plain path leaves the pixels of the
+// vector-path threads to them, and the render is the same every time.
+TEST(FirstStages, MismatchedDestinationVectorThreadsWinTheirPixels) {
+  typedef std::function<int(int value, unsigned int channel)> ByteRule;
+  struct MismatchCase {
     const char* name;
     std::function<AbstractRenderer*()> make;
-    std::function<int(int value, unsigned int channel)> plain;
+    ByteRule plain, vector;
+    bool leadIn;
   };
-  const SmallerDestinationCase cases[] = {
+  const auto superContrast = [](bool vector) {
+    return [vector](int v, unsigned int c) -> int {  // lo 25, hi 229
+      if (c == 3) return v;
+      if (v > 229 || v < 25) return v > 229 ? 255 : 0;
+      return vector ? kvtest::Clamp8(static_cast<int>(std::nearbyint((v - 25) * (256.0f / 205))))
+                    : kvtest::Clamp8(static_cast<int>((v - 25) * (256.0 / 205)));
+    };
+  };
+  const MismatchCase cases[] = {
       {"opacity", [] { return new OpacityRenderer(0.5, kVectorPath); },
-       [](int v, unsigned int c) { return c == 3 ? v / 2 : v; }},
+       [](int v, unsigned int c) { return c == 3 ? v / 2 : v; },
+       [](int v, unsigned int c) { return c == 3 ? std::max(0, v - 127) : v; }, false},
       {"brightness", [] { return new BrightnessRenderer(0.2, kChannelsColor, kVectorPath); },
-       [](int v, unsigned int c) { return c == 3 ? v : std::min(255, v + 51); }},
+       [](int v, unsigned int c) { return c == 3 ? v : std::min(255, v + 51); },
+       [](int v, unsigned int c) { return c == 3 ? v : std::min(255, v + 51); }, false},
       {"contrast", [] { return new ContrastRenderer(0.5, kChannelsAll, kVectorPath); },
-       [](int v, unsigned int) { return 127 + (v - 127) * 128 / 256; }},
+       [](int v, unsigned int) { return 127 + (v - 127) * 128 / 256; },
+       [](int v, unsigned int) { return 127 + static_cast<int>(std::floor((v - 127) * 128 / 256.0)); }, false},
       {"colour balance", [] { return new ColorBalanceRenderer(0.3, 1.0, 2.0, kVectorPath); },
        [](int v, unsigned int c) {
          const double gain = c == 0 ? 2.0 : (c == 1 ? 1.0 : 0.3);  // blue, green, red
          return c == 3 ? v : std::min(255, static_cast<int>(v * gain));
-       }},
+       },
+       [](int v, unsigned int c) {
+         const int lane = c == 0 ? 512 : (c == 1 ? 256 : (c == 2 ? 76 : 256));
+         return std::min(255, v * lane >> 8);
+       },
+       false},
+      {"super contrast", [] { return new SuperContrastRenderer(0.1, 0.9, kChannelsColor, kVectorPath); },
+       superContrast(false), superContrast(true), true},
   };
-  const std::vector<unsigned char> in = kvtest::PatternBytes(8 * 8 * 4, 5);
-  for (const SmallerDestinationCase& stage : cases) {
-    GuardedImage source(8, 8), destination(8, 4);
-    source.fill(in);
-    destination.fill(std::vector<unsigned char>(8 * 4 * 4, 0x5A));
-    std::unique_ptr<AbstractRenderer> renderer(stage.make());
-    RenderAllShares(*renderer, source.image(), destination.image(), 3);
-    std::vector<unsigned char> expected(in.begin(), in.begin() + 8 * 4 * 4);
-    for (size_t i = 0; i < expected.size(); ++i) {
-      expected[i] = static_cast<unsigned char>(stage.plain(expected[i], static_cast<unsigned int>(i % 4)));
+  // Source and destination sizes, then threads. 1 x 31 into 1 x 20 on two
+  // threads: pixels 0..15 vector, 16..19 plain (the plain share is 10..19).
+  // 1 x 50 into 1 x 40 on three: 0..27 plain, 28..33 untouched, 34..39
+  // vector. 1 x 33 into 1 x 40 on two: 0..16 plain, 17..32 vector.
+  const unsigned int sizes[][4] = {{1, 31, 1, 20}, {8, 8, 8, 4}, {5, 7, 5, 3}, {1, 50, 1, 40}, {1, 33, 1, 40}};
+  for (const MismatchCase& stage : cases) {
+    for (const auto& size : sizes) {
+      const std::vector<unsigned char> in = kvtest::PatternBytes(size[0] * size[1] * 4, size[1]);
+      const std::vector<unsigned char> before(size[2] * size[3] * 4, 0x5A);
+      for (unsigned int threads : {2u, 3u, 7u}) {
+        const std::string paths = ModelPaths(size, threads, stage.leadIn);
+        std::vector<unsigned char> expected = before;
+        for (size_t i = 0; i < expected.size(); ++i) {
+          if (paths[i / 4] == 0) continue;
+          const ByteRule& rule = paths[i / 4] == 'v' ? stage.vector : stage.plain;
+          expected[i] = static_cast<unsigned char>(rule(in[i], static_cast<unsigned int>(i % 4)));
+        }
+        for (int run = 0; run < 2; ++run) {
+          GuardedImage source(size[0], size[1]), destination(size[2], size[3], 1);
+          source.fill(in);
+          destination.fill(before);
+          std::unique_ptr<AbstractRenderer> renderer(stage.make());
+          RenderOnThreads(*renderer, source.image(), destination.image(), threads);
+          EXPECT_EQ(expected, destination.contents()) << stage.name << " " << size[0] << "x" << size[1] << " into "
+                                                      << size[2] << "x" << size[3] << " on " << threads;
+          EXPECT_TRUE(destination.guardsIntact()) << stage.name;
+          EXPECT_EQ(in, source.contents()) << stage.name;
+        }
+      }
     }
-    EXPECT_EQ(expected, destination.contents()) << stage.name;
-    EXPECT_TRUE(destination.guardsIntact()) << stage.name;
-    EXPECT_EQ(in, source.contents()) << stage.name;
   }
 }

@@ -27,9 +27,10 @@ namespace image {
 // computes its own formula. The plain kernel walks the plain share. Any other
 // kernel is a vector path: it takes the vector share, and when that share's
 // pixel count is not a multiple of 16 the whole call goes the plain way
-// instead (with the plain share); otherwise the kernel does the written part
-// of the share. The vector kernels do every pixel of their run, a partial
-// last block included, since a plain tail would change the formula.
+// instead (with the plain share, less the pixels of the pass's vector-formula
+// threads); otherwise the kernel does the written part of the share. The
+// vector kernels do every pixel of their run, a partial last block included,
+// since a plain tail would change the formula.
 template <class Arguments>
 int RenderTableShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                      unsigned char threadCount, PixelKernel<Arguments> kernel, PixelKernel<Arguments> plain,
@@ -37,10 +38,13 @@ int RenderTableShare(KVAbstractImage* source, KVAbstractImage* destination, unsi
   if (kernel != plain) {
     const ShareRun share = VectorPathShare(source, threadIndex, threadCount);
     if (share.count == 0) return 0;
-    if (share.count % 16 == 0) {
+    if (TakesVectorFormula(share)) {
       kernel(WrittenRun(source, destination, share), arguments);
-      return 0;
+    } else {
+      ForEachPlainFallbackRun(source, destination, threadIndex, threadCount,
+                              [plain, &arguments](const PixelRun& run) { plain(run, arguments); });
     }
+    return 0;
   }
   PixelRun run;
   if (PlainPathShare(source, destination, threadIndex, threadCount, run)) plain(run, arguments);

@@ -26,14 +26,25 @@ struct PixelRun {
 };
 
 // The plain paths' share: GetBufferSizePerThread with the source's width and
-// the destination's height. False for an empty share.
+// the destination's height, in pixels, cut where either image ends.
+inline ShareRun PlainPixelShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                                unsigned char threadCount) {
+  const ShareRun bytes =
+      ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
+  return ShareRun{bytes.start / kBytesPerPixel, bytes.count / kBytesPerPixel};
+}
+
+// The pixels from `start` on, `pixels` of them, in both images.
+inline PixelRun RunAt(KVAbstractImage* source, KVAbstractImage* destination, size_t start, size_t pixels) {
+  return PixelRun{PixelBytes(source) + start * kBytesPerPixel, PixelBytes(destination) + start * kBytesPerPixel,
+                  pixels};
+}
+
+// The plain share as a run. False for an empty share.
 inline bool PlainPathShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                            unsigned char threadCount, PixelRun& run) {
-  const ShareRun share =
-      ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
-  run.in = PixelBytes(source) + share.start;
-  run.out = PixelBytes(destination) + share.start;
-  run.pixels = share.count / kBytesPerPixel;
+  const ShareRun share = PlainPixelShare(source, destination, threadIndex, threadCount);
+  run = RunAt(source, destination, share.start, share.count);
   return run.pixels != 0;
 }
 
@@ -52,8 +63,43 @@ inline PixelRun WrittenRun(KVAbstractImage* source, KVAbstractImage* destination
   const size_t limit = CommonByteSize(source, destination) / kBytesPerPixel;
   const size_t start = share.start < limit ? share.start : limit;
   const size_t end = share.End() < limit ? share.End() : limit;
-  return PixelRun{PixelBytes(source) + start * kBytesPerPixel, PixelBytes(destination) + start * kBytesPerPixel,
-                  end - start};
+  return RunAt(source, destination, start, end - start);
+}
+
+// Whether a thread of a stage that chooses per share takes the vector formula:
+// its vector share is a non-zero multiple of 16 pixels. Any other non-empty
+// share falls back to the plain path.
+inline bool TakesVectorFormula(const ShareRun& vectorShare) {
+  return vectorShare.count != 0 && vectorShare.count % 16 == 0;
+}
+
+// What a thread that fell back to the plain path writes: its plain share
+// minus the pixels of every thread of the pass that takes the vector formula,
+// as walk(run) over the runs left, in order. The two splits count different
+// totals (source width x destination height against source width x source
+// height), so when the images differ in height a plain share can cover
+// another thread's vector pixels; leaving those to the vector writer keeps
+// every pixel to one thread and one formula. Within either split the shares
+// cannot overlap: thread t's starts at t times the split's share size and
+// holds at most that many, so the vector shares also come in thread order,
+// which the walk below relies on.
+template <class Walk>
+void ForEachPlainFallbackRun(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                             unsigned char threadCount, Walk walk) {
+  const ShareRun share = PlainPixelShare(source, destination, threadIndex, threadCount);
+  size_t next = share.start;
+  const size_t end = share.End();
+  // Thread 0's share is the split's share size (none when the source is
+  // empty); the first vector share that can reach `next` is its multiple.
+  const size_t vectorShareSize = VectorPathShare(source, 0, threadCount).count;
+  for (size_t t = vectorShareSize == 0 ? threadCount : next / vectorShareSize; t < threadCount && next < end; ++t) {
+    const ShareRun vector = VectorPathShare(source, static_cast<unsigned char>(t), threadCount);
+    if (vector.start >= end) break;
+    if (!TakesVectorFormula(vector) || vector.End() <= next) continue;
+    if (vector.start > next) walk(RunAt(source, destination, next, vector.start - next));
+    next = vector.End();
+  }
+  if (next < end) walk(RunAt(source, destination, next, end - next));
 }
 
 // A colour stage's kernel: one signature for all its forms (plain, SSE2,
