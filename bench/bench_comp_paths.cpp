@@ -21,11 +21,18 @@ const char* const kModeNames[] = {"add",     "colour burn", "colour dodge", "dar
                                   "exclusion", "hard light", "lighten",     "multiply", "normal",
                                   "overlay", "screen",      "soft light",   "replace"};
 
-class ScopedWider {
- public:
-  explicit ScopedWider(int limit) { kvtl::LimitWiderExtension(static_cast<kvtl::WiderExtension>(limit)); }
-  ~ScopedWider() { kvtl::LimitWiderExtension(kvtl::kWiderAVX2); }
-};
+using kvbench::ScopedWider;
+
+// Makes a photo-like layer differ from the background, its alpha turned round
+// so that every mix of clear, partial and opaque pixels occurs.
+void TurnRound(kvbench::AlignedFrame& layer) {
+  for (size_t i = 0; i < layer.bytes(); i += 4) {
+    unsigned char* p = layer.pixels() + i;
+    p[0] = static_cast<unsigned char>(255 - p[0]);
+    p[1] = static_cast<unsigned char>(p[1] ^ 0x5A);
+    p[3] = static_cast<unsigned char>(255 - p[3]);
+  }
+}
 
 void BM_CompLayer(benchmark::State& state) {
   const kvo::image::KVBlendMode mode = static_cast<kvo::image::KVBlendMode>(state.range(0));
@@ -36,14 +43,7 @@ void BM_CompLayer(benchmark::State& state) {
       layer(kvbench::kFrameWidth, kvbench::kFrameHeight);
   background.FillPhotoLike();
   layer.FillPhotoLike();
-  // A layer that differs from the background, with its alpha turned round so
-  // that every mix of clear, partial and opaque pixels occurs.
-  for (size_t i = 0; i < layer.bytes(); i += 4) {
-    unsigned char* p = layer.pixels() + i;
-    p[0] = static_cast<unsigned char>(255 - p[0]);
-    p[1] = static_cast<unsigned char>(p[1] ^ 0x5A);
-    p[3] = static_cast<unsigned char>(255 - p[3]);
-  }
+  TurnRound(layer);
   const std::vector<unsigned char> photo(background.pixels(), background.pixels() + background.bytes());
   kvo::KVLookupTables tables;
   kvo::image::KVImageCompositor compositor(background.image(), 1.0, tables, kvo::image::kDownsampleNone);
@@ -119,12 +119,7 @@ void BM_CompLayerDirect(benchmark::State& state) {
       layer(kvbench::kFrameWidth, kvbench::kFrameHeight);
   background.FillPhotoLike();
   layer.FillPhotoLike();
-  for (size_t i = 0; i < layer.bytes(); i += 4) {
-    unsigned char* p = layer.pixels() + i;
-    p[0] = static_cast<unsigned char>(255 - p[0]);
-    p[1] = static_cast<unsigned char>(p[1] ^ 0x5A);
-    p[3] = static_cast<unsigned char>(255 - p[3]);
-  }
+  TurnRound(layer);
   const std::vector<unsigned char> photo(background.pixels(), background.pixels() + background.bytes());
   kvo::KVLookupTables tables;
   kvo::image::LayerCompositor stage(layer.image(), 0.8, type, mode, tables);
