@@ -26,25 +26,18 @@ using kvo::maths::KVRect;
 
 // Whether the suite runs under the thread or address sanitizer: the slowest
 // tests cut their counts there.
-#if defined(__SANITIZE_THREAD__)
-const bool kUnderThreadSanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
+#if defined(__has_feature)
+#define KVTEST_HAS_FEATURE(name) __has_feature(name)
+#else
+#define KVTEST_HAS_FEATURE(name) 0
+#endif
+#if defined(__SANITIZE_THREAD__) || KVTEST_HAS_FEATURE(thread_sanitizer)
 const bool kUnderThreadSanitizer = true;
 #else
 const bool kUnderThreadSanitizer = false;
 #endif
-#else
-const bool kUnderThreadSanitizer = false;
-#endif
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || KVTEST_HAS_FEATURE(address_sanitizer)
 const bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-const bool kSanitized = true;
-#else
-const bool kSanitized = kUnderThreadSanitizer;
-#endif
 #else
 const bool kSanitized = kUnderThreadSanitizer;
 #endif
