@@ -117,6 +117,19 @@ TEST(YUVBlur, BlurredChromaIsClampedOnTheWayBack) {
   EXPECT_EQ(expected, ProcessorYUVBlur(pixels, 2, 1, 1, 0, 1));
 }
 
+// The walk record of one thread over the given luma/chroma bytes, phase 0.
+YUVBoxBlurData OneThreadBox(const Bytes& yuv, uint32_t width, uint32_t height, uint32_t radius) {
+  YUVBoxBlurData data;
+  data.threadCount = 1;
+  data.threadIndex = 0;
+  data.yuvPixels.reset(new Bytes(yuv));
+  data.width = width;
+  data.height = height;
+  data.radius = radius;
+  data.phase = 0;
+  return data;
+}
+
 TEST(YUVBlur, HorizontalBoxWindowsAreClippedAtTheRowEnds) {
   Bytes yuv(5 * 4);
   const unsigned char values[5] = {10, 20, 40, 80, 160};
@@ -124,14 +137,7 @@ TEST(YUVBlur, HorizontalBoxWindowsAreClippedAtTheRowEnds) {
   const unsigned char radius1[5] = {15, 23, 46, 93, 120};   // (10+20)/2, 70/3, 140/3, 280/3, 240/2
   const unsigned char radius2[5] = {23, 37, 62, 75, 93};    // 70/3, 150/4, 310/5, 300/4, 280/3
   for (unsigned int radius : {1u, 2u}) {
-    YUVBoxBlurData data;
-    data.threadCount = 1;
-    data.threadIndex = 0;
-    data.yuvPixels.reset(new Bytes(yuv));
-    data.width = 5;
-    data.height = 1;
-    data.radius = radius;
-    data.phase = 0;
+    YUVBoxBlurData data = OneThreadBox(yuv, 5, 1, radius);
     EXPECT_EQ(nullptr, HorizontalYUVBlurProc(&data));
     const unsigned char* expected = radius == 1 ? radius1 : radius2;
     for (int x = 0; x < 5; ++x) {
@@ -152,13 +158,7 @@ TEST(YUVBlur, VerticalBoxWalksTheNextColumnAfterItsOwner) {
   Bytes yuv(2 * 3 * 4, 0);
   const unsigned char column0[3] = {10, 30, 100}, column1[3] = {50, 70, 90};
   for (int y = 0; y < 3; ++y) yuv[y * 8] = column0[y], yuv[y * 8 + 4] = column1[y];
-  YUVBoxBlurData data;
-  data.threadCount = 1;
-  data.threadIndex = 0;
-  data.yuvPixels.reset(new Bytes(yuv));
-  data.width = 2;
-  data.height = 3;
-  data.radius = 1;
+  YUVBoxBlurData data = OneThreadBox(yuv, 2, 3, 1);
   for (data.phase = 0; data.phase < 2; ++data.phase) VerticalYUVBlurProc(&data);
   const unsigned char expected0[3] = {20, 60, 60}, expected1[3] = {60, 60, 90};
   for (int y = 0; y < 3; ++y) {
@@ -243,14 +243,7 @@ TEST(YUVBlur, BoxWindowsOfMoreThanFourMillionPixels) {
   // A row of 8.5 million pixels and a window over all of it: every pixel gets
   // the mean of the row, whose sum passes 2^31.
   const uint32_t width = 8500000;
-  YUVBoxBlurData data;
-  data.threadCount = 1;
-  data.threadIndex = 0;
-  data.yuvPixels.reset(new std::vector<unsigned char>(static_cast<size_t>(width) * 4));
-  data.height = 1;
-  data.width = width;
-  data.radius = width;
-  data.phase = 0;
+  YUVBoxBlurData data = OneThreadBox(Bytes(static_cast<size_t>(width) * 4), width, 1, width);
   uint64_t sums[2] = {0, 0};
   for (uint32_t x = 0; x < width; ++x) {
     unsigned char* p = data.yuvPixels->data() + static_cast<size_t>(x) * 4;
