@@ -181,19 +181,16 @@ TEST(ConvertExceptionToKVerr, ExactTypesOnly) {
   std::bad_array_new_length badLength;  // derived from bad_alloc
   CustomError custom;
   std::exception plain;
-  EXPECT_EQ(8, kvo::ConvertExceptionToKVerr(badAlloc, 55));
-  EXPECT_EQ(2, kvo::ConvertExceptionToKVerr(runtime, 55));
-  EXPECT_EQ(3, kvo::ConvertExceptionToKVerr(logic, 55));
-  EXPECT_EQ(4, kvo::ConvertExceptionToKVerr(invalid, 55));
-  EXPECT_EQ(7, kvo::ConvertExceptionToKVerr(range, 55));
-  EXPECT_EQ(55, kvo::ConvertExceptionToKVerr(length, 55));
-  EXPECT_EQ(2, kvo::ConvertExceptionToKVerr(length, 2));
-  EXPECT_EQ(1001, kvo::ConvertExceptionToKVerr(length, 1001));
-  EXPECT_EQ(55, kvo::ConvertExceptionToKVerr(rangeError, 55));
-  EXPECT_EQ(55, kvo::ConvertExceptionToKVerr(badLength, 55));
-  EXPECT_EQ(1001, kvo::ConvertExceptionToKVerr(custom, 1001));
-  EXPECT_EQ(2, kvo::ConvertExceptionToKVerr(custom, 2));
-  EXPECT_EQ(55, kvo::ConvertExceptionToKVerr(plain, 55));
+  const struct {
+    std::exception* error;
+    int defaultCode, expected;
+  } cases[] = {{&badAlloc, 55, 8},    {&runtime, 55, 2},    {&logic, 55, 3},       {&invalid, 55, 4},
+               {&range, 55, 7},       {&length, 55, 55},    {&length, 2, 2},       {&length, 1001, 1001},
+               {&rangeError, 55, 55}, {&badLength, 55, 55}, {&custom, 1001, 1001}, {&custom, 2, 2},
+               {&plain, 55, 55}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.expected, kvo::ConvertExceptionToKVerr(*c.error, c.defaultCode)) << c.error->what();
+  }
   // Caught through a base-class reference, the dynamic type still decides.
   try {
     throw CustomError();
