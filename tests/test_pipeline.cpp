@@ -162,6 +162,12 @@ std::vector<Thrown> ExceptionKinds() {
 
 class Pipelines : public ::testing::Test {
  protected:
+  // Fills an image with the pattern of the seed and returns the pattern.
+  static std::vector<unsigned char> Filled(GuardedImage& image, uint32_t seed) {
+    const std::vector<unsigned char> pattern = kvtest::PatternBytes(image.bytes(), seed);
+    image.fill(pattern);
+    return pattern;
+  }
   kvo::KVLookupTables& tables() {
     static kvo::KVLookupTables shared;
     return shared;
@@ -201,9 +207,8 @@ TEST(ConvertExceptionToKVerr, ExactTypesOnly) {
 
 TEST_F(Pipelines, OneStageRendersStraightIntoTheDestination) {
   ScopedCoreCount cores(3);
-  const std::vector<unsigned char> pattern = kvtest::PatternBytes(7 * 5 * 4, 11);
   GuardedImage source(7, 5), destination(7, 5);
-  source.fill(pattern);
+  const std::vector<unsigned char> pattern = Filled(source, 11);
   KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
   RecordingPtr stage = Recording(3);
   Queue(processor, stage);
@@ -224,10 +229,9 @@ TEST_F(Pipelines, OneStageRendersStraightIntoTheDestination) {
 
 TEST_F(Pipelines, TwoStagesPassAFreshZeroFilledIntermediate) {
   ScopedCoreCount cores(2);
-  const std::vector<unsigned char> pattern = kvtest::PatternBytes(5 * 3 * 4, 12);
   // Channel order 2: the intermediate must carry it over.
   GuardedImage source(5, 3, 0, kPixelOrderARGB), destination(5, 3, 0, kPixelOrderARGB);
-  source.fill(pattern);
+  const std::vector<unsigned char> pattern = Filled(source, 12);
   KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
   RecordingPtr first = Recording(-1);  // writes nothing
   RecordingPtr second = Recording(9);
@@ -257,9 +261,8 @@ TEST_F(Pipelines, TwoStagesPassAFreshZeroFilledIntermediate) {
 
 TEST_F(Pipelines, ThreeStagesChainThroughTwoIntermediates) {
   ScopedCoreCount cores(4);
-  const std::vector<unsigned char> pattern = kvtest::PatternBytes(9 * 2 * 4, 13);
   GuardedImage source(9, 2), destination(9, 2);
-  source.fill(pattern);
+  const std::vector<unsigned char> pattern = Filled(source, 13);
   KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
   RecordingPtr a = Recording(1), b = Recording(2), c = Recording(3);
   Queue(processor, a);
@@ -285,11 +288,8 @@ TEST_F(Pipelines, ThreeStagesChainThroughTwoIntermediates) {
 }
 
 TEST_F(Pipelines, EmptyQueueLeavesTheDestination) {
-  const std::vector<unsigned char> pattern = kvtest::PatternBytes(4 * 4 * 4, 14);
-  const std::vector<unsigned char> target = kvtest::PatternBytes(4 * 4 * 4, 15);
   GuardedImage source(4, 4), destination(4, 4);
-  source.fill(pattern);
-  destination.fill(target);
+  const std::vector<unsigned char> pattern = Filled(source, 14), target = Filled(destination, 15);
   KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
   EXPECT_EQ(0, processor.RenderQueueCount());
   EXPECT_EQ(0, processor.Render());
@@ -463,9 +463,8 @@ TEST_F(Pipelines, ThreadCountIsCappedAt255) {
 
 TEST_F(Pipelines, KeyerRunsTheSameRenderLoop) {
   ScopedCoreCount cores(3);
-  const std::vector<unsigned char> pattern = kvtest::PatternBytes(5 * 5 * 4, 17);
   GuardedImage source(5, 5), destination(5, 5);
-  source.fill(pattern);
+  const std::vector<unsigned char> pattern = Filled(source, 17);
   KVImageKeyer keyer(source.image(), destination.image(), tables(), kDownsampleNone);
   RecordingPtr first = Recording(-1), second = Recording(4);
   first->throwInRender = [](int thread) {
