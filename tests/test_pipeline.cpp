@@ -335,10 +335,9 @@ TEST_F(Pipelines, SettersQueueOneStageEach) {
   EXPECT_EQ(0, processor.SetMatteView());
   EXPECT_EQ(6, processor.RenderQueueCount());
   // Out of range: code 7 and nothing queued.
-  EXPECT_EQ(7, processor.SetOpacity(1.5));
-  EXPECT_EQ(7, processor.SetOpacity(-0.01));
-  EXPECT_EQ(7, processor.SetOpacity(1.01));
-  EXPECT_EQ(7, processor.SetOpacity(std::numeric_limits<double>::infinity()));
+  for (double opacity : {1.5, -0.01, 1.01, std::numeric_limits<double>::infinity()}) {
+    EXPECT_EQ(7, processor.SetOpacity(opacity)) << opacity;
+  }
   EXPECT_EQ(6, processor.RenderQueueCount());
   // NaN passes both comparisons and is queued.
   EXPECT_EQ(0, processor.SetOpacity(std::nan("")));
