@@ -82,6 +82,13 @@ class ScopedThreads {
   ~ScopedThreads() { kvo::KVSystem::SetCPUCoreCount(0); }
 };
 
+// Caps the wider instruction sets for one benchmark (0: none, 3: AVX2).
+class ScopedWider {
+ public:
+  explicit ScopedWider(int limit) { kvtl::LimitWiderExtension(static_cast<kvtl::WiderExtension>(limit)); }
+  ~ScopedWider() { kvtl::LimitWiderExtension(kvtl::kWiderAVX2); }
+};
+
 // A green-screen frame: an unevenly lit green backing with sensor noise, and
 // a head-and-shoulders subject (skin above, a dark red jumper below) with a
 // soft outline whose colours pick up green spill near the backing.

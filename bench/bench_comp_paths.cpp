@@ -21,10 +21,26 @@ const char* const kModeNames[] = {"add",     "colour burn", "colour dodge", "dar
                                   "exclusion", "hard light", "lighten",     "multiply", "normal",
                                   "overlay", "screen",      "soft light",   "replace"};
 
-class ScopedWider {
- public:
-  explicit ScopedWider(int limit) { kvtl::LimitWiderExtension(static_cast<kvtl::WiderExtension>(limit)); }
-  ~ScopedWider() { kvtl::LimitWiderExtension(kvtl::kWiderAVX2); }
+using kvbench::ScopedWider;
+
+// A photo-like background with its bytes kept, and a photo-like layer that
+// differs from it, its alpha turned round so that every mix of clear, partial
+// and opaque pixels occurs.
+struct LayerFrames {
+  kvbench::AlignedFrame background{kvbench::kFrameWidth, kvbench::kFrameHeight};
+  kvbench::AlignedFrame layer{kvbench::kFrameWidth, kvbench::kFrameHeight};
+  std::vector<unsigned char> photo;
+  LayerFrames() {
+    background.FillPhotoLike();
+    layer.FillPhotoLike();
+    for (size_t i = 0; i < layer.bytes(); i += 4) {
+      unsigned char* p = layer.pixels() + i;
+      p[0] = static_cast<unsigned char>(255 - p[0]);
+      p[1] = static_cast<unsigned char>(p[1] ^ 0x5A);
+      p[3] = static_cast<unsigned char>(255 - p[3]);
+    }
+    photo.assign(background.pixels(), background.pixels() + background.bytes());
+  }
 };
 
 void BM_CompLayer(benchmark::State& state) {
@@ -32,19 +48,9 @@ void BM_CompLayer(benchmark::State& state) {
   const kvo::image::KVCompositeType type = static_cast<kvo::image::KVCompositeType>(state.range(1));
   kvbench::ScopedThreads threads(static_cast<int>(state.range(2)));
   ScopedWider wider(static_cast<int>(state.range(3)));
-  kvbench::AlignedFrame background(kvbench::kFrameWidth, kvbench::kFrameHeight),
-      layer(kvbench::kFrameWidth, kvbench::kFrameHeight);
-  background.FillPhotoLike();
-  layer.FillPhotoLike();
-  // A layer that differs from the background, with its alpha turned round so
-  // that every mix of clear, partial and opaque pixels occurs.
-  for (size_t i = 0; i < layer.bytes(); i += 4) {
-    unsigned char* p = layer.pixels() + i;
-    p[0] = static_cast<unsigned char>(255 - p[0]);
-    p[1] = static_cast<unsigned char>(p[1] ^ 0x5A);
-    p[3] = static_cast<unsigned char>(255 - p[3]);
-  }
-  const std::vector<unsigned char> photo(background.pixels(), background.pixels() + background.bytes());
+  LayerFrames frames;
+  kvbench::AlignedFrame &background = frames.background, &layer = frames.layer;
+  const std::vector<unsigned char>& photo = frames.photo;
   kvo::KVLookupTables tables;
   kvo::image::KVImageCompositor compositor(background.image(), 1.0, tables, kvo::image::kDownsampleNone);
   compositor.AddLayer(layer.image(), 0.8, mode, type);
@@ -115,17 +121,9 @@ void BM_CompLayerDirect(benchmark::State& state) {
   const kvo::image::KVBlendMode mode = static_cast<kvo::image::KVBlendMode>(state.range(0));
   const kvo::image::KVCompositeType type = static_cast<kvo::image::KVCompositeType>(state.range(1));
   ScopedWider wider(static_cast<int>(state.range(2)));
-  kvbench::AlignedFrame background(kvbench::kFrameWidth, kvbench::kFrameHeight),
-      layer(kvbench::kFrameWidth, kvbench::kFrameHeight);
-  background.FillPhotoLike();
-  layer.FillPhotoLike();
-  for (size_t i = 0; i < layer.bytes(); i += 4) {
-    unsigned char* p = layer.pixels() + i;
-    p[0] = static_cast<unsigned char>(255 - p[0]);
-    p[1] = static_cast<unsigned char>(p[1] ^ 0x5A);
-    p[3] = static_cast<unsigned char>(255 - p[3]);
-  }
-  const std::vector<unsigned char> photo(background.pixels(), background.pixels() + background.bytes());
+  LayerFrames frames;
+  kvbench::AlignedFrame &background = frames.background, &layer = frames.layer;
+  const std::vector<unsigned char>& photo = frames.photo;
   kvo::KVLookupTables tables;
   kvo::image::LayerCompositor stage(layer.image(), 0.8, type, mode, tables);
   for (auto _ : state) {

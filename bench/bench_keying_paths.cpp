@@ -57,30 +57,35 @@ void BM_KeyingPathsAutoKey(benchmark::State& state) {
 }
 BENCHMARK(BM_KeyingPathsAutoKey)->Apply(PathArgs);
 
-void BM_KeyingPathsDetect(benchmark::State& state) {
+// Times `loop` (the benchmark's own timing loop) over a green-screen frame
+// with the arguments' threads and wider set.
+void RunOnGreenScreen(benchmark::State& state, const std::function<void(const kvbench::AlignedFrame&)>& loop) {
   kvbench::ScopedThreads threads(static_cast<int>(state.range(0)));
   ScopedWider wider(state.range(1));
   kvbench::AlignedFrame source(kvbench::kFrameWidth, kvbench::kFrameHeight);
   kvbench::FillGreenScreen(source);
-  kvo::image::KVKeyColor colour = kvo::image::kKeyColorAuto;
-  for (auto _ : state) {
-    kvo::image::AutoDetectKeyColor(source.image(), static_cast<int>(state.range(0)), &colour);
-    benchmark::DoNotOptimize(colour);
-  }
+  loop(source);
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * source.bytes());
+}
+
+void BM_KeyingPathsDetect(benchmark::State& state) {
+  RunOnGreenScreen(state, [&state](const kvbench::AlignedFrame& source) {
+    kvo::image::KVKeyColor colour = kvo::image::kKeyColorAuto;
+    for (auto _ : state) {
+      kvo::image::AutoDetectKeyColor(source.image(), static_cast<int>(state.range(0)), &colour);
+      benchmark::DoNotOptimize(colour);
+    }
+  });
 }
 BENCHMARK(BM_KeyingPathsDetect)->Apply(PathArgs);
 
 // The matte pass and the statistics of a given key colour.
 void BM_KeyingPathsMatteSetup(benchmark::State& state) {
-  kvbench::ScopedThreads threads(static_cast<int>(state.range(0)));
-  ScopedWider wider(state.range(1));
-  kvbench::AlignedFrame source(kvbench::kFrameWidth, kvbench::kFrameHeight);
-  kvbench::FillGreenScreen(source);
-  kvo::KVLookupTables tables;
-  kvo::image::ColorDifferenceKeyer keyer(kvo::image::kKeyColorGreen, 0.5, 0.2, 0.5, tables);
-  for (auto _ : state) keyer.Setup(source.image());
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * source.bytes());
+  RunOnGreenScreen(state, [&state](const kvbench::AlignedFrame& source) {
+    kvo::KVLookupTables tables;
+    kvo::image::ColorDifferenceKeyer keyer(kvo::image::kKeyColorGreen, 0.5, 0.2, 0.5, tables);
+    for (auto _ : state) keyer.Setup(source.image());
+  });
 }
 BENCHMARK(BM_KeyingPathsMatteSetup)->Apply(PathArgs);
 

@@ -9,11 +9,7 @@
 
 namespace {
 
-class ScopedWider {
- public:
-  explicit ScopedWider(int limit) { kvtl::LimitWiderExtension(static_cast<kvtl::WiderExtension>(limit)); }
-  ~ScopedWider() { kvtl::LimitWiderExtension(kvtl::kWiderAVX2); }
-};
+using kvbench::ScopedWider;
 
 void BM_SuperContrastPaths(benchmark::State& state) {
   kvbench::ScopedThreads threads(static_cast<int>(state.range(0)));

@@ -17,7 +17,30 @@
 
 namespace kvtest {
 
+using kvo::KVLookupTables;
 using kvo::image::KVImage8;
+using kvo::maths::KVPoint2;
+using kvo::maths::KVPoint2F;
+using kvo::maths::KVQuad;
+using kvo::maths::KVRect;
+
+// Whether the suite runs under the thread or address sanitizer: the slowest
+// tests cut their counts there.
+#if defined(__has_feature)
+#define KVTEST_HAS_FEATURE(name) __has_feature(name)
+#else
+#define KVTEST_HAS_FEATURE(name) 0
+#endif
+#if defined(__SANITIZE_THREAD__) || KVTEST_HAS_FEATURE(thread_sanitizer)
+const bool kUnderThreadSanitizer = true;
+#else
+const bool kUnderThreadSanitizer = false;
+#endif
+#if defined(__SANITIZE_ADDRESS__) || KVTEST_HAS_FEATURE(address_sanitizer)
+const bool kSanitized = true;
+#else
+const bool kSanitized = kUnderThreadSanitizer;
+#endif
 
 // The core count the whole suite runs with outside ScopedCoreCount: 0 (the
 // detected count) unless KVIMAGE_TEST_THREADS names one (see test_main.cc).
@@ -218,19 +241,34 @@ typedef std::vector<unsigned char> Bytes;
 
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-inline Bytes RenderStage(const StageSetter& set, const Bytes& pixels, unsigned int width, unsigned int height,
-                         unsigned int threads = 2, size_t offset = 0,
-                         kvo::image::KVPixelChannelOrder order = kvo::image::kPixelOrderBGRA) {
+inline Bytes RenderStageAt(const StageSetter& set, const Bytes& pixels, unsigned int width, unsigned int height,
+                           unsigned int threads, size_t sourceOffset, size_t targetOffset,
+                           kvo::image::KVPixelChannelOrder order = kvo::image::kPixelOrderBGRA,
+                           kvo::image::KVDownsampleFactor factor = kvo::image::kDownsampleNone) {
   ScopedCoreCount cores(threads);
-  GuardedImage src(width, height, offset, order), dst(width, height, offset, order);
+  GuardedImage src(width, height, sourceOffset, order), dst(width, height, targetOffset, order);
   src.fill(pixels);
-  kvo::image::KVImageProcessor processor(src.image(), dst.image(), SharedTables(), kvo::image::kDownsampleNone);
+  kvo::image::KVImageProcessor processor(src.image(), dst.image(), SharedTables(), factor);
   EXPECT_EQ(0, set(processor));
   EXPECT_EQ(0, processor.Render());
   EXPECT_TRUE(dst.guardsIntact());
   EXPECT_TRUE(src.guardsIntact());
   EXPECT_EQ(pixels, src.contents());
   return dst.contents();
+}
+
+inline Bytes RenderStage(const StageSetter& set, const Bytes& pixels, unsigned int width, unsigned int height,
+                         unsigned int threads = 2, size_t offset = 0,
+                         kvo::image::KVPixelChannelOrder order = kvo::image::kPixelOrderBGRA) {
+  return RenderStageAt(set, pixels, width, height, threads, offset, offset, order);
+}
+
+// A layer pattern with some clear and some opaque pixels.
+inline Bytes LayerBytes(unsigned int width, unsigned int height, uint32_t seed) {
+  Bytes bytes = PatternBytes(static_cast<size_t>(width) * height * 4, seed);
+  for (size_t i = 3; i < bytes.size(); i += 12) bytes[i] = 0;
+  for (size_t i = 7; i < bytes.size(); i += 20) bytes[i] = 255;
+  return bytes;
 }
 
 // One pixel, one thread.

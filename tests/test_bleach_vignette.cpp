@@ -10,14 +10,7 @@
 #include "TestSupport.h"
 
 using namespace kvo::image;
-using kvo::maths::KVPoint2;
-using kvo::maths::KVRect;
-using kvtest::Bytes;
-using kvtest::GuardedImage;
-using kvtest::kNaN;
-using kvtest::PatternBytes;
-using kvtest::RenderStage;
-using kvtest::ScopedCoreCount;
+using namespace kvtest;
 
 namespace {
 

@@ -9,22 +9,9 @@
 #include "TestSupport.h"
 
 using namespace kvo::image;
-using kvtest::GuardedImage;
-using kvtest::ScopedCoreCount;
+using namespace kvtest;
 
 namespace {
-
-#if defined(__SANITIZE_THREAD__)
-const bool kUnderThreadSanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-const bool kUnderThreadSanitizer = true;
-#else
-const bool kUnderThreadSanitizer = false;
-#endif
-#else
-const bool kUnderThreadSanitizer = false;
-#endif
 
 struct Px {
   unsigned char b, g, r, a;
@@ -362,21 +349,8 @@ TEST(ColorDifferenceKeyer, RendersInPlaceAndWithoutSetupKeepsAlpha) {
   EXPECT_TRUE(out.guardsIntact());
 }
 
-namespace {
-// An image of another depth: its buffer must never be touched.
-class SixteenBitImage : public KVAbstractImage {
- public:
-  KVPixelChannelOrder PixelChannelOrder() const override { return kPixelOrderBGRA; }
-  unsigned int BitsPerChannel() const override { return 16; }
-  unsigned int Width() const override { return 4; }
-  unsigned int Height() const override { return 4; }
-  unsigned int BufferSize() const override { return 64; }
-  unsigned int BufferByteSize() const override { return 128; }
-};
-}  // namespace
-
 TEST(ColorDifferenceKeyer, OtherDepthsReturnTheirCode) {
-  SixteenBitImage source, destination;
+  DeepImage source(4, 4), destination(4, 4);  // their buffers must never be touched
   ColorDifferenceKeyer keyer(kKeyColorAuto, 0.5, 0.1, 0.1, kvtest::SharedTables());
   keyer.Setup(&source);
   EXPECT_EQ(16, keyer.Render(&source, &destination, 0, 1));

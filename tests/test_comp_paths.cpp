@@ -168,19 +168,14 @@ struct VignetteCase {
 
 Bytes Vignette(const Size& size, size_t offset, unsigned int threads, bool plain, KVPixelChannelOrder order,
                const Bytes& input, const VignetteCase& shape) {
-  ScopedCoreCount cores(threads);
   ScopedWiderExtension wider(plain ? kvtl::kWiderNone : kvtl::kWiderAVX2);
-  GuardedImage source(size.width, size.height, offset, order), target(size.width, size.height, offset, order);
-  source.fill(input);
-  KVImageProcessor processor(source.image(), target.image(), kvtest::SharedTables(), kDownsampleNone);
   const KVPixel8_RGB colour = {200, 30, 90};
-  EXPECT_EQ(0, processor.SetVignette(colour, shape.amount, shape.midpoint, shape.roundness, shape.feather,
-                                     shape.highlights, shape.bounds));
-  EXPECT_EQ(0, processor.Render());
-  EXPECT_TRUE(source.guardsIntact());
-  EXPECT_TRUE(target.guardsIntact());
-  EXPECT_EQ(input, source.contents());
-  return target.contents();
+  return kvtest::RenderStage(
+      [&](KVImageProcessor& p) {
+        return p.SetVignette(colour, shape.amount, shape.midpoint, shape.roundness, shape.feather, shape.highlights,
+                             shape.bounds);
+      },
+      input, size.width, size.height, threads, offset, order);
 }
 
 TEST(CompositingPaths, VignetteWideEqualsPlain) {
@@ -209,17 +204,10 @@ TEST(CompositingPaths, VignetteWideEqualsPlain) {
 
 Bytes ThreeStrip(const Size& size, size_t offset, unsigned int threads, bool plain, const Bytes& input,
                  const double (&levels)[3]) {
-  ScopedCoreCount cores(threads);
   ScopedWiderExtension wider(plain ? kvtl::kWiderNone : kvtl::kWiderAVX2);
-  GuardedImage source(size.width, size.height, offset), target(size.width, size.height, offset);
-  source.fill(input);
-  KVImageProcessor processor(source.image(), target.image(), kvtest::SharedTables(), kDownsampleNone);
-  EXPECT_EQ(0, processor.SetThreeStripColor(levels[0], levels[1], levels[2]));
-  EXPECT_EQ(0, processor.Render());
-  EXPECT_TRUE(source.guardsIntact());
-  EXPECT_TRUE(target.guardsIntact());
-  EXPECT_EQ(input, source.contents());
-  return target.contents();
+  return kvtest::RenderStage(
+      [&](KVImageProcessor& p) { return p.SetThreeStripColor(levels[0], levels[1], levels[2]); }, input,
+      size.width, size.height, threads, offset);
 }
 
 TEST(CompositingPaths, ThreeStripWideEqualsPlain) {

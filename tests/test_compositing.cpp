@@ -96,21 +96,6 @@ std::string Escaped(const std::string& text) {
   return out;
 }
 
-// An image of another depth; only its description is ever read.
-class DeepImage : public KVAbstractImage {
- public:
-  DeepImage(unsigned int width, unsigned int height, unsigned int depth)
-      : m_width(width), m_height(height), m_depth(depth) {}
-  KVPixelChannelOrder PixelChannelOrder() const override { return kPixelOrderBGRA; }
-  unsigned int BitsPerChannel() const override { return m_depth; }
-  unsigned int Width() const override { return m_width; }
-  unsigned int Height() const override { return m_height; }
-  unsigned int BufferSize() const override { return m_width * m_height * 4; }
-  unsigned int BufferByteSize() const override { return m_width * m_height * 4; }
-
- private:
-  unsigned int m_width, m_height, m_depth;
-};
 
 const int kEveryMode[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 200, -1};
 
@@ -465,14 +450,14 @@ TEST(LayerCompositorStage, DescriptionSetupAndEmptyShares) {
 }
 
 TEST(LayerCompositorStage, OtherDepthReturnsItsCode) {
-  DeepImage background(3, 2, 16), layer(3, 2, 16);
+  kvtest::DeepImage background(3, 2, 16), layer(3, 2, 16);
   LayerCompositor stage(&layer, 1.0, kCompositeColorOnly, kBlendNormal, kvtest::SharedTables());
   EXPECT_EQ(16, stage.Render(&background, 0, 1));
 }
 
 TEST(LayerCompositorStageDeathTest, MismatchAssertions) {
   GuardedImage background(4, 3), wide(5, 3), tall(4, 2), argb(4, 3, 0, kPixelOrderARGB);
-  DeepImage deep(4, 3, 16);
+  kvtest::DeepImage deep(4, 3, 16);
   const std::string prefix = "LayerCompositor:";
   LayerCompositor widthStage(wide.image(), 1.0, kCompositeColorOnly, kBlendNormal, kvtest::SharedTables());
   EXPECT_DEATH(widthStage.Render(background.image(), 0, 1),

@@ -12,14 +12,7 @@
 #include "TestSupport.h"
 
 using namespace kvo::image;
-using kvo::maths::KVPoint2;
-using kvo::maths::KVPoint2F;
-using kvo::maths::KVRect;
-using kvtest::Bytes;
-using kvtest::GuardedImage;
-using kvtest::kNaN;
-using kvtest::PatternBytes;
-using kvtest::RenderStage;
+using namespace kvtest;
 
 namespace {
 

@@ -13,18 +13,11 @@
 #include "TestSupport.h"
 
 using namespace kvo::image;
-using kvo::maths::KVPoint2;
-using kvo::maths::KVRect;
-using kvtest::GuardedImage;
-using kvtest::PatternBytes;
-using kvtest::ScopedCoreCount;
+using namespace kvtest;
 
 namespace {
 
-typedef std::vector<unsigned char> Bytes;
 typedef std::function<int(KVImageProcessor&)> Setter;
-
-const double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 struct FocusRun {
   Bytes output;

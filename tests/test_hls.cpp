@@ -10,15 +10,11 @@
 #include "renderers/colour/HueStagePixels.h"
 
 using namespace kvo::image;
-using kvtest::GuardedImage;
+using namespace kvtest;
 
 namespace {
 
 typedef kvtest::StageSetter Setter;
-using kvtest::Bytes;
-using kvtest::kNaN;
-using kvtest::RenderPixel;
-using kvtest::RenderStage;
 
 // BGRA bytes of a red, green, blue colour with an alpha.
 Bytes Bgra(int red, int green, int blue, int alpha) {
@@ -263,9 +259,9 @@ TEST(HLSStages, NaNSettingsRenderDeterministically) {
 namespace {
 
 // An image that reports a depth other than 8 bits.
-class DeepImage : public KVImage8 {
+class OneBitImage : public KVImage8 {
  public:
-  DeepImage(unsigned char* buffer, unsigned int width, unsigned int height)
+  OneBitImage(unsigned char* buffer, unsigned int width, unsigned int height)
       : KVImage8(buffer, width, height, kPixelOrderBGRA) {}
   unsigned int BitsPerChannel() const override { return 1; }
 };
@@ -274,7 +270,7 @@ class DeepImage : public KVImage8 {
 
 TEST(HLSStages, SkipSourcesOfAnotherDepth) {
   Bytes in(16, 100), out(16, 3);
-  DeepImage source(in.data(), 2, 2);
+  OneBitImage source(in.data(), 2, 2);
   KVImage8 destination(out.data(), 2, 2, kPixelOrderBGRA);
   SaturationRenderer saturation(0.0, nullptr);
   HueShiftRenderer shift(120, 1.0);

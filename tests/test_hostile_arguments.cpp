@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <climits>
 #include <functional>
+#include <initializer_list>
 
 #include "TestSupport.h"
 
@@ -88,25 +89,36 @@ TEST(HugeArguments, StackBlurRadiiFarBeyondTheImage) {
   ExpectProperBlurAtEveryRadius([](KVImageProcessor& p, unsigned int r) { return p.SetYUVBlur(r, kYUVBlurStack); });
 }
 
+// Renders `source` once per argument through a fresh engine: every render
+// succeeds, keeps the guard bytes and gives the bytes of the first.
+template <typename Engine, typename Argument, typename Queue>
+void ExpectTheBytesOfTheFirst(GuardedImage& source, std::initializer_list<Argument> arguments, const Queue& queue) {
+  std::vector<unsigned char> expected;
+  for (Argument argument : arguments) {
+    GuardedImage destination(source.image()->Width(), source.image()->Height(), 1);
+    Engine engine(source.image(), destination.image(), SharedTables(), kDownsampleNone);
+    ASSERT_EQ(queue(engine, argument), 0);
+    ASSERT_EQ(engine.Render(), 0);
+    EXPECT_TRUE(destination.guardsIntact());
+    if (expected.empty()) {
+      expected = destination.contents();
+    } else {
+      EXPECT_EQ(destination.contents(), expected) << "argument " << argument;
+    }
+  }
+}
+
 // The box blurs never average more than a whole line, so any radius beyond
 // the image gives the bytes of a radius just beyond it.
 TEST(HugeArguments, BoxBlurRadiiBeyondTheImageMatchTheWholeLine) {
   GuardedImage source(23, 9, 1);
   source.fill(kvtest::PatternBytes(source.bytes(), 11));
   for (KVYUVBlurType type : {kYUVBlurHorizontal, kYUVBlurVertical, kYUVBlurHorizontalVertical}) {
-    std::vector<unsigned char> expected;
-    for (unsigned int radius : {24u, 100000u, UINT_MAX}) {
-      GuardedImage destination(23, 9, 1);
-      KVImageProcessor processor(source.image(), destination.image(), SharedTables(), kDownsampleNone);
-      ASSERT_EQ(processor.SetYUVBlur(radius, type), 0);
-      ASSERT_EQ(processor.Render(), 0);
-      EXPECT_TRUE(destination.guardsIntact());
-      if (expected.empty()) {
-        expected = destination.contents();
-      } else {
-        EXPECT_EQ(destination.contents(), expected) << "type " << type << ", radius " << radius;
-      }
-    }
+    SCOPED_TRACE(type);
+    ExpectTheBytesOfTheFirst<KVImageProcessor>(source, {24u, 100000u, UINT_MAX},
+                                               [type](KVImageProcessor& p, unsigned int radius) {
+                                                 return p.SetYUVBlur(radius, type);
+                                               });
   }
 }
 
@@ -116,19 +128,10 @@ TEST(HugeArguments, WhiteErodeSizesBeyondTheImageMatchAWindowOverTheWholeImage) 
   GuardedImage source(23, 9, 1);
   source.fill(kvtest::PatternBytes(source.bytes(), 3));
   for (KVWhiteErodeDirection direction : {kWhiteErodeAll, kWhiteErodeRightward, kWhiteErodeLeftward}) {
-    std::vector<unsigned char> expected;
-    for (int size : {47, 10000000, INT_MAX}) {
-      GuardedImage destination(23, 9, 1);
-      KVImageKeyer keyer(source.image(), destination.image(), SharedTables(), kDownsampleNone);
-      ASSERT_EQ(keyer.SetWhiteErode(direction, size), 0);
-      ASSERT_EQ(keyer.Render(), 0);
-      EXPECT_TRUE(destination.guardsIntact());
-      if (expected.empty()) {
-        expected = destination.contents();
-      } else {
-        EXPECT_EQ(destination.contents(), expected) << "direction " << direction << ", size " << size;
-      }
-    }
+    SCOPED_TRACE(direction);
+    ExpectTheBytesOfTheFirst<KVImageKeyer>(source, {47, 10000000, INT_MAX}, [direction](KVImageKeyer& k, int size) {
+      return k.SetWhiteErode(direction, size);
+    });
   }
 }
 

@@ -9,32 +9,13 @@
 
 #include "TestSupport.h"
 
-using kvtest::SharedTables;
-
 using namespace kvo::image;
-using kvo::KVLookupTables;
-using kvtest::DeepImage;
-using kvtest::GuardedImage;
-using kvtest::LiteralRegex;
-using kvtest::PatternBytes;
-using kvtest::ScopedCoreCount;
+using namespace kvtest;
 
 namespace {
 
-typedef std::vector<unsigned char> Bytes;
-
-const double kNaN = std::numeric_limits<double>::quiet_NaN();
-
-// A pattern with some clear and some opaque pixels on both sides, and
-// translucent background alphas that the un-premultiplication does not give
+// Translucent background alphas that the un-premultiplication does not give
 // back exactly.
-Bytes LayerBytes(unsigned int width, unsigned int height, uint32_t seed) {
-  Bytes bytes = PatternBytes(static_cast<size_t>(width) * height * 4, seed);
-  for (size_t i = 3; i < bytes.size(); i += 12) bytes[i] = 0;
-  for (size_t i = 7; i < bytes.size(); i += 20) bytes[i] = 255;
-  return bytes;
-}
-
 Bytes BackgroundBytes(unsigned int width, unsigned int height, uint32_t seed) {
   Bytes bytes = PatternBytes(static_cast<size_t>(width) * height * 4, seed);
   for (size_t i = 3; i < bytes.size(); i += 16) bytes[i] = 41;

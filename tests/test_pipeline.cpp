@@ -162,6 +162,12 @@ std::vector<Thrown> ExceptionKinds() {
 
 class Pipelines : public ::testing::Test {
  protected:
+  // Fills an image with the pattern of the seed and returns the pattern.
+  static std::vector<unsigned char> Filled(GuardedImage& image, uint32_t seed) {
+    const std::vector<unsigned char> pattern = kvtest::PatternBytes(image.bytes(), seed);
+    image.fill(pattern);
+    return pattern;
+  }
   kvo::KVLookupTables& tables() {
     static kvo::KVLookupTables shared;
     return shared;
@@ -181,19 +187,16 @@ TEST(ConvertExceptionToKVerr, ExactTypesOnly) {
   std::bad_array_new_length badLength;  // derived from bad_alloc
   CustomError custom;
   std::exception plain;
-  EXPECT_EQ(8, kvo::ConvertExceptionToKVerr(badAlloc, 55));
-  EXPECT_EQ(2, kvo::ConvertExceptionToKVerr(runtime, 55));
-  EXPECT_EQ(3, kvo::ConvertExceptionToKVerr(logic, 55));
-  EXPECT_EQ(4, kvo::ConvertExceptionToKVerr(invalid, 55));
-  EXPECT_EQ(7, kvo::ConvertExceptionToKVerr(range, 55));
-  EXPECT_EQ(55, kvo::ConvertExceptionToKVerr(length, 55));
-  EXPECT_EQ(2, kvo::ConvertExceptionToKVerr(length, 2));
-  EXPECT_EQ(1001, kvo::ConvertExceptionToKVerr(length, 1001));
-  EXPECT_EQ(55, kvo::ConvertExceptionToKVerr(rangeError, 55));
-  EXPECT_EQ(55, kvo::ConvertExceptionToKVerr(badLength, 55));
-  EXPECT_EQ(1001, kvo::ConvertExceptionToKVerr(custom, 1001));
-  EXPECT_EQ(2, kvo::ConvertExceptionToKVerr(custom, 2));
-  EXPECT_EQ(55, kvo::ConvertExceptionToKVerr(plain, 55));
+  const struct {
+    std::exception* error;
+    int defaultCode, expected;
+  } cases[] = {{&badAlloc, 55, 8},    {&runtime, 55, 2},    {&logic, 55, 3},       {&invalid, 55, 4},
+               {&range, 55, 7},       {&length, 55, 55},    {&length, 2, 2},       {&length, 1001, 1001},
+               {&rangeError, 55, 55}, {&badLength, 55, 55}, {&custom, 1001, 1001}, {&custom, 2, 2},
+               {&plain, 55, 55}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.expected, kvo::ConvertExceptionToKVerr(*c.error, c.defaultCode)) << c.error->what();
+  }
   // Caught through a base-class reference, the dynamic type still decides.
   try {
     throw CustomError();
@@ -204,9 +207,8 @@ TEST(ConvertExceptionToKVerr, ExactTypesOnly) {
 
 TEST_F(Pipelines, OneStageRendersStraightIntoTheDestination) {
   ScopedCoreCount cores(3);
-  const std::vector<unsigned char> pattern = kvtest::PatternBytes(7 * 5 * 4, 11);
   GuardedImage source(7, 5), destination(7, 5);
-  source.fill(pattern);
+  const std::vector<unsigned char> pattern = Filled(source, 11);
   KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
   RecordingPtr stage = Recording(3);
   Queue(processor, stage);
@@ -227,10 +229,9 @@ TEST_F(Pipelines, OneStageRendersStraightIntoTheDestination) {
 
 TEST_F(Pipelines, TwoStagesPassAFreshZeroFilledIntermediate) {
   ScopedCoreCount cores(2);
-  const std::vector<unsigned char> pattern = kvtest::PatternBytes(5 * 3 * 4, 12);
   // Channel order 2: the intermediate must carry it over.
   GuardedImage source(5, 3, 0, kPixelOrderARGB), destination(5, 3, 0, kPixelOrderARGB);
-  source.fill(pattern);
+  const std::vector<unsigned char> pattern = Filled(source, 12);
   KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
   RecordingPtr first = Recording(-1);  // writes nothing
   RecordingPtr second = Recording(9);
@@ -260,9 +261,8 @@ TEST_F(Pipelines, TwoStagesPassAFreshZeroFilledIntermediate) {
 
 TEST_F(Pipelines, ThreeStagesChainThroughTwoIntermediates) {
   ScopedCoreCount cores(4);
-  const std::vector<unsigned char> pattern = kvtest::PatternBytes(9 * 2 * 4, 13);
   GuardedImage source(9, 2), destination(9, 2);
-  source.fill(pattern);
+  const std::vector<unsigned char> pattern = Filled(source, 13);
   KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
   RecordingPtr a = Recording(1), b = Recording(2), c = Recording(3);
   Queue(processor, a);
@@ -288,11 +288,8 @@ TEST_F(Pipelines, ThreeStagesChainThroughTwoIntermediates) {
 }
 
 TEST_F(Pipelines, EmptyQueueLeavesTheDestination) {
-  const std::vector<unsigned char> pattern = kvtest::PatternBytes(4 * 4 * 4, 14);
-  const std::vector<unsigned char> target = kvtest::PatternBytes(4 * 4 * 4, 15);
   GuardedImage source(4, 4), destination(4, 4);
-  source.fill(pattern);
-  destination.fill(target);
+  const std::vector<unsigned char> pattern = Filled(source, 14), target = Filled(destination, 15);
   KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
   EXPECT_EQ(0, processor.RenderQueueCount());
   EXPECT_EQ(0, processor.Render());
@@ -338,10 +335,9 @@ TEST_F(Pipelines, SettersQueueOneStageEach) {
   EXPECT_EQ(0, processor.SetMatteView());
   EXPECT_EQ(6, processor.RenderQueueCount());
   // Out of range: code 7 and nothing queued.
-  EXPECT_EQ(7, processor.SetOpacity(1.5));
-  EXPECT_EQ(7, processor.SetOpacity(-0.01));
-  EXPECT_EQ(7, processor.SetOpacity(1.01));
-  EXPECT_EQ(7, processor.SetOpacity(std::numeric_limits<double>::infinity()));
+  for (double opacity : {1.5, -0.01, 1.01, std::numeric_limits<double>::infinity()}) {
+    EXPECT_EQ(7, processor.SetOpacity(opacity)) << opacity;
+  }
   EXPECT_EQ(6, processor.RenderQueueCount());
   // NaN passes both comparisons and is queued.
   EXPECT_EQ(0, processor.SetOpacity(std::nan("")));
@@ -466,9 +462,8 @@ TEST_F(Pipelines, ThreadCountIsCappedAt255) {
 
 TEST_F(Pipelines, KeyerRunsTheSameRenderLoop) {
   ScopedCoreCount cores(3);
-  const std::vector<unsigned char> pattern = kvtest::PatternBytes(5 * 5 * 4, 17);
   GuardedImage source(5, 5), destination(5, 5);
-  source.fill(pattern);
+  const std::vector<unsigned char> pattern = Filled(source, 17);
   KVImageKeyer keyer(source.image(), destination.image(), tables(), kDownsampleNone);
   RecordingPtr first = Recording(-1), second = Recording(4);
   first->throwInRender = [](int thread) {

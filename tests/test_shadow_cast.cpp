@@ -7,24 +7,11 @@
 
 #include "TestSupport.h"
 
-using kvtest::SharedTables;
-
 using namespace kvo::image;
-using kvo::KVLookupTables;
-using kvo::maths::KVPoint2;
-using kvo::maths::KVPoint2F;
-using kvo::maths::KVQuad;
-using kvo::maths::KVRect;
-using kvtest::DeepImage;
-using kvtest::GuardedImage;
-using kvtest::PatternBytes;
-using kvtest::ScopedCoreCount;
+using namespace kvtest;
 
 namespace {
 
-typedef std::vector<unsigned char> Bytes;
-
-const double kNaN = std::numeric_limits<double>::quiet_NaN();
 const double kInfinity = std::numeric_limits<double>::infinity();
 const KVPixel8_RGB kShadowColour = {200, 40, 90};
 
@@ -35,13 +22,6 @@ KVQuad Translated(const KVRect& rect, double dx, double dy) {
   return KVQuad(KVPoint2F(left, top), KVPoint2F(right, top), KVPoint2F(left, bottom), KVPoint2F(right, bottom));
 }
 
-// A layer alpha pattern with clear and opaque pixels.
-Bytes LayerBytes(unsigned int width, unsigned int height, uint32_t seed) {
-  Bytes bytes = PatternBytes(static_cast<size_t>(width) * height * 4, seed);
-  for (size_t i = 3; i < bytes.size(); i += 12) bytes[i] = 0;
-  for (size_t i = 7; i < bytes.size(); i += 20) bytes[i] = 255;
-  return bytes;
-}
 
 struct Shadow {
   KVRect bounds;

@@ -10,19 +10,9 @@
 #include "TestSupport.h"
 #include "fuzz/PipelineScenario.h"
 
-namespace {
+using kvtest::kSanitized;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-const bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-const bool kSanitized = true;
-#else
-const bool kSanitized = false;
-#endif
-#else
-const bool kSanitized = false;
-#endif
+namespace {
 
 // 250 scenarios of four renders each; a quarter of that under the sanitizers.
 const unsigned int kScenarios = kSanitized ? 64 : 250;

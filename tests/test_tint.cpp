@@ -7,15 +7,11 @@
 #include "TestSupport.h"
 
 using namespace kvo::image;
-using kvtest::GuardedImage;
+using namespace kvtest;
 
 namespace {
 
 typedef kvtest::StageSetter Setter;
-using kvtest::Bytes;
-using kvtest::kNaN;
-using kvtest::RenderPixel;
-using kvtest::RenderStage;
 
 Setter Tint(int type, double amount) {
   return [=](KVImageProcessor& p) { return p.SetTint(static_cast<KVTintType>(type), amount); };

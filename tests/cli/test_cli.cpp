@@ -119,28 +119,26 @@ void ExpectSameImage(const Image& expected, const Image& actual) {
   }
 }
 
-// The engine's processor over a copy of source, the destination starting as
-// the source (as the tool does).
-Image Process(const Image& source, const std::function<void(KVImageProcessor&)>& queue) {
+// The engine's processor or keyer over a copy of source, the destination
+// starting as the source (as the tool does).
+template <typename Engine>
+Image RunEngine(const Image& source, const std::function<void(Engine&)>& queue) {
   Image in = source, out = source;
   KVImage8 a(in.bgra.data(), in.width, in.height, kPixelOrderBGRA);
   KVImage8 b(out.bgra.data(), out.width, out.height, kPixelOrderBGRA);
   kvo::KVLookupTables tables;
-  KVImageProcessor processor(&a, &b, tables, kDownsampleNone);
-  queue(processor);
-  EXPECT_EQ(0, processor.Render());
+  Engine engine(&a, &b, tables, kDownsampleNone);
+  queue(engine);
+  EXPECT_EQ(0, engine.Render());
   return out;
 }
 
+Image Process(const Image& source, const std::function<void(KVImageProcessor&)>& queue) {
+  return RunEngine<KVImageProcessor>(source, queue);
+}
+
 Image Key(const Image& source, const std::function<void(KVImageKeyer&)>& queue) {
-  Image in = source, out = source;
-  KVImage8 a(in.bgra.data(), in.width, in.height, kPixelOrderBGRA);
-  KVImage8 b(out.bgra.data(), out.width, out.height, kPixelOrderBGRA);
-  kvo::KVLookupTables tables;
-  KVImageKeyer keyer(&a, &b, tables, kDownsampleNone);
-  queue(keyer);
-  EXPECT_EQ(0, keyer.Render());
-  return out;
+  return RunEngine<KVImageKeyer>(source, queue);
 }
 
 Image Over(const Image& background, const Image& layer) {
