@@ -14,18 +14,6 @@
 namespace kvo {
 namespace image {
 
-namespace {
-
-// [low, high) of a rectangle side clipped to 0 .. limit.
-void ClipSpan(int64_t start, int64_t size, uint32_t limit, uint32_t& low, uint32_t& high) {
-  const int64_t end = start + size;
-  low = static_cast<uint32_t>(std::min<int64_t>(std::max<int64_t>(start, 0), limit));
-  high = static_cast<uint32_t>(std::min<int64_t>(std::max<int64_t>(end, 0), limit));
-  if (high < low) high = low;
-}
-
-}  // namespace
-
 BoundedStackBlurRenderer::BoundedStackBlurRenderer(unsigned int radius_, bool horizontal_, bool vertical_,
                                                    KVChannelsToProcess channels_, const kvo::maths::KVRect& rect_,
                                                    double feather_)
