@@ -11,6 +11,7 @@
 #include "compositing/BlendVectors.h"
 #include "support/AssertionSites.h"
 #include "support/Conversions.h"
+#include "support/ParallelPass.h"
 #include "support/PathChoice.h"
 #include "support/PixelLayout.h"
 
@@ -168,6 +169,20 @@ typedef size_t (*LayerKernel)(const LayerRun& run);
 inline void RunLayerKernel(LayerKernel kernel, LayerKernel plain, const LayerRun& run) {
   const size_t done = kernel(run);
   if (done < run.pixels) plain(run.From(done));
+}
+
+// Thread threadIndex's byte share of layer over background, cut at the
+// smaller of the two buffers, through kernel and finished by plain.
+inline void RunLayerKernelOnShare(LayerKernel kernel, LayerKernel plain, KVAbstractImage* layer,
+                                  KVImage8* background, const unsigned char* weightedAlpha,
+                                  kvo::KVLookupTables& tables, unsigned char threadIndex,
+                                  unsigned char threadCount) {
+  const ShareRun share = ByteShare(background->Width(), background->Height(), threadIndex, threadCount,
+                                   CommonByteSize(layer, background));
+  if (share.count == 0) return;
+  const LayerRun run = {PixelBytes(layer) + share.start, background->Buffer() + share.start,
+                        share.count / kBytesPerPixel, weightedAlpha, tables};
+  RunLayerKernel(kernel, plain, run);
 }
 
 // Colour-only: each colour byte moves towards r(layer, background) by fa/256;

@@ -2,7 +2,6 @@
 
 #include "compositing/BlendOperations.h"
 #include "support/PixelLayout.h"
-#include "support/ParallelPass.h"
 
 namespace kvo {
 namespace image {
@@ -76,12 +75,8 @@ int LayerCompositor::Render(KVAbstractImage* backgroundLayer, unsigned char thre
 }
 
 int LayerCompositor::Render8(KVImage8* backgroundLayer, unsigned char threadIndex, unsigned char threadCount) {
-  const ShareRun share = ByteShare(backgroundLayer->Width(), backgroundLayer->Height(), threadIndex, threadCount,
-                                   CommonByteSize(m_foregroundLayer, backgroundLayer));
-  if (share.count == 0) return 0;
-  const LayerRun run = {PixelBytes(m_foregroundLayer) + share.start, backgroundLayer->Buffer() + share.start,
-                       share.count / kBytesPerPixel, m_weightedAlpha, m_tables};
-  RunLayerKernel(m_kernel, m_plainKernel, run);
+  RunLayerKernelOnShare(m_kernel, m_plainKernel, m_foregroundLayer, backgroundLayer, m_weightedAlpha, m_tables,
+                        threadIndex, threadCount);
   return 0;
 }
 

@@ -83,12 +83,8 @@ int LightSpillLayerCompositor::Render8(KVImage8* backgroundLayer, unsigned char 
       glow->Height() != backgroundLayer->Height()) {
     return 0;
   }
-  const ShareRun share = ByteShare(backgroundLayer->Width(), backgroundLayer->Height(), threadIndex, threadCount,
-                                   CommonByteSize(glow, backgroundLayer));
-  if (share.count == 0) return 0;
-  const LayerRun run = {PixelBytes(glow) + share.start, backgroundLayer->Buffer() + share.start,
-                       share.count / kBytesPerPixel, m_weightedAlpha, m_tables};
-  RunLayerKernel(m_kernel, m_plainKernel, run);
+  RunLayerKernelOnShare(m_kernel, m_plainKernel, glow, backgroundLayer, m_weightedAlpha, m_tables, threadIndex,
+                        threadCount);
   return 0;
 }
 

@@ -134,21 +134,31 @@ size_t CountKeyPixels_Plain(const unsigned char* pixels, size_t count, KeyPixelC
   return count;
 }
 
+// Bytes 0, 1 and 2 of the 16 pixels at p, one register each (the alpha
+// bytes are dropped).
+KV_TARGET_SSSE3 inline void LoadColourPlanes(const unsigned char* p, __m128i (&channels)[3]) {
+  // Gathers byte c of 4 pixels into dword c of the register.
+  const __m128i byChannel = _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+  const __m128i v0 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), byChannel);
+  const __m128i v1 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)), byChannel);
+  const __m128i v2 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 32)), byChannel);
+  const __m128i v3 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 48)), byChannel);
+  const __m128i t0 = _mm_unpacklo_epi32(v0, v1), t1 = _mm_unpackhi_epi32(v0, v1);
+  const __m128i t2 = _mm_unpacklo_epi32(v2, v3), t3 = _mm_unpackhi_epi32(v2, v3);
+  channels[0] = _mm_unpacklo_epi64(t0, t2);
+  channels[1] = _mm_unpackhi_epi64(t0, t2);
+  channels[2] = _mm_unpacklo_epi64(t1, t3);
+}
+
 // 16 pixels at a time: a blue pixel has byte 0 above byte 1, so it is never
 // green, and the rest are the other pixels.
 KV_TARGET_SSSE3 size_t CountKeyPixels_SSSE3(const unsigned char* pixels, size_t count, KeyPixelCounts& counts) {
-  const __m128i byChannel = _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
   const __m128i zero = _mm_setzero_si128();
   size_t i = 0;
   for (; i + 16 <= count; i += 16) {
-    const unsigned char* p = pixels + i * kBytesPerPixel;
-    const __m128i v0 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), byChannel);
-    const __m128i v1 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)), byChannel);
-    const __m128i v2 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 32)), byChannel);
-    const __m128i v3 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 48)), byChannel);
-    const __m128i t0 = _mm_unpacklo_epi32(v0, v1), t1 = _mm_unpackhi_epi32(v0, v1);
-    const __m128i t2 = _mm_unpacklo_epi32(v2, v3), t3 = _mm_unpackhi_epi32(v2, v3);
-    const __m128i b0 = _mm_unpacklo_epi64(t0, t2), b1 = _mm_unpackhi_epi64(t0, t2), b2 = _mm_unpacklo_epi64(t1, t3);
+    __m128i channels[3];
+    LoadColourPlanes(pixels + i * kBytesPerPixel, channels);
+    const __m128i b0 = channels[0], b1 = channels[1], b2 = channels[2];
     const int green = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_subs_epu8(_mm_max_epu8(b0, b2), b1), zero));
     const int notBlue = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_subs_epu8(b0, _mm_max_epu8(b1, b2)), zero));
     const uint32_t greens = static_cast<uint32_t>(__builtin_popcount(static_cast<unsigned int>(green)));
@@ -242,8 +252,6 @@ template <unsigned int KeyByte, unsigned int OtherByte1, unsigned int OtherByte2
 KV_TARGET_SSSE3 size_t MatteRun_SSSE3(const unsigned char* in, unsigned char* matte, size_t count,
                                       const Softening& softening, MatteInfo& info) {
   const int limit = softening.limit;
-  // Gathers byte c of 4 pixels into dword c of the register.
-  const __m128i byChannel = _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
   const __m128i zero = _mm_setzero_si128();
   // Key pixels with chroma below `limit` are softened; no limit above 255
   // fits a byte, so such a limit sends every key pixel to the plain run.
@@ -254,13 +262,8 @@ KV_TARGET_SSSE3 size_t MatteRun_SSSE3(const unsigned char* in, unsigned char* ma
   size_t i = 0;
   for (; i + 16 <= count; i += 16) {
     const unsigned char* p = in + i * kBytesPerPixel;
-    const __m128i v0 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), byChannel);
-    const __m128i v1 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16)), byChannel);
-    const __m128i v2 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 32)), byChannel);
-    const __m128i v3 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 48)), byChannel);
-    const __m128i t0 = _mm_unpacklo_epi32(v0, v1), t1 = _mm_unpackhi_epi32(v0, v1);
-    const __m128i t2 = _mm_unpacklo_epi32(v2, v3), t3 = _mm_unpackhi_epi32(v2, v3);
-    const __m128i channels[3] = {_mm_unpacklo_epi64(t0, t2), _mm_unpackhi_epi64(t0, t2), _mm_unpacklo_epi64(t1, t3)};
+    __m128i channels[3];
+    LoadColourPlanes(p, channels);
     const __m128i key = channels[KeyByte], other1 = channels[OtherByte1], other2 = channels[OtherByte2];
     // Key pixels are those with a non-zero saturated difference.
     const __m128i difference = _mm_subs_epu8(key, _mm_max_epu8(other1, other2));

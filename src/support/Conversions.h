@@ -1,6 +1,7 @@
 #ifndef KVIMAGE_SRC_SUPPORT_CONVERSIONS_H
 #define KVIMAGE_SRC_SUPPORT_CONVERSIONS_H
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 
@@ -30,6 +31,14 @@ inline unsigned int SaturateToUInt32(double value) {
 }
 
 inline int ClampToByte(int value) { return value < 0 ? 0 : (value > 255 ? 255 : value); }
+
+// [low, high) of a rectangle side clipped to 0 .. limit.
+inline void ClipSpan(int64_t start, int64_t size, uint32_t limit, uint32_t& low, uint32_t& high) {
+  const int64_t end = start + size;
+  low = static_cast<uint32_t>(std::min<int64_t>(std::max<int64_t>(start, 0), limit));
+  high = static_cast<uint32_t>(std::min<int64_t>(std::max<int64_t>(end, 0), limit));
+  if (high < low) high = low;
+}
 
 }  // namespace image
 }  // namespace kvo

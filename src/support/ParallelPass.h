@@ -11,6 +11,7 @@
 
 #include <kvimage/image.h>
 
+#include "support/PixelLayout.h"
 #include "support/Threads.h"
 
 namespace kvo {
@@ -54,6 +55,20 @@ ShareRun EvenShare(size_t total, unsigned int threadIndex, unsigned int threadCo
 // The number of bytes held by both images: the bound for a stage that walks
 // the same positions in a source and a destination.
 size_t CommonByteSize(const KVAbstractImage* a, const KVAbstractImage* b);
+
+// Calls pixel(in, out) with the first byte of every whole pixel of thread
+// threadIndex's byte share of source's width by destination's height, cut at
+// the smaller buffer: a pass where each output pixel needs only its own input.
+template <class PerPixel>
+void ForEachPixelOfByteShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                             unsigned char threadCount, PerPixel pixel) {
+  const ShareRun share =
+      ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
+  if (share.count == 0) return;
+  const unsigned char* in = PixelBytes(source) + share.start;
+  unsigned char* out = PixelBytes(destination) + share.start;
+  for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) pixel(in + i, out + i);
+}
 
 namespace detail {
 

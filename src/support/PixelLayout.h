@@ -19,6 +19,15 @@ enum : unsigned int {
 // Stages treat every image as a KVImage8 to reach its bytes.
 inline unsigned char* PixelBytes(KVAbstractImage* image) { return static_cast<KVImage8*>(image)->Buffer(); }
 
+// The Render of a stage that serves 8-bit images only: an image of another
+// depth gets that depth back as the result, an 8-bit one goes to stage.Render8.
+template <class Stage>
+int RenderEightBitOnly(Stage& stage, KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                       unsigned char threadCount) {
+  if (source->BitsPerChannel() != 0) return static_cast<int>(source->BitsPerChannel());
+  return stage.Render8(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
+}
+
 // In channel order 2 (alpha, red, green, blue) alpha is byte 0.
 enum : unsigned int { kAlphaByteARGB = 0 };
 

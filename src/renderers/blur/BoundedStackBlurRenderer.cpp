@@ -14,18 +14,6 @@
 namespace kvo {
 namespace image {
 
-namespace {
-
-// [low, high) of a rectangle side clipped to 0 .. limit.
-void ClipSpan(int64_t start, int64_t size, uint32_t limit, uint32_t& low, uint32_t& high) {
-  const int64_t end = start + size;
-  low = static_cast<uint32_t>(std::min<int64_t>(std::max<int64_t>(start, 0), limit));
-  high = static_cast<uint32_t>(std::min<int64_t>(std::max<int64_t>(end, 0), limit));
-  if (high < low) high = low;
-}
-
-}  // namespace
-
 BoundedStackBlurRenderer::BoundedStackBlurRenderer(unsigned int radius_, bool horizontal_, bool vertical_,
                                                    KVChannelsToProcess channels_, const kvo::maths::KVRect& rect_,
                                                    double feather_)
@@ -111,8 +99,7 @@ double BoundedStackBlurRenderer::BlurWeight(uint32_t x, uint32_t y) const {
 
 int BoundedStackBlurRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination,
                                      unsigned char threadIndex, unsigned char threadCount) {
-  if (source->BitsPerChannel() != 0) return static_cast<int>(source->BitsPerChannel());
-  return Render8(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
+  return RenderEightBitOnly(*this, source, destination, threadIndex, threadCount);
 }
 
 int BoundedStackBlurRenderer::Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex,

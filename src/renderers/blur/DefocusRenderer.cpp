@@ -2,8 +2,8 @@
 
 #include "renderers/blur/FocusBlur.h"
 #include "support/Conversions.h"
-#include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
+#include "support/PixelLayout.h"
 
 namespace kvo {
 namespace image {
@@ -38,24 +38,22 @@ void DefocusRenderer::Setup(KVAbstractImage* image) {
 
 int DefocusRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                             unsigned char threadCount) {
-  AssertBGRA8(source, kDefocusSites.format);
-  return Render8_CPP(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
+  return RenderFocusStage(*this, source, destination, threadIndex, threadCount, kDefocusSites);
 }
 
 int DefocusRenderer::Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
                                  unsigned char threadCount) {
   if (threadCount == 0) return 0;
+  // The blur ran in place, so the source is the blurred copy.
   const ShareRun share =
       ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
-  if (share.count == 0) return 0;
-  const unsigned char* in = source->Buffer() + share.start;
-  unsigned char* out = destination->Buffer() + share.start;
-  for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
-    out[i + kBlueByte] = gainCurve[in[i + kBlueByte]];
-    out[i + kGreenByte] = gainCurve[in[i + kGreenByte]];
-    out[i + kRedByte] = gainCurve[in[i + kRedByte]];
-    out[i + kAlphaByte] = in[i + kAlphaByte];
-  }
+  ForEachSharePixel(share, source->Buffer(), source->Buffer(), destination->Buffer(),
+                    [this](const unsigned char* in, const unsigned char*, unsigned char* out) {
+                      out[kBlueByte] = gainCurve[in[kBlueByte]];
+                      out[kGreenByte] = gainCurve[in[kGreenByte]];
+                      out[kRedByte] = gainCurve[in[kRedByte]];
+                      out[kAlphaByte] = in[kAlphaByte];
+                    });
   return 0;
 }
 

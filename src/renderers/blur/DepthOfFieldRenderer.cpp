@@ -22,14 +22,6 @@ inline double UnitFraction(double value) { return value > 0.0 ? (value < 1.0 ? v
 // (a * (256 - w) + b * w) / 256, rounded to nearest.
 inline int Mix256(int a, int b, int weight) { return (a * (256 - weight) + b * weight + 128) >> 8; }
 
-// [low, high) of a rectangle side clipped to 0 .. limit.
-void ClipSpan(int64_t start, int64_t size, uint32_t limit, uint32_t& low, uint32_t& high) {
-  const int64_t end = start + size;
-  low = static_cast<uint32_t>(std::min<int64_t>(std::max<int64_t>(start, 0), limit));
-  high = static_cast<uint32_t>(std::min<int64_t>(std::max<int64_t>(end, 0), limit));
-  if (high < low) high = low;
-}
-
 }  // namespace
 
 DepthOfFieldRenderer::DepthOfFieldRenderer(KVDepthOfFieldType type_, const kvo::maths::KVPoint2F& focus_,
@@ -133,8 +125,7 @@ double DepthOfFieldRenderer::BlurRadiusAt(uint32_t x, uint32_t y) const {
 
 int DepthOfFieldRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                  unsigned char threadCount) {
-  if (source->BitsPerChannel() != 0) return static_cast<int>(source->BitsPerChannel());
-  return Render8(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
+  return RenderEightBitOnly(*this, source, destination, threadIndex, threadCount);
 }
 
 int DepthOfFieldRenderer::Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex,

@@ -1,17 +1,29 @@
 #include "renderers/blur/FocusBlur.h"
 
+#include <kvimage/image.h>
+
 #include <algorithm>
 #include <cstring>
 #include <new>
 
-#include <kvimage/image.h>
-
 #include "support/Conversions.h"
-#include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
+#include "support/PixelLayout.h"
 
 namespace kvo {
 namespace image {
+
+namespace {
+
+// A new KVImage8 of the image's size and channel order, zero-filled.
+std::tr1::shared_ptr<KVAbstractImage> ZeroFilledImageLike(const KVAbstractImage* image) {
+  KVImage8* copy = new KVImage8(image->Width(), image->Height(), image->PixelChannelOrder(), false);
+  std::tr1::shared_ptr<KVAbstractImage> held(copy);
+  if (copy->BufferByteSize() != 0) std::memset(copy->Buffer(), 0, copy->BufferByteSize());
+  return held;
+}
+
+}  // namespace
 
 kvo::maths::KVRect WholeImageBlurRect(const KVAbstractImage* image, KVDownsampleFactor factor) {
   kvo::maths::KVRect rect(kvo::maths::KVPoint2(0, 0), static_cast<int>(image->Width()),
@@ -20,13 +32,6 @@ kvo::maths::KVRect WholeImageBlurRect(const KVAbstractImage* image, KVDownsample
   // it is. Either way it covers the image, whose bounds clip it.
   rect.Scale(factor == kDownsampleQuarter ? 4.0 : 1.0);
   return rect;
-}
-
-std::tr1::shared_ptr<KVAbstractImage> ZeroFilledImageLike(const KVAbstractImage* image) {
-  KVImage8* copy = new KVImage8(image->Width(), image->Height(), image->PixelChannelOrder(), false);
-  std::tr1::shared_ptr<KVAbstractImage> held(copy);
-  if (copy->BufferByteSize() != 0) std::memset(copy->Buffer(), 0, copy->BufferByteSize());
-  return held;
 }
 
 void BlurColourBytes(KVAbstractImage* image, KVAbstractImage* destination, kvo::KVLookupTables& tables,
@@ -41,6 +46,13 @@ void BlurColourBytes(KVAbstractImage* image, KVAbstractImage* destination, kvo::
   // one, for the pipeline to report. Any other failure is a broken invariant.
   if (rendered == kResultOutOfMemory) throw std::bad_alloc();
   AssertAt(rendered == 0, sites.render);
+}
+
+void BlurIntoCopy(std::tr1::shared_ptr<KVAbstractImage>& copy, KVAbstractImage* image, kvo::KVLookupTables& tables,
+                  KVDownsampleFactor factor, unsigned int radius, const kvo::maths::KVRect& rect, double blurParameter,
+                  const FocusAssertionSites& sites) {
+  copy = ZeroFilledImageLike(image);
+  BlurColourBytes(image, copy.get(), tables, factor, radius, rect, blurParameter, sites);
 }
 
 size_t FocusByteLimit(const KVAbstractImage* source, const KVAbstractImage* destination,

@@ -4,14 +4,17 @@
 // What the focus stages (defocus, diffuse, sharpen, soft focus) share: the
 // nested blur that their Setup runs, the blurred copy it writes into, and the
 // checks around their per-pixel passes.
-#include <cstddef>
-#include <tr1/memory>
-
+#include <kvimage/image.h>
 #include <kvimage/pipeline.h>
 #include <kvimage/support.h>
 #include <kvimage/types.h>
 
+#include <cstddef>
+#include <tr1/memory>
+
 #include "support/AssertionSites.h"
+#include "support/ParallelPass.h"
+#include "support/PixelLayout.h"
 
 namespace kvo {
 namespace image {
@@ -28,9 +31,6 @@ struct FocusAssertionSites {
 // times larger for kDownsampleQuarter and unscaled for every other factor.
 kvo::maths::KVRect WholeImageBlurRect(const KVAbstractImage* image, KVDownsampleFactor factor);
 
-// A new KVImage8 of the image's size and channel order, zero-filled.
-std::tr1::shared_ptr<KVAbstractImage> ZeroFilledImageLike(const KVAbstractImage* image);
-
 // Blurs the colour bytes of image into destination (which may be image
 // itself) with a nested processor running one bounded stack blur in both
 // directions; alpha is copied. Aborts with the site's assertions when the
@@ -39,6 +39,11 @@ void BlurColourBytes(KVAbstractImage* image, KVAbstractImage* destination, kvo::
                      KVDownsampleFactor factor, unsigned int radius, const kvo::maths::KVRect& rect,
                      double blurParameter, const FocusAssertionSites& sites);
 
+// A focus stage's Setup when it blurs into a copy of its own: copy becomes a
+// zero-filled image like image, then receives image's blurred colour bytes.
+void BlurIntoCopy(std::tr1::shared_ptr<KVAbstractImage>& copy, KVAbstractImage* image, kvo::KVLookupTables& tables,
+                  KVDownsampleFactor factor, unsigned int radius, const kvo::maths::KVRect& rect, double blurParameter,
+                  const FocusAssertionSites& sites);
 
 // The bytes a pass over source, destination and a blurred copy may touch: the
 // smallest of their buffers (0 before any blurred copy exists).
@@ -47,6 +52,42 @@ size_t FocusByteLimit(const KVAbstractImage* source, const KVAbstractImage* dest
 
 // trunc(alpha x amount) for every alpha: the blend opacity of a blurred alpha.
 void FillBlendOpacities(int (&opacityOfAlpha)[256], double amount);
+
+// A focus stage's Render: only 8-bit BGRA images reach its pixel pass.
+template <class Stage>
+int RenderFocusStage(Stage& stage, KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
+                     unsigned char threadCount, const FocusAssertionSites& sites) {
+  AssertBGRA8(source, sites.format);
+  return stage.Render8_CPP(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex,
+                           threadCount);
+}
+
+// Calls pixel(in, blurred, out) with the first byte of every whole pixel of a
+// share of the three byte runs.
+template <class PerPixel>
+void ForEachSharePixel(const ShareRun& share, const unsigned char* in, const unsigned char* blurred, unsigned char* out,
+                       PerPixel pixel) {
+  if (share.count == 0) return;
+  in += share.start;
+  blurred += share.start;
+  out += share.start;
+  for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) pixel(in + i, blurred + i, out + i);
+}
+
+// Walks thread threadIndex's byte share of source, the blurred copy and
+// destination (cut at FocusByteLimit, so nothing before a Setup), calling
+// pixel(in, blurred, out) for every whole pixel. Returns 0 (the pass's result).
+template <class PerPixel>
+int ForEachFocusPixel(const KVImage8* source, KVAbstractImage* blurredImage, KVImage8* destination,
+                      unsigned char threadIndex, unsigned char threadCount, PerPixel pixel) {
+  if (threadCount == 0) return 0;
+  const ShareRun share = ByteShare(destination->Width(), destination->Height(), threadIndex, threadCount,
+                                   FocusByteLimit(source, destination, blurredImage));
+  // Without a blurred copy the share is empty and the copy is never read.
+  if (share.count == 0) return 0;
+  ForEachSharePixel(share, source->Buffer(), PixelBytes(blurredImage), destination->Buffer(), pixel);
+  return 0;
+}
 
 }  // namespace image
 }  // namespace kvo

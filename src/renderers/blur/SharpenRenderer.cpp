@@ -1,11 +1,11 @@
-#include <cstdlib>
-
 #include <kvimage/blur.h>
+
+#include <cstdlib>
 
 #include "renderers/blur/FocusBlur.h"
 #include "support/Conversions.h"
-#include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
+#include "support/PixelLayout.h"
 
 namespace kvo {
 namespace image {
@@ -28,9 +28,8 @@ SharpenRenderer::~SharpenRenderer() {}
 unsigned int SharpenRenderer::Type() const { return 1; }
 
 void SharpenRenderer::Setup(KVAbstractImage* image) {
-  blurredImage = ZeroFilledImageLike(image);
-  BlurColourBytes(image, blurredImage.get(), tables, factor, radius, WholeImageBlurRect(image, factor),
-                  blurParameter, kSharpenSites);
+  BlurIntoCopy(blurredImage, image, tables, factor, radius, WholeImageBlurRect(image, factor), blurParameter,
+               kSharpenSites);
 
   const int t = TruncateToInt(threshold * 255.0) & 255;
   sharpenTable.resize(256 * 256);
@@ -47,27 +46,20 @@ void SharpenRenderer::Setup(KVAbstractImage* image) {
 
 int SharpenRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                             unsigned char threadCount) {
-  AssertBGRA8(source, kSharpenSites.format);
-  return Render8_CPP(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
+  return RenderFocusStage(*this, source, destination, threadIndex, threadCount, kSharpenSites);
 }
 
 int SharpenRenderer::Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
                                  unsigned char threadCount) {
-  if (threadCount == 0 || sharpenTable.size() != 256 * 256) return 0;
-  const ShareRun share = ByteShare(destination->Width(), destination->Height(), threadIndex, threadCount,
-                                   FocusByteLimit(source, destination, blurredImage.get()));
-  if (share.count == 0) return 0;
-  const unsigned char* in = source->Buffer() + share.start;
-  const unsigned char* blurred = PixelBytes(blurredImage.get()) + share.start;
-  unsigned char* out = destination->Buffer() + share.start;
+  if (sharpenTable.size() != 256 * 256) return 0;
   const uint32_t* table = sharpenTable.data();
-  for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
-    out[i + kBlueByte] = static_cast<unsigned char>(table[in[i + kBlueByte] * 256 + blurred[i + kBlueByte]]);
-    out[i + kGreenByte] = static_cast<unsigned char>(table[in[i + kGreenByte] * 256 + blurred[i + kGreenByte]]);
-    out[i + kRedByte] = static_cast<unsigned char>(table[in[i + kRedByte] * 256 + blurred[i + kRedByte]]);
-    out[i + kAlphaByte] = in[i + kAlphaByte];
-  }
-  return 0;
+  return ForEachFocusPixel(source, blurredImage.get(), destination, threadIndex, threadCount,
+                           [table](const unsigned char* in, const unsigned char* blurred, unsigned char* out) {
+                             for (unsigned int c = kBlueByte; c <= kRedByte; ++c) {
+                               out[c] = static_cast<unsigned char>(table[in[c] * 256 + blurred[c]]);
+                             }
+                             out[kAlphaByte] = in[kAlphaByte];
+                           });
 }
 
 }  // namespace image

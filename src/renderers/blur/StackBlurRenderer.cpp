@@ -168,8 +168,7 @@ void StackBlurRenderer::Setup(KVAbstractImage* image) {
 
 int StackBlurRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                               unsigned char threadCount) {
-  if (source->BitsPerChannel() != 0) return static_cast<int>(source->BitsPerChannel());
-  return Render8(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
+  return RenderEightBitOnly(*this, source, destination, threadIndex, threadCount);
 }
 
 int StackBlurRenderer::Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex,

@@ -29,26 +29,22 @@ int MatteViewRenderer::Render(KVAbstractImage* source, KVAbstractImage* destinat
 int MatteViewRenderer::Render8(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                unsigned char threadCount) {
   const bool alphaFirst = source->PixelChannelOrder() == kPixelOrderARGB;
-  const ShareRun share =
-      ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
-  if (share.count == 0) return 0;
-  const unsigned char* in = PixelBytes(source) + share.start;
-  unsigned char* out = PixelBytes(destination) + share.start;
-  for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
-    if (alphaFirst) {
-      const unsigned char alpha = in[i + kAlphaByteARGB];
-      out[i + 0] = 255;
-      out[i + 1] = alpha;
-      out[i + 2] = alpha;
-      out[i + 3] = alpha;
-    } else {
-      const unsigned char alpha = in[i + kAlphaByte];
-      out[i + kBlueByte] = alpha;
-      out[i + kGreenByte] = alpha;
-      out[i + kRedByte] = alpha;
-      out[i + kAlphaByte] = 255;
-    }
-  }
+  ForEachPixelOfByteShare(source, destination, threadIndex, threadCount,
+                          [alphaFirst](const unsigned char* in, unsigned char* out) {
+                            if (alphaFirst) {
+                              const unsigned char alpha = in[kAlphaByteARGB];
+                              out[0] = 255;
+                              out[1] = alpha;
+                              out[2] = alpha;
+                              out[3] = alpha;
+                            } else {
+                              const unsigned char alpha = in[kAlphaByte];
+                              out[kBlueByte] = alpha;
+                              out[kGreenByte] = alpha;
+                              out[kRedByte] = alpha;
+                              out[kAlphaByte] = 255;
+                            }
+                          });
   return 0;
 }
 

@@ -28,17 +28,13 @@ int SilhouetteRenderer::Render(KVAbstractImage* source, KVAbstractImage* destina
 
 int SilhouetteRenderer::Render8_CPP(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                     unsigned char threadCount) {
-  const ShareRun share =
-      ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
-  if (share.count == 0) return 0;
-  const unsigned char* in = PixelBytes(source) + share.start;
-  unsigned char* out = PixelBytes(destination) + share.start;
-  for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) {
-    out[i + kBlueByte] = m_blue;
-    out[i + kGreenByte] = m_green;
-    out[i + kRedByte] = m_red;
-    out[i + kAlphaByte] = in[i + kAlphaByte];
-  }
+  ForEachPixelOfByteShare(source, destination, threadIndex, threadCount,
+                          [this](const unsigned char* in, unsigned char* out) {
+                            out[kBlueByte] = m_blue;
+                            out[kGreenByte] = m_green;
+                            out[kRedByte] = m_red;
+                            out[kAlphaByte] = in[kAlphaByte];
+                          });
   return 0;
 }
 
