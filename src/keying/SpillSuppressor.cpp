@@ -90,11 +90,13 @@ ShareRun SpillShare(KVImage8* source, KVImage8* destination, unsigned char threa
 template <class Bytes>
 size_t SpillStandard_Plain(const unsigned char* in, unsigned char* out, size_t pixels,
                            const SpillArguments& arguments) {
+  // A local copy: the stores through out may alias the arguments, which
+  // would reload the strength at every pixel.
+  const int strength = arguments.strength;
   for (size_t i = 0; i < pixels * kBytesPerPixel; i += kBytesPerPixel) {
     const uint32_t pixel = LoadPixel(in + i);
     const int key = ByteOf(pixel, Bytes::key), reference = ByteOf(pixel, Bytes::reference);
-    StorePixel(out + i,
-               key > reference ? WithByte(pixel, Bytes::key, Move(key, reference, arguments.strength)) : pixel);
+    StorePixel(out + i, key > reference ? WithByte(pixel, Bytes::key, Move(key, reference, strength)) : pixel);
   }
   return pixels;
 }
