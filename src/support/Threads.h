@@ -21,13 +21,6 @@ typedef void* (*ThreadEntry)(void*);
 // creation fails are joined before the throw, so no thread outlives its work.
 int RunThreads(ThreadEntry entry, void* const* arguments, size_t count);
 
-template <class Record>
-int RunThreads(ThreadEntry entry, std::vector<Record>& records) {
-  std::vector<void*> arguments(records.size());
-  for (size_t i = 0; i < records.size(); ++i) arguments[i] = &records[i];
-  return RunThreads(entry, arguments.data(), arguments.size());
-}
-
 // An integer exit code carried in a thread's result pointer.
 inline void* ThreadExitValue(int code) { return reinterpret_cast<void*>(static_cast<intptr_t>(code)); }
 
