@@ -57,7 +57,7 @@ const double kHuge = std::numeric_limits<double>::max();
 const double kLargestRadius = 4294967295.0;
 const double kLargestInt = 2147483647.0;
 
-struct ParameterSpec {
+struct ParameterDefinition {
   const char* name;
   KVParameterType type;
   KVParameterCheck check;
@@ -70,40 +70,40 @@ struct ParameterSpec {
 };
 
 // A number the setter refuses outside minimum..maximum.
-ParameterSpec Checked(const char* name, double minimum, double maximum, double byDefault, const char* explanation,
+ParameterDefinition Checked(const char* name, double minimum, double maximum, double byDefault, const char* explanation,
                       const char* unit = "") {
   return {name, kParameterReal, kCheckRange, minimum, maximum, {byDefault}, unit, nullptr, explanation};
 }
 // A number the setter lets through whatever it is; minimum..maximum is a guide.
-ParameterSpec Free(const char* name, double minimum, double maximum, double byDefault, const char* explanation,
+ParameterDefinition Free(const char* name, double minimum, double maximum, double byDefault, const char* explanation,
                    const char* unit = "") {
   return {name, kParameterReal, kCheckNone, minimum, maximum, {byDefault}, unit, nullptr, explanation};
 }
-ParameterSpec Radius(const char* name, double byDefault, const char* explanation) {
+ParameterDefinition Radius(const char* name, double byDefault, const char* explanation) {
   return {name, kParameterRadius, kCheckNone, 0, kLargestRadius, {byDefault}, "pixels", nullptr, explanation};
 }
-ParameterSpec Flag(const char* name, bool byDefault, const char* explanation, KVParameterCheck check = kCheckNone) {
+ParameterDefinition Flag(const char* name, bool byDefault, const char* explanation, KVParameterCheck check = kCheckNone) {
   return {name, kParameterBool, check, 0, 1, {byDefault ? 1.0 : 0.0}, "", nullptr, explanation};
 }
-ParameterSpec Choice(const char* name, const std::vector<KVChoiceInfo>& choices, int byDefault,
+ParameterDefinition Choice(const char* name, const std::vector<KVChoiceInfo>& choices, int byDefault,
                      const char* explanation, KVParameterCheck check = kCheckNone) {
   return {name,  kParameterChoice, check, static_cast<double>(choices.front().value),
           static_cast<double>(choices.back().value), {static_cast<double>(byDefault)}, "", &choices, explanation};
 }
-ParameterSpec Colour(const char* name, double red, double green, double blue, const char* explanation) {
+ParameterDefinition Colour(const char* name, double red, double green, double blue, const char* explanation) {
   return {name, kParameterColour, kCheckNone, 0, 255, {red, green, blue}, "", nullptr, explanation};
 }
-ParameterSpec Point(const char* name, const char* explanation) {
+ParameterDefinition Point(const char* name, const char* explanation) {
   return {name, kParameterPoint, kCheckNone, -kHuge, kHuge, {0, 0}, "pixels", nullptr, explanation};
 }
-ParameterSpec Rect(const char* name, double width, double height, const char* explanation) {
+ParameterDefinition Rect(const char* name, double width, double height, const char* explanation) {
   return {name, kParameterRect, kCheckNone, -kLargestInt, kLargestInt, {0, 0, width, height}, "pixels", nullptr,
           explanation};
 }
-ParameterSpec Quad(const char* name, const char* explanation) {
+ParameterDefinition Quad(const char* name, const char* explanation) {
   return {name, kParameterQuad, kCheckNone, -kHuge, kHuge, {0, 0, 0, 0, 0, 0, 0, 0}, "pixels", nullptr, explanation};
 }
-ParameterSpec Layer(const char* name, KVParameterCheck check, const char* explanation) {
+ParameterDefinition Layer(const char* name, KVParameterCheck check, const char* explanation) {
   return {name, kParameterLayer, check, 0, 0, {}, "", nullptr, explanation};
 }
 
@@ -118,10 +118,10 @@ const double kWholeImage = 16777216.0;
 // against the parameters' types.
 class Arguments {
  public:
-  Arguments(const std::vector<ParameterSpec>& parameters, const double* values, KVAbstractImage* const* layers)
+  Arguments(const std::vector<ParameterDefinition>& parameters, const double* values, KVAbstractImage* const* layers)
       : m_values(values), m_layers(layers) {
     unsigned int offset = 0, layer = 0;
-    for (const ParameterSpec& parameter : parameters) {
+    for (const ParameterDefinition& parameter : parameters) {
       m_offsets.push_back(parameter.type == kParameterLayer ? layer++ : offset);
       offset += NumberCount(parameter.type);
     }
@@ -162,14 +162,14 @@ class Arguments {
 
 typedef int (*Invoker)(void* frontEnd, const Arguments& a);
 
-struct SetterSpec {
+struct SetterDefinition {
   KVFrontEnd frontEnd;
   const char* name;
   const char* stage;
   bool requiresBGRA;
   bool sameBytesAtAnyThreadCount;
   const char* explanation;
-  std::vector<ParameterSpec> parameters;
+  std::vector<ParameterDefinition> parameters;
   Invoker invoke;
 };
 
@@ -184,8 +184,8 @@ const char* const kFeatherText = "width of the feathered edge of the blurred reg
 // The catalogue
 // ---------------------------------------------------------------------------
 
-const std::vector<SetterSpec>& Specs() {
-  static const std::vector<SetterSpec> specs = {
+const std::vector<SetterDefinition>& Definitions() {
+  static const std::vector<SetterDefinition> definitions = {
       // The processor.
       {kFrontEndProcessor, "SetOpacity", "OpacityRenderer", true, false, "scale alpha (plain and SSE2 paths)",
        {Checked("opacity", 0, 1, 1, "alpha multiplier")},
@@ -400,7 +400,7 @@ const std::vector<SetterSpec>& Specs() {
                                         a.Choice<KVBlendMode>(6), a.Flag(7), a.Choice<KVDownsampleFactor>(8));
        }},
   };
-  return specs;
+  return definitions;
 }
 
 int RefusalCode(KVParameterCheck check) {
@@ -419,19 +419,19 @@ int RefusalCode(KVParameterCheck check) {
   return kResultSuccess;
 }
 
-// The public view of the specs, built once.
+// The public view of the definitions, built once.
 struct Catalogue {
   std::vector<KVSetterInfo> setters;
   std::vector<std::vector<KVParameterInfo> > parameters;
   std::vector<std::vector<int> > codes;
 
   Catalogue() {
-    const std::vector<SetterSpec>& specs = Specs();
-    parameters.resize(specs.size());
-    codes.resize(specs.size());
-    for (size_t i = 0; i < specs.size(); ++i) {
-      const SetterSpec& spec = specs[i];
-      for (const ParameterSpec& p : spec.parameters) {
+    const std::vector<SetterDefinition>& definitions = Definitions();
+    parameters.resize(definitions.size());
+    codes.resize(definitions.size());
+    for (size_t i = 0; i < definitions.size(); ++i) {
+      const SetterDefinition& definition = definitions[i];
+      for (const ParameterDefinition& p : definition.parameters) {
         const unsigned int choiceCount = p.choices ? static_cast<unsigned int>(p.choices->size()) : 0u;
         parameters[i].push_back(KVParameterInfo{p.name, p.type, p.check, p.minimum, p.maximum, p.defaults.data(),
                                                 p.unit, p.choices ? p.choices->data() : nullptr, choiceCount,
@@ -442,10 +442,10 @@ struct Catalogue {
         if (!known) codes[i].push_back(code);
       }
       codes[i].push_back(kResultOutOfMemory);
-      setters.push_back(KVSetterInfo{spec.frontEnd, spec.name, spec.stage, spec.explanation, parameters[i].data(),
+      setters.push_back(KVSetterInfo{definition.frontEnd, definition.name, definition.stage, definition.explanation, parameters[i].data(),
                                      static_cast<unsigned int>(parameters[i].size()), codes[i].data(),
-                                     static_cast<unsigned int>(codes[i].size()), spec.requiresBGRA,
-                                     spec.sameBytesAtAnyThreadCount});
+                                     static_cast<unsigned int>(codes[i].size()), definition.requiresBGRA,
+                                     definition.sameBytesAtAnyThreadCount});
     }
   }
 };
@@ -499,20 +499,20 @@ int Queue(KVFrontEnd frontEnd, void* target, const char* name, const double* val
   return GuardedCall([&] {
     const int index = FindIndex(frontEnd, name);
     if (index < 0) return static_cast<int>(kResultInvalidCombination);
-    const SetterSpec& spec = Specs()[static_cast<size_t>(index)];
+    const SetterDefinition& definition = Definitions()[static_cast<size_t>(index)];
     unsigned int numbers = 0, layerParameters = 0;
-    for (const ParameterSpec& p : spec.parameters) {
+    for (const ParameterDefinition& p : definition.parameters) {
       numbers += NumberCount(p.type);
       if (p.type == kParameterLayer) ++layerParameters;
     }
     if (numbers != valueCount || layerParameters != layerCount) return static_cast<int>(kResultInvalidCombination);
     if (numbers != 0 && values == nullptr) return static_cast<int>(kResultInvalidCombination);
     unsigned int offset = 0;
-    for (const ParameterSpec& p : spec.parameters) {
+    for (const ParameterDefinition& p : definition.parameters) {
       if (!Fits(p.type, values + offset)) return static_cast<int>(kResultOutOfRange);
       offset += NumberCount(p.type);
     }
-    return spec.invoke(target, Arguments(spec.parameters, values, layers));
+    return definition.invoke(target, Arguments(definition.parameters, values, layers));
   });
 }
 

@@ -514,13 +514,13 @@ TEST_F(ToolTest, HelpListsEveryOptionWithItsRange) {
   ASSERT_EQ(0, process.status);
   ASSERT_EQ(0, key.status);
   ASSERT_EQ(0, stream.status);
-  for (const OptionSpec& entry : EffectOptions()) {
+  for (const OptionEntry& entry : EffectOptions()) {
     EXPECT_NE(std::string::npos, all.out.find(std::string(entry.name) + " ")) << entry.name;
     EXPECT_NE(std::string::npos, all.out.find(OptionHelp(entry))) << entry.name;
     EXPECT_NE(std::string::npos, process.out.find(OptionHelp(entry))) << entry.name;
     EXPECT_NE(std::string::npos, stream.out.find(OptionHelp(entry))) << entry.name;
   }
-  for (const OptionSpec& entry : KeyOptions()) {
+  for (const OptionEntry& entry : KeyOptions()) {
     EXPECT_NE(std::string::npos, all.out.find(OptionHelp(entry))) << entry.name;
     EXPECT_NE(std::string::npos, key.out.find(OptionHelp(entry))) << entry.name;
     EXPECT_NE(std::string::npos, stream.out.find(OptionHelp(entry))) << entry.name;

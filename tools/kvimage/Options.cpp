@@ -142,7 +142,7 @@ KVKeyColor EffectiveKey(const StageTarget& t) {
   return t.keyColour == kKeyColorAuto ? t.detectedKeyColour : t.keyColour;
 }
 
-const std::vector<OptionSpec> kEffectOptions = {
+const std::vector<OptionEntry> kEffectOptions = {
     {"--opacity", "OPACITY", "SetOpacity", {"opacity"},
      FrontEnd::kProcessor,
      [](const Fields& f, KeySettings&) -> StageFunction {
@@ -352,7 +352,7 @@ const std::vector<OptionSpec> kEffectOptions = {
      }},
 };
 
-const std::vector<OptionSpec> kKeyOptions = {
+const std::vector<OptionEntry> kKeyOptions = {
     {"--key", "auto|green|blue", "SetAutoColorDifferenceKey", {"keyColor"},
      FrontEnd::kKeyer,
      [](const Fields& f, KeySettings&) -> StageFunction {
@@ -457,7 +457,7 @@ const std::vector<OptionSpec> kKeyOptions = {
 
 }  // namespace
 
-const KVSetterInfo& SetterOf(const OptionSpec& option) {
+const KVSetterInfo& SetterOf(const OptionEntry& option) {
   const KVFrontEnd frontEnd = option.frontEnd == FrontEnd::kProcessor ? kFrontEndProcessor : kFrontEndKeyer;
   const KVSetterInfo* row = FindSetter(frontEnd, option.setter);
   if (row == nullptr) row = FindSetter(kFrontEndProcessor, option.setter);
@@ -518,7 +518,7 @@ std::string RangeOf(const KVParameterInfo& p) {
 
 }  // namespace
 
-std::string OptionHelp(const OptionSpec& option) {
+std::string OptionHelp(const OptionEntry& option) {
   const KVSetterInfo& row = SetterOf(option);
   if (option.frontEnd == FrontEnd::kKeySetting && option.parameters.size() == 1) {
     const KVParameterInfo& p = ParameterOf(row.frontEnd, row.name, option.parameters.front());
@@ -531,18 +531,18 @@ std::string OptionHelp(const OptionSpec& option) {
   }
   return help;
 }
-const std::vector<OptionSpec>& EffectOptions() { return kEffectOptions; }
-const std::vector<OptionSpec>& KeyOptions() { return kKeyOptions; }
+const std::vector<OptionEntry>& EffectOptions() { return kEffectOptions; }
+const std::vector<OptionEntry>& KeyOptions() { return kKeyOptions; }
 
-const OptionSpec* FindStageOption(const std::string& name, bool effects, bool keys) {
+const OptionEntry* FindStageOption(const std::string& name, bool effects, bool keys) {
   const std::string wanted = BritishSpelling(name);
   if (effects) {
-    for (const OptionSpec& entry : kEffectOptions) {
+    for (const OptionEntry& entry : kEffectOptions) {
       if (wanted == entry.name) return &entry;
     }
   }
   if (keys) {
-    for (const OptionSpec& entry : kKeyOptions) {
+    for (const OptionEntry& entry : kKeyOptions) {
       if (wanted == entry.name) return &entry;
     }
     // The YUV blur is in both front ends; the key tables list it too.
@@ -555,7 +555,7 @@ const OptionSpec* FindStageOption(const std::string& name, bool effects, bool ke
 // The chain
 // ---------------------------------------------------------------------------
 
-void StageChain::Add(const OptionSpec& entry, const std::string& value) {
+void StageChain::Add(const OptionEntry& entry, const std::string& value) {
   Fields fields(entry.name, value);
   StageFunction queue = entry.parse(fields, m_settings);
   if (entry.frontEnd == FrontEnd::kKeySetting) return;
@@ -570,7 +570,7 @@ bool StageChain::HasKeyColourStage() const {
 }
 
 void StageChain::PrependAutomaticKey() {
-  const OptionSpec* key = FindStageOption("--key", false, true);
+  const OptionEntry* key = FindStageOption("--key", false, true);
   Fields fields(key->name, "auto");
   m_stages.insert(m_stages.begin(), ParsedStage{key, "--key auto", key->parse(fields, m_settings)});
 }

@@ -101,7 +101,7 @@ enum class FrontEnd {
 // its help. parse checks the value's form and returns the function that
 // queues the stage (an empty function for settings); value ranges the engine
 // checks are left to the engine, so that its code is what the user sees.
-struct OptionSpec {
+struct OptionEntry {
   const char* name;    // "--brightness"
   const char* value;   // "AMOUNT[:CHANNELS]", or "" for an option without a value
   const char* setter;  // "SetBrightness"
@@ -113,25 +113,25 @@ struct OptionSpec {
 };
 
 // The catalogue row of an option's setter, and one of its parameters.
-const kvo::image::KVSetterInfo& SetterOf(const OptionSpec& option);
+const kvo::image::KVSetterInfo& SetterOf(const OptionEntry& option);
 const kvo::image::KVParameterInfo& ParameterOf(kvo::image::KVFrontEnd frontEnd, const char* setter,
                                                const char* parameter);
 // What the help says of an option: its setter's explanation, then each
 // parameter's range and default from the catalogue.
-std::string OptionHelp(const OptionSpec& option);
+std::string OptionHelp(const OptionEntry& option);
 // The names of a choice parameter's values, in catalogue order.
 std::vector<const char*> ChoiceNames(const kvo::image::KVParameterInfo& parameter);
 // The blend modes' names, in catalogue order.
 std::vector<const char*> BlendModeNames();
 const kvo::image::KVParameterInfo& BlendModeParameter();
-const std::vector<OptionSpec>& EffectOptions();
-const std::vector<OptionSpec>& KeyOptions();
+const std::vector<OptionEntry>& EffectOptions();
+const std::vector<OptionEntry>& KeyOptions();
 
 // Looks the name up in the effect and/or key tables ("color" spelled either way).
-const OptionSpec* FindStageOption(const std::string& name, bool effects, bool keys);
+const OptionEntry* FindStageOption(const std::string& name, bool effects, bool keys);
 
 struct ParsedStage {
-  const OptionSpec* entry;
+  const OptionEntry* entry;
   std::string text;  // "--brightness 0.2", for messages
   StageFunction queue;
 };
@@ -142,7 +142,7 @@ struct ParsedStage {
 class StageChain {
  public:
   // Parses one option; value is ignored for options without one.
-  void Add(const OptionSpec& entry, const std::string& value);
+  void Add(const OptionEntry& entry, const std::string& value);
   bool Empty() const { return m_stages.empty(); }
   bool HasKeyColourStage() const;
   // Queues --key auto in front of the others.

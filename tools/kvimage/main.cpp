@@ -100,8 +100,8 @@ const CommandHelp* FindCommand(const std::string& name) {
   return nullptr;
 }
 
-void PrintOptionTable(std::FILE* out, const std::vector<OptionSpec>& options) {
-  for (const OptionSpec& entry : options) {
+void PrintOptionTable(std::FILE* out, const std::vector<OptionEntry>& options) {
+  for (const OptionEntry& entry : options) {
     const std::string head = std::string(entry.name) + (*entry.value ? " " + std::string(entry.value) : "");
     if (head.size() <= 24) {
       std::fprintf(out, "  %-24s %s\n", head.c_str(), OptionHelp(entry).c_str());
@@ -258,7 +258,7 @@ CommandLine Parse(const std::string& command, int argc, char** argv) {
       if (i + 1 >= argc) throw UsageError(argument + " needs a value");
       return argv[++i];
     };
-    const OptionSpec* entry = FindStageOption(argument, effects, keys);
+    const OptionEntry* entry = FindStageOption(argument, effects, keys);
     if (entry) {
       line.chain.Add(*entry, *entry->value ? takeValue() : "");
       continue;
