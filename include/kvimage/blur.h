@@ -104,10 +104,10 @@ KVIMAGE_EXPORT void FillStackBlurColumnEdgeIndex(int32_t* edgeIndex, uint32_t wi
 class KVIMAGE_EXPORT StackBlurRenderer : public AbstractRenderer {
  public:
   StackBlurRenderer(unsigned int radius, bool horizontal, bool vertical, KVChannelsToProcess channels);
-  ~StackBlurRenderer() override;
+  ~StackBlurRenderer() override {}
   StackBlurRenderer(const StackBlurRenderer&) = delete;
   StackBlurRenderer& operator=(const StackBlurRenderer&) = delete;
-  unsigned int Type() const override;
+  unsigned int Type() const override { return 1; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -183,10 +183,10 @@ KVIMAGE_EXPORT void* StackBlurHorizYUVProc(void* data);
 class KVIMAGE_EXPORT YUVBlurRenderer : public AbstractRenderer {
  public:
   YUVBlurRenderer(unsigned int radius, KVYUVBlurType type);
-  ~YUVBlurRenderer() override;
+  ~YUVBlurRenderer() override {}
   YUVBlurRenderer(const YUVBlurRenderer&) = delete;
   YUVBlurRenderer& operator=(const YUVBlurRenderer&) = delete;
-  unsigned int Type() const override;
+  unsigned int Type() const override { return 1; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -215,10 +215,10 @@ class KVIMAGE_EXPORT BoundedStackBlurRenderer : public AbstractRenderer {
  public:
   BoundedStackBlurRenderer(unsigned int radius, bool horizontal, bool vertical, KVChannelsToProcess channels,
                            const kvo::maths::KVRect& rect, double feather);
-  ~BoundedStackBlurRenderer() override;
+  ~BoundedStackBlurRenderer() override {}
   BoundedStackBlurRenderer(const BoundedStackBlurRenderer&) = delete;
   BoundedStackBlurRenderer& operator=(const BoundedStackBlurRenderer&) = delete;
-  unsigned int Type() const override;
+  unsigned int Type() const override { return 1; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -277,10 +277,10 @@ class KVIMAGE_EXPORT DefocusRenderer : public AbstractRenderer {
  public:
   DefocusRenderer(unsigned int radius, double amount, double blurParameter, KVDownsampleFactor factor,
                   kvo::KVLookupTables& tables);
-  ~DefocusRenderer() override;
+  ~DefocusRenderer() override {}
   DefocusRenderer(const DefocusRenderer&) = delete;
   DefocusRenderer& operator=(const DefocusRenderer&) = delete;
-  unsigned int Type() const override;
+  unsigned int Type() const override { return 1; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -302,10 +302,10 @@ class KVIMAGE_EXPORT DiffuseRenderer : public AbstractRenderer {
  public:
   DiffuseRenderer(unsigned int radius, double amount, double blurParameter, KVDownsampleFactor factor,
                   kvo::KVLookupTables& tables);
-  ~DiffuseRenderer() override;
+  ~DiffuseRenderer() override {}
   DiffuseRenderer(const DiffuseRenderer&) = delete;
   DiffuseRenderer& operator=(const DiffuseRenderer&) = delete;
-  unsigned int Type() const override;
+  unsigned int Type() const override { return 1; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -329,10 +329,10 @@ class KVIMAGE_EXPORT SharpenRenderer : public AbstractRenderer {
  public:
   SharpenRenderer(unsigned int radius, double amount, double threshold, double blurParameter,
                   KVDownsampleFactor factor, kvo::KVLookupTables& tables);
-  ~SharpenRenderer() override;
+  ~SharpenRenderer() override {}
   SharpenRenderer(const SharpenRenderer&) = delete;
   SharpenRenderer& operator=(const SharpenRenderer&) = delete;
-  unsigned int Type() const override;
+  unsigned int Type() const override { return 1; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -359,10 +359,10 @@ class KVIMAGE_EXPORT SoftFocusRenderer : public AbstractRenderer {
  public:
   SoftFocusRenderer(KVBlendMode mode, unsigned int radius, double amount, const kvo::maths::KVRect& rect,
                     double blurParameter, KVDownsampleFactor factor, kvo::KVLookupTables& tables);
-  ~SoftFocusRenderer() override;
+  ~SoftFocusRenderer() override {}
   SoftFocusRenderer(const SoftFocusRenderer&) = delete;
   SoftFocusRenderer& operator=(const SoftFocusRenderer&) = delete;
-  unsigned int Type() const override;
+  unsigned int Type() const override { return 1; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -399,10 +399,10 @@ class KVIMAGE_EXPORT DepthOfFieldRenderer : public AbstractRenderer {
   DepthOfFieldRenderer(KVDepthOfFieldType type, const kvo::maths::KVPoint2F& focus, double angle,
                        unsigned int radius, double focusSize, double transition, double amount,
                        double blurParameter, const kvo::maths::KVRect& bounds);
-  ~DepthOfFieldRenderer() override;
+  ~DepthOfFieldRenderer() override {}
   DepthOfFieldRenderer(const DepthOfFieldRenderer&) = delete;
   DepthOfFieldRenderer& operator=(const DepthOfFieldRenderer&) = delete;
-  unsigned int Type() const override;
+  unsigned int Type() const override { return 1; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;

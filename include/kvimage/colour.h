@@ -33,9 +33,9 @@ struct HueStageArguments;
 class KVIMAGE_EXPORT OpacityRenderer : public AbstractRenderer {
  public:
   OpacityRenderer(double opacity, const kvtl::CPUExtensions& extensions);
-  ~OpacityRenderer() override;
-  unsigned int Type() const override;
-  void Setup(KVAbstractImage* source) override;
+  ~OpacityRenderer() override {}
+  unsigned int Type() const override { return 0; }
+  void Setup(KVAbstractImage*) override {}
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
   int Render8_CPP(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
@@ -53,9 +53,9 @@ class KVIMAGE_EXPORT OpacityRenderer : public AbstractRenderer {
 class KVIMAGE_EXPORT MirrorRenderer : public AbstractRenderer {
  public:
   MirrorRenderer(bool first, bool second);
-  ~MirrorRenderer() override;
-  unsigned int Type() const override;
-  void Setup(KVAbstractImage* source) override;
+  ~MirrorRenderer() override {}
+  unsigned int Type() const override { return 0; }
+  void Setup(KVAbstractImage*) override {}
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
   int Render8(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
@@ -70,9 +70,9 @@ class KVIMAGE_EXPORT MirrorRenderer : public AbstractRenderer {
 class KVIMAGE_EXPORT SilhouetteRenderer : public AbstractRenderer {
  public:
   explicit SilhouetteRenderer(KVPixel8_RGB colour);
-  ~SilhouetteRenderer() override;
-  unsigned int Type() const override;
-  void Setup(KVAbstractImage* source) override;
+  ~SilhouetteRenderer() override {}
+  unsigned int Type() const override { return 0; }
+  void Setup(KVAbstractImage*) override {}
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
   int Render8_CPP(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
@@ -88,9 +88,9 @@ class KVIMAGE_EXPORT SilhouetteRenderer : public AbstractRenderer {
 class KVIMAGE_EXPORT MatteViewRenderer : public AbstractRenderer {
  public:
   MatteViewRenderer();
-  ~MatteViewRenderer() override;
-  unsigned int Type() const override;
-  void Setup(KVAbstractImage* source) override;
+  ~MatteViewRenderer() override {}
+  unsigned int Type() const override { return 0; }
+  void Setup(KVAbstractImage*) override {}
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
   int Render8(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
@@ -110,8 +110,8 @@ KVIMAGE_EXPORT void ChangeLayerOpacity(KVAbstractImage* image, double opacity);
 class KVIMAGE_EXPORT BrightnessRenderer : public AbstractRenderer {
  public:
   BrightnessRenderer(double brightness, KVChannelsToProcess channels, const kvtl::CPUExtensions& extensions);
-  ~BrightnessRenderer() override;
-  unsigned int Type() const override;
+  ~BrightnessRenderer() override {}
+  unsigned int Type() const override { return 0; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -135,8 +135,8 @@ class KVIMAGE_EXPORT BrightnessRenderer : public AbstractRenderer {
 class KVIMAGE_EXPORT ContrastRenderer : public AbstractRenderer {
  public:
   ContrastRenderer(double contrast, KVChannelsToProcess channels, const kvtl::CPUExtensions& extensions);
-  ~ContrastRenderer() override;
-  unsigned int Type() const override;
+  ~ContrastRenderer() override {}
+  unsigned int Type() const override { return 0; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -160,8 +160,8 @@ class KVIMAGE_EXPORT SuperContrastRenderer : public AbstractRenderer {
  public:
   SuperContrastRenderer(double low, double high, KVChannelsToProcess channels,
                         const kvtl::CPUExtensions& extensions);
-  ~SuperContrastRenderer() override;
-  unsigned int Type() const override;
+  ~SuperContrastRenderer() override {}
+  unsigned int Type() const override { return 0; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -184,8 +184,8 @@ class KVIMAGE_EXPORT SuperContrastRenderer : public AbstractRenderer {
 class KVIMAGE_EXPORT ColorBalanceRenderer : public AbstractRenderer {
  public:
   ColorBalanceRenderer(double red, double green, double blue, const kvtl::CPUExtensions& extensions);
-  ~ColorBalanceRenderer() override;
-  unsigned int Type() const override;
+  ~ColorBalanceRenderer() override {}
+  unsigned int Type() const override { return 0; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -210,8 +210,8 @@ class KVIMAGE_EXPORT ColorBalanceRenderer : public AbstractRenderer {
 class KVIMAGE_EXPORT ColorTemperatureRenderer : public AbstractRenderer {
  public:
   explicit ColorTemperatureRenderer(double kelvin);
-  ~ColorTemperatureRenderer() override;
-  unsigned int Type() const override;
+  ~ColorTemperatureRenderer() override {}
+  unsigned int Type() const override { return 0; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -238,8 +238,8 @@ KVIMAGE_EXPORT void SpectrumToXYZ(double temperature, double* x, double* y, doub
 class KVIMAGE_EXPORT SaturationRenderer : public AbstractRenderer {
  public:
   SaturationRenderer(double saturation, float* table);
-  ~SaturationRenderer() override;
-  unsigned int Type() const override;
+  ~SaturationRenderer() override {}
+  unsigned int Type() const override { return 0; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -259,8 +259,8 @@ class KVIMAGE_EXPORT SaturationRenderer : public AbstractRenderer {
 class KVIMAGE_EXPORT HueShiftRenderer : public AbstractRenderer {
  public:
   HueShiftRenderer(double shift, double amount);
-  ~HueShiftRenderer() override;
-  unsigned int Type() const override;
+  ~HueShiftRenderer() override {}
+  unsigned int Type() const override { return 0; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -278,8 +278,8 @@ class KVIMAGE_EXPORT HueShiftRenderer : public AbstractRenderer {
 class KVIMAGE_EXPORT HueColorizeRenderer : public AbstractRenderer {
  public:
   HueColorizeRenderer(double hue, double amount);
-  ~HueColorizeRenderer() override;
-  unsigned int Type() const override;
+  ~HueColorizeRenderer() override {}
+  unsigned int Type() const override { return 0; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -296,8 +296,8 @@ class KVIMAGE_EXPORT HueColorizeRenderer : public AbstractRenderer {
 class KVIMAGE_EXPORT TintRenderer : public AbstractRenderer {
  public:
   TintRenderer(KVTintType type, double amount);
-  ~TintRenderer() override;
-  unsigned int Type() const override;
+  ~TintRenderer() override {}
+  unsigned int Type() const override { return 0; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -323,8 +323,8 @@ class KVIMAGE_EXPORT TintRenderer : public AbstractRenderer {
 class KVIMAGE_EXPORT ThreeStripColorRenderer : public AbstractRenderer {
  public:
   ThreeStripColorRenderer(double a, double b, double c);
-  ~ThreeStripColorRenderer() override;
-  unsigned int Type() const override;
+  ~ThreeStripColorRenderer() override {}
+  unsigned int Type() const override { return 0; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -359,11 +359,11 @@ class KVIMAGE_EXPORT ThreeStripColorRenderer : public AbstractRenderer {
 class KVIMAGE_EXPORT BleachBypassRenderer : public AbstractRenderer {
  public:
   BleachBypassRenderer(double amount, double desaturation, double contrast, kvo::KVLookupTables& tables);
-  ~BleachBypassRenderer() override;
+  ~BleachBypassRenderer() override {}
   BleachBypassRenderer(const BleachBypassRenderer&) = delete;
   BleachBypassRenderer& operator=(const BleachBypassRenderer&) = delete;
-  unsigned int Type() const override;
-  void Setup(KVAbstractImage* source) override;
+  unsigned int Type() const override { return 0; }
+  void Setup(KVAbstractImage*) override {}
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
   int Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
@@ -393,8 +393,8 @@ class KVIMAGE_EXPORT VignetteRenderer : public AbstractRenderer {
  public:
   VignetteRenderer(const KVPixel8_RGB& colour, double amount, double midpoint, double roundness, double feather,
                    double highlights, const kvo::maths::KVRect& bounds);
-  ~VignetteRenderer() override;
-  unsigned int Type() const override;
+  ~VignetteRenderer() override {}
+  unsigned int Type() const override { return 0; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;

@@ -36,11 +36,11 @@ class KVIMAGE_EXPORT LayerCompositor : public AbstractCompositor {
  public:
   LayerCompositor(KVAbstractImage* foregroundLayer, double opacity, KVCompositeType compositeType,
                   KVBlendMode blendMode, kvo::KVLookupTables& tables);
-  ~LayerCompositor() override;
+  ~LayerCompositor() override {}
   LayerCompositor(const LayerCompositor&) = delete;
   LayerCompositor& operator=(const LayerCompositor&) = delete;
 
-  unsigned int Type() const override;
+  unsigned int Type() const override { return 0; }
   void Setup(KVAbstractImage* backgroundLayer) override;
   // A layer that differs from the background in width, height, depth or
   // channel order is a fatal programming error. A background of another depth
@@ -77,11 +77,11 @@ class KVIMAGE_EXPORT LightSpillLayerCompositor : public AbstractCompositor {
  public:
   LightSpillLayerCompositor(KVAbstractImage* layer, unsigned int radius, double amount, KVBlendMode blendMode,
                             KVDownsampleFactor factor, kvo::KVLookupTables& tables, kvtl::CPUExtensions extensions);
-  ~LightSpillLayerCompositor() override;
+  ~LightSpillLayerCompositor() override {}
   LightSpillLayerCompositor(const LightSpillLayerCompositor&) = delete;
   LightSpillLayerCompositor& operator=(const LightSpillLayerCompositor&) = delete;
 
-  unsigned int Type() const override;
+  unsigned int Type() const override { return 1; }
   void Setup(KVAbstractImage* backgroundLayer) override;
   int Render(KVAbstractImage* backgroundLayer, unsigned char threadIndex, unsigned char threadCount) override;
   int Render8(KVImage8* backgroundLayer, unsigned char threadIndex, unsigned char threadCount);
@@ -131,11 +131,11 @@ class KVIMAGE_EXPORT ShadowCastCompositor : public AbstractCompositor {
   ShadowCastCompositor(KVAbstractImage* layer, const kvo::maths::KVRect& bounds, const kvo::maths::KVQuad& corners,
                        unsigned int radius, double amount, KVPixel8_RGB colour, KVBlendMode blendMode, bool fade,
                        KVDownsampleFactor factor, kvo::KVLookupTables& tables, kvtl::CPUExtensions extensions);
-  ~ShadowCastCompositor() override;
+  ~ShadowCastCompositor() override {}
   ShadowCastCompositor(const ShadowCastCompositor&) = delete;
   ShadowCastCompositor& operator=(const ShadowCastCompositor&) = delete;
 
-  unsigned int Type() const override;
+  unsigned int Type() const override { return 1; }
   void Setup(KVAbstractImage* backgroundLayer) override;
   // A background of another depth than 8 bits returns its depth code.
   int Render(KVAbstractImage* backgroundLayer, unsigned char threadIndex, unsigned char threadCount) override;

@@ -67,11 +67,11 @@ class KVIMAGE_EXPORT ColorDifferenceKeyer : public AbstractRenderer {
  public:
   ColorDifferenceKeyer(KVKeyColor keyColor, double balance, double saturationLimit, double saturationSoftness,
                        kvo::KVLookupTables& tables);
-  ~ColorDifferenceKeyer() override;
+  ~ColorDifferenceKeyer() override {}
   ColorDifferenceKeyer(const ColorDifferenceKeyer&) = delete;
   ColorDifferenceKeyer& operator=(const ColorDifferenceKeyer&) = delete;
 
-  unsigned int Type() const override;
+  unsigned int Type() const override { return 1; }
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
@@ -123,8 +123,8 @@ class KVIMAGE_EXPORT SpillSuppressor : public AbstractRenderer {
  public:
   SpillSuppressor(KVChannel channel, KVSpillType spillType, double amount, double redFactor, double greenFactor,
                   double blueFactor, double referenceFactor);
-  ~SpillSuppressor() override;
-  unsigned int Type() const override;
+  ~SpillSuppressor() override {}
+  unsigned int Type() const override { return 0; }
   void Setup(KVAbstractImage* source) override;
   // Returns the source's depth code when it is not 8-bit.
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
@@ -163,9 +163,9 @@ class KVIMAGE_EXPORT SpillSuppressor : public AbstractRenderer {
 class KVIMAGE_EXPORT AlphaCrop : public AbstractRenderer {
  public:
   AlphaCrop(double left, double top, double right, double bottom);
-  ~AlphaCrop() override;
-  unsigned int Type() const override;
-  void Setup(KVAbstractImage* source) override;
+  ~AlphaCrop() override {}
+  unsigned int Type() const override { return 0; }
+  void Setup(KVAbstractImage*) override {}
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
   int Render8(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
@@ -223,8 +223,8 @@ KVIMAGE_EXPORT void* VertErodeWhiteProc(void* data);
 class KVIMAGE_EXPORT WhiteErodeRenderer : public AbstractRenderer {
  public:
   WhiteErodeRenderer(KVWhiteErodeDirection direction, int size);
-  ~WhiteErodeRenderer() override;
-  unsigned int Type() const override;
+  ~WhiteErodeRenderer() override {}
+  unsigned int Type() const override { return 0; }
   // Makes the horizontally eroded copy of the source that Render reads.
   void Setup(KVAbstractImage* source) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,

@@ -67,7 +67,7 @@ KVIMAGE_EXPORT void* CompositeRenderWorkerThread(void* data);
 
 class KVIMAGE_EXPORT KVAbstractImageProcessor {
  public:
-  virtual ~KVAbstractImageProcessor();
+  virtual ~KVAbstractImageProcessor() {}
   virtual KVAbstractImage* SourceImage() const = 0;
   virtual unsigned short RenderQueueCount() const = 0;
   virtual int ClearRenderQueue() = 0;
@@ -142,7 +142,7 @@ class KVIMAGE_EXPORT KVImageProcessor : public KVAbstractImageProcessor {
 
 class KVIMAGE_EXPORT KVAbstractImageKeyer {
  public:
-  virtual ~KVAbstractImageKeyer();
+  virtual ~KVAbstractImageKeyer() {}
   virtual KVAbstractImage* SourceImage() const = 0;
   virtual unsigned short RenderQueueCount() const = 0;
   virtual int ClearRenderQueue() = 0;
@@ -194,7 +194,7 @@ class KVIMAGE_EXPORT KVImageKeyer : public KVAbstractImageKeyer {
 
 class KVIMAGE_EXPORT KVAbstractImageCompositor {
  public:
-  virtual ~KVAbstractImageCompositor();
+  virtual ~KVAbstractImageCompositor() {}
   virtual KVAbstractImage* BackgroundLayer() const = 0;
   virtual unsigned short RenderQueueCount() const = 0;
   virtual int ClearRenderQueue() = 0;

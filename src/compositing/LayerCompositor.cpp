@@ -61,10 +61,6 @@ LayerCompositor::LayerCompositor(KVAbstractImage* foregroundLayer, double opacit
   FillWeightedAlpha(m_opacity, m_weightedAlpha);
 }
 
-LayerCompositor::~LayerCompositor() {}
-
-unsigned int LayerCompositor::Type() const { return 0; }
-
 void LayerCompositor::Setup(KVAbstractImage*) { m_kernel = ChooseKernel(LayerRungs(m_compositeType, m_blendMode)); }
 
 int LayerCompositor::Render(KVAbstractImage* backgroundLayer, unsigned char threadIndex, unsigned char threadCount) {

@@ -11,7 +11,6 @@ namespace image {
 
 namespace {
 
-
 // The glow keeps the background wherever its weighted alpha is 0.
 KernelRungs<LayerKernel> GlowRungs(KVBlendMode mode) {
   AlphaCompositeRungs<false, true> rungs;
@@ -36,10 +35,6 @@ LightSpillLayerCompositor::LightSpillLayerCompositor(KVAbstractImage* layer, uns
       m_kernel(m_plainKernel) {
   FillWeightedAlpha(ClampedUnit(m_amount), m_weightedAlpha);
 }
-
-LightSpillLayerCompositor::~LightSpillLayerCompositor() {}
-
-unsigned int LightSpillLayerCompositor::Type() const { return 1; }
 
 KVAbstractImage* LightSpillLayerCompositor::GlowLayer() const {
   if (m_radius == 0) return m_layer;

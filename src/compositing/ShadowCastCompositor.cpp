@@ -267,10 +267,6 @@ ShadowCastCompositor::ShadowCastCompositor(KVAbstractImage* layer, const kvo::ma
   }
 }
 
-ShadowCastCompositor::~ShadowCastCompositor() {}
-
-unsigned int ShadowCastCompositor::Type() const { return 1; }
-
 void ShadowCastCompositor::Setup(KVAbstractImage* background) {
   m_setupWidth = m_setupHeight = 0;
   const uint32_t width = background->Width(), height = background->Height();

@@ -16,12 +16,6 @@ namespace image {
 AlphaCrop::AlphaCrop(double left, double top, double right, double bottom)
     : m_left(left), m_top(top), m_right(right), m_bottom(bottom) {}
 
-AlphaCrop::~AlphaCrop() {}
-
-unsigned int AlphaCrop::Type() const { return 0; }
-
-void AlphaCrop::Setup(KVAbstractImage*) {}
-
 // Render8's row shares cover the output and every byte of each row is
 // written; inputs other than 8-bit BGRA abort. Alpha depends on the pixel's
 // place, not only its value.

@@ -387,10 +387,6 @@ ColorDifferenceKeyer::ColorDifferenceKeyer(KVKeyColor keyColor, double balance, 
   for (int m = 0; m < 256; ++m) m_alphaWeight[m] = AlphaWeight(m, m_lowThreshold, m_highThreshold);
 }
 
-ColorDifferenceKeyer::~ColorDifferenceKeyer() {}
-
-unsigned int ColorDifferenceKeyer::Type() const { return 1; }
-
 void ColorDifferenceKeyer::Setup(KVAbstractImage* source) {
   // Render refuses any depth but 8 bits; there is nothing to measure.
   if (source->BitsPerChannel() != 0) return;
@@ -442,9 +438,7 @@ StageNeeds NeedsOf(const ColorDifferenceKeyer&) { return StageNeeds{IsEightBit, 
 
 int ColorDifferenceKeyer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                  unsigned char threadCount) {
-  const unsigned int depth = source->BitsPerChannel();
-  if (depth != 0) return static_cast<int>(depth);
-  return Render8(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
+  return RenderEightBitOnly(*this, source, destination, threadIndex, threadCount);
 }
 
 int ColorDifferenceKeyer::Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex,

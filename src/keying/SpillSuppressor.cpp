@@ -352,10 +352,6 @@ SpillSuppressor::SpillSuppressor(KVChannel channel, KVSpillType spillType, doubl
   }
 }
 
-SpillSuppressor::~SpillSuppressor() {}
-
-unsigned int SpillSuppressor::Type() const { return 0; }
-
 void SpillSuppressor::Setup(KVAbstractImage*) {
   m_kernel = ChooseKernel(SpillRungs(m_channel, m_spillType, !m_advancedTables.empty()));
 }

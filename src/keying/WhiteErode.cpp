@@ -250,10 +250,6 @@ WhiteErodeRenderer::WhiteErodeRenderer(KVWhiteErodeDirection direction, int size
       m_mergeAlphas(MergeAlphas_Plain),
       m_minima(Minima_Plain) {}
 
-WhiteErodeRenderer::~WhiteErodeRenderer() {}
-
-unsigned int WhiteErodeRenderer::Type() const { return 0; }
-
 void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
   const unsigned int width = source->Width(), height = source->Height();
   const ErodeKernels kernels = ChooseErodeKernels();

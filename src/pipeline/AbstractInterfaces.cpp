@@ -5,9 +5,6 @@ namespace image {
 
 AbstractRenderer::~AbstractRenderer() {}
 AbstractCompositor::~AbstractCompositor() {}
-KVAbstractImageProcessor::~KVAbstractImageProcessor() {}
-KVAbstractImageKeyer::~KVAbstractImageKeyer() {}
-KVAbstractImageCompositor::~KVAbstractImageCompositor() {}
 
 }  // namespace image
 }  // namespace kvo

@@ -19,12 +19,17 @@ enum : unsigned int {
 // Stages treat every image as a KVImage8 to reach its bytes.
 inline unsigned char* PixelBytes(KVAbstractImage* image) { return static_cast<KVImage8*>(image)->Buffer(); }
 
-// The Render of a stage that serves 8-bit images only: an image of another
-// depth gets that depth back as the result, an 8-bit one goes to stage.Render8.
+// What the Render of a stage that serves 8-bit images only gives for an image
+// of another depth: that depth as the result, or 0 with nothing rendered.
+enum class OtherDepth { kReturnsItsDepth, kRendersNothing };
+
+// The Render of a stage that serves 8-bit images only: an 8-bit image goes to
+// stage.Render8, one of another depth is answered as otherDepth says.
 template <class Stage>
 int RenderEightBitOnly(Stage& stage, KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
-                       unsigned char threadCount) {
-  if (source->BitsPerChannel() != 0) return static_cast<int>(source->BitsPerChannel());
+                       unsigned char threadCount, OtherDepth otherDepth = OtherDepth::kReturnsItsDepth) {
+  const unsigned int depth = source->BitsPerChannel();
+  if (depth != 0) return otherDepth == OtherDepth::kReturnsItsDepth ? static_cast<int>(depth) : 0;
   return stage.Render8(static_cast<KVImage8*>(source), static_cast<KVImage8*>(destination), threadIndex, threadCount);
 }
 

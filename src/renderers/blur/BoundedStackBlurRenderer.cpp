@@ -34,10 +34,6 @@ BoundedStackBlurRenderer::BoundedStackBlurRenderer(unsigned int radius_, bool ho
       featherRight(false),
       featherBottom(false) {}
 
-BoundedStackBlurRenderer::~BoundedStackBlurRenderer() {}
-
-unsigned int BoundedStackBlurRenderer::Type() const { return 1; }
-
 void BoundedStackBlurRenderer::Setup(KVAbstractImage* image) {
   const uint32_t w = image->Width(), h = image->Height();
   setupWidth = setupHeight = 0;

@@ -19,10 +19,6 @@ DefocusRenderer::DefocusRenderer(unsigned int radius_, double amount_, double bl
   for (int i = 0; i < 256; ++i) gainCurve[i] = static_cast<unsigned char>(i);
 }
 
-DefocusRenderer::~DefocusRenderer() {}
-
-unsigned int DefocusRenderer::Type() const { return 1; }
-
 // The blur works in place on the stage's input, which Render then reads.
 void DefocusRenderer::Setup(KVAbstractImage* image) {
   BlurColourBytes(image, image, tables, factor, radius, WholeImageBlurRect(image, factor), blurParameter,

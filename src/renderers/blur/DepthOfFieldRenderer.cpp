@@ -49,10 +49,6 @@ DepthOfFieldRenderer::DepthOfFieldRenderer(KVDepthOfFieldType type_, const kvo::
       bandCos(1.0),
       amountWeight(0) {}
 
-DepthOfFieldRenderer::~DepthOfFieldRenderer() {}
-
-unsigned int DepthOfFieldRenderer::Type() const { return 1; }
-
 void DepthOfFieldRenderer::Setup(KVAbstractImage* image) {
   setupWidth = setupHeight = 0;
   left = top = right = bottom = 0;

@@ -18,10 +18,6 @@ DiffuseRenderer::DiffuseRenderer(unsigned int radius_, double amount_, double bl
   FillBlendOpacities(opacityOfAlpha, amount);
 }
 
-DiffuseRenderer::~DiffuseRenderer() {}
-
-unsigned int DiffuseRenderer::Type() const { return 1; }
-
 void DiffuseRenderer::Setup(KVAbstractImage* image) {
   BlurIntoCopy(blurredImage, image, tables, factor, radius, WholeImageBlurRect(image, factor), blurParameter,
                kDiffuseSites);

@@ -23,10 +23,6 @@ SharpenRenderer::SharpenRenderer(unsigned int radius_, double amount_, double th
       factor(factor_),
       tables(tables_) {}
 
-SharpenRenderer::~SharpenRenderer() {}
-
-unsigned int SharpenRenderer::Type() const { return 1; }
-
 void SharpenRenderer::Setup(KVAbstractImage* image) {
   BlurIntoCopy(blurredImage, image, tables, factor, radius, WholeImageBlurRect(image, factor), blurParameter,
                kSharpenSites);

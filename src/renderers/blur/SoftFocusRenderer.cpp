@@ -26,10 +26,6 @@ SoftFocusRenderer::SoftFocusRenderer(KVBlendMode mode_, unsigned int radius_, do
   FillBlendOpacities(opacityOfAlpha, amount);
 }
 
-SoftFocusRenderer::~SoftFocusRenderer() {}
-
-unsigned int SoftFocusRenderer::Type() const { return 1; }
-
 // The caller's rectangle is in the image's own pixels: the factor scales only
 // the radius.
 void SoftFocusRenderer::Setup(KVAbstractImage* image) {

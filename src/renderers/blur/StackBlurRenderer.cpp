@@ -141,10 +141,6 @@ StackBlurRenderer::StackBlurRenderer(unsigned int radius_, bool horizontal_, boo
       setupWidth(0),
       setupHeight(0) {}
 
-StackBlurRenderer::~StackBlurRenderer() {}
-
-unsigned int StackBlurRenderer::Type() const { return 1; }
-
 // The row pass leaves its results as bytes (every value is 0 .. 255 once
 // divided): four a pixel, or the alpha byte alone.
 void StackBlurRenderer::Setup(KVAbstractImage* image) {

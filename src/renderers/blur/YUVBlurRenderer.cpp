@@ -399,10 +399,6 @@ void* StackBlurHorizYUVProc(void* data) {
 
 YUVBlurRenderer::YUVBlurRenderer(unsigned int radius_, KVYUVBlurType type) : radius(radius_), blurType(static_cast<int>(type)) {}
 
-YUVBlurRenderer::~YUVBlurRenderer() {}
-
-unsigned int YUVBlurRenderer::Type() const { return 1; }
-
 void YUVBlurRenderer::Setup(KVAbstractImage* image) {
   const uint32_t w = image->Width(), h = image->Height();
   // The previous array is reused when it has the size and nothing else holds

@@ -47,12 +47,6 @@ BleachBypassRenderer::BleachBypassRenderer(double amount, double desaturation, d
   }
 }
 
-BleachBypassRenderer::~BleachBypassRenderer() {}
-
-unsigned int BleachBypassRenderer::Type() const { return 0; }
-
-void BleachBypassRenderer::Setup(KVAbstractImage*) {}
-
 int BleachBypassRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                  unsigned char threadCount) {
   return RenderEightBitOnly(*this, source, destination, threadIndex, threadCount);

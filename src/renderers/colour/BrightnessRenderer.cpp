@@ -60,10 +60,6 @@ BrightnessRenderer::BrightnessRenderer(double brightness, KVChannelsToProcess ch
       m_kernel(ChooseKernel(KernelRungs<BrightnessKernel>{Brightness_Plain, Brightness_SSE2, nullptr, nullptr},
                             m_extensions.sse2)) {}
 
-BrightnessRenderer::~BrightnessRenderer() {}
-
-unsigned int BrightnessRenderer::Type() const { return 0; }
-
 void BrightnessRenderer::Setup(KVAbstractImage*) {
   const int offset = TruncateToInt(255.0 * m_brightness);
   // A NaN brightness gives the most negative offset; i + offset cannot

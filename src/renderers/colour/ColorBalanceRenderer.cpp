@@ -60,10 +60,6 @@ ColorBalanceRenderer::ColorBalanceRenderer(double red, double green, double blue
       m_kernel(ChooseKernel(KernelRungs<ColorBalanceKernel>{ColorBalance_Plain, ColorBalance_SSE2, nullptr, nullptr},
                             m_extensions.sse2)) {}
 
-ColorBalanceRenderer::~ColorBalanceRenderer() {}
-
-unsigned int ColorBalanceRenderer::Type() const { return 0; }
-
 void ColorBalanceRenderer::Setup(KVAbstractImage*) {
   BuildGainTable(m_red, m_redTable);
   BuildGainTable(m_green, m_greenTable);

@@ -5,6 +5,7 @@
 #include "pipeline/StageNeeds.h"
 #include "renderers/colour/ChannelTables.h"
 #include "support/Conversions.h"
+#include "support/PixelLayout.h"
 
 namespace kvo {
 namespace image {
@@ -143,10 +144,6 @@ void SpectrumToXYZ(double temperature, double* x, double* y, double* z) {
 ColorTemperatureRenderer::ColorTemperatureRenderer(double kelvin)
     : m_kelvin(kelvin), m_redTable(), m_greenTable(), m_blueTable() {}
 
-ColorTemperatureRenderer::~ColorTemperatureRenderer() {}
-
-unsigned int ColorTemperatureRenderer::Type() const { return 0; }
-
 // The black body's chromaticity, scaled to Y = 1, in linear RGB gives one
 // factor per channel; each table is clamp(trunc(factor * i)).
 void ColorTemperatureRenderer::Setup(KVAbstractImage*) {
@@ -169,8 +166,7 @@ void ColorTemperatureRenderer::Setup(KVAbstractImage*) {
 
 int ColorTemperatureRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                      unsigned char threadCount) {
-  if (source->BitsPerChannel() != 0) return 0;
-  return Render8(source, destination, threadIndex, threadCount);
+  return RenderEightBitOnly(*this, source, destination, threadIndex, threadCount, OtherDepth::kRendersNothing);
 }
 
 // Channel order 2 holds alpha, red, green, blue; every other order is treated

@@ -65,10 +65,6 @@ ContrastRenderer::ContrastRenderer(double contrast, KVChannelsToProcess channels
       m_kernel(ChooseKernel(KernelRungs<ContrastKernel>{Contrast_Plain, Contrast_SSE2, nullptr, nullptr},
                             m_extensions.sse2)) {}
 
-ContrastRenderer::~ContrastRenderer() {}
-
-unsigned int ContrastRenderer::Type() const { return 0; }
-
 // table[i] = clamp(127 + (i - 127) * c / 256), the division truncating toward
 // zero. The product wraps in 32 bits as the processor's multiply does (only a
 // NaN contrast, c = INT_MIN, reaches that).

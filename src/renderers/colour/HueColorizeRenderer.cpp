@@ -2,6 +2,7 @@
 
 #include "renderers/colour/HueStagePixels.h"
 #include "support/Conversions.h"
+#include "support/PixelLayout.h"
 
 namespace kvo {
 namespace image {
@@ -18,16 +19,11 @@ HueMapping ColorizeTo(double hue) { return HueMapping{TruncateToInt(hue), false}
 HueColorizeRenderer::HueColorizeRenderer(double hue, double amount)
     : m_hue(hue), m_keep(1.0 - amount), m_kernel(HueStage_Plain) {}
 
-HueColorizeRenderer::~HueColorizeRenderer() {}
-
-unsigned int HueColorizeRenderer::Type() const { return 0; }
-
 void HueColorizeRenderer::Setup(KVAbstractImage*) { m_kernel = ChooseHueStageKernel(ColorizeTo(m_hue)); }
 
 int HueColorizeRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                 unsigned char threadCount) {
-  if (source->BitsPerChannel() != 0) return 0;
-  return Render8(source, destination, threadIndex, threadCount);
+  return RenderEightBitOnly(*this, source, destination, threadIndex, threadCount, OtherDepth::kRendersNothing);
 }
 
 int HueColorizeRenderer::Render8(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,

@@ -2,6 +2,7 @@
 
 #include "renderers/colour/HueStagePixels.h"
 #include "support/Conversions.h"
+#include "support/PixelLayout.h"
 
 namespace kvo {
 namespace image {
@@ -17,16 +18,11 @@ HueMapping ShiftOf(double hueOffset) { return HueMapping{TruncateToInt(hueOffset
 HueShiftRenderer::HueShiftRenderer(double shift, double amount)
     : m_hueOffset(360.0 - shift), m_keep(1.0 - amount), m_kernel(HueStage_Plain) {}
 
-HueShiftRenderer::~HueShiftRenderer() {}
-
-unsigned int HueShiftRenderer::Type() const { return 0; }
-
 void HueShiftRenderer::Setup(KVAbstractImage*) { m_kernel = ChooseHueStageKernel(ShiftOf(m_hueOffset)); }
 
 int HueShiftRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                              unsigned char threadCount) {
-  if (source->BitsPerChannel() != 0) return 0;
-  return Render8(source, destination, threadIndex, threadCount);
+  return RenderEightBitOnly(*this, source, destination, threadIndex, threadCount, OtherDepth::kRendersNothing);
 }
 
 int HueShiftRenderer::Render8(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,

@@ -12,16 +12,9 @@ StageNeeds NeedsOf(const MatteViewRenderer&) { return StageNeeds{nullptr, true};
 
 MatteViewRenderer::MatteViewRenderer() {}
 
-MatteViewRenderer::~MatteViewRenderer() {}
-
-unsigned int MatteViewRenderer::Type() const { return 0; }
-
-void MatteViewRenderer::Setup(KVAbstractImage*) {}
-
 int MatteViewRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                               unsigned char threadCount) {
-  if (source->BitsPerChannel() != 0) return 0;
-  return Render8(source, destination, threadIndex, threadCount);
+  return RenderEightBitOnly(*this, source, destination, threadIndex, threadCount, OtherDepth::kRendersNothing);
 }
 
 // Every colour byte takes the source alpha and the output alpha is opaque, in

@@ -8,16 +8,9 @@ namespace image {
 
 MirrorRenderer::MirrorRenderer(bool first, bool second) : m_first(first), m_second(second) {}
 
-MirrorRenderer::~MirrorRenderer() {}
-
-unsigned int MirrorRenderer::Type() const { return 0; }
-
-void MirrorRenderer::Setup(KVAbstractImage*) {}
-
 int MirrorRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                            unsigned char threadCount) {
-  if (source->BitsPerChannel() != 0) return 0;
-  return Render8(source, destination, threadIndex, threadCount);
+  return RenderEightBitOnly(*this, source, destination, threadIndex, threadCount, OtherDepth::kRendersNothing);
 }
 
 // The mirror stage carries its two flags but writes nothing: the destination

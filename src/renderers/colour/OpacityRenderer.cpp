@@ -50,12 +50,6 @@ OpacityRenderer::OpacityRenderer(double opacity, const kvtl::CPUExtensions& exte
       m_kernel(ChooseKernel(KernelRungs<OpacityKernel>{Opacity_Plain, Opacity_SSE2, nullptr, nullptr},
                             m_extensions.sse2)) {}
 
-OpacityRenderer::~OpacityRenderer() {}
-
-unsigned int OpacityRenderer::Type() const { return 0; }
-
-void OpacityRenderer::Setup(KVAbstractImage*) {}
-
 int OpacityRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                             unsigned char threadCount) {
   AssertBGRA8(source, kAssertOpacityFormat);

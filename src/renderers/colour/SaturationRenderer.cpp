@@ -195,10 +195,6 @@ const KernelRungs<SaturationKernel> kSaturationRungs = {Saturation_Plain, nullpt
 SaturationRenderer::SaturationRenderer(double saturation, float* table)
     : m_saturation(saturation), m_table(table), m_kernel(Saturation_Plain) {}
 
-SaturationRenderer::~SaturationRenderer() {}
-
-unsigned int SaturationRenderer::Type() const { return 0; }
-
 // The entries for 0 are infinite and never read.
 void SaturationRenderer::Setup(KVAbstractImage*) {
   const double infinity = std::numeric_limits<double>::infinity();
@@ -209,8 +205,7 @@ void SaturationRenderer::Setup(KVAbstractImage*) {
 
 int SaturationRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                unsigned char threadCount) {
-  if (source->BitsPerChannel() != 0) return 0;
-  return Render8(source, destination, threadIndex, threadCount);
+  return RenderEightBitOnly(*this, source, destination, threadIndex, threadCount, OtherDepth::kRendersNothing);
 }
 
 int SaturationRenderer::Render8(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,

@@ -14,12 +14,6 @@ StageNeeds NeedsOf(const SilhouetteRenderer&) { return StageNeeds{nullptr, true}
 SilhouetteRenderer::SilhouetteRenderer(KVPixel8_RGB colour)
     : m_red(colour.red), m_green(colour.green), m_blue(colour.blue) {}
 
-SilhouetteRenderer::~SilhouetteRenderer() {}
-
-unsigned int SilhouetteRenderer::Type() const { return 0; }
-
-void SilhouetteRenderer::Setup(KVAbstractImage*) {}
-
 int SilhouetteRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                unsigned char threadCount) {
   AssertBGRA8(source, kAssertSilhouetteFormat);

@@ -166,10 +166,6 @@ SuperContrastRenderer::SuperContrastRenderer(double low, double high, KVChannels
       m_table(),
       m_kernel(ChooseKernel(kSuperContrastRungs, extensions.sse2)) {}
 
-SuperContrastRenderer::~SuperContrastRenderer() {}
-
-unsigned int SuperContrastRenderer::Type() const { return 0; }
-
 // Above hi 255, from lo to hi trunc((i - lo) * 256 / (hi - lo + 1)), below lo
 // 0. With a zero width every level is above hi or below lo, so the scale is
 // never needed.

@@ -115,10 +115,6 @@ const KernelRungs<ThreeStripKernel> kThreeStripRungs = {ThreeStrip_Plain, nullpt
 ThreeStripColorRenderer::ThreeStripColorRenderer(double a, double b, double c)
     : m_levelA(a), m_levelB(b), m_levelC(c), m_kernel(ThreeStrip_Plain) {}
 
-ThreeStripColorRenderer::~ThreeStripColorRenderer() {}
-
-unsigned int ThreeStripColorRenderer::Type() const { return 0; }
-
 void ThreeStripColorRenderer::Setup(KVAbstractImage*) {
   BuildCurve(m_levelA, m_curveA);
   BuildCurve(m_levelB, m_curveB);

@@ -41,10 +41,6 @@ inline unsigned char TowardTarget(int source, int target, double keep) {
 
 TintRenderer::TintRenderer(KVTintType type, double amount) : m_type(type), m_keep(1.0 - amount) {}
 
-TintRenderer::~TintRenderer() {}
-
-unsigned int TintRenderer::Type() const { return 0; }
-
 void TintRenderer::Setup(KVAbstractImage*) {
   for (int sum = 0; sum < 768; ++sum) m_luminance[sum] = static_cast<unsigned char>(TruncateToInt(sum / 3.0));
   for (int i = 0; i < 256; ++i) {

@@ -243,10 +243,6 @@ VignetteRenderer::VignetteRenderer(const KVPixel8_RGB& colour, double amount, do
   }
 }
 
-VignetteRenderer::~VignetteRenderer() {}
-
-unsigned int VignetteRenderer::Type() const { return 0; }
-
 // The frame's half-axes: the rectangle's half-width and half-height at
 // roundness 0, both the smaller of the two at roundness 1. Each column and row
 // keeps its squared offset from the centre in half-axes, measured at the pixel
