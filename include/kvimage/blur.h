@@ -124,8 +124,8 @@ class KVIMAGE_EXPORT StackBlurRenderer : public AbstractRenderer {
   // alpha-only mode), and the size of the image they came from (0 x 0 before
   // any Setup); Render renders nothing for images of another size.
   std::vector<unsigned char> rowPassPlane;
-  uint32_t setupWidth;
-  uint32_t setupHeight;
+  uint32_t setupWidth = 0;
+  uint32_t setupHeight = 0;
 };
 
 // ---------------------------------------------------------------------------
@@ -238,16 +238,16 @@ class KVIMAGE_EXPORT BoundedStackBlurRenderer : public AbstractRenderer {
   // From the last Setup: the image size, the clipped rectangle (right and
   // bottom exclusive), the feathered edges and the blurred rectangle, four
   // bytes per pixel.
-  uint32_t setupWidth;
-  uint32_t setupHeight;
-  uint32_t left;
-  uint32_t top;
-  uint32_t right;
-  uint32_t bottom;
-  bool featherLeft;
-  bool featherTop;
-  bool featherRight;
-  bool featherBottom;
+  uint32_t setupWidth = 0;
+  uint32_t setupHeight = 0;
+  uint32_t left = 0;
+  uint32_t top = 0;
+  uint32_t right = 0;
+  uint32_t bottom = 0;
+  bool featherLeft = false;
+  bool featherTop = false;
+  bool featherRight = false;
+  bool featherBottom = false;
   std::vector<unsigned char> blurred;
   std::vector<unsigned char> rowPassPlane;  // both directions: the row pass's results
 };
@@ -427,17 +427,17 @@ class KVIMAGE_EXPORT DepthOfFieldRenderer : public AbstractRenderer {
   // and bottom exclusive), the geometry in pixels, the amount weight
   // (0..256), and the blurred levels in increasing radius, each a whole
   // image.
-  uint32_t setupWidth;
-  uint32_t setupHeight;
-  uint32_t left;
-  uint32_t top;
-  uint32_t right;
-  uint32_t bottom;
-  double focusPixels;
-  double transitionPixels;
-  double bandSin;
-  double bandCos;
-  int amountWeight;
+  uint32_t setupWidth = 0;
+  uint32_t setupHeight = 0;
+  uint32_t left = 0;
+  uint32_t top = 0;
+  uint32_t right = 0;
+  uint32_t bottom = 0;
+  double focusPixels = 0.0;
+  double transitionPixels = 0.0;
+  double bandSin = 0.0;
+  double bandCos = 1.0;
+  int amountWeight = 0;
   std::vector<uint32_t> levelRadius;
   std::vector<std::vector<unsigned char> > levels;
 };

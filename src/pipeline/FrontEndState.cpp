@@ -23,7 +23,7 @@ int FrontEndState::Clear() {
   });
 }
 
-void FrontEndState::ReleaseQueue() {
+FrontEndState::~FrontEndState() {
   try {
     queue.Clear();
   } catch (std::exception&) {

@@ -51,7 +51,7 @@ struct FrontEndState {
   int Clear();
   int Render() { return queue.Render(source, destination); }
   // The front end's destructor: the queue goes first, whatever it throws.
-  void ReleaseQueue();
+  ~FrontEndState();
 };
 
 // The private records of the three front ends: the same state.

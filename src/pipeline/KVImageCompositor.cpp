@@ -31,10 +31,7 @@ KVImageCompositor::KVImageCompositor(std::tr1::shared_ptr<KVAbstractImage> backg
                                      kvo::KVLookupTables& tables, KVDownsampleFactor factor)
     : m_private(NewCompositorState(background.get(), opacity, tables, factor)) {}
 
-KVImageCompositor::~KVImageCompositor() {
-  m_private->ReleaseQueue();
-  delete m_private;
-}
+KVImageCompositor::~KVImageCompositor() { delete m_private; }
 
 KVAbstractImage* KVImageCompositor::BackgroundLayer() const { return m_private->destination; }
 

@@ -20,10 +20,7 @@ KVImageKeyer::KVImageKeyer(std::tr1::shared_ptr<KVAbstractImage> source,
                            KVDownsampleFactor factor)
     : m_private(new KVImageKeyer_Private(kFrontEndKeyer, source.get(), destination.get(), tables, factor)) {}
 
-KVImageKeyer::~KVImageKeyer() {
-  m_private->ReleaseQueue();
-  delete m_private;
-}
+KVImageKeyer::~KVImageKeyer() { delete m_private; }
 
 KVAbstractImage* KVImageKeyer::SourceImage() const { return m_private->source; }
 unsigned short KVImageKeyer::RenderQueueCount() const { return m_private->Count(); }

@@ -19,10 +19,7 @@ KVImageProcessor::KVImageProcessor(std::tr1::shared_ptr<KVAbstractImage> source,
                                    KVDownsampleFactor factor)
     : m_private(new KVImageProcessor_Private(kFrontEndProcessor, source.get(), destination.get(), tables, factor)) {}
 
-KVImageProcessor::~KVImageProcessor() {
-  m_private->ReleaseQueue();
-  delete m_private;
-}
+KVImageProcessor::~KVImageProcessor() { delete m_private; }
 
 KVAbstractImage* KVImageProcessor::SourceImage() const { return m_private->source; }
 unsigned short KVImageProcessor::RenderQueueCount() const { return m_private->Count(); }

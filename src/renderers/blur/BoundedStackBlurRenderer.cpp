@@ -22,17 +22,7 @@ BoundedStackBlurRenderer::BoundedStackBlurRenderer(unsigned int radius_, bool ho
       vertical(vertical_),
       channels(static_cast<int>(channels_)),
       rect(rect_),
-      feather(feather_ > 0.0 ? feather_ : 0.0),  // negative and NaN: a hard edge
-      setupWidth(0),
-      setupHeight(0),
-      left(0),
-      top(0),
-      right(0),
-      bottom(0),
-      featherLeft(false),
-      featherTop(false),
-      featherRight(false),
-      featherBottom(false) {}
+      feather(feather_ > 0.0 ? feather_ : 0.0) {}  // negative and NaN: a hard edge
 
 void BoundedStackBlurRenderer::Setup(KVAbstractImage* image) {
   const uint32_t w = image->Width(), h = image->Height();

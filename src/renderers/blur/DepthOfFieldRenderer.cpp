@@ -36,18 +36,7 @@ DepthOfFieldRenderer::DepthOfFieldRenderer(KVDepthOfFieldType type_, const kvo::
       transition(transition_),
       amount(amount_),
       blurParameter(blurParameter_),
-      bounds(bounds_),
-      setupWidth(0),
-      setupHeight(0),
-      left(0),
-      top(0),
-      right(0),
-      bottom(0),
-      focusPixels(0.0),
-      transitionPixels(0.0),
-      bandSin(0.0),
-      bandCos(1.0),
-      amountWeight(0) {}
+      bounds(bounds_) {}
 
 void DepthOfFieldRenderer::Setup(KVAbstractImage* image) {
   setupWidth = setupHeight = 0;

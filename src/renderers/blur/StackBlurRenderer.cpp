@@ -137,9 +137,7 @@ StackBlurRenderer::StackBlurRenderer(unsigned int radius_, bool horizontal_, boo
     : radius(radius_),
       horizontal(horizontal_),
       vertical(vertical_),
-      channels(static_cast<int>(channels_)),
-      setupWidth(0),
-      setupHeight(0) {}
+      channels(static_cast<int>(channels_)) {}
 
 // The row pass leaves its results as bytes (every value is 0 .. 255 once
 // divided): four a pixel, or the alpha byte alone.
