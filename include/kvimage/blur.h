@@ -34,6 +34,9 @@ namespace image {
 // more than the image.
 // ---------------------------------------------------------------------------
 
+// Internal: the column pass's work, defined with its kernels.
+struct StackBlurColumns;
+
 // One pass procedure's work. Only the fields a pass reads are filled.
 struct StackBlurData {
   uint32_t threadIndex;
@@ -126,6 +129,8 @@ class KVIMAGE_EXPORT StackBlurRenderer : public AbstractRenderer {
   std::vector<unsigned char> rowPassPlane;
   uint32_t setupWidth = 0;
   uint32_t setupHeight = 0;
+  // The column pass's kernel, chosen in Setup.
+  uint32_t (*columnKernel)(const StackBlurColumns& pass, uint32_t firstColumn, uint32_t endColumn) = nullptr;
 };
 
 // ---------------------------------------------------------------------------

@@ -106,14 +106,16 @@ void RunStackBlurColumns(StackBlurColumnKernel kernel, const StackBlurColumns& p
   });
 }
 
-void RunStackBlurRowShare(const StackBlurRows& pass, uint32_t perThread, uint32_t threadIndex) {
+void RunStackBlurRowShare(StackBlurRowKernel kernel, const StackBlurRows& pass, uint32_t perThread,
+                          uint32_t threadIndex) {
   const ShareRun rows = ShareOfLinesSized(pass.height, perThread, threadIndex);
-  ChooseStackBlurKernels().rows(pass, static_cast<uint32_t>(rows.start), static_cast<uint32_t>(rows.End()));
+  kernel(pass, static_cast<uint32_t>(rows.start), static_cast<uint32_t>(rows.End()));
 }
 
-void RunStackBlurColumnShare(const StackBlurColumns& pass, uint32_t perThread, uint32_t threadIndex) {
+void RunStackBlurColumnShare(StackBlurColumnKernel kernel, const StackBlurColumns& pass, uint32_t perThread,
+                             uint32_t threadIndex) {
   const ShareRun columns = ShareOfLinesSized(pass.width, perThread, threadIndex);
-  ChooseStackBlurKernels().columns(pass, static_cast<uint32_t>(columns.start), static_cast<uint32_t>(columns.End()));
+  kernel(pass, static_cast<uint32_t>(columns.start), static_cast<uint32_t>(columns.End()));
 }
 
 }  // namespace image

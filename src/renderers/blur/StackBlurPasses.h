@@ -110,9 +110,12 @@ void RunStackBlurColumns(StackBlurColumnKernel kernel, const StackBlurColumns& p
 
 // One share of a pass driven by its caller's own records (the exported pass
 // procedures, a stage's render thread): perThread lines to a thread, cut at
-// the end, through the kernel ChooseStackBlurKernels gives now.
-void RunStackBlurRowShare(const StackBlurRows& pass, uint32_t perThread, uint32_t threadIndex);
-void RunStackBlurColumnShare(const StackBlurColumns& pass, uint32_t perThread, uint32_t threadIndex);
+// the end. The exported procedures have no Setup to choose in: they pass
+// the kernel ChooseStackBlurKernels gives at the call.
+void RunStackBlurRowShare(StackBlurRowKernel kernel, const StackBlurRows& pass, uint32_t perThread,
+                          uint32_t threadIndex);
+void RunStackBlurColumnShare(StackBlurColumnKernel kernel, const StackBlurColumns& pass, uint32_t perThread,
+                             uint32_t threadIndex);
 
 }  // namespace image
 }  // namespace kvo

@@ -73,7 +73,8 @@ void* RunPass(void* data, Body body) {
 // The row pass of a record from its pixels into 32-bit planes (byte c of a
 // pixel into planes[c], where there is one).
 void RowShareIntoPlanes(const StackBlurData& d, int32_t* const (&planes)[4]) {
-  RunStackBlurRowShare(PixelRowsIntoValues(d.pixels, d.width, d.height, d.radius, planes), d.rowsPerThread,
+  RunStackBlurRowShare(ChooseStackBlurKernels().rows,
+                       PixelRowsIntoValues(d.pixels, d.width, d.height, d.radius, planes), d.rowsPerThread,
                        d.threadIndex);
 }
 
@@ -81,7 +82,8 @@ void RowShareIntoPlanes(const StackBlurData& d, int32_t* const (&planes)[4]) {
 // its pixels, the other bytes from `colour`.
 void ColumnShareIntoByte(const StackBlurData& d, const int32_t* plane, unsigned byteIndex,
                          const unsigned char* colour) {
-  RunStackBlurColumnShare(ValueColumnsIntoByte(plane, d.width, d.height, d.radius, d.pixels, byteIndex, colour),
+  RunStackBlurColumnShare(ChooseStackBlurKernels().columns,
+                          ValueColumnsIntoByte(plane, d.width, d.height, d.radius, d.pixels, byteIndex, colour),
                           d.columnsPerThread, d.threadIndex);
 }
 
@@ -119,13 +121,15 @@ void* StackBlurHorizAlphaProc(void* data) {
 
 void* StackBlurVertSingleChannelProc(void* data) {
   return RunPass<StackBlurSingleChannelData>(data, [](const StackBlurSingleChannelData& d) {
-    RunStackBlurRowShare(ValueRows(d.input, d.width, d.height, d.radius, d.output), d.rowsPerThread, d.threadIndex);
+    RunStackBlurRowShare(ChooseStackBlurKernels().rows, ValueRows(d.input, d.width, d.height, d.radius, d.output),
+                         d.rowsPerThread, d.threadIndex);
   });
 }
 
 void* StackBlurHorizSingleChannelProc(void* data) {
   return RunPass<StackBlurSingleChannelData>(data, [](const StackBlurSingleChannelData& d) {
-    RunStackBlurColumnShare(ValueColumns(d.input, d.width, d.height, d.radius, d.output), d.columnsPerThread,
+    RunStackBlurColumnShare(ChooseStackBlurKernels().columns,
+                            ValueColumns(d.input, d.width, d.height, d.radius, d.output), d.columnsPerThread,
                             d.threadIndex);
   });
 }
@@ -153,7 +157,9 @@ void StackBlurRenderer::Setup(KVAbstractImage* image) {
     std::vector<unsigned char>().swap(rowPassPlane);
     rowPassPlane.resize(pixelCount * kind);
   }
-  RunStackBlurRows(ChooseStackBlurKernels().rows,
+  const StackBlurKernels kernels = ChooseStackBlurKernels();
+  columnKernel = kernels.columns;
+  RunStackBlurRows(kernels.rows,
                    PixelRowsIntoPlane(PixelBytes(image), static_cast<size_t>(w) * kBytesPerPixel, w, h, radius,
                                       rowPassPlane.data(), kind));
   setupWidth = w;
@@ -183,7 +189,7 @@ int StackBlurRenderer::Render8(KVImage8* source, KVImage8* destination, unsigned
       setupWidth, setupHeight, radius, AlphaOnly() ? kStoreOneByte : kStoreBytes, destination->Buffer());
   columns.colour = source->Buffer();
   // The share's size follows the source's width, its end the plane's.
-  RunStackBlurColumnShare(columns, LinesPerThread(source->Width(), threadCount), threadIndex);
+  RunStackBlurColumnShare(columnKernel, columns, LinesPerThread(source->Width(), threadCount), threadIndex);
   return 0;
 }
 

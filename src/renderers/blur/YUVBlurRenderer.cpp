@@ -374,8 +374,9 @@ void* StackBlurVertYUVProc(void* data) {
     if (!StackRecordUsable(d)) return;
     static_assert(kChromaVByte == 0 && kChromaUByte == 1, "the chroma planes take bytes 0 and 1");
     int32_t* const planes[4] = {d.chromaPlane0->data(), d.chromaPlane1->data(), nullptr, nullptr};
-    RunStackBlurRowShare(PixelRowsIntoValues(d.yuvPixels->data(), d.width, d.height, d.radius, planes),
-                         d.rowsPerThread, d.threadIndex);
+    RunStackBlurRowShare(ChooseStackBlurKernels().rows,
+                         PixelRowsIntoValues(d.yuvPixels->data(), d.width, d.height, d.radius, planes), d.rowsPerThread,
+                         d.threadIndex);
   });
 }
 
@@ -389,6 +390,7 @@ void* StackBlurHorizYUVProc(void* data) {
     const unsigned bytes[2] = {kChromaVByte, kChromaUByte};
     for (unsigned k = 0; k < 2; ++k) {
       RunStackBlurColumnShare(
+          ChooseStackBlurKernels().columns,
           ValueColumnsIntoByte(planes[k]->data(), d.width, d.height, d.radius, pixels, bytes[k], pixels),
           d.columnsPerThread, d.threadIndex);
     }
