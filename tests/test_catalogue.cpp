@@ -61,6 +61,7 @@ class Front {
     return bytes;
   }
   KVImage8* layer() { return m_layer.image(); }
+  void NewSourceContent(uint32_t seed) { m_source.fill(kvtest::PatternBytes(m_source.bytes(), seed)); }
 
   std::unique_ptr<KVImageProcessor> processor;
   std::unique_ptr<KVImageKeyer> keyer;
@@ -157,6 +158,23 @@ TEST(Catalogue, QueueSetterRefusesUnknownNamesWrongCountsAndMisfittingNumbers) {
 
 // A call by name gives the bytes of the direct call (defaults, and numbers
 // that tell a colour's, a rectangle's and a quadrilateral's apart).
+// Stages keep scratch between renders (blurred copies, planes, nested
+// queues): a queue rendered again over new source content gives what a fresh
+// front end gives for that content.
+TEST(Catalogue, ARenderAgainOverNewContentIsAFreshRender) {
+  for (unsigned int r = 0; r < SetterCount(); ++r) {
+    const KVSetterInfo& row = *SetterAt(r);
+    SCOPED_TRACE(row.name);
+    Front reused(row.frontEnd), fresh(row.frontEnd);
+    ASSERT_EQ(reused.Queue(row.name, Defaults(row)), 0);
+    reused.Render();
+    reused.NewSourceContent(31);
+    fresh.NewSourceContent(31);
+    ASSERT_EQ(fresh.Queue(row.name, Defaults(row)), 0);
+    EXPECT_EQ(reused.Render(), fresh.Render());
+  }
+}
+
 TEST(Catalogue, QueueingByNameIsTheDirectCall) {
   const KVQuad floor(KVPoint2F(1, 1), KVPoint2F(6, 0.5), KVPoint2F(0, 4), KVPoint2F(7, 4.5));
   const struct {

@@ -34,8 +34,10 @@ namespace image {
 // more than the image.
 // ---------------------------------------------------------------------------
 
-// Internal: the column pass's work, defined with its kernels.
+// Internal: the column pass's work, defined with its kernels, and the focus
+// stages' nested blur.
 struct StackBlurColumns;
+class NestedColourBlur;
 
 // One pass procedure's work. Only the fields a pass reads are filled.
 struct StackBlurData {
@@ -297,6 +299,7 @@ class KVIMAGE_EXPORT DefocusRenderer : public AbstractRenderer {
   double blurParameter;
   KVDownsampleFactor factor;
   kvo::KVLookupTables& tables;
+  std::tr1::shared_ptr<NestedColourBlur> nestedBlur;  // kept between Setups with its scratch
   unsigned char gainCurve[256];
 };
 
@@ -322,6 +325,7 @@ class KVIMAGE_EXPORT DiffuseRenderer : public AbstractRenderer {
   double blurParameter;
   KVDownsampleFactor factor;
   kvo::KVLookupTables& tables;
+  std::tr1::shared_ptr<NestedColourBlur> nestedBlur;  // kept between Setups with its scratch
   std::tr1::shared_ptr<KVAbstractImage> blurredImage;
   int opacityOfAlpha[256];  // trunc(alpha x amount)
 };
@@ -350,6 +354,7 @@ class KVIMAGE_EXPORT SharpenRenderer : public AbstractRenderer {
   double blurParameter;
   KVDownsampleFactor factor;
   kvo::KVLookupTables& tables;
+  std::tr1::shared_ptr<NestedColourBlur> nestedBlur;  // kept between Setups with its scratch
   std::tr1::shared_ptr<KVAbstractImage> blurredImage;
   std::vector<uint32_t> sharpenTable;  // 256 x 256, each 0..255
 };
@@ -381,6 +386,7 @@ class KVIMAGE_EXPORT SoftFocusRenderer : public AbstractRenderer {
   double blurParameter;
   KVDownsampleFactor factor;
   kvo::KVLookupTables& tables;
+  std::tr1::shared_ptr<NestedColourBlur> nestedBlur;  // kept between Setups with its scratch
   std::tr1::shared_ptr<KVAbstractImage> blurredImage;
   int opacityOfAlpha[256];  // trunc(alpha x amount)
 };

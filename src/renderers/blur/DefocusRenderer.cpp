@@ -15,14 +15,18 @@ const double kLargestAmount = 0.8;
 
 DefocusRenderer::DefocusRenderer(unsigned int radius_, double amount_, double blurParameter_,
                                  KVDownsampleFactor factor_, kvo::KVLookupTables& tables_)
-    : radius(radius_), amount(amount_), blurParameter(blurParameter_), factor(factor_), tables(tables_) {
+    : radius(radius_),
+      amount(amount_),
+      blurParameter(blurParameter_),
+      factor(factor_),
+      tables(tables_),
+      nestedBlur(new NestedColourBlur(tables_, factor_, radius_, blurParameter_)) {
   for (int i = 0; i < 256; ++i) gainCurve[i] = static_cast<unsigned char>(i);
 }
 
 // The blur works in place on the stage's input, which Render then reads.
 void DefocusRenderer::Setup(KVAbstractImage* image) {
-  BlurColourBytes(image, image, tables, factor, radius, WholeImageBlurRect(image, factor), blurParameter,
-                  kDefocusSites);
+  nestedBlur->Run(image, image, WholeImageBlurRect(image, factor), kDefocusSites);
 
   // A NaN or an amount above the largest gives the largest.
   double a = amount <= kLargestAmount ? amount : kLargestAmount;

@@ -14,13 +14,17 @@ const FocusAssertionSites kDiffuseSites = {kAssertDiffuseFormat, kAssertDiffuseS
 
 DiffuseRenderer::DiffuseRenderer(unsigned int radius_, double amount_, double blurParameter_,
                                  KVDownsampleFactor factor_, kvo::KVLookupTables& tables_)
-    : radius(radius_), amount(amount_), blurParameter(blurParameter_), factor(factor_), tables(tables_) {
+    : radius(radius_),
+      amount(amount_),
+      blurParameter(blurParameter_),
+      factor(factor_),
+      tables(tables_),
+      nestedBlur(new NestedColourBlur(tables_, factor_, radius_, blurParameter_)) {
   FillBlendOpacities(opacityOfAlpha, amount);
 }
 
 void DiffuseRenderer::Setup(KVAbstractImage* image) {
-  BlurIntoCopy(blurredImage, image, tables, factor, radius, WholeImageBlurRect(image, factor), blurParameter,
-               kDiffuseSites);
+  nestedBlur->RunIntoCopy(blurredImage, image, WholeImageBlurRect(image, factor), kDiffuseSites);
 }
 
 int DiffuseRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,

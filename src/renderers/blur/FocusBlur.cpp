@@ -1,5 +1,6 @@
 #include "renderers/blur/FocusBlur.h"
 
+#include <kvimage/blur.h>
 #include <kvimage/image.h>
 
 #include <algorithm>
@@ -13,18 +14,6 @@
 namespace kvo {
 namespace image {
 
-namespace {
-
-// A new KVImage8 of the image's size and channel order, zero-filled.
-std::tr1::shared_ptr<KVAbstractImage> ZeroFilledImageLike(const KVAbstractImage* image) {
-  KVImage8* copy = new KVImage8(image->Width(), image->Height(), image->PixelChannelOrder(), false);
-  std::tr1::shared_ptr<KVAbstractImage> held(copy);
-  if (copy->BufferByteSize() != 0) std::memset(copy->Buffer(), 0, copy->BufferByteSize());
-  return held;
-}
-
-}  // namespace
-
 kvo::maths::KVRect WholeImageBlurRect(const KVAbstractImage* image, KVDownsampleFactor factor) {
   kvo::maths::KVRect rect(kvo::maths::KVPoint2(0, 0), static_cast<int>(image->Width()),
                           static_cast<int>(image->Height()));
@@ -34,13 +23,31 @@ kvo::maths::KVRect WholeImageBlurRect(const KVAbstractImage* image, KVDownsample
   return rect;
 }
 
-void BlurColourBytes(KVAbstractImage* image, KVAbstractImage* destination, kvo::KVLookupTables& tables,
-                     KVDownsampleFactor factor, unsigned int radius, const kvo::maths::KVRect& rect,
-                     double blurParameter, const FocusAssertionSites& sites) {
-  KVImageProcessor nested(image, destination, tables, factor);
-  const int queued = nested.SetBoundedStackBlur(radius, true, true, kChannelsColor, rect, blurParameter);
-  AssertAt(queued == 0, sites.setter);
-  const int rendered = nested.Render();
+NestedColourBlur::NestedColourBlur(kvo::KVLookupTables& tables, KVDownsampleFactor factor, unsigned int radius,
+                                   double blurParameter)
+    : m_processor(kFrontEndProcessor, nullptr, nullptr, tables, factor),
+      m_radius(radius),
+      m_blurParameter(blurParameter),
+      m_queued(false) {}
+
+void NestedColourBlur::Run(KVAbstractImage* image, KVAbstractImage* destination, const kvo::maths::KVRect& rect,
+                           const FocusAssertionSites& sites) {
+  const bool sameRect = m_queued && rect.TopLeft().X() == m_queuedRect.TopLeft().X() &&
+                        rect.TopLeft().Y() == m_queuedRect.TopLeft().Y() && rect.Width() == m_queuedRect.Width() &&
+                        rect.Height() == m_queuedRect.Height();
+  if (!sameRect) {
+    m_processor.queue.Clear();
+    m_queued = false;
+    const int queued = m_processor.Refused("SetBoundedStackBlur", {0, 1.0, 1.0});
+    AssertAt(queued == 0, sites.setter);
+    m_processor.Append(new BoundedStackBlurRenderer(m_processor.ScaledRadius(m_radius), true, true, kChannelsColor,
+                                                    rect, m_blurParameter));
+    m_queued = true;
+    m_queuedRect = rect;
+  }
+  m_processor.source = image;
+  m_processor.destination = destination;
+  const int rendered = m_processor.Render();
   // Every radius is served, so the nested render fails only when memory runs
   // out (code 8): that is the stage's own allocation failure and leaves it as
   // one, for the pipeline to report. Any other failure is a broken invariant.
@@ -48,11 +55,21 @@ void BlurColourBytes(KVAbstractImage* image, KVAbstractImage* destination, kvo::
   AssertAt(rendered == 0, sites.render);
 }
 
-void BlurIntoCopy(std::tr1::shared_ptr<KVAbstractImage>& copy, KVAbstractImage* image, kvo::KVLookupTables& tables,
-                  KVDownsampleFactor factor, unsigned int radius, const kvo::maths::KVRect& rect, double blurParameter,
-                  const FocusAssertionSites& sites) {
-  copy = ZeroFilledImageLike(image);
-  BlurColourBytes(image, copy.get(), tables, factor, radius, rect, blurParameter, sites);
+void NestedColourBlur::RunIntoCopy(std::tr1::shared_ptr<KVAbstractImage>& copy, KVAbstractImage* image,
+                                   const kvo::maths::KVRect& rect, const FocusAssertionSites& sites) {
+  if (!copy || copy->Width() != image->Width() || copy->Height() != image->Height() ||
+      copy->PixelChannelOrder() != image->PixelChannelOrder()) {
+    copy.reset(new KVImage8(image->Width(), image->Height(), image->PixelChannelOrder(), false));
+  }
+  // The copy is always the stage's own KVImage8. The blur writes every byte
+  // of it when it can read the whole image; otherwise it writes none, and the
+  // stage's pass reads zeros.
+  const size_t imageBytes = static_cast<size_t>(image->Width()) * image->Height() * kBytesPerPixel;
+  if (image->BitsPerChannel() != 0 || image->BufferByteSize() < imageBytes) {
+    KVImage8* ours = static_cast<KVImage8*>(copy.get());
+    if (ours->BufferByteSize() != 0) std::memset(ours->Buffer(), 0, ours->BufferByteSize());
+  }
+  Run(image, copy.get(), rect, sites);
 }
 
 size_t FocusByteLimit(const KVAbstractImage* source, const KVAbstractImage* destination,

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <tr1/memory>
 
+#include "pipeline/FrontEndState.h"
 #include "support/AssertionSites.h"
 #include "support/ParallelPass.h"
 #include "support/PixelLayout.h"
@@ -31,19 +32,34 @@ struct FocusAssertionSites {
 // times larger for kDownsampleQuarter and unscaled for every other factor.
 kvo::maths::KVRect WholeImageBlurRect(const KVAbstractImage* image, KVDownsampleFactor factor);
 
-// Blurs the colour bytes of image into destination (which may be image
-// itself) with a nested processor running one bounded stack blur in both
-// directions; alpha is copied. Aborts with the site's assertions when the
-// nested setter or render fails.
-void BlurColourBytes(KVAbstractImage* image, KVAbstractImage* destination, kvo::KVLookupTables& tables,
-                     KVDownsampleFactor factor, unsigned int radius, const kvo::maths::KVRect& rect,
-                     double blurParameter, const FocusAssertionSites& sites);
+// The nested blur of a focus stage: a processor's state queueing one
+// bounded stack blur of the colour bytes in both directions (alpha copied),
+// its radius scaled by the downsample factor as the processor's setter
+// scales it. The queue and the blur's scratch are kept between Setups and
+// requeued only when the rectangle changes, and a blurred copy of the same
+// size and order is reused, so a stream of same-sized frames allocates
+// nothing here after the first.
+class NestedColourBlur {
+ public:
+  NestedColourBlur(kvo::KVLookupTables& tables, KVDownsampleFactor factor, unsigned int radius, double blurParameter);
 
-// A focus stage's Setup when it blurs into a copy of its own: copy becomes a
-// zero-filled image like image, then receives image's blurred colour bytes.
-void BlurIntoCopy(std::tr1::shared_ptr<KVAbstractImage>& copy, KVAbstractImage* image, kvo::KVLookupTables& tables,
-                  KVDownsampleFactor factor, unsigned int radius, const kvo::maths::KVRect& rect, double blurParameter,
-                  const FocusAssertionSites& sites);
+  // Blurs image into destination (which may be image itself). Aborts with
+  // the site's assertions when the nested setter or render fails.
+  void Run(KVAbstractImage* image, KVAbstractImage* destination, const kvo::maths::KVRect& rect,
+           const FocusAssertionSites& sites);
+
+  // A focus stage's Setup when it blurs into a copy of its own: copy becomes
+  // (or stays) an image like image and receives image's blurred bytes.
+  void RunIntoCopy(std::tr1::shared_ptr<KVAbstractImage>& copy, KVAbstractImage* image,
+                   const kvo::maths::KVRect& rect, const FocusAssertionSites& sites);
+
+ private:
+  FrontEndState m_processor;
+  unsigned int m_radius;
+  double m_blurParameter;
+  bool m_queued;
+  kvo::maths::KVRect m_queuedRect;
+};
 
 // The bytes a pass over source, destination and a blurred copy may touch: the
 // smallest of their buffers (0 before any blurred copy exists).

@@ -21,12 +21,14 @@ SharpenRenderer::SharpenRenderer(unsigned int radius_, double amount_, double th
       threshold(threshold_),
       blurParameter(blurParameter_),
       factor(factor_),
-      tables(tables_) {}
+      tables(tables_),
+      nestedBlur(new NestedColourBlur(tables_, factor_, radius_, blurParameter_)) {}
 
 void SharpenRenderer::Setup(KVAbstractImage* image) {
-  BlurIntoCopy(blurredImage, image, tables, factor, radius, WholeImageBlurRect(image, factor), blurParameter,
-               kSharpenSites);
+  nestedBlur->RunIntoCopy(blurredImage, image, WholeImageBlurRect(image, factor), kSharpenSites);
 
+  // The table depends on the settings only: built at the first Setup.
+  if (!sharpenTable.empty()) return;
   const int t = TruncateToInt(threshold * 255.0) & 255;
   sharpenTable.resize(256 * 256);
   for (int sharp = 0; sharp < 256; ++sharp) {

@@ -22,14 +22,15 @@ SoftFocusRenderer::SoftFocusRenderer(KVBlendMode mode_, unsigned int radius_, do
       rect(rect_),
       blurParameter(blurParameter_),
       factor(factor_),
-      tables(tables_) {
+      tables(tables_),
+      nestedBlur(new NestedColourBlur(tables_, factor_, radius_, blurParameter_)) {
   FillBlendOpacities(opacityOfAlpha, amount);
 }
 
 // The caller's rectangle is in the image's own pixels: the factor scales only
 // the radius.
 void SoftFocusRenderer::Setup(KVAbstractImage* image) {
-  BlurIntoCopy(blurredImage, image, tables, factor, radius, rect, blurParameter, kSoftFocusSites);
+  nestedBlur->RunIntoCopy(blurredImage, image, rect, kSoftFocusSites);
 }
 
 int SoftFocusRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
