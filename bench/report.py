@@ -47,10 +47,11 @@ SIZE_PATTERN = re.compile(r"^(\d+)x(\d+)$")
 class Row:
     """One benchmark: name split into stage, size and core count."""
 
-    def __init__(self, key, ms, label):
+    def __init__(self, key, ms, label, faults=None):
         self.key = key
         self.ms = ms
         self.label = label
+        self.faults = faults
         self.mpix = None
         parts = key.split("/")
         self.size = next((p for p in parts if SIZE_PATTERN.match(p)), None)
@@ -76,7 +77,8 @@ def load_rows(path, statistic):
             continue
         key = re.sub(r"/(real_time|manual_time)$", "", bench.get("run_name", bench["name"]))
         order[key] = (bench.get("family_index", len(order)), bench.get("per_family_instance_index", 0))
-        entry = (bench["real_time"] * UNIT_TO_MS[bench.get("time_unit", "ns")], bench.get("label", ""))
+        entry = (bench["real_time"] * UNIT_TO_MS[bench.get("time_unit", "ns")], bench.get("label", ""),
+                 bench.get("faults_per_render"))
         if bench.get("run_type") == "aggregate":
             aggregates.setdefault(key, {})[bench.get("aggregate_name")] = entry
         else:
@@ -85,21 +87,21 @@ def load_rows(path, statistic):
     for key in sorted(set(samples) | set(aggregates), key=lambda k: order[k]):
         # The fixed cost is a difference of two times, which noise moves
         # either way: its median, never its minimum.
-        label = (aggregates.get(key) or {}).get("median", samples.get(key, [(0, "")])[0])[1]
+        label = (aggregates.get(key) or {}).get("median", samples.get(key, [(0, "", None)])[0])[1]
         chosen = "median" if label == "fixed" else statistic
         if chosen in aggregates.get(key, {}):
-            ms, label = aggregates[key][chosen]
+            ms, label, faults = aggregates[key][chosen]
         elif key in samples:
-            entries = sorted(samples[key])
-            ms, label = entries[0] if chosen == "min" else entries[(len(entries) - 1) // 2]
+            entries = sorted(samples[key], key=lambda entry: entry[0])
+            ms, label, faults = entries[0] if chosen == "min" else entries[(len(entries) - 1) // 2]
         else:
             # Benchmarks outside the suite (the path comparisons) may report
             # other aggregates only.
             fallback = aggregates.get(key, {}).get("median") or aggregates.get(key, {}).get("mean")
             if fallback is None:
                 continue
-            ms, label = fallback
-        rows[key] = Row(key, ms, label)
+            ms, label, faults = fallback
+        rows[key] = Row(key, ms, label, faults)
     return data.get("context", {}), rows
 
 
@@ -194,11 +196,12 @@ def render(context, rows, args):
     out.append("")
 
     def table(selected):
-        lines = ["| stage | size | cores | ms | MP/s | × memcpy | 2/1 speed-up |",
-                 "|---|---|---:|---:|---:|---:|---:|"]
+        lines = ["| stage | size | cores | ms | MP/s | × memcpy | 2/1 speed-up | page faults / render |",
+                 "|---|---|---:|---:|---:|---:|---:|---:|"]
         for row in selected:
             lines.append(f"| {row.stage} | {row.size or '–'} | {row.cores or 1} | {fmt(row.ms, 3)} | "
-                         f"{fmt(row.mpix, 1)} | {fmt(ratio(memcpy, row))} | {fmt(speedup(rows, row))} |")
+                         f"{fmt(row.mpix, 1)} | {fmt(ratio(memcpy, row))} | {fmt(speedup(rows, row))} | "
+                         f"{fmt(row.faults, 1)} |")
         return lines
 
     ordered = list(rows.values())
