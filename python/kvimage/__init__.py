@@ -21,14 +21,14 @@ import numbers
 import numpy
 
 from ._kvimage import Compositor, Error, Keyer, Processor, result_meaning, set_threads, thread_count
-from ._kvimage import catalogue as _catalogue
+from ._kvimage import catalogue
 from ._kvimage import detect_key_color as _detect_key_color
 
 __all__ = ["Processor", "Keyer", "Compositor", "Error", "set_threads", "thread_count", "key", "composite",
-           "from_rgb", "to_rgba", "result_meaning", "CATALOGUE"]
+           "from_rgb", "to_rgba", "result_meaning", "catalogue"]
 
-# The catalogue's rows, each a dictionary (name, parameters, codes, ...).
-CATALOGUE = _catalogue()
+# The catalogue's rows (catalogue() gives each as a dictionary: name, parameters, codes, ...).
+_CATALOGUE = catalogue()
 
 _FRONT_ENDS = (Processor, Keyer, Compositor)  # in the catalogue's front-end order
 
@@ -138,7 +138,7 @@ def _method(row):
     return method
 
 
-for _row in CATALOGUE:
+for _row in _CATALOGUE:
     _front_end = _FRONT_ENDS[_row["front_end"]]
     _generated = _method(_row)
     _generated.__qualname__ = f"{_front_end.__name__}.{_generated.__name__}"
@@ -147,7 +147,7 @@ del _row, _front_end, _generated
 
 
 def _parameter(front_end, method, name):
-    row = next(r for r in CATALOGUE if _FRONT_ENDS[r["front_end"]].__name__ == front_end and r["python_name"] == method)
+    row = next(r for r in _CATALOGUE if _FRONT_ENDS[r["front_end"]].__name__ == front_end and r["python_name"] == method)
     return next(p for p in row["parameters"] if p["python_name"] == name)
 
 

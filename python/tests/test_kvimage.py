@@ -60,7 +60,7 @@ def render_in_cpp(row, source, layers, numbers):
 
 
 @pytest.mark.parametrize("defaults", [True, False], ids=["defaults", "other-values"])
-@pytest.mark.parametrize("row", kvimage.CATALOGUE, ids=lambda row: f"{row['front_end']}-{row['name']}")
+@pytest.mark.parametrize("row", kvimage.catalogue(), ids=lambda row: f"{row['front_end']}-{row['name']}")
 def test_every_setter_gives_the_bytes_of_the_cpp_api(row, defaults):
     source, arguments, numbers, layers = image(1), {}, [], []
     for index, parameter in enumerate(row["parameters"]):
