@@ -7,6 +7,7 @@
 #include <pybind11/stl.h>
 
 #include <algorithm>
+#include <iterator>
 #include <cctype>
 #include <climits>
 #include <memory>
@@ -123,21 +124,102 @@ const kvo::image::KVSetterInfo& Row(KVFrontEnd frontEnd, const std::string& name
   return *row;
 }
 
-// A stage that asserts on other channel orders is refused before the engine
-// sees it.
-void CheckOrder(const kvo::image::KVSetterInfo& row, KVPixelChannelOrder order) {
-  if (row.requiresBGRA && order != kvo::image::kPixelOrderBGRA) {
-    throw py::value_error(PythonName(row.name) + " renders BGRA images only; this front end was made with order='argb'");
-  }
+// The processor and the keyer queue by name without layers, the compositor
+// with them.
+template <class Engine>
+int QueueOn(Engine& engine, const std::string& name, const std::vector<double>& values,
+            const std::vector<kvo::image::KVAbstractImage*>&) {
+  return kvo::image::QueueSetter(engine, name.c_str(), values.data(), static_cast<unsigned int>(values.size()));
+}
+int QueueOn(kvo::image::KVImageCompositor& engine, const std::string& name, const std::vector<double>& values,
+            const std::vector<kvo::image::KVAbstractImage*>& layers) {
+  return kvo::image::QueueSetter(engine, name.c_str(), values.data(), static_cast<unsigned int>(values.size()),
+                                 layers.data(), static_cast<unsigned int>(layers.size()));
 }
 
-// The state every front end shares: the order of its images, the arrays it
-// holds and the lock that keeps one render or queue change at a time.
-class FrontEndBase {
+// A front end and the arrays it works on: the processor and the keyer a
+// source and a destination of the same shape, the compositor a background it
+// works on in place. It holds every array, layers included until the queue
+// is cleared, and lets one render or queue change run at a time.
+template <class Engine, KVFrontEnd kFrontEnd>
+class FrontEnd {
  public:
-  explicit FrontEndBase(const std::string& order) : m_order(OrderNamed(order)) {}
+  // The processor and the keyer.
+  FrontEnd(const py::object& source, const py::object& destination, const std::string& order)
+      : m_order(OrderNamed(order)) {
+    m_arrays.push_back(Wrap(source, "source", m_order));
+    const py::array sourceArray = m_arrays[0].array;
+    if (destination.is_none()) {
+      py::array_t<unsigned char> zeros({sourceArray.shape(0), sourceArray.shape(1), py::ssize_t(4)});
+      std::fill_n(zeros.mutable_data(), zeros.size(), static_cast<unsigned char>(0));
+      m_arrays.push_back(Wrap(zeros, "destination", m_order));
+    } else {
+      m_arrays.push_back(Wrap(destination, "destination", m_order));
+    }
+    const py::array destinationArray = m_arrays[1].array;
+    if (destinationArray.shape(0) != sourceArray.shape(0) || destinationArray.shape(1) != sourceArray.shape(1)) {
+      throw py::value_error("destination must have the source's shape " + Describe(sourceArray) + "; got " +
+                            Describe(destinationArray));
+    }
+    if (Overlap(m_arrays[0], m_arrays[1])) throw py::value_error("destination must not share memory with the source");
+    m_written = destinationArray;
+    m_engine.reset(new Engine(m_arrays[0].image.get(), m_arrays[1].image.get(), Tables(), kvo::image::kDownsampleNone));
+  }
 
- protected:
+  // The compositor.
+  FrontEnd(const py::object& background, double opacity, const std::string& order) : m_order(OrderNamed(order)) {
+    m_arrays.push_back(Wrap(background, "background", m_order));
+    m_written = m_arrays[0].array;
+    m_engine.reset(new Engine(m_arrays[0].image.get(), opacity, Tables(), kvo::image::kDownsampleNone));
+  }
+
+  void Queue(const std::string& name, const std::vector<double>& values, const py::list& layers) {
+    const kvo::image::KVSetterInfo& row = Row(kFrontEnd, name);
+    if (row.requiresBGRA && m_order != kvo::image::kPixelOrderBGRA) {
+      // The stage would reach its assertion.
+      throw py::value_error(PythonName(name) + " renders BGRA images only; this front end was made with order='argb'");
+    }
+    std::vector<WrappedArray> wrapped;
+    std::vector<kvo::image::KVAbstractImage*> images;
+    for (const py::handle& layer : layers) {
+      wrapped.push_back(Wrap(layer, "layer", m_order));
+      if (Overlap(wrapped.back(), m_arrays[0])) throw py::value_error("a layer must not share memory with the background");
+      images.push_back(wrapped.back().image.get());
+    }
+    // The layers join the held arrays under the lock, with the stage that uses
+    // them (moving a handle leaves its reference count alone).
+    const int code = Locked([&] {
+      const int queued = QueueOn(*m_engine, name, values, images);
+      if (queued == 0) {
+        for (WrappedArray& layer : wrapped) m_arrays.push_back(std::move(layer));
+      }
+      return queued;
+    });
+    if (code != 0) RaiseResult(code, PythonName(name));
+  }
+
+  py::array Render() {
+    const int code = Locked([&] { return m_engine->Render(); });
+    if (code != 0) RaiseResult(code, "render");
+    return m_written;
+  }
+
+  void Clear() {
+    std::vector<WrappedArray> layers;  // released after the lock, with the interpreter lock held
+    Locked([&] {
+      const size_t imagesOfTheFrontEnd = kFrontEnd == kvo::image::kFrontEndCompositor ? 1 : 2;
+      std::move(m_arrays.begin() + imagesOfTheFrontEnd, m_arrays.end(), std::back_inserter(layers));
+      m_arrays.resize(imagesOfTheFrontEnd);
+      return m_engine->ClearRenderQueue();
+    });
+  }
+
+  unsigned int QueueCount() {
+    return static_cast<unsigned int>(Locked([&] { return static_cast<int>(m_engine->RenderQueueCount()); }));
+  }
+  py::array Image(size_t index) const { return m_arrays[index].array; }
+
+ private:
   // Runs an engine call without the interpreter lock, one at a time per front end.
   template <class Call>
   int Locked(Call call) {
@@ -148,122 +230,15 @@ class FrontEndBase {
 
   KVPixelChannelOrder m_order;
   std::mutex m_mutex;
-};
-
-// The processor and the keyer: a source and a destination of the same shape.
-template <class Engine, KVFrontEnd kFrontEnd>
-class Pipeline : public FrontEndBase {
- public:
-  Pipeline(const py::object& source, const py::object& destination, const std::string& order)
-      : FrontEndBase(order), m_source(Wrap(source, "source", m_order)) {
-    if (destination.is_none()) {
-      py::array_t<unsigned char> zeros({m_source.array.shape(0), m_source.array.shape(1), py::ssize_t(4)});
-      std::fill_n(zeros.mutable_data(), zeros.size(), static_cast<unsigned char>(0));
-      m_destination = Wrap(zeros, "destination", m_order);
-    } else {
-      m_destination = Wrap(destination, "destination", m_order);
-    }
-    if (m_destination.image->Width() != m_source.image->Width() ||
-        m_destination.image->Height() != m_source.image->Height()) {
-      throw py::value_error("destination must have the source's shape " + Describe(m_source.array) + "; got " +
-                            Describe(m_destination.array));
-    }
-    if (Overlap(m_source, m_destination)) throw py::value_error("destination must not share memory with the source");
-    m_engine.reset(new Engine(m_source.image.get(), m_destination.image.get(), Tables(), kvo::image::kDownsampleNone));
-  }
-
-  void Queue(const std::string& name, const std::vector<double>& values, const py::list& layers) {
-    const kvo::image::KVSetterInfo& row = Row(kFrontEnd, name);
-    CheckOrder(row, m_order);
-    if (!layers.empty()) throw py::value_error(PythonName(name) + " takes no layer");
-    const int code = Locked([&] {
-      return kvo::image::QueueSetter(*m_engine, name.c_str(), values.data(), static_cast<unsigned int>(values.size()));
-    });
-    if (code != 0) RaiseResult(code, PythonName(name));
-  }
-
-  py::array Render() {
-    const int code = Locked([&] { return m_engine->Render(); });
-    if (code != 0) RaiseResult(code, "render");
-    return m_destination.array;
-  }
-
-  void Clear() {
-    Locked([&] { return m_engine->ClearRenderQueue(); });
-  }
-  unsigned int QueueCount() {
-    return static_cast<unsigned int>(Locked([&] { return static_cast<int>(m_engine->RenderQueueCount()); }));
-  }
-  py::array Source() const { return m_source.array; }
-  py::array Destination() const { return m_destination.array; }
-
- private:
-  // Declared before the engine, which points at them, so they outlive it.
-  WrappedArray m_source;
-  WrappedArray m_destination;
+  // Declared before the engine, which points at their images, so they outlive it.
+  std::vector<WrappedArray> m_arrays;
+  py::array m_written;
   std::unique_ptr<Engine> m_engine;
 };
 
-typedef Pipeline<kvo::image::KVImageProcessor, kvo::image::kFrontEndProcessor> Processor;
-typedef Pipeline<kvo::image::KVImageKeyer, kvo::image::kFrontEndKeyer> Keyer;
-
-// The compositor: works in place on the background and holds every layer it
-// has queued until the queue is cleared.
-class Compositor : public FrontEndBase {
- public:
-  Compositor(const py::object& background, double opacity, const std::string& order)
-      : FrontEndBase(order), m_background(Wrap(background, "background", m_order)) {
-    m_engine.reset(new kvo::image::KVImageCompositor(m_background.image.get(), opacity, Tables(),
-                                                     kvo::image::kDownsampleNone));
-  }
-
-  void Queue(const std::string& name, const std::vector<double>& values, const py::list& layers) {
-    const kvo::image::KVSetterInfo& row = Row(kvo::image::kFrontEndCompositor, name);
-    CheckOrder(row, m_order);
-    std::vector<WrappedArray> wrapped;
-    std::vector<kvo::image::KVAbstractImage*> images;
-    for (const py::handle& layer : layers) {
-      wrapped.push_back(Wrap(layer, "layer", m_order));
-      if (Overlap(wrapped.back(), m_background)) throw py::value_error("a layer must not share memory with the background");
-      images.push_back(wrapped.back().image.get());
-    }
-    // The layers join m_layers under the lock, beside the stage that uses them
-    // (moving a handle leaves its reference count alone).
-    const int code = Locked([&] {
-      const int queued = kvo::image::QueueSetter(*m_engine, name.c_str(), values.data(),
-                                                 static_cast<unsigned int>(values.size()), images.data(),
-                                                 static_cast<unsigned int>(images.size()));
-      if (queued == 0) {
-        for (WrappedArray& layer : wrapped) m_layers.push_back(std::move(layer));
-      }
-      return queued;
-    });
-    if (code != 0) RaiseResult(code, PythonName(name));
-  }
-
-  py::array Render() {
-    const int code = Locked([&] { return m_engine->Render(); });
-    if (code != 0) RaiseResult(code, "render");
-    return m_background.array;
-  }
-
-  void Clear() {
-    std::vector<WrappedArray> released;  // dropped after the lock, with the interpreter lock held
-    Locked([&] {
-      released.swap(m_layers);
-      return m_engine->ClearRenderQueue();
-    });
-  }
-  unsigned int QueueCount() {
-    return static_cast<unsigned int>(Locked([&] { return static_cast<int>(m_engine->RenderQueueCount()); }));
-  }
-  py::array Background() const { return m_background.array; }
-
- private:
-  WrappedArray m_background;
-  std::vector<WrappedArray> m_layers;
-  std::unique_ptr<kvo::image::KVImageCompositor> m_engine;
-};
+typedef FrontEnd<kvo::image::KVImageProcessor, kvo::image::kFrontEndProcessor> Processor;
+typedef FrontEnd<kvo::image::KVImageKeyer, kvo::image::kFrontEndKeyer> Keyer;
+typedef FrontEnd<kvo::image::KVImageCompositor, kvo::image::kFrontEndCompositor> Compositor;
 
 const char* TypeName(kvo::image::KVParameterType type) {
   switch (type) {
@@ -374,8 +349,8 @@ PYBIND11_MODULE(_kvimage, m) {
                                                "None) and returns destination. ") + images).c_str());
   processor.def(py::init<const py::object&, const py::object&, const std::string&>(), py::arg("source"),
                 py::arg("destination") = py::none(), py::kw_only(), py::arg("order") = "bgra")
-      .def_property_readonly("source", &Processor::Source)
-      .def_property_readonly("destination", &Processor::Destination);
+      .def_property_readonly("source", [](const Processor& f) { return f.Image(0); })
+      .def_property_readonly("destination", [](const Processor& f) { return f.Image(1); });
   DefineQueueAndRender<Processor>(processor);
 
   py::class_<Keyer> keyer(m, "Keyer",
@@ -384,8 +359,8 @@ PYBIND11_MODULE(_kvimage, m) {
                            images).c_str());
   keyer.def(py::init<const py::object&, const py::object&, const std::string&>(), py::arg("source"),
             py::arg("destination") = py::none(), py::kw_only(), py::arg("order") = "bgra")
-      .def_property_readonly("source", &Keyer::Source)
-      .def_property_readonly("destination", &Keyer::Destination);
+      .def_property_readonly("source", [](const Keyer& f) { return f.Image(0); })
+      .def_property_readonly("destination", [](const Keyer& f) { return f.Image(1); });
   DefineQueueAndRender<Keyer>(keyer);
 
   py::class_<Compositor> compositor(
@@ -396,7 +371,7 @@ PYBIND11_MODULE(_kvimage, m) {
   compositor
       .def(py::init<const py::object&, double, const std::string&>(), py::arg("background"), py::arg("opacity") = 1.0,
            py::kw_only(), py::arg("order") = "bgra")
-      .def_property_readonly("background", &Compositor::Background);
+      .def_property_readonly("background", [](const Compositor& f) { return f.Image(0); });
   DefineQueueAndRender<Compositor>(compositor);
 
   m.def("catalogue", &Catalogue, "Every setter of the three front ends with its parameters, as dictionaries.");
