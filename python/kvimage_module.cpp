@@ -7,9 +7,9 @@
 #include <pybind11/stl.h>
 
 #include <algorithm>
-#include <iterator>
 #include <cctype>
 #include <climits>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -99,6 +99,7 @@ WrappedArray Wrap(const py::handle& object, const std::string& role, KVPixelChan
   if (!(array.flags() & py::array::c_style)) {
     throw py::value_error(expected + "; got a strided view (numpy.ascontiguousarray copies it)");
   }
+  // Sources too: the defocus stage blurs its input, the source when it comes first, in place.
   if (!array.writeable()) throw py::value_error(expected + "; got a read-only array");
   const py::ssize_t height = array.shape(0), width = array.shape(1);
   if (height < 1 || width < 1 || static_cast<unsigned long long>(height) * static_cast<unsigned long long>(width) *
