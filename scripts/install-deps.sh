@@ -1,7 +1,12 @@
 #!/usr/bin/env bash
 # Installs the development packages the kvimage tool needs (PNG and JPEG)
-# when the machine lacks them. Sourced by demo.sh and test.sh.
+# and those of the Python module and its tests (Debian's interpreter,
+# pybind11, numpy, pytest) when the machine lacks them. Sourced by demo.sh
+# and test.sh.
 missing=()
+for package in pybind11-dev python3-dev python3-numpy python3-pytest; do
+  dpkg -s "$package" >/dev/null 2>&1 || missing+=("$package")
+done
 dpkg -s libpng-dev >/dev/null 2>&1 || missing+=(libpng-dev)
 dpkg -s libjpeg62-turbo-dev >/dev/null 2>&1 || dpkg -s libjpeg-dev >/dev/null 2>&1 || missing+=(libjpeg62-turbo-dev)
 if ((${#missing[@]})); then

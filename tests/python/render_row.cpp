@@ -1,0 +1,70 @@
+// The C++ side the Python tests compare with: queues one catalogue setter by
+// name through the C++ API and writes the rendered bytes.
+//
+//   render_row FRONT-END SETTER WIDTH HEIGHT THREADS [NUMBER...] < image [layer] > result
+//
+// Without numbers the setter gets the catalogue's defaults.
+// FRONT-END is the catalogue's front-end value; standard input holds the
+// source (the background for the compositor), then one layer of the same size
+// when the setter takes one. The processor and the keyer write a zero-filled
+// destination. Exits 1 with the result code on standard error when a call fails.
+
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include <kvimage/catalogue.h>
+#include <kvimage/kvimage.h>
+
+using namespace kvo::image;
+
+int main(int argc, char** argv) {
+  if (argc < 6) return 2;
+  const int frontEnd = std::atoi(argv[1]);
+  const char* name = argv[2];
+  const unsigned int width = static_cast<unsigned int>(std::atoi(argv[3]));
+  const unsigned int height = static_cast<unsigned int>(std::atoi(argv[4]));
+  kvo::KVSystem::SetCPUCoreCount(static_cast<unsigned int>(std::atoi(argv[5])));
+  std::vector<double> values;
+  for (int i = 6; i < argc; ++i) values.push_back(std::strtod(argv[i], nullptr));
+  const KVSetterInfo* row = FindSetter(static_cast<KVFrontEnd>(frontEnd), name);
+  if (row == nullptr) return 2;
+  for (unsigned int p = 0; argc == 6 && p < row->parameterCount; ++p) {
+    const KVParameterInfo& parameter = row->parameters[p];
+    values.insert(values.end(), parameter.defaults, parameter.defaults + NumberCount(parameter.type));
+  }
+
+  const size_t bytes = static_cast<size_t>(width) * height * 4;
+  std::vector<unsigned char> source(bytes), layer(bytes), destination(bytes, 0);
+  if (std::fread(source.data(), 1, bytes, stdin) != bytes) return 2;
+  const bool hasLayer = std::fread(layer.data(), 1, bytes, stdin) == bytes;
+
+  kvo::KVLookupTables tables;
+  KVImage8 sourceImage(source.data(), width, height, kPixelOrderBGRA);
+  KVImage8 layerImage(layer.data(), width, height, kPixelOrderBGRA);
+  KVImage8 destinationImage(destination.data(), width, height, kPixelOrderBGRA);
+  KVAbstractImage* layers[] = {&layerImage};
+  const unsigned int count = static_cast<unsigned int>(values.size());
+  int code = 0;
+  std::vector<unsigned char>* result = &destination;
+  if (frontEnd == kFrontEndProcessor) {
+    KVImageProcessor processor(&sourceImage, &destinationImage, tables, kDownsampleNone);
+    code = QueueSetter(processor, name, values.data(), count);
+    if (code == 0) code = processor.Render();
+  } else if (frontEnd == kFrontEndKeyer) {
+    KVImageKeyer keyer(&sourceImage, &destinationImage, tables, kDownsampleNone);
+    code = QueueSetter(keyer, name, values.data(), count);
+    if (code == 0) code = keyer.Render();
+  } else {
+    KVImageCompositor compositor(&sourceImage, 1.0, tables, kDownsampleNone);
+    code = QueueSetter(compositor, name, values.data(), count, layers, hasLayer ? 1 : 0);
+    if (code == 0) code = compositor.Render();
+    result = &source;
+  }
+  if (code != 0) {
+    std::fprintf(stderr, "%s: code %d\n", name, code);
+    return 1;
+  }
+  std::fwrite(result->data(), 1, bytes, stdout);
+  return 0;
+}
