@@ -2,7 +2,8 @@
 // plugin, named after it.
 //   kvimage_frei0r_set OBJECT DIR          copies OBJECT to DIR/<name>.so
 //   kvimage_frei0r_set --move OBJECT DIR   the same, then removes OBJECT
-//   kvimage_frei0r_set --list              prints the names
+//   kvimage_frei0r_set --list              prints each plugin: its name, type
+//                                          (filter or mixer2) and parameter names
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -16,7 +17,18 @@
 
 int main(int argc, char** argv) {
   if (argc == 2 && std::strcmp(argv[1], "--list") == 0) {
-    for (unsigned int i = 0; i < kvfrei0r::PluginCount(); ++i) std::printf("%s\n", kvfrei0r::PluginName(i));
+    for (unsigned int i = 0; i < kvfrei0r::PluginCount(); ++i) {
+      const kvfrei0r::Plugin* plugin = kvfrei0r::FindPlugin(kvfrei0r::PluginName(i));
+      f0r_plugin_info_t info;
+      kvfrei0r::GetPluginInfo(plugin, &info);
+      std::printf("%s %s", info.name, info.plugin_type == F0R_PLUGIN_TYPE_MIXER2 ? "mixer2" : "filter");
+      for (int k = 0; k < info.num_params; ++k) {
+        f0r_param_info_t param;
+        kvfrei0r::GetParamInfo(plugin, &param, k);
+        std::printf(" %s", param.name);
+      }
+      std::printf("\n");
+    }
     return 0;
   }
   const bool move = argc == 4 && std::strcmp(argv[1], "--move") == 0;
