@@ -25,6 +25,7 @@ namespace {
 // clamps what lies outside (NaN takes the default) before mapping.
 enum class Mapping {
   kRange,       // 0..1 spans the catalogue's minimum..maximum
+  kAsGiven,     // a number without a finite range: the value itself
   kWidth,       // a size in pixels, as a fraction of the frame's width
   kFlag,        // true from 0.5
   kChoice,      // a string: one of the choice names
@@ -169,6 +170,9 @@ void AddParameter(Plugin& plugin, const KVParameterInfo& p, unsigned int offset,
         out.mapping = Mapping::kWidth;
         out.explanation += " (a fraction of the frame's width)";
         out.defaults[0] = Clamp01(p.defaults[0] / kReferenceWidth, 0);
+      } else if (!std::isfinite(p.maximum - p.minimum)) {
+        out.mapping = Mapping::kAsGiven;
+        out.defaults[0] = Clamp01(p.defaults[0], 0);
       } else {
         if (p.minimum != 0 || p.maximum != 1 || *p.unit) {
           out.explanation += " (0..1 spans " + Number(p.minimum) + ".." + Number(p.maximum) +
@@ -404,6 +408,9 @@ class Instance {
         case Mapping::kRange:
           to[0] = p.info->minimum + v[0] * (p.info->maximum - p.info->minimum);
           if (whole) to[0] = Round(to[0]);
+          break;
+        case Mapping::kAsGiven:
+          to[0] = whole ? Round(v[0]) : v[0];
           break;
         case Mapping::kWidth:
           to[0] = whole ? Round(v[0] * width) : v[0] * width;

