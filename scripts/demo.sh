@@ -7,7 +7,8 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 out=${KVIMAGE_BUILD_ROOT:-$root/build}
 
-# The tool needs the PNG and JPEG development packages.
+# The tool needs the PNG and JPEG development packages, the plugins the
+# frei0r header and their tests the video tools.
 source "$root/scripts/install-deps.sh"
 
 cmake -S "$root" -B "$out/gcc-release" -G Ninja -DKVIMAGE_WARNINGS_AS_ERRORS=ON -DCMAKE_BUILD_TYPE=Release \

@@ -11,7 +11,8 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 out=${KVIMAGE_BUILD_ROOT:-$root/build}
 jobs=$(nproc)
 
-# The tool needs the PNG and JPEG development packages.
+# The tool needs the PNG and JPEG development packages, the plugins the
+# frei0r header and their tests the video tools.
 source "$root/scripts/install-deps.sh"
 
 # Death tests abort on purpose; keep the sanitizers from adding reports of
