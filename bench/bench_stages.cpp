@@ -24,6 +24,7 @@
 // key, so that they see a real matte. Geometry is given for 1920x1080 and
 // scales with the frame: points, rectangles, quadrilaterals and real numbers
 // in pixels.
+#include <malloc.h>
 #include <sys/resource.h>
 
 #include <cctype>
@@ -46,6 +47,12 @@ double PageFaults() {
   getrusage(RUSAGE_SELF, &usage);
   return static_cast<double>(usage.ru_minflt + usage.ru_majflt);
 }
+
+// Every block of 256 KiB or more comes fresh from the system and goes back
+// when freed, as with many hosts' allocators (glibc's own threshold rises
+// after the first frame is freed, and then recycles frames): a render that
+// allocates frame-sized memory shows it as page faults.
+[[maybe_unused]] const int kFreshLargeBlocks = mallopt(M_MMAP_THRESHOLD, 256 * 1024);
 
 // Speed target classes (BENCHMARKS.md lists the ratios to memcpy).
 const char* const kTargetSSE2 = "sse2";             // documented SSE2 path: <= 1.5x

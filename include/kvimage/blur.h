@@ -451,6 +451,10 @@ class KVIMAGE_EXPORT DepthOfFieldRenderer : public AbstractRenderer {
   int amountWeight = 0;
   std::vector<uint32_t> levelRadius;
   std::vector<std::vector<unsigned char> > levels;
+  // The bounded blurs behind the levels, kept with their scratch while the
+  // radii and the clipped rectangle stay.
+  std::vector<std::tr1::shared_ptr<BoundedStackBlurRenderer> > levelBlurs;
+  kvo::maths::KVRect levelBlurRect;
 };
 
 }  // namespace image

@@ -91,6 +91,7 @@ class KVIMAGE_EXPORT ColorDifferenceKeyer : public AbstractRenderer {
   KVKeyColor m_effectiveKeyColor;
   kvo::KVLookupTables& m_tables;
   std::vector<unsigned char> m_matte;  // one byte per pixel of the last Setup's image
+  std::vector<unsigned char> m_spareMatte;  // the one before, its memory reused by the next Setup
   double m_lowThreshold;
   double m_highThreshold;
   unsigned char m_alphaWeight[256];  // 255 - transparency factor, by matte value

@@ -398,7 +398,11 @@ void ColorDifferenceKeyer::Setup(KVAbstractImage* source) {
 
   // Built aside and committed only when every thread has finished, so a
   // failed Setup leaves the previous matte and thresholds together.
-  std::vector<unsigned char> matte(image->BufferByteSize() / kBytesPerPixel);
+  // The memory is the matte before last: cleared, since the thread shares
+  // may leave pixels unwritten, but not taken fresh from the system.
+  std::vector<unsigned char> matte;
+  matte.swap(m_spareMatte);
+  matte.assign(image->BufferByteSize() / kBytesPerPixel, 0);
   std::vector<MatteInfo> matteInfo(cores, MatteInfo{0, 0, 255, 0});
   const MatteKernel kernel = ChooseMatteKernel(keyColor);
   const Softening softening(m_saturationLimit, m_saturationSoftness);
@@ -423,6 +427,7 @@ void ColorDifferenceKeyer::Setup(KVAbstractImage* source) {
 
   m_effectiveKeyColor = keyColor;
   m_matte.swap(matte);
+  m_spareMatte.swap(matte);
   m_highThreshold = mid + (mean - mid) * m_balance;
   m_lowThreshold = folded.minimum;
   for (int m = 0; m < 256; ++m) m_alphaWeight[m] = AlphaWeight(m, m_lowThreshold, m_highThreshold);

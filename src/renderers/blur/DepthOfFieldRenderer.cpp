@@ -74,12 +74,22 @@ void DepthOfFieldRenderer::Setup(KVAbstractImage* image) {
   }
   const kvo::maths::KVRect clipped(kvo::maths::KVPoint2(static_cast<int>(left), static_cast<int>(top)),
                                    static_cast<int>(right - left), static_cast<int>(bottom - top));
-  std::vector<std::unique_ptr<BoundedStackBlurRenderer> > blurs;
+  const bool sameBlurs = levelBlurs.size() == levelRadius.size() &&
+                         clipped.TopLeft().X() == levelBlurRect.TopLeft().X() &&
+                         clipped.TopLeft().Y() == levelBlurRect.TopLeft().Y() &&
+                         clipped.Width() == levelBlurRect.Width() && clipped.Height() == levelBlurRect.Height();
+  if (!sameBlurs) {
+    levelBlurs.clear();
+    for (uint32_t r : levelRadius) {
+      levelBlurs.emplace_back(new BoundedStackBlurRenderer(r, true, true, kChannelsAll, clipped, blurParameter));
+    }
+    levelBlurRect = clipped;
+  }
+  const std::vector<std::tr1::shared_ptr<BoundedStackBlurRenderer> >& blurs = levelBlurs;
   std::vector<std::unique_ptr<KVImage8> > levelImages;
   levels.resize(levelRadius.size());
   for (size_t k = 0; k < levelRadius.size(); ++k) {
-    blurs.emplace_back(new BoundedStackBlurRenderer(levelRadius[k], true, true, kChannelsAll, clipped, blurParameter));
-    blurs.back()->Setup(image);
+    blurs[k]->Setup(image);
     // Kept from the last Setup when the size holds: the bounded blur's
     // render writes every byte of it.
     levels[k].resize(pixelCount * kBytesPerPixel);
