@@ -86,7 +86,7 @@ class ScopedThreads {
 class ScopedWider {
  public:
   explicit ScopedWider(int limit) { kvtl::LimitWiderExtension(static_cast<kvtl::WiderExtension>(limit)); }
-  ~ScopedWider() { kvtl::LimitWiderExtension(kvtl::kWiderAVX2); }
+  ~ScopedWider() { kvtl::LimitWiderExtension(kvtl::kWiderAVX512VBMI); }
 };
 
 // A green-screen frame: an unevenly lit green backing with sensor noise, and

@@ -20,7 +20,7 @@ void RunHLSStage(benchmark::State& state, Set set) {
   set(processor);
   for (auto _ : state) benchmark::DoNotOptimize(processor.Render());
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * source.bytes());
-  kvtl::LimitWiderExtension(kvtl::kWiderAVX2);
+  kvtl::LimitWiderExtension(kvtl::kWiderAVX512VBMI);
 }
 
 void PathArguments(benchmark::internal::Benchmark* b) {

@@ -15,7 +15,7 @@ using kvo::image::KVImageKeyer;
 class ScopedWider {
  public:
   explicit ScopedWider(int64_t wide) { kvtl::LimitWiderExtension(wide != 0 ? kvtl::kWiderAVX2 : kvtl::kWiderNone); }
-  ~ScopedWider() { kvtl::LimitWiderExtension(kvtl::kWiderAVX2); }
+  ~ScopedWider() { kvtl::LimitWiderExtension(kvtl::kWiderAVX512VBMI); }
 };
 
 void RunQueue(benchmark::State& state, const std::function<void(KVImageKeyer&)>& queue, unsigned int width,

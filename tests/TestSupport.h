@@ -63,7 +63,7 @@ class ScopedCoreCount {
 class ScopedWiderExtension {
  public:
   explicit ScopedWiderExtension(kvtl::WiderExtension limit) { kvtl::LimitWiderExtension(limit); }
-  ~ScopedWiderExtension() { kvtl::LimitWiderExtension(kvtl::kWiderAVX2); }
+  ~ScopedWiderExtension() { kvtl::LimitWiderExtension(kvtl::kWiderAVX512VBMI); }
   ScopedWiderExtension(const ScopedWiderExtension&) = delete;
   ScopedWiderExtension& operator=(const ScopedWiderExtension&) = delete;
 };

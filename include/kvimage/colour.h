@@ -26,6 +26,7 @@ struct SaturationArguments;
 struct ThreeStripArguments;
 struct VignetteArguments;
 struct HueStageArguments;
+struct ByteTables;
 
 // Scales alpha by an opacity. The plain path multiplies (alpha * opacity,
 // truncated); the SSE2 path subtracts (1 - opacity) * 255 with saturation and
@@ -177,6 +178,7 @@ class KVIMAGE_EXPORT SuperContrastRenderer : public AbstractRenderer {
   KVChannelsToProcess m_channels;
   unsigned char m_table[256];
   size_t (*m_kernel)(const PixelRun&, const SuperContrastArguments&);
+  size_t (*m_tablesKernel)(const PixelRun&, const ByteTables&);  // the table walk's, chosen in Setup
 };
 
 // Scales red, green and blue by three gains (0..2); alpha is copied. The
@@ -223,6 +225,7 @@ class KVIMAGE_EXPORT ColorTemperatureRenderer : public AbstractRenderer {
   unsigned char m_redTable[256];
   unsigned char m_greenTable[256];
   unsigned char m_blueTable[256];
+  size_t (*m_tablesKernel)(const PixelRun&, const ByteTables&);  // chosen in Setup
 };
 
 // Spectral radiance of a black body at a temperature in kelvin and a

@@ -23,13 +23,14 @@ KVIMAGE_EXPORT void GetCPUExtensions(CPUExtensions& extensions);
 // paths, in increasing order. Every wider path gives exactly the bytes of the
 // path it speeds up; the limit exists so that a host can pin the engine to a
 // narrower set (and so that tests can compare the paths on one machine).
-enum WiderExtension : int { kWiderNone = 0, kWiderSSSE3 = 1, kWiderSSE41 = 2, kWiderAVX2 = 3 };
+// kWiderAVX512VBMI stands for AVX-512 F, BW and VBMI together.
+enum WiderExtension : int { kWiderNone = 0, kWiderSSSE3 = 1, kWiderSSE41 = 2, kWiderAVX2 = 3, kWiderAVX512VBMI = 4 };
 
 // The widest set the processor and operating system support.
 KVIMAGE_EXPORT WiderExtension GetSupportedWiderExtension();
 // The widest set stages use now: the supported one, lowered by the limit.
 KVIMAGE_EXPORT WiderExtension GetWiderExtension();
-// Caps the sets stages use (kWiderAVX2, the default, lifts the cap). Takes
+// Caps the sets stages use (kWiderAVX512VBMI, the default, lifts the cap). Takes
 // effect at the next Render; thread-safe.
 KVIMAGE_EXPORT void LimitWiderExtension(WiderExtension limit);
 

@@ -20,13 +20,17 @@ WiderExtension DetectWiderExtension() {
   // __builtin_cpu_supports also checks that the operating system saves the
   // wide registers (XSAVE/OSXSAVE) before it reports AVX2.
   __builtin_cpu_init();
+  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+      __builtin_cpu_supports("avx512vbmi")) {
+    return kWiderAVX512VBMI;
+  }
   if (__builtin_cpu_supports("avx2")) return kWiderAVX2;
   if (__builtin_cpu_supports("sse4.1")) return kWiderSSE41;
   if (__builtin_cpu_supports("ssse3")) return kWiderSSSE3;
   return kWiderNone;
 }
 
-std::atomic<int> g_widerLimit{kWiderAVX2};
+std::atomic<int> g_widerLimit{kWiderAVX512VBMI};
 
 }  // namespace
 
@@ -45,7 +49,7 @@ void LimitWiderExtension(WiderExtension limit) {
   // Any integer a host casts in is accepted: below none means none, above
   // the widest means no cap.
   const int value = static_cast<int>(limit);
-  g_widerLimit.store(value < kWiderNone ? kWiderNone : (value > kWiderAVX2 ? kWiderAVX2 : value),
+  g_widerLimit.store(value < kWiderNone ? kWiderNone : (value > kWiderAVX512VBMI ? kWiderAVX512VBMI : value),
                      std::memory_order_relaxed);
 }
 

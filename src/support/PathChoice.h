@@ -5,7 +5,7 @@
 //
 // A stage with several paths writes one kernel per instruction set under one
 // signature, side by side and plain first: Name_Plain, Name_SSE2, Name_SSSE3,
-// Name_AVX2 (only the rungs that exist). Each returns how many pixels (or
+// Name_AVX2, Name_AVX512VBMI (only the rungs that exist). Each returns how many pixels (or
 // units) it did; the plain kernel finishes the tail. The stage picks its
 // kernel once, in Setup or at construction, into a function pointer with
 // ChooseKernel, and Render only calls through it.
@@ -31,6 +31,7 @@ struct KernelRungs {
   Kernel sse2;
   Kernel ssse3;
   Kernel avx2;
+  Kernel avx512vbmi = nullptr;
 };
 
 // The widest kernel allowed now. SSE2 (the x86-64 baseline) is allowed
@@ -41,6 +42,7 @@ template <class Kernel>
 Kernel ChooseKernel(const KernelRungs<Kernel>& rungs, bool sse2Allowed = true) {
   if (!sse2Allowed) return rungs.plain;
   const kvtl::WiderExtension wider = kvtl::GetWiderExtension();
+  if (rungs.avx512vbmi != nullptr && wider >= kvtl::kWiderAVX512VBMI) return rungs.avx512vbmi;
   if (rungs.avx2 != nullptr && wider >= kvtl::kWiderAVX2) return rungs.avx2;
   if (rungs.ssse3 != nullptr && wider >= kvtl::kWiderSSSE3) return rungs.ssse3;
   if (rungs.sse2 != nullptr) return rungs.sse2;
@@ -54,5 +56,6 @@ Kernel ChooseKernel(const KernelRungs<Kernel>& rungs, bool sse2Allowed = true) {
 // whole stays at the x86-64 baseline and calls them after ChooseKernel.
 #define KV_TARGET_AVX2 __attribute__((target("avx2")))
 #define KV_TARGET_SSSE3 __attribute__((target("ssse3")))
+#define KV_TARGET_AVX512VBMI __attribute__((target("avx512f,avx512bw,avx512vbmi")))
 
 #endif

@@ -6,6 +6,7 @@
 // their plain paths, and the block loop and 16-bit multiply of their SSE2
 // paths.
 #include <emmintrin.h>
+#include <immintrin.h>
 #include <mmintrin.h>
 
 #include <cstddef>
@@ -19,6 +20,7 @@
 #include "support/AssertionSites.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
+#include "support/PathChoice.h"
 
 namespace kvo {
 namespace image {
@@ -146,6 +148,94 @@ inline __m128i MultiplyShift8(__m128i values, __m128i multipliers) {
 // The 16-bit lane value of a multiplier: its low 16 bits, as the processor's
 // lane load keeps them.
 inline short MultiplierLane(int multiplier) { return static_cast<short>(static_cast<uint16_t>(multiplier)); }
+
+// One 256-entry table per byte of a pixel, blue first (null: the byte is
+// copied).
+struct ByteTables {
+  const unsigned char* byte[4];
+};
+
+// The byte-table kernels behind the per-channel table stages: a plain walk,
+// and an AVX-512 VBMI one that looks up 64 bytes at a time in registers.
+inline size_t ByteTables_Plain(const PixelRun& run, const ByteTables& tables) {
+  for (size_t i = 0; i < run.pixels; ++i) {
+    const unsigned char* in = run.in + i * kBytesPerPixel;
+    unsigned char* out = run.out + i * kBytesPerPixel;
+    const uint32_t p = LoadPixel(in);
+    uint32_t word = 0;
+    for (unsigned int k = 0; k < kBytesPerPixel; ++k) {
+      const uint32_t value = ByteOf(p, k);
+      word |= static_cast<uint32_t>(tables.byte[k] != nullptr ? tables.byte[k][value] : value) << (8 * k);
+    }
+    StorePixel(out, word);
+  }
+  return run.pixels;
+}
+
+// A 256-entry table in four registers of 64 entries.
+struct ByteTableRegisters {
+  __m512i quarter[4];
+};
+
+KV_TARGET_AVX512VBMI inline void LoadByteTable_AVX512VBMI(const unsigned char* table, ByteTableRegisters& registers) {
+  for (int q = 0; q < 4; ++q) registers.quarter[q] = _mm512_loadu_si512(table + 64 * q);
+}
+
+// Each byte of index looked up: two two-register permutes cover entries
+// 0..127 and 128..255 (bit 6 of the index picks the register, bit 7 is
+// ignored), and the index's top bit picks between them.
+KV_TARGET_AVX512VBMI inline __m512i LookUpBytes_AVX512VBMI(__m512i index, const ByteTableRegisters& table) {
+  const __m512i low = _mm512_permutex2var_epi8(table.quarter[0], index, table.quarter[1]);
+  const __m512i high = _mm512_permutex2var_epi8(table.quarter[2], index, table.quarter[3]);
+  return _mm512_mask_blend_epi8(_mm512_movepi8_mask(index), low, high);
+}
+
+// Blocks of 16 pixels; returns the pixels it did.
+KV_TARGET_AVX512VBMI inline size_t ByteTables_AVX512VBMI(const PixelRun& run, const ByteTables& tables) {
+  ByteTableRegisters registers[4];
+  for (unsigned int k = 0; k < kBytesPerPixel; ++k) {
+    if (tables.byte[k] != nullptr) LoadByteTable_AVX512VBMI(tables.byte[k], registers[k]);
+  }
+  // Byte k of every pixel of a block: bits k, k + 4, ... of the mask.
+  const __mmask64 byteZero = 0x1111111111111111ULL;
+  const size_t blocks = run.pixels / 16;
+  for (size_t b = 0; b < blocks; ++b) {
+    const __m512i pixels = _mm512_loadu_si512(run.in + 64 * b);
+    __m512i result = pixels;
+    for (unsigned int k = 0; k < kBytesPerPixel; ++k) {
+      if (tables.byte[k] == nullptr) continue;
+      result = _mm512_mask_mov_epi8(result, byteZero << k, LookUpBytes_AVX512VBMI(pixels, registers[k]));
+    }
+    _mm512_storeu_si512(run.out + 64 * b, result);
+  }
+  _mm256_zeroupper();
+  return blocks * 16;
+}
+
+// The widest byte-table kernel allowed now (a stage keeps it from its Setup).
+inline PixelKernel<ByteTables> ChooseByteTablesKernel() {
+  return ChooseKernel(KernelRungs<PixelKernel<ByteTables> >{ByteTables_Plain, nullptr, nullptr, nullptr,
+                                                              ByteTables_AVX512VBMI});
+}
+
+// The tables of a single-table tone stage: colour (4), alpha (3) or every
+// byte (5) through the table. False for any other selection, which writes
+// nothing.
+inline bool ChannelByteTables(const unsigned char* table, KVChannelsToProcess channels, ByteTables& tables) {
+  switch (static_cast<unsigned int>(channels)) {
+    case kChannelsColor:
+      tables = ByteTables{{table, table, table, nullptr}};
+      return true;
+    case kChannelsAlpha:
+      tables = ByteTables{{nullptr, nullptr, nullptr, table}};
+      return true;
+    case kChannelsAll:
+      tables = ByteTables{{table, table, table, table}};
+      return true;
+    default:
+      return false;
+  }
+}
 
 }  // namespace image
 }  // namespace kvo

@@ -142,7 +142,7 @@ void SpectrumToXYZ(double temperature, double* x, double* y, double* z) {
 }
 
 ColorTemperatureRenderer::ColorTemperatureRenderer(double kelvin)
-    : m_kelvin(kelvin), m_redTable(), m_greenTable(), m_blueTable() {}
+    : m_kelvin(kelvin), m_redTable(), m_greenTable(), m_blueTable(), m_tablesKernel(ByteTables_Plain) {}
 
 // The black body's chromaticity, scaled to Y = 1, in linear RGB gives one
 // factor per channel; each table is clamp(trunc(factor * i)).
@@ -162,6 +162,7 @@ void ColorTemperatureRenderer::Setup(KVAbstractImage*) {
   BuildFactorTable(factors[0], m_redTable);
   BuildFactorTable(factors[1], m_greenTable);
   BuildFactorTable(factors[2], m_blueTable);
+  m_tablesKernel = ChooseByteTablesKernel();
 }
 
 int ColorTemperatureRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
@@ -175,16 +176,10 @@ int ColorTemperatureRenderer::Render8(KVAbstractImage* source, KVAbstractImage* 
                                       unsigned char threadIndex, unsigned char threadCount) {
   PixelRun run;
   if (!PlainPathShare(source, destination, threadIndex, threadCount, run)) return 0;
-  if (source->PixelChannelOrder() != kPixelOrderARGB) {
-    ApplyColourTables(run, m_blueTable, m_greenTable, m_redTable);
-    return 0;
-  }
-  for (size_t i = 0; i < run.pixels; ++i) {
-    const uint32_t p = LoadPixel(run.in + i * kBytesPerPixel);
-    StorePixel(run.out + i * kBytesPerPixel, (p & 0xFFu) | static_cast<uint32_t>(m_redTable[ByteOf(p, 1)]) << 8 |
-                                                 static_cast<uint32_t>(m_greenTable[ByteOf(p, 2)]) << 16 |
-                                                 static_cast<uint32_t>(m_blueTable[ByteOf(p, 3)]) << 24);
-  }
+  const ByteTables tables = source->PixelChannelOrder() == kPixelOrderARGB
+                                ? ByteTables{{nullptr, m_redTable, m_greenTable, m_blueTable}}
+                                : ByteTables{{m_blueTable, m_greenTable, m_redTable, nullptr}};
+  RunKernel(m_tablesKernel, ByteTables_Plain, run, tables);
   return 0;
 }
 

@@ -141,10 +141,14 @@ const KernelRungs<SuperContrastKernel> kSuperContrastRungs = {SuperContrast_Plai
 // them.
 int RenderSuperContrastShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                              unsigned char threadCount, SuperContrastKernel kernel,
-                             const SuperContrastArguments& arguments) {
+                             PixelKernel<ByteTables> tablesKernel, const SuperContrastArguments& arguments) {
   if (kernel == SuperContrast_Plain || arguments.channels != kChannelsColor) {
     PixelRun run;
-    if (PlainPathShare(source, destination, threadIndex, threadCount, run)) SuperContrast_Plain(run, arguments);
+    ByteTables tables;
+    if (PlainPathShare(source, destination, threadIndex, threadCount, run) &&
+        ChannelByteTables(arguments.table, arguments.channels, tables)) {
+      RunKernel(tablesKernel, ByteTables_Plain, run, tables);
+    }
     return 0;
   }
   const ShareRun share = VectorPathShare(source, threadIndex, threadCount);
@@ -164,7 +168,8 @@ SuperContrastRenderer::SuperContrastRenderer(double low, double high, KVChannels
       m_high(high),
       m_channels(channels),
       m_table(),
-      m_kernel(ChooseKernel(kSuperContrastRungs, extensions.sse2)) {}
+      m_kernel(ChooseKernel(kSuperContrastRungs, extensions.sse2)),
+      m_tablesKernel(ByteTables_Plain) {}
 
 // Above hi 255, from lo to hi trunc((i - lo) * 256 / (hi - lo + 1)), below lo
 // 0. With a zero width every level is above hi or below lo, so the scale is
@@ -182,26 +187,27 @@ void SuperContrastRenderer::Setup(KVAbstractImage*) {
     m_table[i] = static_cast<unsigned char>(value);
   }
   m_kernel = ChooseKernel(kSuperContrastRungs, m_extensions.sse2);
+  m_tablesKernel = ChooseByteTablesKernel();
 }
 
 int SuperContrastRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                   unsigned char threadCount) {
   AssertBGRA8(source, kAssertSuperContrastFormat);
-  return RenderSuperContrastShare(source, destination, threadIndex, threadCount, m_kernel,
+  return RenderSuperContrastShare(source, destination, threadIndex, threadCount, m_kernel, m_tablesKernel,
                                   SuperContrastArguments{m_table, m_channels, m_low, m_high});
 }
 
 int SuperContrastRenderer::Render8_CPP(KVAbstractImage* source, KVAbstractImage* destination,
                                        unsigned char threadIndex, unsigned char threadCount) {
   return RenderSuperContrastShare(source, destination, threadIndex, threadCount, SuperContrast_Plain,
-                                  SuperContrastArguments{m_table, m_channels, m_low, m_high});
+                                  ByteTables_Plain, SuperContrastArguments{m_table, m_channels, m_low, m_high});
 }
 
 // The vector path even where the record chose the plain one.
 int SuperContrastRenderer::Render8_SSE2(KVAbstractImage* source, KVAbstractImage* destination,
                                         unsigned char threadIndex, unsigned char threadCount) {
   return RenderSuperContrastShare(source, destination, threadIndex, threadCount,
-                                  m_kernel != SuperContrast_Plain ? m_kernel : SuperContrast_SSE2,
+                                  m_kernel != SuperContrast_Plain ? m_kernel : SuperContrast_SSE2, m_tablesKernel,
                                   SuperContrastArguments{m_table, m_channels, m_low, m_high});
 }
 

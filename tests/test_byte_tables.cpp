@@ -1,0 +1,48 @@
+// The byte-table kernels against their plain twin: every mix of looked-up
+// and copied bytes, odd pixel counts around the 16-pixel block, buffers one
+// byte off alignment, in place, guard bytes after the output, input left
+// untouched; and the host's cap choosing the plain walk.
+#include <gtest/gtest.h>
+
+#include "TestSupport.h"
+#include "renderers/colour/ChannelTables.h"
+
+namespace {
+
+using namespace kvo::image;
+
+TEST(ByteTables, TheWideKernelAndThePlainTailAreThePlainWalk) {
+  if (kvtl::GetSupportedWiderExtension() < kvtl::kWiderAVX512VBMI) GTEST_SKIP() << "no AVX-512 VBMI here";
+  std::vector<unsigned char> tables[4];
+  for (unsigned int k = 0; k < 4; ++k) tables[k] = kvtest::PatternBytes(256, 40 + k);
+  for (unsigned int copied = 0; copied < 16; ++copied) {  // bit k: byte k copied
+    ByteTables chosen;
+    for (unsigned int k = 0; k < 4; ++k) chosen.byte[k] = (copied >> k & 1) != 0 ? nullptr : tables[k].data();
+    for (unsigned int pixels : {1u, 15u, 16u, 17u, 47u, 64u, 1021u}) {
+      for (size_t offset : {0, 1}) {
+        for (bool inPlace : {false, true}) {
+          SCOPED_TRACE(testing::Message() << "copied " << copied << ", " << pixels << " pixels, offset " << offset
+                                          << (inPlace ? ", in place" : ""));
+          kvtest::GuardedImage input(pixels, 1, offset), wide(pixels, 1, offset), plain(pixels, 1);
+          const std::vector<unsigned char> bytes = kvtest::PatternBytes(input.bytes(), pixels + copied);
+          input.fill(bytes);
+          wide.fill(bytes);
+          plain.fill(bytes);
+          const unsigned char* in = inPlace ? wide.pixels() : input.pixels();
+          RunKernel(ByteTables_AVX512VBMI, ByteTables_Plain, PixelRun{in, wide.pixels(), pixels}, chosen);
+          ByteTables_Plain(PixelRun{plain.pixels(), plain.pixels(), pixels}, chosen);
+          EXPECT_EQ(wide.contents(), plain.contents());
+          EXPECT_EQ(input.contents(), bytes);
+          EXPECT_TRUE(wide.guardsIntact() && input.guardsIntact());
+        }
+      }
+    }
+  }
+}
+
+TEST(ByteTables, TheHostsCapChoosesThePlainWalk) {
+  kvtest::ScopedWiderExtension cap(kvtl::kWiderAVX2);
+  EXPECT_EQ(ChooseByteTablesKernel(), &ByteTables_Plain);
+}
+
+}  // namespace
