@@ -187,7 +187,8 @@ std::string RowName(const char* setter) {
   return name;
 }
 
-// The listed settings, then every row whose defaults are not among them.
+// The listed settings, then every row whose defaults are not among them
+// ("<name>-defaults" where a listed setting of other numbers has the name).
 std::vector<Setting> Settings() {
   std::vector<Setting> settings = ListedSettings();
   for (unsigned int r = 0; r < SetterCount(); ++r) {
@@ -197,7 +198,13 @@ std::vector<Setting> Settings() {
       listed = listed || (setting.frontEnd == row.frontEnd && setting.steps.size() == 1 &&
                           setting.steps[0].values.empty() && std::strcmp(setting.steps[0].setter, row.name) == 0);
     }
-    if (!listed) settings.push_back({row.frontEnd, RowName(row.name), kTargetNone, {{row.name, {}}}});
+    if (listed) continue;
+    // A listed setting may already hold the name (with other numbers).
+    std::string name = RowName(row.name);
+    for (const Setting& setting : settings) {
+      if (setting.frontEnd == row.frontEnd && setting.name == name) name += "-defaults";
+    }
+    settings.push_back({row.frontEnd, name, kTargetNone, {{row.name, {}}}});
   }
   return settings;
 }
