@@ -27,6 +27,7 @@ struct ThreeStripArguments;
 struct VignetteArguments;
 struct HueStageArguments;
 struct ByteTables;
+struct TintArguments;
 
 // Scales alpha by an opacity. The plain path multiplies (alpha * opacity,
 // truncated); the SSE2 path subtracts (1 - opacity) * 255 with saturation and
@@ -319,6 +320,10 @@ class KVIMAGE_EXPORT TintRenderer : public AbstractRenderer {
   unsigned short m_greenTargetRow[768];
   unsigned short m_redTargetRow[768];
   unsigned char m_mix[256 * 256];
+  // Each luminance's target, blue, green and red, for the vector path, which
+  // computes the mix instead of reading it.
+  unsigned char m_targetByLuminance[3][256];
+  size_t (*m_kernel)(const PixelRun&, const TintArguments&);  // chosen in Setup
 };
 
 // Re-weights each colour byte by the mean of two curves, looked up by how far

@@ -1,7 +1,8 @@
-// The byte-table kernels against their plain twin: every mix of looked-up
-// and copied bytes, odd pixel counts around the 16-pixel block, buffers one
-// byte off alignment, in place, guard bytes after the output, input left
-// untouched; and the host's cap choosing the plain walk.
+// The table stages' wide kernels against their plain twins: the byte-table
+// walk on every mix of looked-up and copied bytes, odd pixel counts around
+// the 16-pixel block, buffers one byte off alignment, in place, guard bytes
+// after the output, input left untouched; the host's cap choosing the plain
+// walk; and the tint stage's computed mix against its mix table.
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
@@ -43,6 +44,28 @@ TEST(ByteTables, TheWideKernelAndThePlainTailAreThePlainWalk) {
 TEST(ByteTables, TheHostsCapChoosesThePlainWalk) {
   kvtest::ScopedWiderExtension cap(kvtl::kWiderAVX2);
   EXPECT_EQ(ChooseByteTablesKernel(), &ByteTables_Plain);
+}
+
+TEST(TintVectorPath, EveryToneAndAmountGivesThePlainBytes) {
+  if (kvtl::GetSupportedWiderExtension() < kvtl::kWiderAVX512VBMI) GTEST_SKIP() << "no AVX-512 VBMI here";
+  const double amounts[] = {0, 0.3, 0.7, 1, kvtest::kNaN};
+  for (int type = -1; type <= kTintSilver + 1; ++type) {
+    for (double amount : amounts) {
+      SCOPED_TRACE(testing::Message() << "type " << type << ", amount " << amount);
+      std::vector<unsigned char> bytes[2];
+      for (int wide = 0; wide < 2; ++wide) {
+        kvtest::ScopedWiderExtension cap(wide ? kvtl::kWiderAVX512VBMI : kvtl::kWiderNone);
+        kvtest::GuardedImage source(67, 61, 1), destination(67, 61, 1);
+        source.fill(kvtest::PatternBytes(source.bytes(), 5));
+        KVImageProcessor processor(source.image(), destination.image(), kvtest::SharedTables(), kDownsampleNone);
+        ASSERT_EQ(processor.SetTint(static_cast<KVTintType>(type), amount), 0);
+        ASSERT_EQ(processor.Render(), 0);
+        EXPECT_TRUE(destination.guardsIntact());
+        bytes[wide] = destination.contents();
+      }
+      EXPECT_EQ(bytes[1], bytes[0]);
+    }
+  }
 }
 
 }  // namespace
