@@ -159,14 +159,6 @@ inline KeyingFrame MakeKeyingFrame(kvo::image::KVKeyColor keyColor, unsigned int
   return frame;
 }
 
-inline KeyingFrame GreenScreenFrame(unsigned int width, unsigned int height, uint32_t seed = 1) {
-  return MakeKeyingFrame(kvo::image::kKeyColorGreen, width, height, seed);
-}
-
-inline KeyingFrame BlueScreenFrame(unsigned int width, unsigned int height, uint32_t seed = 1) {
-  return MakeKeyingFrame(kvo::image::kKeyColorBlue, width, height, seed);
-}
-
 }  // namespace kvtest
 
 #endif

@@ -177,27 +177,4 @@ TEST(HugeImages, AnIntermediateThatCannotBeAllocatedReturns8) {
   EXPECT_EQ(keyer.Render(), 8);
 }
 
-// Thread indices are one byte: a host asking for more cores than 255 gets
-// 255 threads, and stages whose result does not depend on the count give the
-// bytes of one thread.
-TEST(ThreadCounts, CoreCountsBeyond255RunWith255Threads) {
-  GuardedImage source(7, 300, 1);
-  source.fill(kvtest::PatternBytes(source.bytes(), 2));
-  std::vector<unsigned char> expected;
-  for (unsigned int cores : {1u, 255u, 256u, 1000u}) {
-    kvtest::ScopedCoreCount count(cores);
-    GuardedImage destination(7, 300, 1);
-    KVImageProcessor processor(source.image(), destination.image(), SharedTables(), kDownsampleNone);
-    ASSERT_EQ(processor.SetMirror(true, true), 0);
-    ASSERT_EQ(processor.SetStackBlur(2, true, true, kChannelsAll), 0);
-    ASSERT_EQ(processor.Render(), 0);
-    EXPECT_TRUE(destination.guardsIntact());
-    if (expected.empty()) {
-      expected = destination.contents();
-    } else {
-      EXPECT_EQ(destination.contents(), expected) << cores << " cores";
-    }
-  }
-}
-
 }  // namespace

@@ -66,14 +66,6 @@ TEST_P(KeyingChain, ClearsTheBackingKeepsTheSubjectAndPullsTheSpill) {
   EXPECT_GT(pulledSubjectPixels, 20u);
 }
 
-TEST_P(KeyingChain, EveryThreadCountGivesTheSameBytes) {
-  const kvtest::KeyingFrame frame = kvtest::MakeKeyingFrame(GetParam(), 61, 37, 5);
-  const std::vector<unsigned char> reference = KeyWholeChain(frame, 1);
-  for (unsigned int threads = 2; threads <= 16; ++threads) {
-    EXPECT_EQ(reference, KeyWholeChain(frame, threads)) << threads << " threads";
-  }
-}
-
 INSTANTIATE_TEST_SUITE_P(Backings, KeyingChain, ::testing::Values(kKeyColorGreen, kKeyColorBlue));
 
 }  // namespace

@@ -114,19 +114,6 @@ TEST(SpillAdvanced, NegativeSpillCopiesThePixel) {
                Suppress({10, 50, 100, 2}, kChannelGreen, kSpillAdvanced, 0.0, 5.0, 5.0, 5.0, 1.0));
 }
 
-TEST(SpillAdvanced, ReferenceFactorsBeyondTheIntegerRange) {
-  // trunc of NaN or of an out-of-range product is INT_MIN; key - INT_MIN
-  // wraps to a negative difference, so the spill is 0 and the pixel is copied.
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  for (double reference : {nan, 1e12, -1e12}) {
-    EXPECT_PIXEL((Pixel{10, 200, 100, 2}),
-                 Suppress({10, 200, 100, 2}, kChannelGreen, kSpillAdvanced, 0.0, 1.0, 1.0, 1.0, reference));
-  }
-  // A NaN weight truncates to INT_MIN and clamps to 0.
-  EXPECT_PIXEL((Pixel{0, 0, 0, 2}),
-               Suppress({10, 200, 100, 2}, kChannelGreen, kSpillAdvanced, 0.0, nan, nan, nan, 0.0));
-}
-
 TEST(Spill, UnnamedValuesFallBack) {
   const Pixel in{0, 200, 100, 4};
   // Type 7 renders as standard, channel 2 as green.
@@ -136,16 +123,6 @@ TEST(Spill, UnnamedValuesFallBack) {
                Suppress(in, static_cast<KVChannel>(2), kSpillExtended, 0.7));
   EXPECT_PIXEL(Suppress(in, kChannelGreen, kSpillAdvanced, 0, 0, -1, 0, 1),
                Suppress(in, static_cast<KVChannel>(-3), kSpillAdvanced, 0, 0, -1, 0, 1));
-}
-
-TEST(Spill, StrengthsOutsideTheByteRangeAreDeterministic) {
-  // A NaN amount (the setter lets it through) gives the strength INT_MIN; the
-  // step's product wraps like the processor's multiply.
-  const Pixel in{0, 200, 100, 4};
-  const Pixel first = Suppress(in, kChannelGreen, kSpillStandard, std::nan(""));
-  EXPECT_PIXEL(first, Suppress(in, kChannelGreen, kSpillStandard, std::nan("")));
-  // (100 - 200) * INT_MIN wraps to 0: no step at all.
-  EXPECT_PIXEL(in, first);
 }
 
 // The documented formulas, pixel by pixel, as a reference for whole images.
@@ -215,17 +192,6 @@ TEST(Spill, WholeImagesMatchTheFormulasAtEveryThreadCount) {
   }
 }
 
-TEST(Spill, RunsInPlace) {
-  const std::vector<unsigned char> input = kvtest::PatternBytes(9 * 4 * 4, 5);
-  std::vector<unsigned char> expected;
-  ReferenceSpill(input, expected, kChannelGreen, kSpillExtended, 0.6, 0, 0, 0, 0);
-  GuardedImage image(9, 4);
-  image.fill(input);
-  SpillSuppressor stage(kChannelGreen, kSpillExtended, 0.6, 0, 0, 0, 0);
-  for (unsigned char t = 0; t < 3; ++t) stage.Render(image.image(), image.image(), t, 3);
-  EXPECT_EQ(expected, image.contents());
-}
-
 TEST(Spill, AdvancedCalledOnAStageBuiltForAnotherMethod) {
   // The advanced stage works from tables made at construction; called on a
   // stage built as standard it computes each pixel and gives the same bytes.
@@ -242,65 +208,6 @@ TEST(Spill, AdvancedCalledOnAStageBuiltForAnotherMethod) {
     EXPECT_EQ(expected, tabulated.contents());
     EXPECT_EQ(expected, computed.contents());
   }
-}
-
-TEST(Spill, PullsTheCastOffASubjectInFrontOfAGreenBacking) {
-  // A noisy green backing on the left, a skin-toned subject on the right whose
-  // edge picks up green from the backing, soft alpha across the edge.
-  const unsigned int w = 48, h = 24;
-  GuardedImage src(w, h), dst(w, h);
-  const std::vector<unsigned char> noise = kvtest::PatternBytes(w * h, 9);
-  for (unsigned int y = 0; y < h; ++y) {
-    for (unsigned int x = 0; x < w; ++x) {
-      const int grain = noise[y * w + x] % 9 - 4;
-      const bool backing = x < 20;
-      const int spill = backing ? 0 : std::max(0, 60 - 6 * static_cast<int>(x - 20));
-      src.at(x, y, 0) = static_cast<unsigned char>(backing ? 40 + grain : 110 + grain);
-      src.at(x, y, 1) = static_cast<unsigned char>(backing ? 190 + y + grain : 120 + spill + grain);
-      src.at(x, y, 2) = static_cast<unsigned char>(backing ? 35 + grain : 170 + grain);
-      src.at(x, y, 3) = static_cast<unsigned char>(x < 18 ? 0 : (x < 24 ? 40 * (x - 17) : 255));
-    }
-  }
-  kvo::KVLookupTables& tables = SharedTables();
-  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
-  ASSERT_EQ(0, keyer.SetSpillSuppression(kChannelGreen, kSpillStandard, 1.0, 0, 0, 0, 0));
-  ASSERT_EQ(0, keyer.Render());
-  for (unsigned int y = 0; y < h; ++y) {
-    for (unsigned int x = 0; x < w; ++x) {
-      // Green never exceeds red afterwards; blue, red and alpha are untouched,
-      // and pixels without a green excess keep their green.
-      EXPECT_LE(dst.at(x, y, 1), dst.at(x, y, 2)) << x << "," << y;
-      EXPECT_EQ(src.at(x, y, 0), dst.at(x, y, 0));
-      EXPECT_EQ(src.at(x, y, 2), dst.at(x, y, 2));
-      EXPECT_EQ(src.at(x, y, 3), dst.at(x, y, 3));
-      if (src.at(x, y, 1) <= src.at(x, y, 2)) {
-        EXPECT_EQ(src.at(x, y, 1), dst.at(x, y, 1));
-      }
-    }
-  }
-}
-
-TEST(Spill, RenderReturnsAnUnsupportedDepth) {
-  DeepImage deep(1, 1);
-  GuardedImage dst(1, 1);
-  SpillSuppressor stage(kChannelGreen, kSpillStandard, 1.0, 0, 0, 0, 0);
-  EXPECT_EQ(16, stage.Render(&deep, dst.image(), 0, 1));
-  EXPECT_EQ(0u, stage.Type());
-  EXPECT_EQ(std::vector<unsigned char>(4, 0), dst.contents());
-}
-
-TEST(SpillSetter, ChecksOnlyTheAmount) {
-  kvo::KVLookupTables& tables = SharedTables();
-  GuardedImage src(2, 2), dst(2, 2);
-  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
-  EXPECT_EQ(7, keyer.SetSpillSuppression(kChannelGreen, kSpillStandard, -0.01, 0, 0, 0, 0));
-  EXPECT_EQ(7, keyer.SetSpillSuppression(kChannelBlue, kSpillAdvanced, 1.0000001, 0, 0, 0, 0));
-  EXPECT_EQ(0, keyer.RenderQueueCount());
-  EXPECT_EQ(0, keyer.SetSpillSuppression(kChannelGreen, kSpillStandard, std::nan(""), 0, 0, 0, 0));
-  EXPECT_EQ(0, keyer.SetSpillSuppression(kChannelGreen, kSpillAdvanced, 0.0, 1e300, -1e300,
-                                         std::numeric_limits<double>::infinity(), std::nan("")));
-  EXPECT_EQ(0, keyer.SetSpillSuppression(static_cast<KVChannel>(9), static_cast<KVSpillType>(-4), 1.0, 0, 0, 0, 0));
-  EXPECT_EQ(3, keyer.RenderQueueCount());
 }
 
 }  // namespace
