@@ -171,8 +171,9 @@ def run(command, cwd, timeout=None):
 
 def first_failure(ctest_output):
     for line in ctest_output.splitlines():
-        if "***Failed" in line or "***Timeout" in line or "Exception" in line or "***Exception" in line:
-            return " ".join(line.split()[3:4] + line.split()[-3:])
+        if "***Failed" in line or "***Timeout" in line or "***Exception" in line or "Subprocess aborted" in line:
+            words = line.split()
+            return words[3] if len(words) > 3 else line.strip()
     return ""
 
 

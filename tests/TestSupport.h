@@ -36,11 +36,6 @@ const bool kUnderThreadSanitizer = true;
 #else
 const bool kUnderThreadSanitizer = false;
 #endif
-#if defined(__SANITIZE_ADDRESS__) || KVTEST_HAS_FEATURE(address_sanitizer)
-const bool kSanitized = true;
-#else
-const bool kSanitized = kUnderThreadSanitizer;
-#endif
 
 // The core count the whole suite runs with outside ScopedCoreCount: 0 (the
 // detected count) unless KVIMAGE_TEST_THREADS names one (see test_main.cc).

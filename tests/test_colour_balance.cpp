@@ -37,24 +37,6 @@ int GainVector(int x, double gain) { return Clamp8((x * static_cast<int>(256.0 *
 
 double GainOf(const Gains& g, unsigned int channel) { return channel == 0 ? g.blue : (channel == 1 ? g.green : g.red); }
 
-TEST(ColorBalance, DoubleRedNoGreenSameBlue) {
-  // Pixels (blue, green, red, alpha).
-  std::vector<unsigned char> source;
-  for (int p = 0; p < 16; ++p) {
-    const unsigned char pixel[4] = {static_cast<unsigned char>(10 * p), 200, static_cast<unsigned char>(16 * p), 77};
-    source.insert(source.end(), pixel, pixel + 4);
-  }
-  for (const kvtl::CPUExtensions& ext : {kPlainPath, kVectorPath}) {
-    const std::vector<unsigned char> out = Balance({2.0, 0.0, 1.0}, ext, source, 16);
-    for (int p = 0; p < 16; ++p) {
-      EXPECT_EQ(10 * p, out[p * 4 + 0]);
-      EXPECT_EQ(0, out[p * 4 + 1]);
-      EXPECT_EQ(std::min(255, 32 * p), out[p * 4 + 2]);
-      EXPECT_EQ(77, out[p * 4 + 3]);
-    }
-  }
-}
-
 TEST(ColorBalance, VectorPathQuantisesTheGain) {
   // Gain 0.3 is multiplier 76: 200 * 76 >> 8 = 59, while 200 * 0.3 = 60.
   const std::vector<unsigned char> source(17 * 4, 200);

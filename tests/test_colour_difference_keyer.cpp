@@ -116,25 +116,6 @@ TEST(AutoDetectKeyColor, EqualTotalsGiveGreenAndOneMoreBlueGivesBlue) {
   EXPECT_TRUE(tie.guardsIntact());
 }
 
-TEST(ColorDifferenceMatte, RawDifferencesAndStatisticsPerKeyColour) {
-  GuardedImage image(5, 1);
-  FillPixels(image, kMixed);
-  MatteResult green = RunMatte(image, kKeyColorGreen, 0.0, 0.0);
-  EXPECT_EQ((std::vector<unsigned char>{30, 0, 255, 0, 1}), green.matte);
-  ExpectInfo(green.info, 3, 286, 1, 255);
-
-  MatteResult blue = RunMatte(image, kKeyColorBlue, 0.0, 0.0);
-  EXPECT_EQ((std::vector<unsigned char>{0, 0, 0, 170, 0}), blue.matte);
-  ExpectInfo(blue.info, 1, 170, 170, 170);
-
-  for (int unknown : {0, 3, -1, 1000}) {
-    MatteResult none = RunMatte(image, static_cast<KVKeyColor>(unknown), 0.0, 0.0);
-    EXPECT_EQ(std::vector<unsigned char>(5, 0), none.matte);
-    ExpectInfo(none.info, 0, 0, 255, 0);
-  }
-  EXPECT_EQ(nullptr, AutoColorDifferenceMatteProc(nullptr));
-}
-
 // Chroma softening with T = trunc(255 * 0.5) = 127. The statistics always
 // take the raw differences.
 TEST(ColorDifferenceMatte, ChromaSofteningRampAndCut) {

@@ -138,18 +138,6 @@ TEST(BlendPixel, EveryModeAtOpacity0_128_255_256) {
   }
 }
 
-TEST(BlendPixel, DocumentedExamples) {
-  KVLookupTables t;
-  EXPECT_EQ(254, BlendPixel(0, 255, kBlendNormal, 255, t));  // 255 never quite reaches the top
-  EXPECT_EQ(255, BlendPixel(100, 200, kBlendAdd, 256, t));
-  EXPECT_EQ(127, BlendPixel(255, 0, kBlendNormal, 128, t));  // 255 + (-32640 >> 8)
-  EXPECT_EQ(99, BlendPixel(10, 99, kBlendReplace, 0, t));
-  EXPECT_EQ(0, BlendPixel(255, 0, kBlendReplace, 1, t));
-  EXPECT_EQ(255, BlendPixel(100, 155, kBlendAdd, 256, t));  // a sum of exactly 256 is limited
-  EXPECT_EQ(254, BlendPixel(100, 154, kBlendAdd, 256, t));
-  EXPECT_EQ(254, BlendPixel(255, 254, kBlendNormal, 1, t));  // -1 * 1 >> 8 is -1, not 0
-}
-
 TEST(BlendPixel, UnknownModesBehaveAsNormal) {
   KVLookupTables t;
   const int unknown[] = {14, 15, 200, -1, std::numeric_limits<int>::min()};

@@ -57,17 +57,6 @@ TEST(HLSConversion, RGBtoHLSOnListedColours) {
   }
 }
 
-TEST(HLSConversion, ReciprocalDivisionIsExactWhereTheModelUsesIt) {
-  // Numerators reach 255 * 360 + 255, divisors 510: check both sides of every
-  // point where a quotient steps.
-  for (int d = 1; d <= 510; ++d) {
-    for (int n = d - 1; n <= 92055 + d; n += d) {
-      ASSERT_EQ(n / d, hls::DivideSmall(n, d)) << n << " / " << d;
-      ASSERT_EQ((n + 1) / d, hls::DivideSmall(n + 1, d)) << n + 1 << " / " << d;
-    }
-  }
-}
-
 TEST(HLSConversion, RGBtoHLSMatchesPlainDivisionAcrossTheCube) {
   for (int red = 0; red < 256; red += 5) {
     for (int green = 0; green < 256; green += 5) {

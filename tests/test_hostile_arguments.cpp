@@ -108,20 +108,6 @@ void ExpectTheBytesOfTheFirst(GuardedImage& source, std::initializer_list<Argume
   }
 }
 
-// The box blurs never average more than a whole line, so any radius beyond
-// the image gives the bytes of a radius just beyond it.
-TEST(HugeArguments, BoxBlurRadiiBeyondTheImageMatchTheWholeLine) {
-  GuardedImage source(23, 9, 1);
-  source.fill(kvtest::PatternBytes(source.bytes(), 11));
-  for (KVYUVBlurType type : {kYUVBlurHorizontal, kYUVBlurVertical, kYUVBlurHorizontalVertical}) {
-    SCOPED_TRACE(type);
-    ExpectTheBytesOfTheFirst<KVImageProcessor>(source, {24u, 100000u, UINT_MAX},
-                                               [type](KVImageProcessor& p, unsigned int radius) {
-                                                 return p.SetYUVBlur(radius, type);
-                                               });
-  }
-}
-
 // A window wider than twice the image covers every line whole: sizes up to
 // the largest int give the bytes of such a window, at once.
 TEST(HugeArguments, WhiteErodeSizesBeyondTheImageMatchAWindowOverTheWholeImage) {

@@ -51,28 +51,11 @@ TEST(ImageModel, AllocatingConstructorClearsOnRequest) {
   EXPECT_EQ(kPixelOrderARGB, raw.PixelChannelOrder());
 }
 
-TEST(ImageModel, ZeroWidthImageHasNoBytes) {
-  KVImage8 allocated(0, 9, kPixelOrderBGRA, true);
-  EXPECT_EQ(0u, allocated.Width());
-  EXPECT_EQ(9u, allocated.Height());
-  EXPECT_EQ(0u, allocated.BufferSize());
-  EXPECT_EQ(0u, allocated.BufferByteSize());
-  // A zero-width row starts where the buffer does.
-  EXPECT_EQ(allocated.Buffer(), allocated.ScanLine(8));
-
-  KVImage8 wrapped(nullptr, 0, 9, kPixelOrderBGRA);
-  EXPECT_EQ(0u, wrapped.BufferSize());
-}
-
 TEST(ImageModel, SizesWrapIn32BitsOnAWrappedBuffer) {
   // 65536 x 16384 x 4 is 2^32: the unchecked 32-bit products wrap to 0.
   KVImage8 wrapped(nullptr, 65536, 16384, kPixelOrderBGRA);
   EXPECT_EQ(0u, wrapped.BufferSize());
   EXPECT_EQ(0u, wrapped.BufferByteSize());
-}
-
-TEST(ImageModel, AllocatingMoreThan32BitsOfBytesThrowsBadAlloc) {
-  EXPECT_THROW(KVImage8(65536, 16384, kPixelOrderBGRA, true), std::bad_alloc);
 }
 
 TEST(ImageModel, ScanLineAddressesRows) {

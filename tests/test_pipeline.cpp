@@ -36,19 +36,10 @@ struct ProcessorRecord {
   typedef KVImageProcessor_Private* KVImageProcessor::*type;
   friend type Get(ProcessorRecord);
 };
-struct KeyerRecord {
-  typedef KVImageKeyer_Private* KVImageKeyer::*type;
-  friend type Get(KeyerRecord);
-};
 template struct PrivateAccess<ProcessorRecord, &KVImageProcessor::m_private>;
-template struct PrivateAccess<KeyerRecord, &KVImageKeyer::m_private>;
 
 void Queue(KVImageProcessor& processor, RendererPtr stage) {
   FrontEndState* queue = processor.*Get(ProcessorRecord());
-  queue->queue.Append(QueuedStage(stage));
-}
-void Queue(KVImageKeyer& keyer, RendererPtr stage) {
-  FrontEndState* queue = keyer.*Get(KeyerRecord());
   queue->queue.Append(QueuedStage(stage));
 }
 
@@ -205,28 +196,6 @@ TEST(ConvertExceptionToKVerr, ExactTypesOnly) {
   }
 }
 
-TEST_F(Pipelines, OneStageRendersStraightIntoTheDestination) {
-  ScopedCoreCount cores(3);
-  GuardedImage source(7, 5), destination(7, 5);
-  const std::vector<unsigned char> pattern = Filled(source, 11);
-  KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
-  RecordingPtr stage = Recording(3);
-  Queue(processor, stage);
-  ASSERT_EQ(1, processor.RenderQueueCount());
-  EXPECT_EQ(0, processor.Render());
-  EXPECT_EQ(1, stage->setups);
-  EXPECT_EQ(source.image(), stage->setupInput);
-  EXPECT_EQ(3u, stage->threadsCalled());
-  for (unsigned int t = 0; t < 3; ++t) {
-    EXPECT_EQ(source.image(), stage->sighting(t).source);
-    EXPECT_EQ(destination.image(), stage->sighting(t).destination);
-    EXPECT_EQ(3u, stage->sighting(t).threadCount);
-  }
-  EXPECT_EQ(Plus(pattern, 3), destination.contents());
-  EXPECT_EQ(pattern, source.contents());
-  EXPECT_TRUE(destination.guardsIntact());
-}
-
 TEST_F(Pipelines, TwoStagesPassAFreshZeroFilledIntermediate) {
   ScopedCoreCount cores(2);
   // Channel order 2: the intermediate must carry it over.
@@ -368,25 +337,6 @@ TEST_F(Pipelines, ThreadCountIsCappedAt255) {
   EXPECT_EQ(255u, stage->sighting(0).threadCount);
   EXPECT_EQ(42, destination.at(0, 0, 0));
   EXPECT_TRUE(destination.guardsIntact());
-}
-
-TEST(WorkerEntries, NullRecordsAndExitCodes) {
-  EXPECT_EQ(nullptr, ProcessorRenderWorkerThread(nullptr));
-  EXPECT_EQ(nullptr, KeyRenderWorkerThread(nullptr));
-  EXPECT_EQ(nullptr, CompositeRenderWorkerThread(nullptr));
-
-  GuardedImage image(2, 2);
-  RecordingPtr stage = Recording(-1);
-  stage->throwInRender = [](int) { throw std::invalid_argument("x"); };
-  RenderThreadData record;
-  record.threadIndex = 0;
-  record.threadCount = 1;
-  record.source = image.image();
-  record.destination = image.image();
-  record.renderer = stage;
-  EXPECT_EQ(4, static_cast<int>(reinterpret_cast<intptr_t>(ProcessorRenderWorkerThread(&record))));
-  stage->throwInRender = [](int) { throw CustomError(); };
-  EXPECT_EQ(1001, static_cast<int>(reinterpret_cast<intptr_t>(KeyRenderWorkerThread(&record))));
 }
 
 

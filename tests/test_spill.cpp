@@ -43,59 +43,6 @@ Pixel Suppress(const Pixel& in, KVChannel channel, KVSpillType type, double amou
     EXPECT_EQ(e_.a, a_.a) << "alpha";  \
   } while (0)
 
-TEST(SpillStandardAndExtended, HandComputedPixels) {
-  struct Case {
-    Pixel in;
-    KVChannel channel;
-    KVSpillType type;
-    double amount;
-    Pixel expected;
-  };
-  const Case cases[] = {
-      // Standard, full strength reaches a downward target:
-      // -100 * 255 = -25500, >> 8 = -100 (floor of -99.6).
-      {{0, 200, 100, 77}, kChannelGreen, kSpillStandard, 1.0, {0, 100, 100, 77}},
-      // -99 * 255 = -25245, >> 8 = -99 (floor of -98.6).
-      {{0, 200, 101, 255}, kChannelGreen, kSpillStandard, 1.0, {0, 101, 101, 255}},
-      // Partial strength rounds away from the start:
-      // s = trunc(127.5) = 127; -100 * 127 = -12700, >> 8 = -50 (not -49).
-      {{9, 200, 100, 1}, kChannelGreen, kSpillStandard, 0.5, {9, 150, 100, 1}},
-      // s = trunc(25.5) = 25; -8 * 25 = -200, >> 8 = -1.
-      {{0, 108, 100, 0}, kChannelGreen, kSpillStandard, 0.1, {0, 107, 100, 0}},
-      // Only a key above its reference moves.
-      {{3, 100, 100, 5}, kChannelGreen, kSpillStandard, 1.0, {3, 100, 100, 5}},
-      {{3, 50, 100, 5}, kChannelGreen, kSpillStandard, 1.0, {3, 50, 100, 5}},
-      // Blue compares byte 0 with byte 1; green compares byte 1 with byte 2 only.
-      {{200, 100, 7, 9}, kChannelBlue, kSpillStandard, 1.0, {100, 100, 7, 9}},
-      {{250, 40, 60, 9}, kChannelGreen, kSpillStandard, 1.0, {250, 40, 60, 9}},
-      {{40, 90, 250, 9}, kChannelBlue, kSpillStandard, 1.0, {40, 90, 250, 9}},
-      // Amount zero copies.
-      {{0, 255, 0, 128}, kChannelGreen, kSpillStandard, 0.0, {0, 255, 0, 128}},
-      {{0, 255, 0, 128}, kChannelGreen, kSpillExtended, 0.0, {0, 255, 0, 128}},
-      // Extended: the key falls to the mean and red rises one short.
-      // mean = 75; green -125 * 255 >> 8 = -125; red 25 * 255 >> 8 = 24.
-      {{100, 200, 50, 200}, kChannelGreen, kSpillExtended, 1.0, {100, 75, 74, 200}},
-      // The mean rounds down: (101 + 50) >> 1 = 75.
-      {{101, 200, 50, 200}, kChannelGreen, kSpillExtended, 1.0, {101, 75, 74, 200}},
-      // Half strength: -125 * 127 >> 8 = -63, 25 * 127 >> 8 = 12.
-      {{100, 200, 50, 3}, kChannelGreen, kSpillExtended, 0.5, {100, 137, 62, 3}},
-      // Red rises only when the third channel is above it.
-      {{50, 200, 100, 9}, kChannelGreen, kSpillExtended, 1.0, {50, 75, 100, 9}},
-      {{60, 200, 60, 9}, kChannelGreen, kSpillExtended, 1.0, {60, 60, 60, 9}},
-      // Blue key: mean of green and red, red raised when green is above it.
-      {{200, 100, 50, 9}, kChannelBlue, kSpillExtended, 1.0, {75, 100, 74, 9}},
-      {{200, 50, 100, 9}, kChannelBlue, kSpillExtended, 1.0, {75, 50, 100, 9}},
-      // A key at or below the mean is unchanged.
-      {{100, 75, 50, 9}, kChannelGreen, kSpillExtended, 1.0, {100, 75, 50, 9}},
-      {{75, 100, 50, 9}, kChannelBlue, kSpillExtended, 1.0, {75, 100, 50, 9}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.in.b << "," << c.in.g << "," << c.in.r << "," << c.in.a << " type "
-                                    << c.type << " amount " << c.amount);
-    EXPECT_PIXEL(c.expected, Suppress(c.in, c.channel, c.type, c.amount));
-  }
-}
-
 TEST(SpillAdvanced, WeightsTheClampedSpill) {
   // spill = 200 - 50 = 150: green loses it, blue gains a quarter (47.5 -> 47),
   // red doubles it and clamps.

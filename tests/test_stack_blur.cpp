@@ -22,27 +22,6 @@ Bytes ProcessorStackBlur(const Bytes& pixels, unsigned int width, unsigned int h
                        width, height, threads, 1, 0);
 }
 
-TEST(StackBlur, FiveByOneRowAtRadiusOne) {
-  // Row weights 1 2 1 over 4, rounded down, the edge pixels repeating:
-  // x0 = (0 + 0 + 41) / 4 = 10, x1 = (0 + 82 + 80) / 4 = 40,
-  // x2 = (41 + 160 + 121) / 4 = 80, x3 = (80 + 242 + 200) / 4 = 130,
-  // x4 = (121 + 400 + 200) / 4 = 180. The single row repeats in the column
-  // pass, which therefore leaves the values as they are.
-  const unsigned char row[5] = {0, 41, 80, 121, 200};
-  const unsigned char expected[5] = {10, 40, 80, 130, 180};
-  std::vector<unsigned char> pixels(5 * 4);
-  for (int x = 0; x < 5; ++x) {
-    for (int c = 0; c < 4; ++c) pixels[x * 4 + c] = row[c % 2 == 0 ? x : 4 - x];
-  }
-  const std::vector<unsigned char> out = ProcessorStackBlur(pixels, 5, 1, 1, kChannelsAll, 2);
-  for (int x = 0; x < 5; ++x) {
-    for (int c = 0; c < 4; ++c) EXPECT_EQ(expected[c % 2 == 0 ? x : 4 - x], out[x * 4 + c]) << x << "," << c;
-  }
-  // The same values down a 1x5 column.
-  const std::vector<unsigned char> column = ProcessorStackBlur(pixels, 1, 5, 1, kChannelsAll, 3);
-  EXPECT_EQ(out, column);
-}
-
 TEST(StackBlur, MatchesTheTriangleWeightedMean) {
   struct Case {
     unsigned int width, height, radius;
@@ -100,58 +79,6 @@ TEST(StackBlur, SetterScalesTheRadiusByTheDownsampleFactor) {
   ASSERT_EQ(0, keyer.SetAlphaStackBlur(9, true, false));  // 4.5 gives 4
   ASSERT_EQ(0, keyer.Render());
   EXPECT_EQ(kvtest::ReferenceStackBlur(pixels, width, height, 4, kvtest::kAlphaChannel), out);
-}
-
-// The exported pass procedures, the straightforward form with 32-bit planes
-// and a window stack, over a whole image on one thread.
-std::vector<unsigned char> ExportedPasses(const std::vector<unsigned char>& pixels, uint32_t width, uint32_t height,
-                                          uint32_t radius, bool alphaOnly) {
-  const size_t count = static_cast<size_t>(width) * height;
-  std::vector<int32_t> planes[4] = {std::vector<int32_t>(count), std::vector<int32_t>(count),
-                                    std::vector<int32_t>(count), std::vector<int32_t>(count)};
-  std::vector<int32_t> edge(std::max(width, height));
-  std::vector<unsigned char> in(pixels), out(pixels.size(), 0);
-  StackBlurData data = {};
-  data.width = width;
-  data.height = height;
-  data.radius = radius;
-  data.plane0 = planes[0].data();
-  data.plane1 = planes[1].data();
-  data.plane2 = planes[2].data();
-  data.plane3 = planes[3].data();
-  data.edgeIndex = edge.data();
-  data.rowsPerThread = height;
-  data.columnsPerThread = width;
-  data.pixels = in.data();
-  FillStackBlurRowEdgeIndex(edge.data(), width, radius);
-  alphaOnly ? StackBlurVertAlphaProc(&data) : StackBlurVertRGBAProc(&data);
-  FillStackBlurColumnEdgeIndex(edge.data(), width, height, radius);
-  data.pixels = out.data();
-  data.sourcePixels = in.data();
-  alphaOnly ? StackBlurHorizAlphaProc(&data) : StackBlurHorizRGBAProc(&data);
-  return out;
-}
-
-TEST(StackBlur, StageMatchesTheExportedPasses) {
-  // Odd sizes, a source one byte off alignment with guard bytes after both
-  // images, several thread counts; radii 0, 1, 2, around the image size, and
-  // past the 32-bit sums. 2061 columns: a share wider than the column pass
-  // walks side by side.
-  const uint32_t sizes[][2] = {{1, 1}, {7, 3}, {17, 5}, {33, 9}, {97, 31}, {70, 2}, {2061, 3}};
-  for (const auto& size : sizes) {
-    const uint32_t w = size[0], h = size[1];
-    const std::vector<unsigned char> pixels = PatternBytes(w * h * 4, w + 3 * h);
-    for (uint32_t radius : {0u, 1u, 2u, w - 1, w, w + 1, h + 1, 2896u}) {
-      for (bool alphaOnly : {false, true}) {
-        const std::vector<unsigned char> expected = ExportedPasses(pixels, w, h, radius, alphaOnly);
-        for (unsigned int threads : {1u, 2u, 3u, 7u, 16u}) {
-          ASSERT_EQ(expected, ProcessorStackBlur(pixels, w, h, radius, alphaOnly ? kChannelsAlpha : kChannelsAll,
-                                                 threads))
-              << w << "x" << h << " r" << radius << " alpha " << alphaOnly << " threads " << threads;
-        }
-      }
-    }
-  }
 }
 
 TEST(StackBlur, SingleChannelPassesBlurOnePlane) {

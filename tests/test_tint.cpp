@@ -52,40 +52,6 @@ TEST(ToneTables, TellingRowsAndEnds) {
   }
 }
 
-TEST(Tint, ExamplesOnOnePixel) {
-  EXPECT_EQ(Bytes({20, 20, 20, 200}), RenderPixel(Tint(kTintGrey, 1.0), Bytes{10, 20, 30, 200}));
-  EXPECT_EQ(Bytes({15, 20, 25, 200}), RenderPixel(Tint(kTintGrey, 0.5), Bytes{10, 20, 30, 200}));
-  EXPECT_EQ(Bytes({67, 120, 153, 255}), RenderPixel(Tint(kTintWarm, 1.0), Bytes{100, 100, 100, 255}));
-  EXPECT_EQ(Bytes({30, 30, 53, 0}), RenderPixel(Tint(kTintWarm, 1.0), Bytes{0, 0, 0, 0}));
-  // Warm tables at their bends: green 255 above 235, red 255 from 203.
-  EXPECT_EQ(Bytes({203, 255, 255, 1}), RenderPixel(Tint(kTintWarm, 1.0), Bytes{236, 236, 236, 1}));
-  EXPECT_EQ(Bytes({170, 223, 255, 1}), RenderPixel(Tint(kTintWarm, 1.0), Bytes{203, 203, 203, 1}));
-  EXPECT_EQ(Bytes({255, 255, 255, 9}), RenderPixel(Tint(kTintBronze, 1.0), Bytes{255, 255, 255, 9}));
-  EXPECT_EQ(Bytes({0, 0, 0, 9}), RenderPixel(Tint(kTintBronze, 1.0), Bytes{0, 0, 0, 9}));
-}
-
-TEST(Tint, ToneTypesTakeTheirRowAsBlueGreenRed) {
-  for (const ToneRows& tone : kToneRows) {
-    // Luminance 128: (127 + 128 + 129) / 3.
-    const Bytes row = {tone.rows[1][2], tone.rows[1][1], tone.rows[1][0], 44};
-    EXPECT_EQ(row, RenderPixel(Tint(tone.type, 1.0), Bytes{127, 128, 129, 44})) << tone.type;
-  }
-}
-
-TEST(Tint, UnlistedTypesAreWarm) {
-  const Bytes pixels = kvtest::PatternBytes(11 * 3 * 4, 3);
-  const Bytes warm = RenderStage(Tint(kTintWarm, 0.7), pixels, 11, 3);
-  EXPECT_EQ(warm, RenderStage(Tint(11, 0.7), pixels, 11, 3));
-  EXPECT_EQ(warm, RenderStage(Tint(-1, 0.7), pixels, 11, 3));
-  EXPECT_EQ(warm, RenderStage(Tint(1000, 0.7), pixels, 11, 3));
-  EXPECT_NE(warm, RenderStage(Tint(kTintGrey, 0.7), pixels, 11, 3));
-}
-
-TEST(Tint, AmountZeroLeavesEveryTypeUnchanged) {
-  const Bytes pixels = kvtest::PatternBytes(9 * 5 * 4, 8);
-  for (int type = -1; type <= 11; ++type) EXPECT_EQ(pixels, RenderStage(Tint(type, 0.0), pixels, 9, 5)) << type;
-}
-
 TEST(ThreeStripColor, Examples) {
   // Level 0 gives flat curves of 255: each byte is (b * 510) >> 9.
   EXPECT_EQ(Bytes({254, 254, 254, 255}), RenderPixel(ThreeStrip(0, 0, 0), Bytes{255, 255, 255, 255}));

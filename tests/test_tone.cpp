@@ -127,27 +127,6 @@ TEST(Brightness, UnknownSelectionIsCopiedByTheVectorPathAndUnwrittenByThePlainPa
   }
 }
 
-TEST(Contrast, DocumentedLevels) {
-  const std::vector<unsigned char> ramp = GreyRamp();
-  for (const kvtl::CPUExtensions& ext : {kPlainPath, kVectorPath}) {
-    const std::vector<unsigned char> doubled = RenderOnce(Contrast(2.0, kChannelsAll), ext, ramp, 16, 16);
-    EXPECT_EQ(0, At(doubled, 0, 0));
-    EXPECT_EQ(255, At(doubled, 255, 1));
-    EXPECT_EQ(129, At(doubled, 128, 2));
-    EXPECT_EQ(127, At(doubled, 127, 3));
-    const std::vector<unsigned char> flat = RenderOnce(Contrast(0.0, kChannelsColor), ext, ramp, 16, 16);
-    for (size_t p = 0; p < 256; ++p) {
-      EXPECT_EQ(127, At(flat, p, 0));
-      EXPECT_EQ(p, At(flat, p, 3));
-    }
-    EXPECT_EQ(ramp, RenderOnce(Contrast(1.0, kChannelsAll), ext, ramp, 16, 16));
-  }
-  // Contrast 0.5 at level 0: the table truncates -63.5 to -63, the vector
-  // path floors it to -64.
-  EXPECT_EQ(64, At(RenderOnce(Contrast(0.5, kChannelsAll), kPlainPath, ramp, 16, 16), 0, 0));
-  EXPECT_EQ(63, At(RenderOnce(Contrast(0.5, kChannelsAll), kVectorPath, ramp, 16, 16), 0, 0));
-}
-
 TEST(Contrast, VectorPathIsOneBelowTheTableExactlyWhereFlooringDiffers) {
   const std::vector<unsigned char> ramp = GreyRamp();
   for (double contrast : {0.3, 0.5, 0.77, 1.5, 1.9, 2.0}) {
@@ -169,20 +148,6 @@ TEST(Contrast, UnknownSelectionIsCopiedByTheVectorPathAndUnwrittenByThePlainPath
     EXPECT_EQ(source, RenderOnce(Contrast(0.4, channels), kVectorPath, source, 32, 1, 0, 0, 0x5A));
     EXPECT_EQ(std::vector<unsigned char>(source.size(), 0x5A),
               RenderOnce(Contrast(0.4, channels), kPlainPath, source, 32, 1, 0, 0, 0x5A));
-  }
-}
-
-TEST(SuperContrast, TableTruncatesAndVectorRounds) {
-  // low 0.1, high 0.9: lo 25, hi 229, scale 256 / 205; level 28 is 3.746.
-  std::vector<unsigned char> source(17 * 4, 28);
-  const std::vector<unsigned char> plain = RenderOnce(SuperContrast(0.1, 0.9, kChannelsColor), kPlainPath, source, 17, 1);
-  const std::vector<unsigned char> vector =
-      RenderOnce(SuperContrast(0.1, 0.9, kChannelsColor), kVectorPath, source, 17, 1);
-  for (size_t p = 0; p < 17; ++p) {
-    EXPECT_EQ(3, At(plain, p, 0));
-    // The first pixel of 17 is the lead-in through the table; 16 remain.
-    EXPECT_EQ(p == 0 ? 3 : 4, At(vector, p, 1)) << p;
-    EXPECT_EQ(28, At(vector, p, 3));
   }
 }
 
@@ -270,24 +235,6 @@ TEST(ToneStages, EveryThreadCountThroughTheProcessor) {
                                      });
       },
       kWide, kHigh, source);
-}
-
-TEST(AlphaSuperContrast, StretchesTheMatteAndKeepsColour) {
-  kvo::KVLookupTables tables;
-  const std::vector<unsigned char> ramp = GreyRamp();
-  for (unsigned int threads : {1u, 2u, 3u}) {
-    kvtest::ScopedCoreCount cores(threads);
-    GuardedImage src(16, 16), dst(16, 16);
-    src.fill(ramp);
-    KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
-    ASSERT_EQ(0, keyer.SetAlphaSuperContrast(0.1, 0.9));
-    ASSERT_EQ(0, keyer.Render());
-    // Alpha only, so always the table: level 28 gives 3, not 4.
-    EXPECT_EQ(kvtest::ExpectedBytes(ramp, std::vector<bool>(256), [](unsigned int ch) { return ch == 3; },
-                                    [](int x, unsigned int, bool) { return SuperContrastTable(x, 25, 229); }),
-              dst.contents());
-    EXPECT_EQ(3, dst.at(12, 1, 3));
-  }
 }
 
 }  // namespace
