@@ -138,23 +138,6 @@ TEST(BlendPixel, EveryModeAtOpacity0_128_255_256) {
   }
 }
 
-TEST(BlendPixel, UnknownModesBehaveAsNormal) {
-  KVLookupTables t;
-  const int unknown[] = {14, 15, 200, -1, std::numeric_limits<int>::min()};
-  for (int mode : unknown) {
-    for (int bottom = 0; bottom < 256; bottom += 17) {
-      for (int top = 0; top < 256; top += 15) {
-        for (int opacity : {0, 1, 128, 255, 256}) {
-          ASSERT_EQ(BlendPixel(bottom, top, kBlendNormal, opacity, t),
-                    BlendPixel(bottom, top, KVBlendMode(mode), opacity, t))
-              << mode;
-        }
-      }
-    }
-  }
-  EXPECT_EQ(150, BlendPixel(100, 200, KVBlendMode(14), 128, t));
-}
-
 TEST(BlendPixel, TableModesUseTheLowBytesOfOutOfRangeValues) {
   KVLookupTables t;
   // 356 & 255 = 100 and 456 & 255 = 200: multiply gives 78, weighted against

@@ -52,18 +52,6 @@ bool SamePixel(const Bytes& a, const Bytes& b, size_t p) {
   return true;
 }
 
-TEST(DepthOfField, ZeroAmountOrRadiusIsTheIdentity) {
-  const Bytes pixels = PatternBytes(kW * kH * 4, 1);
-  Focus f = Radial();
-  f.amount = 0.0;
-  EXPECT_EQ(pixels, RenderStage(DepthOfField(f), pixels, kW, kH));
-  f.amount = kNaN;  // passes the checks, acts as 0
-  EXPECT_EQ(pixels, RenderStage(DepthOfField(f), pixels, kW, kH));
-  f = Radial();
-  f.radius = 0;
-  EXPECT_EQ(pixels, RenderStage(DepthOfField(f), pixels, kW, kH));
-}
-
 TEST(DepthOfField, RadialSharpInsideTheFocusDiscFullBlurBeyondTheTransition) {
   const Bytes pixels = PatternBytes(kW * kH * 4, 2);
   const Focus f = Radial();

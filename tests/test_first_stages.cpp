@@ -233,70 +233,24 @@ TEST(MatteViewStage, ShowsAlphaInEitherChannelOrder) {
   EXPECT_TRUE(argbOut.guardsIntact());
 }
 
-namespace {
-
-// One stage of every kind with the bytes it must write over `threads` threads.
-struct StageCase {
-  const char* name;
-  std::function<AbstractRenderer*()> make;
-  std::function<std::vector<unsigned char>(const std::vector<unsigned char>&, const std::vector<unsigned char>&,
-                                           unsigned int)>
-      expected;  // (source bytes, destination bytes before, threads)
-};
-
-std::vector<StageCase> StageCases() {
-  return {
-      {"opacity plain", [] { return new OpacityRenderer(0.5, kPlainPath); },
-       [](const std::vector<unsigned char>& in, const std::vector<unsigned char>&, unsigned int threads) {
-         return ExpectedOpacity(in, threads, false, kHalfPlain, kHalfVector);
-       }},
-      {"opacity vector", [] { return new OpacityRenderer(0.5, kVectorPath); },
-       [](const std::vector<unsigned char>& in, const std::vector<unsigned char>&, unsigned int threads) {
-         return ExpectedOpacity(in, threads, true, kHalfPlain, kHalfVector);
-       }},
-      {"silhouette", [] { return new SilhouetteRenderer(kColour); },
-       [](const std::vector<unsigned char>& in, const std::vector<unsigned char>&, unsigned int) {
-         return ExpectedSilhouette(in, kColour);
-       }},
-      {"matte view", [] { return new MatteViewRenderer(); },
-       [](const std::vector<unsigned char>& in, const std::vector<unsigned char>&, unsigned int) {
-         return ExpectedMatte(in, false);
-       }},
-      {"mirror", [] { return new MirrorRenderer(true, true); },
-       [](const std::vector<unsigned char>&, const std::vector<unsigned char>& before, unsigned int) {
-         return before;
-       }},
-  };
-}
-
-}  // namespace
-
-TEST(FirstStages, DestinationSmallerOrLargerThanTheSource) {
-  // The images are exactly the size of their pixels, so the address
-  // sanitizer sees any access past either one; guarded copies check the
-  // ordinary build too.
-  const unsigned int sizes[][4] = {{8, 8, 4, 2}, {2, 2, 8, 8}, {8, 1, 1, 8}, {16, 4, 15, 4}};
-  for (const StageCase& stage : StageCases()) {
-    for (const auto& size : sizes) {
-      for (unsigned int threads : {1u, 2u, 3u, 5u, 8u}) {
-        KVImage8 source(size[0], size[1], kPixelOrderBGRA, true);
-        KVImage8 destination(size[2], size[3], kPixelOrderBGRA, true);
-        GuardedImage guarded(size[2], size[3], 1);
-        std::unique_ptr<AbstractRenderer> renderer(stage.make());
-        RenderAllShares(*renderer, &source, &destination, threads);
-        RenderAllShares(*renderer, &source, guarded.image(), threads);
-        EXPECT_TRUE(guarded.guardsIntact()) << stage.name << " " << size[0] << "x" << size[1] << " into "
-                                            << size[2] << "x" << size[3] << " on " << threads;
-      }
+// The opacity path follows each thread's share: 48 x 3 = 144 pixels gives
+// shares of 144, 72, 48, 36, 29 ... 9 pixels, so the vector path covers some
+// counts (1, 3, 9) and not others; 37 x 5 = 185 gives shares of 16 on the
+// twelve-thread render.
+TEST(OpacityStage, EachThreadsShareChoosesItsPathAtEveryThreadCount) {
+  for (const auto& size : {std::make_pair(48u, 3u), std::make_pair(37u, 5u)}) {
+    const std::vector<unsigned char> in = kvtest::PatternBytes(static_cast<size_t>(size.first) * size.second * 4, 9);
+    for (unsigned int threads = 1; threads <= 16; ++threads) {
+      ScopedCoreCount cores(threads);
+      GuardedImage source(size.first, size.second), destination(size.first, size.second, threads % 2);
+      source.fill(in);
+      KVImageProcessor processor(source.image(), destination.image(), kvtest::SharedTables(), kDownsampleNone);
+      ASSERT_EQ(0, processor.SetSilhouette(kColour));
+      ASSERT_EQ(0, processor.SetOpacity(0.5));
+      EXPECT_EQ(0, processor.Render());
+      EXPECT_EQ(ExpectedOpacity(ExpectedSilhouette(in, kColour), threads, true, kHalfPlain, kHalfVector),
+                destination.contents()) << size.first << "x" << size.second << " on " << threads;
     }
   }
-  // The processor does not compare the two images either.
-  ScopedCoreCount cores(3);
-  KVImage8 source(8, 8, kPixelOrderBGRA, true);
-  GuardedImage destination(4, 2);
-  KVImageProcessor processor(&source, destination.image(), kvtest::SharedTables(), kDownsampleNone);
-  ASSERT_EQ(0, processor.SetOpacity(0.5));
-  EXPECT_EQ(0, processor.Render());
-  EXPECT_TRUE(destination.guardsIntact());
 }
 

@@ -92,16 +92,6 @@ Setter SoftFocus(KVBlendMode mode, unsigned int radius, double amount, const KVR
 // (90 + 360 + 180) / 4 = 157.
 const std::vector<int> kRow = {0, 90, 180};
 
-TEST(Defocus, AmountZeroGivesTheBlurredColourAndBlursItsInputInPlace) {
-  const unsigned int width = 11, height = 6;
-  const Bytes pixels = PatternBytes(width * height * 4, 501);
-  const Bytes blurred = kvtest::ReferenceStackBlur(pixels, width, height, 3, kvtest::kColourChannels);
-  const FocusRun run = RunFocus(Defocus(3, 0.0), pixels, width, height, 3);
-  EXPECT_EQ(blurred, run.output);  // alpha is the source's
-  // Queued first, the stage's input is the host's source.
-  EXPECT_EQ(blurred, run.sourceAfter);
-}
-
 TEST(Defocus, GainCurveEndPoints) {
   // Radius 0 blurs nothing, so each pixel meets the curve directly:
   // trunc(v / 255 / (1 - a) * 255). At 0.8 everything from 51 saturates.

@@ -160,20 +160,6 @@ TEST(WhiteErode, TrailingAndLeadingWindows) {
             AlphasOf(Erode(row, 6, 1, static_cast<KVWhiteErodeDirection>(7), 1)));
 }
 
-TEST(WhiteErode, SizeZero) {
-  const std::vector<unsigned char> row = RowOfAlphas({10, 20, 0, 40, 50});
-  EXPECT_EQ(row, Erode(row, 5, 1, kWhiteErodeAll, 0));
-  EXPECT_EQ(row, Erode(row, 5, 1, kWhiteErodeRightward, 0));
-  EXPECT_EQ((std::vector<unsigned char>{O, 20, 0, 40, 50}), AlphasOf(Erode(row, 5, 1, kWhiteErodeLeftward, 0)));
-  // A negative size given to the stage directly acts as 0.
-  GuardedImage src(5, 1), dst(5, 1);
-  src.fill(row);
-  WhiteErodeRenderer stage(kWhiteErodeAll, -3);
-  stage.Setup(src.image());
-  stage.Render(src.image(), dst.image(), 0, 1);
-  EXPECT_EQ(row, dst.contents());
-}
-
 TEST(WhiteErode, OtherDirectionsErodeRowsOnly) {
   // A 0 in row 0 does not spread down the column.
   std::vector<unsigned char> bytes(3 * 3 * 4, O);
