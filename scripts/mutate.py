@@ -12,6 +12,12 @@ the same mutants are drawn before and after the tests change.
 
 Runs by hand (it takes a while), not in CI:
     scripts/mutate.py /path/to/build [--count 48] [--seed 1124] [--timeout 120]
+
+--second-suite BUILD runs a second build's suite against the same mutated
+library (its tests find the library through LD_LIBRARY_PATH, which their
+RUNPATH lets win), so one rebuild per mutant scores two versions of the
+tests, say before and after a rewrite, on the same sample. --only picks
+sample numbers (1-based) to run again, say after a test was added.
 """
 import argparse
 import os
@@ -160,10 +166,10 @@ def draw(sites, count, seed):
     return chosen
 
 
-def run(command, cwd, timeout=None):
+def run(command, cwd, timeout=None, env=None):
     try:
         done = subprocess.run(command, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                              timeout=timeout, text=True, errors="replace")
+                              timeout=timeout, text=True, errors="replace", env=env)
         return done.returncode, done.stdout
     except subprocess.TimeoutExpired as expired:
         return None, (expired.stdout or "") if isinstance(expired.stdout, str) else ""
@@ -187,6 +193,8 @@ def main():
     parser.add_argument("--timeout", type=int, default=120, help="seconds per test; a timeout kills the mutant")
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--list", action="store_true", help="only print the drawn sites")
+    parser.add_argument("--second-suite", help="another build directory whose suite also runs on each mutant")
+    parser.add_argument("--only", help="comma-separated sample numbers (1-based) to run")
     args = parser.parse_args()
 
     src_root = os.path.abspath(args.src)
@@ -201,18 +209,27 @@ def main():
 
     ctest = ["ctest", "-j", str(args.jobs), "--timeout", str(args.timeout), "--stop-on-failure",
              "--output-on-failure"]
+    suites = [("", build, None)]
+    if args.second_suite:
+        env = dict(os.environ, LD_LIBRARY_PATH=build)
+        suites.append(("second ", os.path.abspath(args.second_suite), env))
     code, output = run(["ninja", "-j", str(args.jobs)], build)
     if code != 0:
         print(output)
         sys.exit("the unmutated tree does not build")
-    code, output = run(ctest, build)
-    if code != 0:
-        print(output[-3000:])
-        sys.exit("the unmutated suite fails; a score would mean nothing")
+    for name, directory, env in suites:
+        code, output = run(ctest, directory, env=env)
+        if code != 0:
+            print(output[-3000:])
+            sys.exit(f"the unmutated {name}suite fails; a score would mean nothing")
 
-    killed = survived = broken = 0
-    survivors = []
-    for index, (kind, path, number, start, end, replacement) in enumerate(sample, 1):
+    chosen = range(1, len(sample) + 1)
+    if args.only:
+        chosen = [int(n) for n in args.only.split(",")]
+    tallies = [{"killed": 0, "survived": 0, "survivors": []} for _ in suites]
+    broken = 0
+    for index in chosen:
+        kind, path, number, start, end, replacement = sample[index - 1]
         file = os.path.join(src_root, path)
         with open(file, encoding="utf-8") as handle:
             original = handle.read()
@@ -221,34 +238,37 @@ def main():
         lines[number] = before[:start] + replacement + before[end:]
         label = f"[{index:2}/{len(sample)}] {path}:{number + 1} {kind}: {before[start:end].strip()} -> {replacement.strip()}"
         began = time.time()
+        verdicts = []
         try:
             with open(file, "w", encoding="utf-8") as handle:
                 handle.write("\n".join(lines))
             code, output = run(["ninja", "-j", str(args.jobs)], build)
             if code != 0:
-                verdict = "did-not-compile"
+                verdicts.append("did-not-compile")
                 broken += 1
             else:
-                code, output = run(ctest, build)
-                if code == 0:
-                    verdict = "SURVIVED"
-                    survived += 1
-                    survivors.append(f"{path}:{number + 1}: {before.strip()}  =>  {lines[number].strip()}")
-                else:
-                    verdict = "killed " + first_failure(output)
-                    killed += 1
+                for (name, directory, env), tally in zip(suites, tallies):
+                    code, output = run(ctest, directory, env=env)
+                    if code == 0:
+                        verdicts.append(name + "SURVIVED")
+                        tally["survived"] += 1
+                        tally["survivors"].append(f"[{index}] {path}:{number + 1}: {before.strip()}  =>  {lines[number].strip()}")
+                    else:
+                        verdicts.append(name + "killed by " + first_failure(output))
+                        tally["killed"] += 1
         finally:
             with open(file, "w", encoding="utf-8") as handle:
                 handle.write(original)
-        print(f"{label}: {verdict} ({time.time() - began:.0f} s)", flush=True)
+        print(f"{label}: {'; '.join(verdicts)} ({time.time() - began:.0f} s)", flush=True)
 
     run(["ninja", "-j", str(args.jobs)], build)
-    counted = killed + survived
-    score = killed / counted if counted else 0.0
-    print(f"\nscore: {killed} killed / {counted} counted = {score:.1%} "
-          f"({survived} survived, {broken} did not compile)")
-    for line in survivors:
-        print("survivor: " + line)
+    for (name, directory, env), tally in zip(suites, tallies):
+        counted = tally["killed"] + tally["survived"]
+        score = tally["killed"] / counted if counted else 0.0
+        print(f"\n{name}suite ({directory}): {tally['killed']} killed / {counted} counted = {score:.1%} "
+              f"({tally['survived']} survived, {broken} did not compile)")
+        for line in tally["survivors"]:
+            print("survivor: " + line)
     return 0
 
 
