@@ -130,4 +130,17 @@ TEST(BoundedStackBlur, FeatherRampsInsideInnerEdges) {
   }
 }
 
+// A stage set up on one size leaves images of another size alone (a host
+// may drive it directly).
+TEST(BoundedStackBlur, ImagesOfAnotherSizeThanTheSetupAreLeftAlone) {
+  GuardedImage setup(8, 6), source(8, 5), destination(8, 5);
+  source.fill(PatternBytes(source.bytes(), 3));
+  const Bytes before = destination.contents();
+  BoundedStackBlurRenderer stage(2, true, true, kChannelsAll, KVRect(KVPoint2(0, 0), 8, 6), 0.0);
+  stage.Setup(setup.image());
+  EXPECT_EQ(0, stage.Render(source.image(), destination.image(), 0, 1));
+  EXPECT_EQ(before, destination.contents());
+  EXPECT_TRUE(destination.guardsIntact());
+}
+
 }  // namespace

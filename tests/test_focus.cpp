@@ -192,6 +192,29 @@ TEST(SoftFocus, HandComputedComposite) {
   ExpectGreyRow({77, 77, 77}, 0, Focus(SoftFocus(kBlendNormal, 1, 1.0, all), GreyRow(kRow, 0), 3, 1, 1, clear));
 }
 
+TEST(FocusStages, DrivenDirectly) {
+  const KVRect all(KVPoint2(0, 0), 4, 4);
+  DefocusRenderer defocus(1, 0.5, 0.0, kDownsampleNone, kvtest::SharedTables());
+  DiffuseRenderer diffuse(1, 0.5, 0.0, kDownsampleNone, kvtest::SharedTables());
+  SharpenRenderer sharpen(1, 0.5, 0.0, 0.0, kDownsampleNone, kvtest::SharedTables());
+  SoftFocusRenderer softFocus(kBlendNormal, 1, 0.5, all, 0.0, kDownsampleNone, kvtest::SharedTables());
+  AbstractRenderer* stages[] = {&defocus, &diffuse, &sharpen, &softFocus};
+  GuardedImage source(4, 4), target(4, 4), larger(5, 4);
+  source.fill(PatternBytes(4 * 4 * 4, 506));
+  for (AbstractRenderer* stage : stages) EXPECT_EQ(1u, stage->Type());
+  // Before any Setup the stages that read a blurred copy write nothing.
+  for (AbstractRenderer* stage : {stages[1], stages[2], stages[3]}) {
+    EXPECT_EQ(0, stage->Render(source.image(), target.image(), 0, 1));
+    EXPECT_EQ(Bytes(target.bytes(), 0), target.contents());
+  }
+  // After a Setup on a smaller image, a larger destination is written only
+  // as far as the blurred copy reaches.
+  diffuse.Setup(source.image());
+  EXPECT_EQ(0, diffuse.Render(source.image(), larger.image(), 0, 1));
+  EXPECT_TRUE(larger.guardsIntact());
+  EXPECT_EQ(Bytes(4 * 4, 0), Bytes(larger.pixels() + 4 * 4 * 4, larger.pixels() + larger.bytes()));
+}
+
 TEST(FocusStagesDeathTest, AssertionTexts) {
   GuardedImage argb(4, 4, 0, kPixelOrderARGB), target(4, 4, 0, kPixelOrderARGB);
   const KVRect all(KVPoint2(0, 0), 4, 4);

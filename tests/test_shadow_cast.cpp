@@ -91,6 +91,31 @@ TEST(ShadowCast, TranslatedRectangleLiesUnderTheTranslatedAlpha) {
   }
 }
 
+// A floor shadow of a standing rectangle: the top edge thrown back and
+// widened. The shadow stays within the quadrilateral's bounding box, and with
+// the fade it is strongest at the contact edge.
+TEST(ShadowCast, PerspectiveShadowStaysWithinTheQuadrilateral) {
+  const unsigned int width = 60, height = 40;
+  Bytes layer(width * height * 4, 255);
+  const KVRect bounds(KVPoint2(20, 5), 20, 30);
+  const KVQuad floor(KVPoint2F(30, 28), KVPoint2F(58, 28), KVPoint2F(20, 35), KVPoint2F(40, 35));
+  const std::vector<int> alpha =
+      ShadowAlpha(width, height, layer, width, height, Shadow{bounds, floor, 0, 1.0, kBlendNormal, true});
+  int contact = 0, far = 0;
+  for (unsigned int y = 0; y < height; ++y) {
+    for (unsigned int x = 0; x < width; ++x) {
+      const int a = alpha[y * width + x];
+      if (a == 0) continue;
+      EXPECT_TRUE(x >= 19 && x <= 58 && y >= 27 && y <= 35) << x << "," << y;
+      if (y == 34) contact = std::max(contact, a);
+      if (y == 28) far = std::max(far, a);
+    }
+  }
+  EXPECT_GT(contact, 200);
+  EXPECT_GT(far, 0);
+  EXPECT_LT(far, contact / 4);
+}
+
 TEST(ShadowCast, DegenerateQuadrilateralsAndEmptyBoundsCastNothing) {
   const unsigned int width = 12, height = 10;
   const Bytes background = PatternBytes(width * height * 4, 3), layer = LayerBytes(width, height, 4);
@@ -153,6 +178,25 @@ TEST(ShadowCast, LaysTheColourWithBlendPixel) {
             << "mode " << mode << " amount " << amount << " offset " << offset;
       }
     }
+  }
+}
+
+// Bounds inside the layer: only their alpha is sampled, whatever the shares.
+TEST(ShadowCast, BoundsInsideTheLayerCastTheSameAtEveryThreadCount) {
+  const unsigned int width = 23, height = 11;
+  const Bytes background = PatternBytes(width * height * 4, 12), layer = LayerBytes(width, height, 13);
+  const Shadow shadow = {KVRect(KVPoint2(1, 0), 20, 11),
+                         KVQuad(KVPoint2F(8, 5), KVPoint2F(22, 6), KVPoint2F(0, 11), KVPoint2F(21, 11)),
+                         3,
+                         0.8,
+                         kBlendMultiply,
+                         true};
+  ScopedCoreCount one(1);
+  const Bytes expected = Cast(background, width, height, layer, width, height, shadow);
+  ASSERT_NE(background, expected);
+  for (unsigned int threads = 2; threads <= 16; ++threads) {
+    ScopedCoreCount cores(threads);
+    ASSERT_EQ(expected, Cast(background, width, height, layer, width, height, shadow)) << threads << " threads";
   }
 }
 

@@ -88,6 +88,24 @@ TEST(ThreadShares, SharesTileTheImageForEveryThreadCount) {
   }
 }
 
+TEST(CPUExtensions, FirstThreeAlwaysSetAndSse3FromCpuid) {
+  unsigned int eax = 0, ebx = 0, ecx = 0, edx = 0;
+  ASSERT_TRUE(__get_cpuid(1, &eax, &ebx, &ecx, &edx));
+  const bool sse3 = (ecx & bit_SSE3) != 0;
+
+  kvtl::CPUExtensions cleared = {false, false, false, false};
+  kvtl::GetCPUExtensions(cleared);
+  EXPECT_TRUE(cleared.mmx);
+  EXPECT_TRUE(cleared.sse);
+  EXPECT_TRUE(cleared.sse2);
+  EXPECT_EQ(sse3, cleared.sse3);
+
+  kvtl::CPUExtensions preset = {false, false, false, true};
+  kvtl::GetCPUExtensions(preset);
+  EXPECT_TRUE(preset.mmx && preset.sse && preset.sse2);
+  EXPECT_EQ(sse3, preset.sse3);
+}
+
 TEST(CPUExtensions, WiderExtensionLimitLowersTheSupportedSet) {
   const kvtl::WiderExtension supported = kvtl::GetSupportedWiderExtension();
   EXPECT_EQ(supported, kvtl::GetWiderExtension());

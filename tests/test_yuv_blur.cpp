@@ -191,6 +191,19 @@ TEST(YUVBlur, BoxBlursFollowTheirWalksForEveryShareLayout) {
   }
 }
 
+// The stack type blurs U and V with the stack blur and keeps Y and alpha.
+TEST(YUVBlur, StackTypeBlursChromaOnly) {
+  const unsigned int width = 15, height = 9, radius = 2;
+  const Bytes pixels = PatternBytes(width * height * 4, 51);
+  const bool chroma[4] = {true, true, false, false};
+  const Bytes expected = FromYUV(kvtest::ReferenceStackBlur(ToYUV(pixels), width, height, radius, chroma));
+  for (unsigned int threads = 1; threads <= 16; ++threads) {
+    EXPECT_EQ(expected, ProcessorYUVBlur(pixels, width, height, radius, 3, threads)) << threads;
+  }
+  const Bytes out = ProcessorYUVBlur(pixels, width, height, radius, 3, 2);
+  for (size_t i = 3; i < out.size(); i += 4) ASSERT_EQ(pixels[i], out[i]);
+}
+
 TEST(YUVBlur, BoxWindowsOfMoreThanFourMillionPixels) {
   // A row of 8.5 million pixels and a window over all of it: every pixel gets
   // the mean of the row, whose sum passes 2^31.
