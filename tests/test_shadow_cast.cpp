@@ -230,3 +230,19 @@ TEST(ShadowCast, RadiusBlursTheShadowAlphaWithTheStackBlur) {
     }
   }
 }
+
+// A stage set up on one background leaves a background of another size alone
+// (a host may drive it directly).
+TEST(ShadowCastStage, ABackgroundOfAnotherSizeThanTheSetupIsLeftAlone) {
+  GuardedImage setup(4, 3), background(5, 3), layer(4, 3);
+  layer.fill(Bytes(layer.bytes(), 255));
+  background.fill(PatternBytes(background.bytes(), 6));
+  const Bytes before = background.contents();
+  const KVRect bounds(KVPoint2(0, 0), 4, 3);
+  ShadowCastCompositor stage(layer.image(), bounds, Translated(bounds, 0, 0), 0, 1.0, kShadowColour, kBlendNormal,
+                             false, kDownsampleNone, SharedTables(), kvtest::kPlainPath);
+  stage.Setup(setup.image());
+  EXPECT_EQ(0, stage.Render(background.image(), 0, 1));
+  EXPECT_EQ(before, background.contents());
+  EXPECT_TRUE(background.guardsIntact());
+}
