@@ -133,14 +133,16 @@ TEST(BoundedStackBlur, FeatherRampsInsideInnerEdges) {
 // A stage set up on one size leaves images of another size alone (a host
 // may drive it directly).
 TEST(BoundedStackBlur, ImagesOfAnotherSizeThanTheSetupAreLeftAlone) {
-  GuardedImage setup(8, 6), source(8, 5), destination(8, 5);
+  GuardedImage setup(8, 6), source(8, 7), destination(8, 6);
+  setup.fill(PatternBytes(setup.bytes(), 2));
   source.fill(PatternBytes(source.bytes(), 3));
   const Bytes before = destination.contents();
   BoundedStackBlurRenderer stage(2, true, true, kChannelsAll, KVRect(KVPoint2(0, 0), 8, 6), 0.0);
   stage.Setup(setup.image());
-  EXPECT_EQ(0, stage.Render(source.image(), destination.image(), 0, 1));
+  EXPECT_EQ(0, stage.Render(source.image(), destination.image(), 0, 1));  // the source is taller
+  EXPECT_EQ(0, stage.Render(destination.image(), source.image(), 0, 1));  // the destination is
   EXPECT_EQ(before, destination.contents());
-  EXPECT_TRUE(destination.guardsIntact());
+  EXPECT_TRUE(destination.guardsIntact() && source.guardsIntact());
 }
 
 }  // namespace

@@ -154,6 +154,7 @@ TEST(Spill, AdvancedCalledOnAStageBuiltForAnotherMethod) {
     ReferenceSpill(input, expected, channel, kSpillAdvanced, 0.0, 0.7, -1.3, 0.4, 0.85);
     EXPECT_EQ(expected, tabulated.contents());
     EXPECT_EQ(expected, computed.contents());
+    EXPECT_TRUE(computed.guardsIntact() && tabulated.guardsIntact());
   }
 }
 
