@@ -61,3 +61,5 @@ for threads in 1 2 7 64; do
   KVIMAGE_TEST_THREADS=$threads run_tests clang-tsan
 done
 echo "== all suites passed"
+# How the tests weigh against the code they test.
+python3 "$root/scripts/line-balance.py" "$root"

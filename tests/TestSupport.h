@@ -36,11 +36,6 @@ const bool kUnderThreadSanitizer = true;
 #else
 const bool kUnderThreadSanitizer = false;
 #endif
-#if defined(__SANITIZE_ADDRESS__) || KVTEST_HAS_FEATURE(address_sanitizer)
-const bool kSanitized = true;
-#else
-const bool kSanitized = kUnderThreadSanitizer;
-#endif
 
 // The core count the whole suite runs with outside ScopedCoreCount: 0 (the
 // detected count) unless KVIMAGE_TEST_THREADS names one (see test_main.cc).
@@ -276,6 +271,61 @@ inline Bytes RenderPixel(const StageSetter& set, const Bytes& pixel,
                          kvo::image::KVPixelChannelOrder order = kvo::image::kPixelOrderBGRA) {
   return RenderStage(set, pixel, 1, 1, 1, 0, order);
 }
+
+// One front end of a catalogue row's kind over guarded images (a
+// compositor's layer parameters get a layer of the background's size),
+// queueing setters by name. Render starts from the same images every time:
+// a compositor works on its background in place.
+class Front {
+  GuardedImage m_source, m_destination, m_layer;  // outlive the front end
+
+ public:
+  explicit Front(kvo::image::KVFrontEnd frontEnd, unsigned int width = 7, unsigned int height = 5, size_t offset = 0,
+                 kvo::image::KVPixelChannelOrder order = kvo::image::kPixelOrderBGRA,
+                 kvo::image::KVAbstractImage* deep = nullptr)
+      : m_source(width, height, offset, order), m_destination(width, height, offset, order),
+        m_layer(width, height, offset, order) {
+    using namespace kvo::image;
+    m_source.fill(PatternBytes(m_source.bytes(), 8));
+    m_layer.fill(PatternBytes(m_layer.bytes(), 4));
+    KVAbstractImage *source = deep ? deep : m_source.image(), *destination = deep ? deep : m_destination.image();
+    layers[0] = layers[1] = deep ? deep : m_layer.image();
+    if (frontEnd == kFrontEndProcessor) processor.reset(new KVImageProcessor(source, destination, SharedTables(), kDownsampleNone));
+    if (frontEnd == kFrontEndKeyer) keyer.reset(new KVImageKeyer(source, destination, SharedTables(), kDownsampleNone));
+    if (frontEnd == kFrontEndCompositor) compositor.reset(new KVImageCompositor(source, 1.0, SharedTables(), kDownsampleNone));
+  }
+  int Queue(const char* name, const std::vector<double>& values, unsigned int layerCount = 1) {
+    const unsigned int count = static_cast<unsigned int>(values.size());
+    return processor ? QueueSetter(*processor, name, values.data(), count)
+           : keyer   ? QueueSetter(*keyer, name, values.data(), count)
+                     : QueueSetter(*compositor, name, values.data(), count, layers, layerCount);
+  }
+  unsigned short Queued() const {
+    return processor ? processor->RenderQueueCount() : keyer ? keyer->RenderQueueCount() : compositor->RenderQueueCount();
+  }
+  int RenderCode() { return processor ? processor->Render() : keyer ? keyer->Render() : compositor->Render(); }
+  // The destination's bytes, or the composited background's; checks that the
+  // render succeeds, the guards survive and the inputs are left untouched.
+  std::vector<unsigned char> Render(bool sourceKept = true) {
+    const std::vector<unsigned char> source = m_source.contents(), destination = m_destination.contents(),
+                                     layer = m_layer.contents();
+    EXPECT_EQ(RenderCode(), 0);
+    const std::vector<unsigned char> bytes = compositor ? m_source.contents() : m_destination.contents();
+    EXPECT_TRUE(m_source.guardsIntact() && m_destination.guardsIntact() && m_layer.guardsIntact());
+    EXPECT_TRUE(compositor || !sourceKept || m_source.contents() == source) << "the source changed";
+    EXPECT_TRUE(m_layer.contents() == layer) << "the layer changed";
+    m_source.fill(source);
+    m_destination.fill(destination);
+    return bytes;
+  }
+
+  void NewSourceContent(uint32_t seed) { m_source.fill(PatternBytes(m_source.bytes(), seed)); }
+
+  kvo::image::KVAbstractImage* layers[2];
+  std::unique_ptr<kvo::image::KVImageProcessor> processor;
+  std::unique_ptr<kvo::image::KVImageKeyer> keyer;
+  std::unique_ptr<kvo::image::KVImageCompositor> compositor;
+};
 
 }  // namespace kvtest
 

@@ -40,19 +40,6 @@ const KVPixel8_RGB kBlack = {0, 0, 0};
 // Bleach bypass
 // ---------------------------------------------------------------------------
 
-TEST(BleachBypass, ZeroStrengthIsTheIdentity) {
-  const Bytes pixels = PatternBytes(29 * 13 * 4, 3);
-  EXPECT_EQ(pixels, RenderStage(Bleach(0.0, 0.0, 0.0), pixels, 29, 13));
-  // NaN passes the checks and acts as 0.
-  EXPECT_EQ(pixels, RenderStage(Bleach(kNaN, kNaN, kNaN), pixels, 29, 13));
-}
-
-TEST(BleachBypass, FullDesaturationGivesTheLuminance) {
-  // L = (77 * 200 + 150 * 100 + 29 * 50) >> 8 = 31850 >> 8 = 124.
-  const Bytes out = kvtest::RenderPixel(Bleach(0.0, 1.0, 0.0), {50, 100, 200, 77});
-  EXPECT_EQ((Bytes{124, 124, 124, 77}), out);
-}
-
 TEST(BleachBypass, ContrastCurveIsAnSCurveAboutMiddleGrey) {
   Bytes pixels;
   for (int v = 0; v < 256; ++v) pixels.insert(pixels.end(), {static_cast<unsigned char>(v), 0, 0, 255});
@@ -91,73 +78,9 @@ TEST(BleachBypass, ArgbImagesKeepAlphaInByteZero) {
   EXPECT_EQ((Bytes{77, 124, 124, 124}), out);
 }
 
-TEST(BleachBypass, ArgumentsOutsideZeroToOneAreRefused) {
-  GuardedImage src(4, 4), dst(4, 4);
-  KVImageProcessor p(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
-  const double bad[] = {-0.01, 1.01, -1e300};
-  for (double b : bad) {
-    EXPECT_EQ(7, p.SetBleachBypass(b, 0.5, 0.5));
-    EXPECT_EQ(7, p.SetBleachBypass(0.5, b, 0.5));
-    EXPECT_EQ(7, p.SetBleachBypass(0.5, 0.5, b));
-  }
-  EXPECT_EQ(0, p.RenderQueueCount());
-  EXPECT_EQ(0, p.SetBleachBypass(0.0, 1.0, 1.0));
-  EXPECT_EQ(0, p.SetBleachBypass(kNaN, 0.0, 0.0));
-  EXPECT_EQ(2, p.RenderQueueCount());
-}
-
-TEST(BleachBypass, EveryThreadCountGivesTheSameBytesInPlaceOrNot) {
-  const unsigned int w = 37, h = 5;
-  const Bytes pixels = PatternBytes(w * h * 4, 5);
-  const Bytes one = RenderStage(Bleach(0.8, 0.4, 0.6), pixels, w, h, 1);
-  EXPECT_NE(pixels, one);
-  for (unsigned int t = 2; t <= 16; ++t) EXPECT_EQ(one, RenderStage(Bleach(0.8, 0.4, 0.6), pixels, w, h, t, 1)) << t;
-  // A stage driven directly, in place.
-  GuardedImage image(w, h, 1);
-  image.fill(pixels);
-  BleachBypassRenderer stage(0.8, 0.4, 0.6, kvtest::SharedTables());
-  stage.Setup(image.image());
-  for (unsigned int t = 0; t < 3; ++t) stage.Render(image.image(), image.image(), static_cast<unsigned char>(t), 3);
-  EXPECT_EQ(one, image.contents());
-  EXPECT_TRUE(image.guardsIntact());
-}
-
 // ---------------------------------------------------------------------------
 // Vignette
 // ---------------------------------------------------------------------------
-
-TEST(Vignette, ZeroAmountIsTheIdentity) {
-  const Bytes pixels = PatternBytes(23 * 17 * 4, 9);
-  EXPECT_EQ(pixels, RenderStage(Vignette(kBlack, 0.0, 0.0, 0.5, 0.5, 0.0), pixels, 23, 17));
-  EXPECT_EQ(pixels, RenderStage(Vignette(kBlack, kNaN, 0.0, 0.5, 0.5, 0.0), pixels, 23, 17));
-}
-
-TEST(Vignette, SymmetricAboutTheCentreAndFallingOffTowardTheEdges) {
-  const unsigned int w = 41, h = 24;
-  const Bytes pixels = Uniform(w, h, 180, 170, 160, 200);
-  for (double roundness : {0.0, 0.4, 1.0}) {
-    const Bytes out = RenderStage(Vignette(kBlack, 0.9, 0.2, roundness, 0.7, 0.0), pixels, w, h);
-    auto at = [&](unsigned int x, unsigned int y, int c) { return out[(y * w + x) * 4 + c]; };
-    for (unsigned int y = 0; y < h; ++y) {
-      for (unsigned int x = 0; x < w; ++x) {
-        for (int c = 0; c < 4; ++c) {
-          ASSERT_EQ(at(x, y, c), at(w - 1 - x, y, c));
-          ASSERT_EQ(at(x, y, c), at(x, h - 1 - y, c));
-        }
-        ASSERT_EQ(200, at(x, y, 3));
-        // Moving away from the centre never brightens.
-        if (x > w / 2) {
-          ASSERT_LE(at(x, y, 0), at(x - 1, y, 0)) << x << "," << y;
-        }
-        if (y > h / 2) {
-          ASSERT_LE(at(x, y, 0), at(x, y - 1, 0)) << x << "," << y;
-        }
-      }
-    }
-    EXPECT_EQ(180, at(w / 2, h / 2, 0));  // inside the midpoint
-    EXPECT_LT(at(0, 0, 0), 60);
-  }
-}
 
 TEST(Vignette, FullAmountWithoutFeatherReachesTheColour) {
   const unsigned int w = 20, h = 10;
@@ -167,21 +90,6 @@ TEST(Vignette, FullAmountWithoutFeatherReachesTheColour) {
   EXPECT_EQ((Bytes{30, 20, 10, 9}), Bytes(out.begin(), out.begin() + 4));
   // Next to the centre: d = sqrt(0.05^2 + 0.1^2) < 0.5, untouched.
   EXPECT_EQ((Bytes{200, 200, 200, 9}), Bytes(out.begin() + (5 * w + 10) * 4, out.begin() + (5 * w + 11) * 4));
-}
-
-TEST(Vignette, RoundnessOneMeasuresACircle) {
-  // 40 x 20, centre (20, 10): the pixels at offsets (-9.5, -0.5) and
-  // (-0.5, -9.5) lie on one circle but not on the fitted ellipse.
-  const unsigned int w = 40, h = 20;
-  const Bytes pixels = Uniform(w, h, 200, 200, 200, 255);
-  auto pair = [&](double roundness) {
-    const Bytes out = RenderStage(Vignette(kBlack, 1.0, 0.3, roundness, 1.0, 0.0), pixels, w, h);
-    return std::make_pair(out[(9 * w + 10) * 4], out[(0 * w + 19) * 4]);
-  };
-  const auto circle = pair(1.0);
-  EXPECT_EQ(circle.first, circle.second);
-  const auto ellipse = pair(0.0);
-  EXPECT_GT(ellipse.first, ellipse.second);  // the short axis reaches its edge first
 }
 
 TEST(Vignette, HighlightsProtectBrightPixels) {
@@ -214,36 +122,6 @@ TEST(Vignette, BoundsMoveTheFrame) {
   const KVRect whole(KVPoint2(0, 0), w, h), empty(KVPoint2(5, 5), 0, 7);
   EXPECT_EQ(RenderStage(Vignette(kBlack, 0.7, 0.3, 0.5, 0.3, 0.5, whole), pixels, w, h),
             RenderStage(Vignette(kBlack, 0.7, 0.3, 0.5, 0.3, 0.5, empty), pixels, w, h));
-}
-
-TEST(Vignette, ArgumentsOutsideZeroToOneAreRefused) {
-  GuardedImage src(4, 4), dst(4, 4);
-  KVImageProcessor p(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
-  const KVRect none;
-  for (double b : {-0.5, 1.5}) {
-    EXPECT_EQ(7, p.SetVignette(kBlack, b, 0.5, 0.5, 0.5, 0.5, none));
-    EXPECT_EQ(7, p.SetVignette(kBlack, 0.5, b, 0.5, 0.5, 0.5, none));
-    EXPECT_EQ(7, p.SetVignette(kBlack, 0.5, 0.5, b, 0.5, 0.5, none));
-    EXPECT_EQ(7, p.SetVignette(kBlack, 0.5, 0.5, 0.5, b, 0.5, none));
-    EXPECT_EQ(7, p.SetVignette(kBlack, 0.5, 0.5, 0.5, 0.5, b, none));
-  }
-  EXPECT_EQ(0, p.RenderQueueCount());
-  EXPECT_EQ(0, p.SetVignette(kBlack, kNaN, kNaN, kNaN, kNaN, kNaN, none));
-  EXPECT_EQ(1, p.RenderQueueCount());
-}
-
-TEST(Vignette, EveryThreadCountGivesTheSameBytes) {
-  const unsigned int w = 19, h = 11;
-  const Bytes pixels = PatternBytes(w * h * 4, 21);
-  const KVPixel8_RGB warm = {90, 40, 10};
-  const auto set = Vignette(warm, 0.8, 0.25, 0.3, 0.6, 0.5, KVRect(KVPoint2(-3, 2), 25, 7));
-  const Bytes one = RenderStage(set, pixels, w, h, 1);
-  EXPECT_NE(pixels, one);
-  for (unsigned int t = 2; t <= 16; ++t) EXPECT_EQ(one, RenderStage(set, pixels, w, h, t, 1)) << t;
-  // Alpha copied; ARGB keeps alpha in byte 0.
-  for (size_t p = 0; p < w * h; ++p) EXPECT_EQ(pixels[p * 4 + 3], one[p * 4 + 3]);
-  const Bytes argb = RenderStage(set, pixels, w, h, 3, 0, kPixelOrderARGB);
-  for (size_t p = 0; p < w * h; ++p) EXPECT_EQ(pixels[p * 4], argb[p * 4]);
 }
 
 }  // namespace

@@ -1,7 +1,11 @@
-// The stage catalogue against the setters it describes: each row's checks
-// are the setter's and what they let through renders, QueueSetter refuses
-// what does not fit, a call by name is the direct call, and the README's
-// stage table names exactly the catalogue's setters.
+// The stage catalogue against the setters it describes, and the properties
+// every stage shares, driven by its rows: each row's checks are the setter's
+// and what they let through renders, QueueSetter refuses what does not fit, a
+// call by name is the direct call, the README's stage table names exactly the
+// catalogue's setters; and every stage gives the same bytes at any thread
+// count (where its row says so), on unaligned buffers and on its wide and
+// narrow vector paths, stays inside tiny and odd images, leaves its inputs
+// alone, skips other depths and asserts on channel orders it does not serve.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -21,52 +25,10 @@ using kvo::maths::KVRect;
 using kvtest::GuardedImage;
 typedef std::vector<double> Numbers;
 
-// A front end of the row's kind over small guarded images (a compositor's
-// layer parameter gets a layer of the background's size), queueing by name.
-// Render starts from the same images every time: some stages work in place.
-class Front {
-  GuardedImage m_source{7, 5}, m_destination{7, 5}, m_layer{7, 5};  // outlive the front end
+using kvtest::Front;
 
- public:
-  explicit Front(KVFrontEnd frontEnd) {
-    m_source.fill(kvtest::PatternBytes(m_source.bytes(), 8));
-    m_layer.fill(kvtest::PatternBytes(m_layer.bytes(), 4));
-    KVImage8 *source = m_source.image(), *destination = m_destination.image();
-    kvo::KVLookupTables& tables = kvtest::SharedTables();
-    const KVDownsampleFactor none = kDownsampleNone;
-    if (frontEnd == kFrontEndProcessor) processor.reset(new KVImageProcessor(source, destination, tables, none));
-    if (frontEnd == kFrontEndKeyer) keyer.reset(new KVImageKeyer(source, destination, tables, none));
-    if (frontEnd == kFrontEndCompositor) compositor.reset(new KVImageCompositor(source, 1.0, tables, none));
-  }
-  int Queue(const char* name, const Numbers& values, unsigned int layerCount = 1) {
-    const unsigned int count = static_cast<unsigned int>(values.size());
-    KVAbstractImage* layers[] = {layer(), layer()};
-    return processor ? QueueSetter(*processor, name, values.data(), count)
-           : keyer   ? QueueSetter(*keyer, name, values.data(), count)
-                     : QueueSetter(*compositor, name, values.data(), count, layers, layerCount);
-  }
-  unsigned short Queued() const {
-    return processor ? processor->RenderQueueCount()
-           : keyer   ? keyer->RenderQueueCount()
-                     : compositor->RenderQueueCount();
-  }
-  // The destination's bytes, or the composited background's.
-  std::vector<unsigned char> Render() {
-    const std::vector<unsigned char> source = m_source.contents(), destination = m_destination.contents();
-    EXPECT_EQ(processor ? processor->Render() : keyer ? keyer->Render() : compositor->Render(), 0);
-    const std::vector<unsigned char> bytes = compositor ? m_source.contents() : m_destination.contents();
-    EXPECT_TRUE(m_source.guardsIntact() && m_destination.guardsIntact() && m_layer.guardsIntact());
-    m_source.fill(source);
-    m_destination.fill(destination);
-    return bytes;
-  }
-  KVImage8* layer() { return m_layer.image(); }
-  void NewSourceContent(uint32_t seed) { m_source.fill(kvtest::PatternBytes(m_source.bytes(), seed)); }
-
-  std::unique_ptr<KVImageProcessor> processor;
-  std::unique_ptr<KVImageKeyer> keyer;
-  std::unique_ptr<KVImageCompositor> compositor;
-};
+// Defocus blurs its input in place; every other stage leaves it alone.
+bool KeepsItsSource(const KVSetterInfo& row) { return std::string(row.stage) != "DefocusRenderer"; }
 
 Numbers Defaults(const KVSetterInfo& row) {
   Numbers values;
@@ -127,7 +89,7 @@ TEST(Catalogue, EveryRowsChecksAreTheSettersAndWhatTheyLetThroughRenders) {
           ASSERT_EQ(front.Queue(row.name, values), c.second);
           EXPECT_EQ(front.Queued(), c.second == 0 ? 1 : 0);
           if (c.second == 0) {
-            EXPECT_EQ(front.Render(), front.Render());
+            EXPECT_EQ(front.Render(KeepsItsSource(row)), front.Render(KeepsItsSource(row)));
           }
         }
       }
@@ -167,11 +129,11 @@ TEST(Catalogue, ARenderAgainOverNewContentIsAFreshRender) {
     SCOPED_TRACE(row.name);
     Front reused(row.frontEnd), fresh(row.frontEnd);
     ASSERT_EQ(reused.Queue(row.name, Defaults(row)), 0);
-    reused.Render();
+    reused.Render(KeepsItsSource(row));
     reused.NewSourceContent(31);
     fresh.NewSourceContent(31);
     ASSERT_EQ(fresh.Queue(row.name, Defaults(row)), 0);
-    EXPECT_EQ(reused.Render(), fresh.Render());
+    EXPECT_EQ(reused.Render(KeepsItsSource(row)), fresh.Render(KeepsItsSource(row)));
   }
 }
 
@@ -191,10 +153,10 @@ TEST(Catalogue, QueueingByNameIsTheDirectCall) {
       {kFrontEndKeyer, "SetSpillSuppression", {},
        [](Front& f) { return f.keyer->SetSpillSuppression(kChannelGreen, kSpillStandard, 1, 0, -1, 0, 1); }},
       {kFrontEndCompositor, "AddLightSpillLayer", {},
-       [](Front& f) { return f.compositor->AddLightSpillLayer(f.layer(), 8, 0.5, kBlendScreen, kDownsampleNone); }},
+       [](Front& f) { return f.compositor->AddLightSpillLayer(f.layers[0], 8, 0.5, kBlendScreen, kDownsampleNone); }},
       {kFrontEndCompositor, "AddShadowCastLayer",
        {0, 0, 7, 5, 1, 1, 6, 0.5, 0, 4, 7, 4.5, 2, 0.7, 10, 20, 30, kBlendMultiply, 1, 0}, [floor](Front& f) {
-         return f.compositor->AddShadowCastLayer(f.layer(), KVRect(KVPoint2(0, 0), 7, 5), floor, 2, 0.7,
+         return f.compositor->AddShadowCastLayer(f.layers[0], KVRect(KVPoint2(0, 0), 7, 5), floor, 2, 0.7,
                                                  KVPixel8_RGB{10, 20, 30}, kBlendMultiply, true, kDownsampleNone);
        }},
   };
@@ -228,6 +190,99 @@ TEST(Catalogue, TheReadmeStageTableListsExactlyTheCataloguesSetters) {
     }
   }
   EXPECT_EQ(readme, catalogue);
+}
+
+}  // namespace
+
+namespace {
+
+// A row's numbers with every checked real inside its range but away from
+// the identity its defaults often are, and a shadow quadrilateral that
+// covers most of a 17 x 9 image.
+Numbers Lively(const KVSetterInfo& row) {
+  Numbers values;
+  for (const KVParameterInfo* p = row.parameters; p != row.parameters + row.parameterCount; ++p) {
+    const unsigned int count = NumberCount(p->type);
+    if (p->type == kParameterReal && p->check == kCheckRange) {
+      values.push_back(p->minimum + 0.37 * (p->maximum - p->minimum));
+    } else if (p->type == kParameterColour) {
+      values.insert(values.end(), {40, 90, 200});
+    } else if (p->type == kParameterQuad) {
+      values.insert(values.end(), {2, 1, 15, 0, 0, 8, 17, 9});
+    } else {
+      values.insert(values.end(), p->defaults, p->defaults + count);
+    }
+  }
+  return values;
+}
+
+struct Shape {
+  unsigned int width, height;
+  size_t offset;
+};
+
+std::vector<unsigned char> RenderRow(const KVSetterInfo& row, unsigned int threads, Shape shape = {17, 9, 0}) {
+  kvtest::ScopedCoreCount cores(threads);
+  Front front(row.frontEnd, shape.width, shape.height, shape.offset);
+  EXPECT_EQ(front.Queue(row.name, Lively(row)), 0);
+  return front.Render(KeepsItsSource(row));
+}
+
+TEST(EveryStage, ThreadCountsSizesOffsetsAndWidePathsGiveTheirBytes) {
+  for (unsigned int r = 0; r < SetterCount(); ++r) {
+    const KVSetterInfo& row = *SetterAt(r);
+    SCOPED_TRACE(row.name);
+    const std::vector<unsigned char> one = RenderRow(row, 1);
+    EXPECT_EQ(RenderRow(row, 1, {17, 9, 1}), one) << "one byte past alignment";
+    {
+      kvtest::ScopedWiderExtension narrow(kvtl::kWiderNone);
+      EXPECT_EQ(RenderRow(row, 1), one) << "without the wider instruction sets";
+      EXPECT_EQ(RenderRow(row, 3), RenderRow(row, 3, {17, 9, 1})) << "narrow, three threads";
+    }
+    for (unsigned int threads : {2u, 3u, 7u, 64u}) {
+      const std::vector<unsigned char> many = RenderRow(row, threads);
+      if (row.sameBytesAtAnyThreadCount) {
+        EXPECT_EQ(many, one) << threads << " threads";
+      }
+    }
+    // Tiny and odd images, more threads than pixels, rows or columns.
+    for (Shape shape : {Shape{1, 1, 1}, Shape{3, 1, 0}, Shape{1, 6, 1}, Shape{0, 0, 0}, Shape{33, 2, 1}}) {
+      const std::vector<unsigned char> single = RenderRow(row, 1, shape);
+      const std::vector<unsigned char> many = RenderRow(row, shape.width == 3 ? 64 : 7, shape);
+      if (row.sameBytesAtAnyThreadCount) {
+        EXPECT_EQ(many, single) << shape.width << "x" << shape.height;
+      }
+    }
+  }
+}
+
+// An image of another depth has no bytes: a stage that reaches for them
+// instead of checking the depth first crashes here.
+TEST(EveryStage, OtherDepthsAreNeverTouched) {
+  kvtest::ScopedCoreCount cores(3);
+  for (unsigned int r = 0; r < SetterCount(); ++r) {
+    const KVSetterInfo& row = *SetterAt(r);
+    if (row.requiresBGRA) continue;
+    kvtest::DeepImage deep(9, 4);
+    Front front(row.frontEnd, 9, 4, 0, kPixelOrderBGRA, &deep);
+    ASSERT_EQ(front.Queue(row.name, Lively(row)), 0) << row.name;
+    front.RenderCode();
+  }
+}
+
+// Stages that serve only blue-green-red-alpha assert on any other order;
+// the rest render it.
+TEST(EveryStageDeathTest, OnlyRowsThatRequireBlueGreenRedAlphaAssertOnOtherOrders) {
+  for (unsigned int r = 0; r < SetterCount(); ++r) {
+    const KVSetterInfo& row = *SetterAt(r);
+    Front front(row.frontEnd, 5, 2, 0, kPixelOrderARGB);
+    ASSERT_EQ(front.Queue(row.name, Lively(row)), 0) << row.name;
+    if (row.requiresBGRA) {
+      EXPECT_DEATH(front.RenderCode(), ":[0-9]+: failed assertion `") << row.name;
+    } else {
+      front.RenderCode();
+    }
+  }
 }
 
 }  // namespace

@@ -37,35 +37,6 @@ int GainVector(int x, double gain) { return Clamp8((x * static_cast<int>(256.0 *
 
 double GainOf(const Gains& g, unsigned int channel) { return channel == 0 ? g.blue : (channel == 1 ? g.green : g.red); }
 
-TEST(ColorBalance, UnitGainsLeaveEveryPixelOnBothPaths) {
-  const std::vector<unsigned char> source = kvtest::PatternBytes(33 * 4, 11);
-  for (const kvtl::CPUExtensions& ext : {kPlainPath, kVectorPath}) {
-    for (unsigned int pixels : {16u, 32u, 33u}) {
-      const std::vector<unsigned char> in(source.begin(), source.begin() + pixels * 4);
-      EXPECT_EQ(in, Balance({1.0, 1.0, 1.0}, ext, in, pixels));
-      EXPECT_EQ(in, Balance({1.0, 1.0, 1.0}, ext, in, pixels, 1, 1));
-    }
-  }
-}
-
-TEST(ColorBalance, DoubleRedNoGreenSameBlue) {
-  // Pixels (blue, green, red, alpha).
-  std::vector<unsigned char> source;
-  for (int p = 0; p < 16; ++p) {
-    const unsigned char pixel[4] = {static_cast<unsigned char>(10 * p), 200, static_cast<unsigned char>(16 * p), 77};
-    source.insert(source.end(), pixel, pixel + 4);
-  }
-  for (const kvtl::CPUExtensions& ext : {kPlainPath, kVectorPath}) {
-    const std::vector<unsigned char> out = Balance({2.0, 0.0, 1.0}, ext, source, 16);
-    for (int p = 0; p < 16; ++p) {
-      EXPECT_EQ(10 * p, out[p * 4 + 0]);
-      EXPECT_EQ(0, out[p * 4 + 1]);
-      EXPECT_EQ(std::min(255, 32 * p), out[p * 4 + 2]);
-      EXPECT_EQ(77, out[p * 4 + 3]);
-    }
-  }
-}
-
 TEST(ColorBalance, VectorPathQuantisesTheGain) {
   // Gain 0.3 is multiplier 76: 200 * 76 >> 8 = 59, while 200 * 0.3 = 60.
   const std::vector<unsigned char> source(17 * 4, 200);
@@ -92,34 +63,6 @@ TEST(ColorBalance, BothPathsOverEveryLevel) {
       ASSERT_EQ(x, vector[x * 4 + 3]);
     }
   }
-}
-
-TEST(ColorBalance, EveryThreadCountThroughTheProcessor) {
-  const unsigned int width = 64, height = 6;  // shares of 16n pixels for some counts only
-  const std::vector<unsigned char> source = kvtest::PatternBytes(width * height * 4, 12);
-  const Gains g = {0.3, 1.7, 0.55};
-  kvtest::ExpectEveryThreadCount(
-      [&](KVImageProcessor& p) { return p.SetColorBalance(g.red, g.green, g.blue); },
-      [&](unsigned int threads) {
-        return kvtest::ExpectedBytes(
-            source, kvtest::VectorPixels(width, height, threads, kvtest::Remainder::kWholeSharePlain),
-            [](unsigned int c) { return c < 3; },
-            [&](int x, unsigned int c, bool vector) {
-              return vector ? GainVector(x, GainOf(g, c)) : GainTable(x, GainOf(g, c));
-            });
-      },
-      width, height, source);
-}
-
-TEST(ColorBalance, SetterRanges) {
-  GuardedImage src(4, 4), dst(4, 4);
-  KVImageProcessor processor(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
-  EXPECT_EQ(7, processor.SetColorBalance(1.0, 2.1, 1.0));
-  EXPECT_EQ(7, processor.SetColorBalance(-0.01, 1.0, 1.0));
-  EXPECT_EQ(7, processor.SetColorBalance(1.0, 1.0, 2.01));
-  EXPECT_EQ(0, processor.RenderQueueCount());
-  EXPECT_EQ(0, processor.SetColorBalance(0.0, 2.0, std::numeric_limits<double>::quiet_NaN()));
-  EXPECT_EQ(1, processor.RenderQueueCount());
 }
 
 // Renders a 1 x 3 image of (255, 255, 255, 77), (100, 100, 100, 200) and
@@ -170,47 +113,6 @@ TEST(ColorTemperature, AlphaFirstOrderMapsRedGreenBlueAndKeepsAlpha) {
   EXPECT_EQ(Temperature(6500.0), Temperature(6500.0, static_cast<KVPixelChannelOrder>(9)));
 }
 
-class DeepImage : public KVImage8 {
- public:
-  using KVImage8::KVImage8;
-  unsigned int BitsPerChannel() const override { return 16; }
-};
-
-TEST(ColorTemperature, OtherDepthsAreSkipped) {
-  std::vector<unsigned char> in(16, 100), out(16, 7);
-  DeepImage src(in.data(), 2, 2, kPixelOrderBGRA);
-  KVImage8 dst(out.data(), 2, 2, kPixelOrderBGRA);
-  ColorTemperatureRenderer stage(3000.0);
-  RenderStage(stage, &src, &dst);
-  EXPECT_EQ(std::vector<unsigned char>(16, 7), out);
-}
-
-TEST(ColorTemperature, EveryThreadCountGivesTheSameBytes) {
-  const unsigned int width = 37, height = 5;
-  const std::vector<unsigned char> source = kvtest::PatternBytes(width * height * 4, 13);
-  GuardedImage src(width, height), dst(width, height);
-  src.fill(source);
-  ColorTemperatureRenderer stage(4200.0);
-  RenderStage(stage, src.image(), dst.image());
-  const std::vector<unsigned char> oneThread = dst.contents();
-  EXPECT_NE(source, oneThread);
-  kvtest::ExpectEveryThreadCount([](KVImageProcessor& p) { return p.SetColorTemperature(4200.0); },
-                                 [&](unsigned int) { return oneThread; }, width, height, source);
-}
-
-TEST(ColorTemperature, SetterRange) {
-  GuardedImage src(4, 4), dst(4, 4);
-  KVImageProcessor processor(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
-  EXPECT_EQ(7, processor.SetColorTemperature(1499.9));
-  EXPECT_EQ(7, processor.SetColorTemperature(13500.1));
-  EXPECT_EQ(0, processor.RenderQueueCount());
-  EXPECT_EQ(0, processor.SetColorTemperature(1500.0));
-  EXPECT_EQ(0, processor.SetColorTemperature(13500.0));
-  EXPECT_EQ(0, processor.SetColorTemperature(std::numeric_limits<double>::quiet_NaN()));
-  EXPECT_EQ(3, processor.RenderQueueCount());
-  EXPECT_EQ(0, processor.Render());
-}
-
 TEST(BlackBody, SpectrumAndChromaticity) {
   EXPECT_NEAR(1.448103995474e14, BlackBodySpectrum(6500.0, 500.0), 1e2);
   // Wien: a 5000 K body peaks near 580 nm.
@@ -230,13 +132,6 @@ TEST(BlackBody, SpectrumAndChromaticity) {
     EXPECT_NEAR(k.z, z, 1e-12);
     EXPECT_NEAR(1.0, x + y + z, 1e-15);
   }
-}
-
-TEST(ColorBalanceDeathTest, OnlyBlueGreenRedAlphaImages) {
-  GuardedImage src(4, 4, 0, kPixelOrderARGB), dst(4, 4);
-  ColorBalanceRenderer stage(1.0, 1.0, 1.0, kVectorPath);
-  EXPECT_DEATH(RenderStage(stage, src.image(), dst.image()),
-               "ColorBalanceRenderer:373: failed assertion `false && \"Not implemented\"'");
 }
 
 }  // namespace

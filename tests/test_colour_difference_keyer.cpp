@@ -5,7 +5,6 @@
 #include <cstring>
 #include <vector>
 
-#include "KeyingFrames.h"
 #include "TestSupport.h"
 
 using namespace kvo::image;
@@ -20,12 +19,6 @@ struct Px {
 void FillPixels(GuardedImage& image, const std::vector<Px>& pixels) {
   ASSERT_EQ(image.bytes(), pixels.size() * 4);
   std::memcpy(image.pixels(), pixels.data(), image.bytes());
-}
-
-std::vector<unsigned char> Alphas(GuardedImage& image) {
-  std::vector<unsigned char> alphas;
-  for (size_t i = 3; i < image.bytes(); i += 4) alphas.push_back(image.pixels()[i]);
-  return alphas;
 }
 
 // Runs the matte pass directly on one thread and returns the matte bytes and
@@ -123,39 +116,6 @@ TEST(AutoDetectKeyColor, EqualTotalsGiveGreenAndOneMoreBlueGivesBlue) {
   EXPECT_TRUE(tie.guardsIntact());
 }
 
-TEST(AutoDetectKeyColor, EmptyImageNoThreadsAndNullArgumentsGiveGreen) {
-  GuardedImage empty(0, 0);
-  EXPECT_EQ(kKeyColorGreen, Detect(empty, 4));
-  GuardedImage blue(2, 1);
-  FillPixels(blue, {{200, 0, 0, 0}, {200, 0, 0, 0}});
-  EXPECT_EQ(kKeyColorBlue, Detect(blue, 300));  // at most 255 threads
-  EXPECT_EQ(kKeyColorGreen, Detect(blue, 0));
-  EXPECT_EQ(kKeyColorGreen, Detect(blue, -3));
-  KVKeyColor result = kKeyColorBlue;
-  AutoDetectKeyColor(nullptr, 2, &result);
-  EXPECT_EQ(kKeyColorGreen, result);
-  AutoDetectKeyColor(blue.image(), 2, nullptr);  // nowhere to answer: nothing happens
-}
-
-TEST(ColorDifferenceMatte, RawDifferencesAndStatisticsPerKeyColour) {
-  GuardedImage image(5, 1);
-  FillPixels(image, kMixed);
-  MatteResult green = RunMatte(image, kKeyColorGreen, 0.0, 0.0);
-  EXPECT_EQ((std::vector<unsigned char>{30, 0, 255, 0, 1}), green.matte);
-  ExpectInfo(green.info, 3, 286, 1, 255);
-
-  MatteResult blue = RunMatte(image, kKeyColorBlue, 0.0, 0.0);
-  EXPECT_EQ((std::vector<unsigned char>{0, 0, 0, 170, 0}), blue.matte);
-  ExpectInfo(blue.info, 1, 170, 170, 170);
-
-  for (int unknown : {0, 3, -1, 1000}) {
-    MatteResult none = RunMatte(image, static_cast<KVKeyColor>(unknown), 0.0, 0.0);
-    EXPECT_EQ(std::vector<unsigned char>(5, 0), none.matte);
-    ExpectInfo(none.info, 0, 0, 255, 0);
-  }
-  EXPECT_EQ(nullptr, AutoColorDifferenceMatteProc(nullptr));
-}
-
 // Chroma softening with T = trunc(255 * 0.5) = 127. The statistics always
 // take the raw differences.
 TEST(ColorDifferenceMatte, ChromaSofteningRampAndCut) {
@@ -241,20 +201,6 @@ TEST(ColorDifferenceMatte, MatchesTheStepByStepFormOnPatterns) {
   }
 }
 
-TEST(ColorDifferenceMatte, ThreadSharesAreCutAtTheEndOfTheImage) {
-  // Two pixels over four threads: thread 2 would start at the end, thread 3
-  // past it; both must leave the matte and their statistics alone.
-  GuardedImage image(2, 1);
-  FillPixels(image, {{0, 9, 0, 0}, {0, 12, 0, 0}});
-  for (unsigned char t = 0; t < 4; ++t) {
-    MatteResult result = RunMatte(image, kKeyColorGreen, 0.0, 0.0, t, 4);
-    const unsigned char expected[4][2] = {{9, 0}, {0, 12}, {0, 0}, {0, 0}};
-    EXPECT_EQ(std::vector<unsigned char>(expected[t], expected[t] + 2), result.matte) << int(t);
-    if (t >= 2) ExpectInfo(result.info, 0, 0, 255, 0);
-  }
-  EXPECT_TRUE(image.guardsIntact());
-}
-
 TEST(ColorDifferenceKeyer, ThresholdsFollowBalance) {
   GuardedImage image(5, 1);
   FillPixels(image, kRamp);
@@ -291,91 +237,6 @@ TEST(ColorDifferenceKeyer, ExactAlphasAtBalanceZeroAndOne) {
   }
 }
 
-TEST(ColorDifferenceKeyer, ImageWithoutKeyPixelsKeepsEveryByte) {
-  const std::vector<unsigned char> input = kvtest::PatternBytes(13 * 7 * 4, 3);
-  std::vector<unsigned char> noKey = input;
-  for (size_t i = 0; i < noKey.size(); i += 4) noKey[i + 1] = std::min(noKey[i], noKey[i + 2]);  // green never leads
-  for (unsigned int threads : {1u, 4u}) {
-    EXPECT_EQ(noKey, KeyThroughKeyer(noKey, 13, 7, threads, kKeyColorGreen, 0.3, 0.2, 0.5));
-    // An unknown key colour keys nothing, whatever the picture.
-    EXPECT_EQ(input, KeyThroughKeyer(input, 13, 7, threads, static_cast<KVKeyColor>(3), 0.3, 0.2, 0.5));
-  }
-  GuardedImage image(13, 7);
-  image.fill(noKey);
-  ColorDifferenceKeyer keyer(kKeyColorGreen, 0.5, 0.0, 0.0, kvtest::SharedTables());
-  keyer.Setup(image.image());
-  EXPECT_EQ(255.0, keyer.LowThreshold());
-  EXPECT_TRUE(std::isnan(keyer.HighThreshold()));
-}
-
-TEST(ColorDifferenceKeyer, EveryThreadCountGivesTheSameBytes) {
-  const kvtest::KeyingFrame frame = kvtest::GreenScreenFrame(61, 37);
-  const std::vector<unsigned char> reference =
-      KeyThroughKeyer(frame.pixels, 61, 37, 1, kKeyColorAuto, 0.4, 0.3, 0.5);
-  EXPECT_NE(frame.pixels, reference);
-  for (unsigned int threads = 2; threads <= 16; ++threads) {
-    SCOPED_TRACE(threads);
-    EXPECT_EQ(reference, KeyThroughKeyer(frame.pixels, 61, 37, threads, kKeyColorAuto, 0.4, 0.3, 0.5, threads % 2));
-  }
-  // More threads than pixels.
-  std::vector<unsigned char> three(12);
-  std::memcpy(three.data(), kMixed.data(), 12);
-  const std::vector<unsigned char> tinyReference = KeyThroughKeyer(three, 3, 1, 1, kKeyColorGreen, 0.0, 0.0, 0.0);
-  for (unsigned int threads : {2u, 3u, 4u, 7u, 16u}) {
-    EXPECT_EQ(tinyReference, KeyThroughKeyer(three, 3, 1, threads, kKeyColorGreen, 0.0, 0.0, 0.0, 1));
-  }
-}
-
-TEST(ColorDifferenceKeyer, RendersInPlaceAndWithoutSetupKeepsAlpha) {
-  GuardedImage image(5, 1, 1);
-  FillPixels(image, kRamp);
-  const std::vector<unsigned char> input = image.contents();
-  ColorDifferenceKeyer keyer(kKeyColorGreen, 0.0, 0.0, 0.0, kvtest::SharedTables());
-  EXPECT_EQ(0, keyer.Render(image.image(), image.image(), 0, 1));
-  EXPECT_EQ(input, image.contents());
-  keyer.Setup(image.image());
-  EXPECT_EQ(0, keyer.Render(image.image(), image.image(), 1, 2));
-  EXPECT_EQ(0, keyer.Render(image.image(), image.image(), 0, 2));
-  EXPECT_EQ((std::vector<unsigned char>{100, 151, 0, 0, 77}), Alphas(image));
-  EXPECT_TRUE(image.guardsIntact());
-
-  // A bigger destination is written only where both images have pixels; a
-  // bigger source beyond the matte keeps its alpha.
-  GuardedImage big(9, 1);
-  for (size_t i = 0; i < 9; ++i) std::memcpy(&big.at(i, 0, 0), &kRamp[i % 5], 4);
-  GuardedImage out(9, 1);
-  EXPECT_EQ(0, keyer.Render(big.image(), out.image(), 0, 1));
-  EXPECT_EQ((std::vector<unsigned char>{100, 151, 0, 0, 77, 100, 200, 255, 255}), Alphas(out));
-  EXPECT_TRUE(out.guardsIntact());
-}
-
-TEST(ColorDifferenceKeyer, OtherDepthsReturnTheirCode) {
-  DeepImage source(4, 4), destination(4, 4);  // their buffers must never be touched
-  ColorDifferenceKeyer keyer(kKeyColorAuto, 0.5, 0.1, 0.1, kvtest::SharedTables());
-  keyer.Setup(&source);
-  EXPECT_EQ(16, keyer.Render(&source, &destination, 0, 1));
-}
-
-TEST(SetAutoColorDifferenceKey, ChecksEachArgumentAndQueuesNothingOnFailure) {
-  GuardedImage src(2, 2), dst(2, 2);
-  KVImageKeyer keyer(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
-  EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, 1.0000001, 0.0, 0.0));
-  EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, -0.1, 0.0, 0.0));
-  EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorGreen, 0.5, 1.5, 0.0));
-  EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorGreen, 0.5, -1e-9, 0.0));
-  EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorBlue, 0.5, 0.5, 2.0));
-  EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorBlue, 0.5, 0.5, -0.5));
-  EXPECT_EQ(7, keyer.SetAutoColorDifferenceKey(kKeyColorBlue, 2.0, std::nan(""), -0.5));
-  EXPECT_EQ(0, keyer.RenderQueueCount());
-  EXPECT_EQ(0, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, 0.0, 1.0, 1.0));
-  EXPECT_EQ(0, keyer.SetAutoColorDifferenceKey(static_cast<KVKeyColor>(9), 1.0, 0.0, 0.0));
-  // NaN passes both comparisons.
-  EXPECT_EQ(0, keyer.SetAutoColorDifferenceKey(kKeyColorGreen, std::nan(""), std::nan(""), std::nan("")));
-  EXPECT_EQ(3, keyer.RenderQueueCount());
-  EXPECT_EQ(0, keyer.Render());
-  EXPECT_TRUE(dst.guardsIntact());
-}
-
 // The key sum of a UHD frame of pure green exceeds 2^31; the mean must still
 // come out as 255.
 TEST(ColorDifferenceKeyer, MeanSurvivesSumsBeyondThirtyTwoBits) {
@@ -390,55 +251,3 @@ TEST(ColorDifferenceKeyer, MeanSurvivesSumsBeyondThirtyTwoBits) {
   EXPECT_EQ(255.0, keyer.HighThreshold());
 }
 
-// A keyer given nothing but SetAutoColorDifferenceKey on studio-like frames:
-// the backing must go, the subject must stay, and the soft outline and hair
-// must come out partly transparent.
-class RealisticFrame : public ::testing::TestWithParam<KVKeyColor> {};
-
-TEST_P(RealisticFrame, DetectsTheBackingAndKeysIt) {
-  const KVKeyColor backing = GetParam();
-  const unsigned int width = 160, height = 120;
-  const kvtest::KeyingFrame frame = kvtest::MakeKeyingFrame(backing, width, height, 7);
-  GuardedImage src(width, height), dst(width, height);
-  src.fill(frame.pixels);
-  EXPECT_EQ(backing, Detect(src, 2));
-  ColorDifferenceKeyer stage(kKeyColorAuto, 0.5, 0.2, 0.5, kvtest::SharedTables());
-  stage.Setup(src.image());
-  EXPECT_EQ(backing, stage.EffectiveKeyColor());
-
-  KVImageKeyer keyer(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
-  ASSERT_EQ(0, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, 0.5, 0.2, 0.5));
-  ASSERT_EQ(0, keyer.Render());
-  ASSERT_TRUE(dst.guardsIntact());
-
-  size_t backingPixels = 0, subjectPixels = 0, edgePixels = 0, partial = 0, hairKept = 0, hairPixels = 0;
-  for (unsigned int y = 0; y < height; ++y) {
-    for (unsigned int x = 0; x < width; ++x) {
-      const size_t i = frame.Index(x, y);
-      const unsigned char alpha = dst.at(x, y, 3);
-      const float distance = frame.outlineDistance[i];
-      if (frame.coverage[i] == 0) {
-        ++backingPixels;
-        EXPECT_EQ(0, alpha) << x << "," << y;
-      } else if (distance < -8.0f) {
-        ++subjectPixels;
-        EXPECT_EQ(255, alpha) << x << "," << y;
-      } else if (frame.coverage[i] < 255 && distance > -2.0f && distance < 2.0f) {
-        ++edgePixels;
-        if (alpha > 0 && alpha < 255) ++partial;
-      }
-      if (distance > 4.0f && frame.coverage[i] >= 100) {  // hair over the backing
-        ++hairPixels;
-        if (alpha > 0) ++hairKept;
-      }
-    }
-  }
-  EXPECT_GT(backingPixels, width * height / 3);
-  EXPECT_GT(subjectPixels, width * height / 8);
-  // Most of the soft outline is partly transparent, and some hair survives.
-  EXPECT_GT(partial * 2, edgePixels);
-  EXPECT_GT(hairPixels, 0u);
-  EXPECT_GT(hairKept * 2, hairPixels);
-}
-
-INSTANTIATE_TEST_SUITE_P(Backings, RealisticFrame, ::testing::Values(kKeyColorGreen, kKeyColorBlue));

@@ -103,28 +103,6 @@ const int kEveryMode[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 200,
 
 // ---------------------------------------------------------------- lookup tables
 
-TEST(CompositingTables, PropertiesTheBlendModesRelyOn) {
-  KVLookupTables t;
-  for (int a = 0; a < 256; ++a) {
-    const unsigned char x = static_cast<unsigned char>(a);
-    EXPECT_EQ(a, t.MultiplyBlend(x, 255));
-    EXPECT_EQ(a, t.MultiplyBlend(255, x));
-    EXPECT_EQ(a, t.ScreenBlend(x, 0));
-    EXPECT_EQ(a, t.ScreenBlend(0, x));
-    EXPECT_EQ(a, t.AlphaChannelBlend(x, 0));
-    EXPECT_EQ(a, t.AlphaBlend(x, 255));
-    for (int b = 0; b < 256; b += 5) {
-      const unsigned char y = static_cast<unsigned char>(b);
-      EXPECT_EQ(std::min(a, b), t.DarkenBlend(x, y));
-      EXPECT_EQ(std::max(a, b), t.LightenBlend(x, y));
-      EXPECT_EQ(std::abs(a - b), t.DifferenceBlend(x, y));
-    }
-  }
-  EXPECT_EQ(0.0f, t.Invert(0));
-  EXPECT_EQ(1.0f / 228.0f, t.Invert(228));
-  EXPECT_EQ(128.0f / 255.0f, t.DivideBy255(128));
-}
-
 // ---------------------------------------------------------------- BlendPixel
 
 // Top 200 over bottom 100. r is the mode's result before opacity, worked out
@@ -160,35 +138,6 @@ TEST(BlendPixel, EveryModeAtOpacity0_128_255_256) {
   }
 }
 
-TEST(BlendPixel, DocumentedExamples) {
-  KVLookupTables t;
-  EXPECT_EQ(254, BlendPixel(0, 255, kBlendNormal, 255, t));  // 255 never quite reaches the top
-  EXPECT_EQ(255, BlendPixel(100, 200, kBlendAdd, 256, t));
-  EXPECT_EQ(127, BlendPixel(255, 0, kBlendNormal, 128, t));  // 255 + (-32640 >> 8)
-  EXPECT_EQ(99, BlendPixel(10, 99, kBlendReplace, 0, t));
-  EXPECT_EQ(0, BlendPixel(255, 0, kBlendReplace, 1, t));
-  EXPECT_EQ(255, BlendPixel(100, 155, kBlendAdd, 256, t));  // a sum of exactly 256 is limited
-  EXPECT_EQ(254, BlendPixel(100, 154, kBlendAdd, 256, t));
-  EXPECT_EQ(254, BlendPixel(255, 254, kBlendNormal, 1, t));  // -1 * 1 >> 8 is -1, not 0
-}
-
-TEST(BlendPixel, UnknownModesBehaveAsNormal) {
-  KVLookupTables t;
-  const int unknown[] = {14, 15, 200, -1, std::numeric_limits<int>::min()};
-  for (int mode : unknown) {
-    for (int bottom = 0; bottom < 256; bottom += 17) {
-      for (int top = 0; top < 256; top += 15) {
-        for (int opacity : {0, 1, 128, 255, 256}) {
-          ASSERT_EQ(BlendPixel(bottom, top, kBlendNormal, opacity, t),
-                    BlendPixel(bottom, top, KVBlendMode(mode), opacity, t))
-              << mode;
-        }
-      }
-    }
-  }
-  EXPECT_EQ(150, BlendPixel(100, 200, KVBlendMode(14), 128, t));
-}
-
 TEST(BlendPixel, TableModesUseTheLowBytesOfOutOfRangeValues) {
   KVLookupTables t;
   // 356 & 255 = 100 and 456 & 255 = 200: multiply gives 78, weighted against
@@ -219,18 +168,6 @@ TEST(AddLayer, MismatchIsCheckedBeforeOpacityAndQueuesNothing) {
   EXPECT_EQ(0, compositor.Render());
   EXPECT_EQ(before, background.contents());
   EXPECT_TRUE(background.guardsIntact());
-}
-
-TEST(AddLayer, AcceptsTheRangeNaNAndAnyModeOrType) {
-  GuardedImage background(2, 2), layer(2, 2);
-  KVImageCompositor compositor(background.image(), 1.0, kvtest::SharedTables(), kDownsampleNone);
-  EXPECT_EQ(0, compositor.AddLayer(layer.image(), 0.0, kBlendNormal, kCompositeColorOnly));
-  EXPECT_EQ(0, compositor.AddLayer(layer.image(), 1.0, KVBlendMode(99), KVCompositeType(7)));
-  EXPECT_EQ(0, compositor.AddLayer(layer.image(), std::nan(""), kBlendReplace, kCompositeAlpha));
-  std::tr1::shared_ptr<KVAbstractImage> shared = CreateImage(layer.pixels(), 2, 2, kPixelOrderBGRA);
-  EXPECT_EQ(0, compositor.AddLayer(shared, 0.5, kBlendScreen, kCompositeAlphaFill));
-  EXPECT_EQ(1, shared.use_count());  // the compositor keeps no reference
-  EXPECT_EQ(4, compositor.RenderQueueCount());
 }
 
 // ---------------------------------------------------------------- colour-only path
@@ -284,16 +221,6 @@ TEST(LayerCompositorAlpha, NormalPixelByHand) {
   }
 }
 
-// The blend operand is the background weighted by its alpha, p = round(200 *
-// 128 / 255) = 100, so multiply gives round(200 * 100 / 255) = 78 where the
-// raw background would give 157. oA = 255 and k = 0: 78 * 255 / 255 = 78.
-// Replace takes the top value like normal on this path.
-TEST(LayerCompositorAlpha, BlendOperandIsAlphaWeighted) {
-  const Pixel bg = {200, 200, 200, 128}, fg = {200, 0, 255, 255};
-  EXPECT_EQ(Pixel({78, 0, 100, 255}), CompositeOnePixel(bg, fg, 1.0, kBlendMultiply, kCompositeAlpha));
-  EXPECT_EQ(Pixel({200, 0, 255, 255}), CompositeOnePixel(bg, fg, 1.0, kBlendReplace, kCompositeAlpha));
-}
-
 // At opacity 0 the colour is b * (bA / 255 * 255) * (1 / bA) in single
 // precision. For bA 41 that product lands just below the integer
 // (1 -> 0.99999994), so truncation moves such colours down by one; bA 128
@@ -303,27 +230,6 @@ TEST(LayerCompositorAlpha, ZeroOpacityUnpremultipliesInSinglePrecision) {
   EXPECT_EQ(Pixel({0, 1, 3, 41}), CompositeOnePixel({1, 2, 3, 41}, fg, 0.0, kBlendNormal, kCompositeAlpha));
   EXPECT_EQ(Pixel({0, 1, 3, 41}), CompositeOnePixel({1, 2, 3, 41}, fg, std::nan(""), kBlendNormal, kCompositeAlpha));
   EXPECT_EQ(Pixel({1, 2, 3, 128}), CompositeOnePixel({1, 2, 3, 128}, fg, 0.0, kBlendNormal, kCompositeAlpha));
-}
-
-// Opacity 0 makes fa 0; type 1 still copies the layer's own alpha.
-TEST(LayerCompositorAlpha, CombinedAlphaZeroFillsOrKeeps) {
-  const Pixel bg = {10, 20, 30, 0}, fg = {200, 150, 100, 77}, clearFg = {200, 150, 100, 0};
-  EXPECT_EQ(fg, CompositeOnePixel(bg, fg, 0.0, kBlendMultiply, kCompositeAlphaFill));
-  EXPECT_EQ(bg, CompositeOnePixel(bg, fg, 0.0, kBlendMultiply, kCompositeAlpha));
-  EXPECT_EQ(bg, CompositeOnePixel(bg, fg, 0.0, kBlendMultiply, KVCompositeType(-3)));
-  EXPECT_EQ(clearFg, CompositeOnePixel(bg, clearFg, 1.0, kBlendNormal, kCompositeAlphaFill));
-}
-
-// Background alpha 0 under a layer: p = 0 and k = 0, so the colour is the
-// blend with a black operand, un-premultiplied by fa. A clear layer over an
-// opaque background keeps it (k = 255 / 255 * 255, inv = 1 / 255).
-TEST(LayerCompositorAlpha, AlphaZeroOnEitherSide) {
-  const Pixel clearBg = {90, 90, 90, 0}, fg = {200, 255, 0, 255};
-  EXPECT_EQ(Pixel({200, 255, 0, 255}), CompositeOnePixel(clearBg, fg, 1.0, kBlendNormal, kCompositeAlpha));
-  EXPECT_EQ(Pixel({0, 0, 0, 255}), CompositeOnePixel(clearBg, fg, 1.0, kBlendMultiply, kCompositeAlpha));
-  EXPECT_EQ(Pixel({200, 255, 0, 255}), CompositeOnePixel(clearBg, fg, 1.0, kBlendScreen, kCompositeAlpha));
-  const Pixel opaqueBg = {1, 128, 254, 255};
-  EXPECT_EQ(opaqueBg, CompositeOnePixel(opaqueBg, {200, 0, 100, 0}, 1.0, kBlendDifference, kCompositeAlpha));
 }
 
 // ---------------------------------------------------------------- whole images
@@ -359,101 +265,7 @@ TEST(LayerCompositor, MatchesTheReferenceOnEveryModeTypeAndOpacity) {
   }
 }
 
-TEST(LayerCompositor, EveryThreadCountGivesTheSameBytes) {
-  const struct {
-    unsigned int width, height;
-  } sizes[] = {{7, 5}, {1, 1}, {3, 1}, {17, 3}};
-  for (const auto& size : sizes) {
-    const Bytes bgBytes = PatternBytes(size.width * size.height * 4, 21);
-    const Bytes fgBytes = PatternBytes(size.width * size.height * 4, 22);
-    for (int type : {0, 2}) {
-      Bytes expected = bgBytes;
-      ReferenceComposite(expected, fgBytes, 0.75, type, kBlendOverlay, kvtest::SharedTables());
-      for (unsigned int threads = 1; threads <= 16; ++threads) {
-        ScopedCoreCount cores(threads);
-        GuardedImage background(size.width, size.height), layer(size.width, size.height);
-        background.fill(bgBytes);
-        layer.fill(fgBytes);
-        KVImageCompositor compositor(background.image(), 1.0, kvtest::SharedTables(), kDownsampleNone);
-        ASSERT_EQ(0, compositor.AddLayer(layer.image(), 0.75, kBlendOverlay, KVCompositeType(type)));
-        ASSERT_EQ(0, compositor.Render());
-        ASSERT_EQ(expected, background.contents())
-            << size.width << "x" << size.height << " type " << type << " threads " << threads;
-        ASSERT_TRUE(background.guardsIntact());
-      }
-    }
-  }
-}
-
-TEST(LayerCompositor, ALayerQueuedTwiceOrRenderedTwiceCompositesTwice) {
-  const Bytes bgBytes = PatternBytes(5 * 3 * 4, 31), fgBytes = PatternBytes(5 * 3 * 4, 32);
-  Bytes twice = bgBytes;
-  ReferenceComposite(twice, fgBytes, 0.6, kCompositeAlpha, kBlendScreen, kvtest::SharedTables());
-  ReferenceComposite(twice, fgBytes, 0.6, kCompositeAlpha, kBlendScreen, kvtest::SharedTables());
-  ASSERT_NE(bgBytes, twice);
-
-  GuardedImage queued(5, 3), rendered(5, 3), layer(5, 3);
-  queued.fill(bgBytes);
-  rendered.fill(bgBytes);
-  layer.fill(fgBytes);
-  KVImageCompositor doubleQueue(queued.image(), 1.0, kvtest::SharedTables(), kDownsampleNone);
-  ASSERT_EQ(0, doubleQueue.AddLayer(layer.image(), 0.6, kBlendScreen, kCompositeAlpha));
-  ASSERT_EQ(0, doubleQueue.AddLayer(layer.image(), 0.6, kBlendScreen, kCompositeAlpha));
-  ASSERT_EQ(0, doubleQueue.Render());
-  EXPECT_EQ(twice, queued.contents());
-
-  KVImageCompositor single(rendered.image(), 1.0, kvtest::SharedTables(), kDownsampleNone);
-  ASSERT_EQ(0, single.AddLayer(layer.image(), 0.6, kBlendScreen, kCompositeAlpha));
-  ASSERT_EQ(0, single.Render());
-  ASSERT_EQ(0, single.Render());
-  EXPECT_EQ(twice, rendered.contents());
-}
-
-// The background is faded once, at construction, and the alpha path then
-// works with the faded alpha: a 16-pixel image takes the opacity stage's
-// vector path (255 - 127 = 128), a 9-pixel one its plain path
-// (trunc(255 * 0.5) = 127).
-TEST(LayerCompositor, BackgroundFadedAtConstruction) {
-  for (unsigned int side : {4u, 3u}) {
-    const unsigned char fadedAlpha = side == 4 ? 128 : 127;
-    GuardedImage background(side, side), layer(side, side);
-    Bytes bgBytes = PatternBytes(background.bytes(), 41), fgBytes = PatternBytes(layer.bytes(), 42);
-    for (size_t i = 3; i < bgBytes.size(); i += 4) bgBytes[i] = 255;
-    background.fill(bgBytes);
-    layer.fill(fgBytes);
-    KVImageCompositor compositor(background.image(), 0.5, kvtest::SharedTables(), kDownsampleNone);
-    Bytes faded = bgBytes;
-    for (size_t i = 3; i < faded.size(); i += 4) faded[i] = fadedAlpha;
-    ASSERT_EQ(faded, background.contents());
-    ASSERT_EQ(0, compositor.AddLayer(layer.image(), 0.8, kBlendHardLight, kCompositeAlpha));
-    ASSERT_EQ(0, compositor.Render());
-    ReferenceComposite(faded, fgBytes, 0.8, kCompositeAlpha, kBlendHardLight, kvtest::SharedTables());
-    EXPECT_EQ(faded, background.contents());
-  }
-}
-
 // ---------------------------------------------------------------- the stage itself
-
-TEST(LayerCompositorStage, DescriptionSetupAndEmptyShares) {
-  GuardedImage background(2, 1), layer(2, 1);
-  const Bytes bgBytes = PatternBytes(8, 51);
-  background.fill(bgBytes);
-  layer.fill(PatternBytes(8, 52));
-  LayerCompositor stage(layer.image(), 1.0, kCompositeAlpha, kBlendNormal, kvtest::SharedTables());
-  EXPECT_EQ(0u, stage.Type());
-  stage.Setup(background.image());
-  EXPECT_EQ(bgBytes, background.contents());
-  // Threads 2 .. 4 of 5 have shares past the end of a 2-pixel image.
-  for (unsigned char t = 2; t < 5; ++t) EXPECT_EQ(0, stage.Render(background.image(), t, 5));
-  EXPECT_EQ(bgBytes, background.contents());
-  EXPECT_TRUE(background.guardsIntact());
-}
-
-TEST(LayerCompositorStage, OtherDepthReturnsItsCode) {
-  kvtest::DeepImage background(3, 2, 16), layer(3, 2, 16);
-  LayerCompositor stage(&layer, 1.0, kCompositeColorOnly, kBlendNormal, kvtest::SharedTables());
-  EXPECT_EQ(16, stage.Render(&background, 0, 1));
-}
 
 TEST(LayerCompositorStageDeathTest, MismatchAssertions) {
   GuardedImage background(4, 3), wide(5, 3), tall(4, 2), argb(4, 3, 0, kPixelOrderARGB);

@@ -52,18 +52,6 @@ bool SamePixel(const Bytes& a, const Bytes& b, size_t p) {
   return true;
 }
 
-TEST(DepthOfField, ZeroAmountOrRadiusIsTheIdentity) {
-  const Bytes pixels = PatternBytes(kW * kH * 4, 1);
-  Focus f = Radial();
-  f.amount = 0.0;
-  EXPECT_EQ(pixels, RenderStage(DepthOfField(f), pixels, kW, kH));
-  f.amount = kNaN;  // passes the checks, acts as 0
-  EXPECT_EQ(pixels, RenderStage(DepthOfField(f), pixels, kW, kH));
-  f = Radial();
-  f.radius = 0;
-  EXPECT_EQ(pixels, RenderStage(DepthOfField(f), pixels, kW, kH));
-}
-
 TEST(DepthOfField, RadialSharpInsideTheFocusDiscFullBlurBeyondTheTransition) {
   const Bytes pixels = PatternBytes(kW * kH * 4, 2);
   const Focus f = Radial();
@@ -86,42 +74,6 @@ TEST(DepthOfField, RadialSharpInsideTheFocusDiscFullBlurBeyondTheTransition) {
   }
   EXPECT_GT(sharp, 50);
   EXPECT_GT(blurred, 100);
-}
-
-// The mean difference from the source grows ring by ring through the
-// transition.
-TEST(DepthOfField, BlurGrowsWithTheDistance) {
-  const unsigned int w = 120, h = 120;
-  const Bytes pixels = PatternBytes(w * h * 4, 4);
-  const double diagonal = std::sqrt(2.0) * 120.0;
-  const Focus f{kDepthOfFieldRadial, KVPoint2F(60, 60), 0.0, 8, 0.05, 0.3, 1.0, 0.0, KVRect()};
-  const Bytes out = RenderStage(DepthOfField(f), pixels, w, h);
-  const int kRings = 6;
-  double sum[kRings] = {}, count[kRings] = {};
-  for (unsigned int y = 0; y < h; ++y) {
-    for (unsigned int x = 0; x < w; ++x) {
-      const double d = std::hypot(x + 0.5 - 60.0, y + 0.5 - 60.0) / diagonal;
-      const int ring = static_cast<int>((d - 0.05) / 0.05);
-      if (d <= 0.05 || ring >= kRings) continue;
-      for (int c = 0; c < 4; ++c) sum[ring] += std::abs(out[(y * w + x) * 4 + c] - pixels[(y * w + x) * 4 + c]);
-      count[ring] += 4;
-    }
-  }
-  for (int r = 1; r < kRings; ++r) EXPECT_GT(sum[r] / count[r], sum[r - 1] / count[r - 1]) << r;
-
-  // The stage's own radius map: 0 inside, smoothly rising, the radius beyond.
-  DepthOfFieldRenderer stage(f.type, f.point, f.angle, f.radius, f.focusSize, f.transition, f.amount, 0.0, KVRect());
-  GuardedImage image(w, h);
-  stage.Setup(image.image());
-  EXPECT_EQ(0.0, stage.BlurRadiusAt(60, 60));
-  double previous = 0.0;
-  for (unsigned int x = 60; x < w; ++x) {
-    const double r = stage.BlurRadiusAt(x, 60);
-    EXPECT_GE(r, previous);
-    EXPECT_LE(r - previous, 8.0 * 1.5 / (0.3 * diagonal) + 1e-9);  // smoothstep slope at most 1.5
-    previous = r;
-  }
-  EXPECT_EQ(8.0, stage.BlurRadiusAt(119, 119));
 }
 
 TEST(DepthOfField, LinearBandFollowsTheAngle) {
@@ -191,28 +143,6 @@ TEST(DepthOfField, OutsideTheBoundsTheSourceIsCopied) {
   for (size_t i = 0; i < half.size(); ++i) ASSERT_EQ((pixels[i] * 128 + inside[i] * 128 + 128) >> 8, half[i]) << i;
 }
 
-TEST(DepthOfField, ArgumentCodes) {
-  GuardedImage src(kW, kH), dst(kW, kH);
-  KVImageProcessor p(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
-  const KVPoint2F centre(30, 20);
-  for (double b : {-0.25, 1.25}) {
-    EXPECT_EQ(7, p.SetDepthOfField(kDepthOfFieldRadial, centre, 0.0, 4, b, 0.2, 1.0, 0.0, kWhole));
-    EXPECT_EQ(7, p.SetDepthOfField(kDepthOfFieldRadial, centre, 0.0, 4, 0.2, b, 1.0, 0.0, kWhole));
-    EXPECT_EQ(7, p.SetDepthOfField(kDepthOfFieldRadial, centre, 0.0, 4, 0.2, 0.2, b, 0.0, kWhole));
-  }
-  EXPECT_EQ(0, p.RenderQueueCount());
-  // NaN passes; the angle, the type and the feather are not checked.
-  EXPECT_EQ(0, p.SetDepthOfField(kDepthOfFieldRadial, centre, kNaN, 4, kNaN, kNaN, 1.0, -3.0, kWhole));
-  EXPECT_EQ(0, p.SetDepthOfField(static_cast<KVDepthOfFieldType>(9), centre, 1e300, 4, 0.2, 0.2, 1.0, kNaN, kWhole));
-  EXPECT_EQ(2, p.RenderQueueCount());
-  EXPECT_EQ(0, p.Render());
-  // Radii past the 32-bit sums of the stack blur render as well.
-  p.ClearRenderQueue();
-  EXPECT_EQ(0, p.SetDepthOfField(kDepthOfFieldRadial, centre, 0.0, 3000, 0.2, 0.2, 1.0, 0.0, kWhole));
-  EXPECT_EQ(0, p.SetDepthOfField(kDepthOfFieldLinear, centre, 30.0, 4294967295u, 0.1, 0.2, 1.0, 0.0, kWhole));
-  EXPECT_EQ(0, p.Render());
-}
-
 TEST(DepthOfField, TheRadiusIsScaledByTheDownsampleFactor) {
   const Bytes pixels = PatternBytes(kW * kH * 4, 10);
   Focus f = Radial();
@@ -225,21 +155,6 @@ TEST(DepthOfField, TheRadiusIsScaledByTheDownsampleFactor) {
   ASSERT_EQ(0, a.Render());
   f.radius = 4;
   EXPECT_EQ(half.contents(), RenderStage(DepthOfField(f), pixels, kW, kH));
-}
-
-TEST(DepthOfField, EveryThreadCountGivesTheSameBytes) {
-  const unsigned int w = 33, h = 21;
-  const Bytes pixels = PatternBytes(w * h * 4, 12);
-  const Focus f{kDepthOfFieldLinear, KVPoint2F(12.5f, 8.25f), 30.0, 5, 0.05, 0.2, 0.8, 2.0,
-                KVRect(KVPoint2(2, 1), 40, 18)};
-  const Bytes one = RenderStage(DepthOfField(f), pixels, w, h, 1);
-  EXPECT_NE(pixels, one);
-  for (unsigned int t = 2; t <= 16; ++t) EXPECT_EQ(one, RenderStage(DepthOfField(f), pixels, w, h, t, 1)) << t;
-  // Tiny images: more threads than pixels.
-  const Bytes tiny = PatternBytes(3 * 2 * 4, 13);
-  const Focus g{kDepthOfFieldRadial, KVPoint2F(0, 0), 0.0, 2, 0.0, 0.0, 1.0, 0.0, KVRect()};
-  const Bytes tinyOne = RenderStage(DepthOfField(g), tiny, 3, 2, 1);
-  for (unsigned int t = 2; t <= 16; ++t) EXPECT_EQ(tinyOne, RenderStage(DepthOfField(g), tiny, 3, 2, t)) << t;
 }
 
 }  // namespace

@@ -92,45 +92,6 @@ Setter SoftFocus(KVBlendMode mode, unsigned int radius, double amount, const KVR
 // (90 + 360 + 180) / 4 = 157.
 const std::vector<int> kRow = {0, 90, 180};
 
-TEST(FocusSetters, RangeCodesQueueNothing) {
-  GuardedImage source(4, 4), target(4, 4);
-  KVImageProcessor processor(source.image(), target.image(), kvtest::SharedTables(), kDownsampleNone);
-  const KVRect all(KVPoint2(0, 0), 4, 4);
-  EXPECT_EQ(7, processor.SetDefocus(3, -0.01, 0.0));
-  EXPECT_EQ(7, processor.SetDefocus(3, 0.81, 0.0));
-  EXPECT_EQ(7, processor.SetDiffuse(3, -0.01, 0.0));
-  EXPECT_EQ(7, processor.SetDiffuse(3, 1.01, 0.0));
-  EXPECT_EQ(7, processor.SetSharpen(3, 1.5, 0.0, 0.0));
-  EXPECT_EQ(7, processor.SetSharpen(3, -0.1, 0.0, 0.0));
-  EXPECT_EQ(7, processor.SetSharpen(3, 0.5, 1.01, 0.0));
-  EXPECT_EQ(7, processor.SetSharpen(3, 0.5, -0.01, 0.0));
-  EXPECT_EQ(7, processor.SetSoftFocus(kBlendScreen, 3, 1.01, all, 0.0));
-  EXPECT_EQ(7, processor.SetSoftFocus(kBlendScreen, 3, -0.01, all, 0.0));
-  EXPECT_EQ(0, processor.RenderQueueCount());
-
-  // The ends of every range, NaN, and any radius, rectangle, mode or feather.
-  EXPECT_EQ(0, processor.SetDefocus(0, 0.0, -5.0));
-  EXPECT_EQ(0, processor.SetDefocus(100000, 0.8, kNaN));
-  EXPECT_EQ(0, processor.SetDefocus(3, kNaN, 0.0));
-  EXPECT_EQ(0, processor.SetDiffuse(3, 1.0, 1e300));
-  EXPECT_EQ(0, processor.SetDiffuse(3, kNaN, 0.0));
-  EXPECT_EQ(0, processor.SetSharpen(3, 1.0, 1.0, -1.0));
-  EXPECT_EQ(0, processor.SetSharpen(3, kNaN, kNaN, kNaN));
-  EXPECT_EQ(0, processor.SetSoftFocus(static_cast<KVBlendMode>(99), 3, 1.0, KVRect(KVPoint2(-9, 50), -3, 2), 2.0));
-  EXPECT_EQ(0, processor.SetSoftFocus(kBlendAdd, 3, kNaN, all, 0.0));
-  EXPECT_EQ(9, processor.RenderQueueCount());
-}
-
-TEST(Defocus, AmountZeroGivesTheBlurredColourAndBlursItsInputInPlace) {
-  const unsigned int width = 11, height = 6;
-  const Bytes pixels = PatternBytes(width * height * 4, 501);
-  const Bytes blurred = kvtest::ReferenceStackBlur(pixels, width, height, 3, kvtest::kColourChannels);
-  const FocusRun run = RunFocus(Defocus(3, 0.0), pixels, width, height, 3);
-  EXPECT_EQ(blurred, run.output);  // alpha is the source's
-  // Queued first, the stage's input is the host's source.
-  EXPECT_EQ(blurred, run.sourceAfter);
-}
-
 TEST(Defocus, GainCurveEndPoints) {
   // Radius 0 blurs nothing, so each pixel meets the curve directly:
   // trunc(v / 255 / (1 - a) * 255). At 0.8 everything from 51 saturates.
@@ -231,62 +192,6 @@ TEST(SoftFocus, HandComputedComposite) {
   ExpectGreyRow({77, 77, 77}, 0, Focus(SoftFocus(kBlendNormal, 1, 1.0, all), GreyRow(kRow, 0), 3, 1, 1, clear));
 }
 
-TEST(SoftFocus, RectangleIsInImagePixels) {
-  // Columns 1..2 blur on their own: 90 180 -> 112 157; column 0 keeps 0.
-  // Opaque over clear at opacity 255: 90 + (22 x 255 >> 8) = 111, 157.
-  const KVRect right(KVPoint2(1, 0), 2, 1);
-  ExpectGreyRow({0, 111, 157}, 255, Focus(SoftFocus(kBlendNormal, 1, 1.0, right), GreyRow(kRow, 255), 3, 1));
-  // The factor scales the radius (4 x 0.25 = 1) and not the rectangle.
-  const FocusRun quarter = RunFocus(SoftFocus(kBlendNormal, 4, 1.0, right), GreyRow(kRow, 255), 3, 1, 1, Bytes(),
-                                    kDownsampleQuarter);
-  ExpectGreyRow({0, 111, 157}, 255, quarter.output);
-}
-
-TEST(FocusStages, QuarterFactorBlursTheWholeImage) {
-  // With the quarter factor the nested rectangle is four times the image and
-  // the radius a quarter: the whole image blurs at radius 2, as without a
-  // factor at radius 2 (half and third leave the rectangle as the image).
-  const unsigned int width = 10, height = 7;
-  const Bytes pixels = PatternBytes(width * height * 4, 504);
-  const Setter setters[][2] = {{Defocus(8, 0.3, 4.0), Defocus(2, 0.3, 4.0)},
-                               {Diffuse(8, 0.6, 4.0), Diffuse(2, 0.6, 4.0)},
-                               {Sharpen(8, 0.6, 0.05, 4.0), Sharpen(2, 0.6, 0.05, 4.0)}};
-  for (const auto& pair : setters) {
-    EXPECT_EQ(RunFocus(pair[1], pixels, width, height).output,
-              RunFocus(pair[0], pixels, width, height, 2, Bytes(), kDownsampleQuarter).output);
-  }
-  EXPECT_EQ(RunFocus(Diffuse(2, 0.6, 4.0), pixels, width, height).output,
-            RunFocus(Diffuse(4, 0.6, 4.0), pixels, width, height, 2, Bytes(), kDownsampleHalf).output);
-}
-
-TEST(FocusStages, EveryThreadCountGivesTheSameBytes) {
-  const KVRect inner(KVPoint2(2, 1), 8, 4);
-  const Setter setters[] = {Defocus(2, 0.4, 1.0), Diffuse(3, 0.8, 1.0), Sharpen(2, 0.7, 0.05, 1.0),
-                            SoftFocus(kBlendScreen, 2, 0.9, inner, 2.0)};
-  const unsigned int sizes[][2] = {{13, 7}, {1, 5}, {6, 1}};
-  for (const auto& size : sizes) {
-    const Bytes pixels = PatternBytes(size[0] * size[1] * 4, 505 + size[0]);
-    const Bytes destination = PatternBytes(size[0] * size[1] * 4, 600 + size[1]);
-    for (const Setter& set : setters) {
-      const Bytes single = Focus(set, pixels, size[0], size[1], 1, destination);
-      for (unsigned int threads = 2; threads <= 16; ++threads) {
-        ASSERT_EQ(single, Focus(set, pixels, size[0], size[1], threads, destination))
-            << size[0] << "x" << size[1] << " threads " << threads;
-      }
-    }
-  }
-}
-
-TEST(FocusStages, EmptyImagesRenderNothing) {
-  const KVRect all(KVPoint2(0, 0), 4, 4);
-  const Setter setters[] = {Defocus(2, 0.4), Diffuse(3, 0.8), Sharpen(2, 0.7, 0.05),
-                            SoftFocus(kBlendScreen, 2, 0.9, all)};
-  for (const Setter& set : setters) {
-    EXPECT_TRUE(Focus(set, Bytes(), 0, 3, 3).empty());
-    EXPECT_TRUE(Focus(set, Bytes(), 3, 0, 3).empty());
-  }
-}
-
 TEST(FocusStages, DrivenDirectly) {
   const KVRect all(KVPoint2(0, 0), 4, 4);
   DefocusRenderer defocus(1, 0.5, 0.0, kDownsampleNone, kvtest::SharedTables());
@@ -327,23 +232,6 @@ TEST(FocusStagesDeathTest, AssertionTexts) {
   kvtest::DeepImage deep(4, 4);
   EXPECT_DEATH(defocus.Render(&deep, target.image(), 0, 1), notImplemented("DefocusRenderer:135"));
 
-}
-
-TEST(FocusStages, EveryRadiusBlurs) {
-  // Radii past the stack blur's 32-bit sums no longer make the nested render
-  // fail: the window repeats the edge pixels of the image.
-  const unsigned int width = 5, height = 4;
-  const Bytes pixels = PatternBytes(width * height * 4, 507);
-  for (unsigned int radius : {3000u, 4294967295u}) {
-    const Bytes blurred = kvtest::ReferenceStackBlur(pixels, width, height, radius, kvtest::kColourChannels);
-    GuardedImage source(width, height, 1), target(width, height);
-    source.fill(pixels);
-    KVImageProcessor processor(source.image(), target.image(), kvtest::SharedTables(), kDownsampleNone);
-    ASSERT_EQ(0, processor.SetDefocus(radius, 0.0, 0.0));
-    ASSERT_EQ(0, processor.Render());
-    EXPECT_EQ(blurred, target.contents()) << radius;
-    EXPECT_TRUE(target.guardsIntact());
-  }
 }
 
 }  // namespace

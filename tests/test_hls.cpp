@@ -57,17 +57,6 @@ TEST(HLSConversion, RGBtoHLSOnListedColours) {
   }
 }
 
-TEST(HLSConversion, ReciprocalDivisionIsExactWhereTheModelUsesIt) {
-  // Numerators reach 255 * 360 + 255, divisors 510: check both sides of every
-  // point where a quotient steps.
-  for (int d = 1; d <= 510; ++d) {
-    for (int n = d - 1; n <= 92055 + d; n += d) {
-      ASSERT_EQ(n / d, hls::DivideSmall(n, d)) << n << " / " << d;
-      ASSERT_EQ((n + 1) / d, hls::DivideSmall(n + 1, d)) << n + 1 << " / " << d;
-    }
-  }
-}
-
 TEST(HLSConversion, RGBtoHLSMatchesPlainDivisionAcrossTheCube) {
   for (int red = 0; red < 256; red += 5) {
     for (int green = 0; green < 256; green += 5) {
@@ -133,17 +122,6 @@ TEST(HLSConversion, RoundTripsOfPrimariesSecondariesAndGreysAreExact) {
   EXPECT_EQ(38, back.blue);
 }
 
-TEST(HLSConversion, HueToRGBSectorsAndWrap) {
-  EXPECT_EQ(10 + (190 * 30 + 30) / 60, ConvertHueToRGB(10, 200, 30));   // rising
-  EXPECT_EQ(200, ConvertHueToRGB(10, 200, 60));                         // top
-  EXPECT_EQ(200, ConvertHueToRGB(10, 200, 179));
-  EXPECT_EQ(10 + (190 * 30 + 30) / 60, ConvertHueToRGB(10, 200, 210));  // falling
-  EXPECT_EQ(10, ConvertHueToRGB(10, 200, 240));                         // bottom
-  EXPECT_EQ(10, ConvertHueToRGB(10, 200, 360));
-  EXPECT_EQ(0, ConvertHueToRGB(0, 255, -30));    // 330
-  EXPECT_EQ(170, ConvertHueToRGB(0, 255, 400));  // 40
-}
-
 TEST(Saturation, ExamplesOnOnePixel) {
   // The grey is the maximum, not a luminance; alpha is kept.
   EXPECT_EQ(Bytes({200, 200, 200, 99}), RenderPixel(Saturation(0.0), Bytes{10, 200, 40, 99}));
@@ -177,12 +155,6 @@ TEST(HueColorize, ExamplesOnOnePixel) {
   EXPECT_EQ(Bgra(128, 128, 128, 250), RenderPixel(HueColorize(240, 1.0), Bgra(128, 128, 128, 250)));
 }
 
-TEST(HueStages, AmountZeroReturnsTheSourceForChannelOrderOne) {
-  const Bytes pixels = kvtest::PatternBytes(13 * 3 * 4, 4);
-  EXPECT_EQ(pixels, RenderStage(HueColorize(120, 0.0), pixels, 13, 3));
-  EXPECT_EQ(pixels, RenderStage(HueShift(200, 0.0), pixels, 13, 3));
-}
-
 TEST(HueStages, ChannelOrderTwoReadsAndWritesOneByteApart) {
   // Amount 0: source bytes 0, 1, 2, 3 land in destination bytes 1, 2, 3, 0.
   const Bytes pixels = kvtest::PatternBytes(7 * 3 * 4, 9);
@@ -203,59 +175,6 @@ TEST(HueStages, ChannelOrderTwoReadsAndWritesOneByteApart) {
             RenderPixel(HueColorize(240, 1.0), Bytes{200, 100, 50, 250}, kPixelOrderARGB));
 }
 
-TEST(HLSStages, EveryThreadCountGivesTheSameBytes) {
-  const unsigned int width = 37, height = 5;  // 185 pixels: uneven shares
-  const Bytes pixels = kvtest::PatternBytes(width * height * 4, 21);
-  const Setter setters[] = {Saturation(1.7), HueShift(95.5, 0.6), HueColorize(300, 0.8)};
-  for (const Setter& set : setters) {
-    const Bytes single = RenderStage(set, pixels, width, height, 1);
-    for (unsigned int threads = 2; threads <= 16; ++threads) {
-      EXPECT_EQ(single, RenderStage(set, pixels, width, height, threads, threads % 2)) << threads;
-    }
-  }
-}
-
-TEST(HLSStages, MoreThreadsThanPixels) {
-  const Bytes pixels = Bgra(200, 100, 50, 9);
-  EXPECT_EQ(Bgra(100, 50, 200, 9), RenderStage(HueShift(120, 1.0), pixels, 1, 1, 16));
-  const Bytes three = kvtest::PatternBytes(3 * 4, 2);
-  EXPECT_EQ(RenderStage(Saturation(0.3), three, 3, 1, 1), RenderStage(Saturation(0.3), three, 3, 1, 16));
-}
-
-TEST(HLSStages, SettersCheckRangesAndLetNaNThrough) {
-  GuardedImage src(2, 2), dst(2, 2);
-  KVImageProcessor processor(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
-  EXPECT_EQ(7, processor.SetSaturation(2.5));
-  EXPECT_EQ(7, processor.SetSaturation(-0.01));
-  EXPECT_EQ(7, processor.SetHueShift(361, 0.5));
-  EXPECT_EQ(7, processor.SetHueShift(-1, 0.5));
-  EXPECT_EQ(7, processor.SetHueShift(10, 1.01));
-  EXPECT_EQ(7, processor.SetHueShift(10, -0.01));
-  EXPECT_EQ(7, processor.SetHueColorize(360.5, 0.5));
-  EXPECT_EQ(7, processor.SetHueColorize(-0.5, 0.5));
-  EXPECT_EQ(7, processor.SetHueColorize(10, 2.0));
-  EXPECT_EQ(0, processor.RenderQueueCount());
-  EXPECT_EQ(0, processor.SetSaturation(2.0));
-  EXPECT_EQ(0, processor.SetHueShift(360, 0.0));
-  EXPECT_EQ(0, processor.SetHueColorize(0, 1.0));
-  EXPECT_EQ(0, processor.SetSaturation(kNaN));
-  EXPECT_EQ(0, processor.SetHueShift(kNaN, kNaN));
-  EXPECT_EQ(0, processor.SetHueColorize(kNaN, 0.5));
-  EXPECT_EQ(6, processor.RenderQueueCount());
-}
-
-TEST(HLSStages, NaNSettingsRenderDeterministically) {
-  // A NaN amount makes every mixed colour byte 0; alpha is kept.
-  EXPECT_EQ(Bgra(0, 0, 0, 70), RenderPixel(HueShift(90, kNaN), Bgra(200, 100, 50, 70)));
-  EXPECT_EQ(Bgra(0, 0, 0, 70), RenderPixel(HueColorize(90, kNaN), Bgra(200, 100, 50, 70)));
-  // A NaN hue keeps greys and gives the same bytes on every run.
-  EXPECT_EQ(Bgra(90, 90, 90, 70), RenderPixel(HueColorize(kNaN, 1.0), Bgra(90, 90, 90, 70)));
-  const Bytes pixels = kvtest::PatternBytes(9 * 4, 5);
-  EXPECT_EQ(RenderStage(HueShift(kNaN, 1.0), pixels, 9, 1, 1), RenderStage(HueShift(kNaN, 1.0), pixels, 9, 1, 3));
-  // A NaN saturation: V stays, p, q and t become 0.
-  EXPECT_EQ(Bytes({0, 200, 0, 8}), RenderPixel(Saturation(kNaN), Bytes{10, 200, 40, 8}));
-}
-
 namespace {
 
 // An image that reports a depth other than 8 bits.
@@ -267,22 +186,6 @@ class OneBitImage : public KVImage8 {
 };
 
 }  // namespace
-
-TEST(HLSStages, SkipSourcesOfAnotherDepth) {
-  Bytes in(16, 100), out(16, 3);
-  OneBitImage source(in.data(), 2, 2);
-  KVImage8 destination(out.data(), 2, 2, kPixelOrderBGRA);
-  SaturationRenderer saturation(0.0, nullptr);
-  HueShiftRenderer shift(120, 1.0);
-  HueColorizeRenderer colorize(120, 1.0);
-  AbstractRenderer* stages[] = {&saturation, &shift, &colorize};
-  for (AbstractRenderer* stage : stages) {
-    stage->Setup(&source);
-    EXPECT_EQ(0, stage->Render(&source, &destination, 0, 1));
-    EXPECT_EQ(Bytes(16, 3), out);
-    EXPECT_EQ(0u, stage->Type());
-  }
-}
 
 // The eight-pixel path against the pixel-by-pixel one (capped with
 // kWiderNone): every colour, odd sizes, misaligned buffers, thread counts.
@@ -403,37 +306,9 @@ TEST(HLSFastPath, HueStagesMatchInChannelOrderTwo) {
   ExpectWiderPathMatchesOnOddShapes(HueColorize(33.3, 0.7), kPixelOrderARGB);
 }
 
-TEST(HLSFastPath, HueStagesMatchOnOddShapesOffsetsAndThreadCounts) {
-  ExpectWiderPathMatchesOnOddShapes(HueShift(45.0, 0.8));
-  ExpectWiderPathMatchesOnOddShapes(HueColorize(200.0, 0.35));
-  ExpectWiderPathMatchesOnOddShapes(HueShift(300.0, 1.0));
-}
-
-TEST(HLSFastPath, HueStagesMatchWithNaNAndUnusualSettings) {
-  // A NaN hue leaves the eight-pixel path; a NaN amount stays on it.
-  ExpectWiderPathMatchesOnOddShapes(HueShift(kNaN, 0.5));
-  ExpectWiderPathMatchesOnOddShapes(HueShift(10.0, kNaN));
-  ExpectWiderPathMatchesOnOddShapes(HueColorize(kNaN, 1.0));
-  // Stages built directly take settings the setters refuse: amounts outside
-  // 0..1 stay on the eight-pixel path, an offset of -365 leaves it.
-  const std::vector<HueShiftRenderer> shifts = {HueShiftRenderer(-0.5, 3.0), HueShiftRenderer(360.9, -2.0),
-                                                HueShiftRenderer(725.0, 0.5)};
-  ExpectWiderPathMatchesOnEveryColour(shifts, kPixelOrderBGRA, 13);
-}
-
 TEST(HLSFastPath, SaturationMatchesOnEveryColour) {
   const std::vector<SaturationRenderer> stages = {SaturationRenderer(1.4, nullptr), SaturationRenderer(0.0, nullptr),
                                                   SaturationRenderer(1.0, nullptr), SaturationRenderer(2.0, nullptr),
                                                   SaturationRenderer(0.37, nullptr)};
   ExpectWiderPathMatchesOnEveryColour(stages, kPixelOrderBGRA);
-}
-
-TEST(HLSFastPath, SaturationMatchesOnOddShapesOffsetsThreadCountsAndOddSettings) {
-  ExpectWiderPathMatchesOnOddShapes(Saturation(1.4));
-  ExpectWiderPathMatchesOnOddShapes(Saturation(0.6), kPixelOrderARGB);
-  ExpectWiderPathMatchesOnOddShapes(Saturation(kNaN));
-  const std::vector<SaturationRenderer> unusual = {SaturationRenderer(-1.5, nullptr),
-                                                   SaturationRenderer(std::numeric_limits<double>::infinity(), nullptr),
-                                                   SaturationRenderer(1e300, nullptr)};
-  ExpectWiderPathMatchesOnEveryColour(unusual, kPixelOrderBGRA, 13);
 }

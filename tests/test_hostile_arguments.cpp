@@ -108,20 +108,6 @@ void ExpectTheBytesOfTheFirst(GuardedImage& source, std::initializer_list<Argume
   }
 }
 
-// The box blurs never average more than a whole line, so any radius beyond
-// the image gives the bytes of a radius just beyond it.
-TEST(HugeArguments, BoxBlurRadiiBeyondTheImageMatchTheWholeLine) {
-  GuardedImage source(23, 9, 1);
-  source.fill(kvtest::PatternBytes(source.bytes(), 11));
-  for (KVYUVBlurType type : {kYUVBlurHorizontal, kYUVBlurVertical, kYUVBlurHorizontalVertical}) {
-    SCOPED_TRACE(type);
-    ExpectTheBytesOfTheFirst<KVImageProcessor>(source, {24u, 100000u, UINT_MAX},
-                                               [type](KVImageProcessor& p, unsigned int radius) {
-                                                 return p.SetYUVBlur(radius, type);
-                                               });
-  }
-}
-
 // A window wider than twice the image covers every line whole: sizes up to
 // the largest int give the bytes of such a window, at once.
 TEST(HugeArguments, WhiteErodeSizesBeyondTheImageMatchAWindowOverTheWholeImage) {
@@ -175,29 +161,6 @@ TEST(HugeImages, AnIntermediateThatCannotBeAllocatedReturns8) {
   ASSERT_EQ(keyer.SetAlphaCrop(0.1, 0.1, 0.1, 0.1), 0);
   ASSERT_EQ(keyer.SetWhiteErode(kWhiteErodeAll, 2), 0);
   EXPECT_EQ(keyer.Render(), 8);
-}
-
-// Thread indices are one byte: a host asking for more cores than 255 gets
-// 255 threads, and stages whose result does not depend on the count give the
-// bytes of one thread.
-TEST(ThreadCounts, CoreCountsBeyond255RunWith255Threads) {
-  GuardedImage source(7, 300, 1);
-  source.fill(kvtest::PatternBytes(source.bytes(), 2));
-  std::vector<unsigned char> expected;
-  for (unsigned int cores : {1u, 255u, 256u, 1000u}) {
-    kvtest::ScopedCoreCount count(cores);
-    GuardedImage destination(7, 300, 1);
-    KVImageProcessor processor(source.image(), destination.image(), SharedTables(), kDownsampleNone);
-    ASSERT_EQ(processor.SetMirror(true, true), 0);
-    ASSERT_EQ(processor.SetStackBlur(2, true, true, kChannelsAll), 0);
-    ASSERT_EQ(processor.Render(), 0);
-    EXPECT_TRUE(destination.guardsIntact());
-    if (expected.empty()) {
-      expected = destination.contents();
-    } else {
-      EXPECT_EQ(destination.contents(), expected) << cores << " cores";
-    }
-  }
 }
 
 }  // namespace

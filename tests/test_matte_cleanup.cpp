@@ -75,13 +75,6 @@ TEST(AlphaCrop, EdgesTruncateTowardZero) {
   EXPECT_EQ(Kept(8, 8, 3, 6, 3, 6), Crop(8, 8, 0.25, 0.25, 0.25, 0.25));
 }
 
-TEST(AlphaCrop, EveryThreadCountGivesTheSameMatte) {
-  const std::vector<unsigned char> one = Crop(13, 7, 0.1, 0.2, 0.3, 0.15, 1);
-  for (unsigned int threads = 2; threads <= 16; ++threads) {
-    EXPECT_EQ(one, Crop(13, 7, 0.1, 0.2, 0.3, 0.15, threads)) << threads << " threads";
-  }
-}
-
 TEST(AlphaCrop, StageAloneClipsToTheSmallerImage) {
   // Driven directly with a destination shorter than the source: nothing is
   // written past the destination.
@@ -92,27 +85,6 @@ TEST(AlphaCrop, StageAloneClipsToTheSmallerImage) {
   EXPECT_TRUE(dst.guardsIntact());
   EXPECT_EQ(0, dst.at(0, 1, 3));
   EXPECT_EQ(src.at(1, 1, 3), dst.at(1, 1, 3));
-}
-
-TEST(AlphaCropSetter, ChecksEachFraction) {
-  kvo::KVLookupTables& tables = SharedTables();
-  GuardedImage src(2, 2), dst(2, 2);
-  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
-  EXPECT_EQ(7, keyer.SetAlphaCrop(-0.1, 0, 0, 0));
-  EXPECT_EQ(7, keyer.SetAlphaCrop(0, 1.5, 0, 0));
-  EXPECT_EQ(7, keyer.SetAlphaCrop(0, 0, 1.01, 0));
-  EXPECT_EQ(7, keyer.SetAlphaCrop(0, 0, 0, -1e-9));
-  EXPECT_EQ(0, keyer.RenderQueueCount());
-  EXPECT_EQ(0, keyer.SetAlphaCrop(1, 1, 1, 1));
-  EXPECT_EQ(0, keyer.SetAlphaCrop(std::nan(""), 0, 0, 0));
-  EXPECT_EQ(2, keyer.RenderQueueCount());
-}
-
-TEST(AlphaCropDeathTest, RefusesOtherChannelOrders) {
-  GuardedImage src(2, 2, 0, kPixelOrderARGB), dst(2, 2);
-  AlphaCrop stage(0, 0, 0, 0);
-  EXPECT_DEATH(stage.Render(src.image(), dst.image(), 0, 1),
-               "AlphaCrop:112: failed assertion `false && \"Not implemented\"'");
 }
 
 // ---------------------------------------------------------------------------
@@ -188,20 +160,6 @@ TEST(WhiteErode, TrailingAndLeadingWindows) {
             AlphasOf(Erode(row, 6, 1, static_cast<KVWhiteErodeDirection>(7), 1)));
 }
 
-TEST(WhiteErode, SizeZero) {
-  const std::vector<unsigned char> row = RowOfAlphas({10, 20, 0, 40, 50});
-  EXPECT_EQ(row, Erode(row, 5, 1, kWhiteErodeAll, 0));
-  EXPECT_EQ(row, Erode(row, 5, 1, kWhiteErodeRightward, 0));
-  EXPECT_EQ((std::vector<unsigned char>{O, 20, 0, 40, 50}), AlphasOf(Erode(row, 5, 1, kWhiteErodeLeftward, 0)));
-  // A negative size given to the stage directly acts as 0.
-  GuardedImage src(5, 1), dst(5, 1);
-  src.fill(row);
-  WhiteErodeRenderer stage(kWhiteErodeAll, -3);
-  stage.Setup(src.image());
-  stage.Render(src.image(), dst.image(), 0, 1);
-  EXPECT_EQ(row, dst.contents());
-}
-
 TEST(WhiteErode, OtherDirectionsErodeRowsOnly) {
   // A 0 in row 0 does not spread down the column.
   std::vector<unsigned char> bytes(3 * 3 * 4, O);
@@ -238,47 +196,6 @@ TEST(WhiteErode, MatchesTheRingOnRandomImages) {
   }
 }
 
-TEST(WhiteErode, ThinImages) {
-  // One column of many rows and one row of many columns.
-  for (int direction : {0, 1, 2}) {
-    const std::vector<unsigned char> tall = MatteLike(1, 3001, 70 + direction);
-    EXPECT_EQ(RingErodeImage(tall, 1, 3001, 4, direction),
-              Erode(tall, 1, 3001, static_cast<KVWhiteErodeDirection>(direction), 4, 3));
-    const std::vector<unsigned char> wide = MatteLike(3001, 1, 80 + direction);
-    EXPECT_EQ(RingErodeImage(wide, 3001, 1, 4, direction),
-              Erode(wide, 3001, 1, static_cast<KVWhiteErodeDirection>(direction), 4, 3));
-  }
-}
-
-TEST(WhiteErode, EveryThreadCountGivesTheSameMatte) {
-  const std::vector<unsigned char> bytes = MatteLike(23, 19, 99);
-  for (int direction : {0, 1, 2}) {
-    const std::vector<unsigned char> expected = RingErodeImage(bytes, 23, 19, 3, direction);
-    for (unsigned int threads = 1; threads <= 16; ++threads) {
-      EXPECT_EQ(expected, Erode(bytes, 23, 19, static_cast<KVWhiteErodeDirection>(direction), 3, threads))
-          << threads << " threads, direction " << direction;
-    }
-  }
-}
-
-TEST(WhiteErode, HugeSizesFinishQuickly) {
-  // Beyond the line the ring never wraps: centred, every row becomes its
-  // minimum and then every column; trailing gives running minima.
-  const std::vector<unsigned char> bytes = MatteLike(9, 7, 4);
-  const std::vector<unsigned char> alphas = AlphasOf(bytes);
-  const unsigned char lowest = *std::min_element(alphas.begin(), alphas.end());
-  EXPECT_EQ(std::vector<unsigned char>(63, lowest), AlphasOf(Erode(bytes, 9, 7, kWhiteErodeAll, INT_MAX)));
-  const std::vector<unsigned char> trailing = AlphasOf(Erode(bytes, 9, 7, kWhiteErodeRightward, INT_MAX));
-  for (unsigned int y = 0; y < 7; ++y) {
-    unsigned char running = 255;
-    for (unsigned int x = 0; x < 9; ++x) {
-      running = std::min(running, alphas[y * 9 + x]);
-      EXPECT_EQ(running, trailing[y * 9 + x]);
-    }
-  }
-  EXPECT_EQ(RingErodeImage(bytes, 9, 7, 60, 2), Erode(bytes, 9, 7, kWhiteErodeLeftward, INT_MAX));
-}
-
 TEST(WhiteErode, SetterScalesTheSize) {
   kvo::KVLookupTables& tables = SharedTables();
   const std::vector<unsigned char> bytes = MatteLike(17, 11, 8);
@@ -297,84 +214,6 @@ TEST(WhiteErode, SetterScalesTheSize) {
   }
 }
 
-TEST(WhiteErodeSetter, RefusesANegativeSize) {
-  kvo::KVLookupTables& tables = SharedTables();
-  GuardedImage src(2, 2), dst(2, 2);
-  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
-  EXPECT_EQ(7, keyer.SetWhiteErode(kWhiteErodeAll, -1));
-  EXPECT_EQ(7, keyer.SetWhiteErode(kWhiteErodeLeftward, INT_MIN));
-  EXPECT_EQ(0, keyer.RenderQueueCount());
-  EXPECT_EQ(0, keyer.SetWhiteErode(static_cast<KVWhiteErodeDirection>(-1), 0));
-  EXPECT_EQ(1, keyer.RenderQueueCount());
-}
-
-TEST(WhiteErode, ProceduresTakeTheirOwnScratchWhenNoneIsGiven) {
-  EXPECT_EQ(nullptr, HorizErodeWhiteProc(nullptr));
-  EXPECT_EQ(nullptr, VertErodeWhiteProc(nullptr));
-  const std::vector<unsigned char> bytes = MatteLike(6, 5, 12);
-  std::vector<unsigned char> intermediate = bytes, out(bytes.size(), 0);
-  ErodeWhiteData data = {
-      0, 5, 6, 6, 5, const_cast<unsigned char*>(bytes.data()), intermediate.data(), 5, kWhiteErodeAll, 0, nullptr};
-  HorizErodeWhiteProc(&data);
-  data.bufferA = out.data();
-  data.bufferALimit = out.size();
-  VertErodeWhiteProc(&data);
-  EXPECT_EQ(RingErodeImage(bytes, 6, 5, 2, 0), out);
-}
-
-TEST(WhiteErode, RendersNothingBeforeSetupAndClipsToTheDestination) {
-  GuardedImage src(4, 4), small(4, 2);
-  src.fill(MatteLike(4, 4, 2));
-  WhiteErodeRenderer stage(kWhiteErodeAll, 1);
-  EXPECT_EQ(0, stage.Render(src.image(), small.image(), 0, 1));
-  EXPECT_EQ(std::vector<unsigned char>(32, 0), small.contents());
-  stage.Setup(src.image());
-  for (unsigned char t = 0; t < 3; ++t) EXPECT_EQ(0, stage.Render(src.image(), small.image(), t, 3));
-  EXPECT_TRUE(small.guardsIntact());
-  const std::vector<unsigned char> expected = RingErodeImage(src.contents(), 4, 4, 1, 0);
-  EXPECT_EQ(std::vector<unsigned char>(expected.begin(), expected.begin() + 32), small.contents());
-}
-
-TEST(WhiteErode, EachSetupStartsFromItsOwnSource) {
-  // One stage over several sources and shapes: nothing of an earlier render
-  // survives into a later one.
-  WhiteErodeRenderer stage(kWhiteErodeAll, 2);
-  const unsigned int shapes[][2] = {{9, 6}, {9, 6}, {6, 9}, {9, 6}};
-  uint32_t seed = 40;
-  for (const auto& shape : shapes) {
-    const unsigned int w = shape[0], h = shape[1];
-    GuardedImage src(w, h), dst(w, h);
-    src.fill(MatteLike(w, h, seed++));
-    stage.Setup(src.image());
-    for (unsigned char t = 0; t < 2; ++t) stage.Render(src.image(), dst.image(), t, 2);
-    EXPECT_EQ(RingErodeImage(src.contents(), w, h, 2, 0), dst.contents()) << w << "x" << h;
-  }
-}
-
-TEST(WhiteErodeDeathTest, RefusesOtherChannelOrders) {
-  GuardedImage src(2, 2, 0, kPixelOrderARGB), dst(2, 2);
-  WhiteErodeRenderer stage(kWhiteErodeAll, 1);
-  EXPECT_DEATH(stage.Render(src.image(), dst.image(), 0, 1),
-               "WhiteErode:416: failed assertion `false && \"Not implemented\"'");
-}
-
 // ---------------------------------------------------------------------------
-
-TEST(MatteCleanup, ChainKeepsTheStagesIndependent) {
-  // Erode then crop equals the crop of the eroded image.
-  kvo::KVLookupTables& tables = SharedTables();
-  const std::vector<unsigned char> bytes = MatteLike(12, 9, 21);
-  GuardedImage src(12, 9), dst(12, 9);
-  src.fill(bytes);
-  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
-  ASSERT_EQ(0, keyer.SetWhiteErode(kWhiteErodeAll, 1));
-  ASSERT_EQ(0, keyer.SetAlphaCrop(0.25, 0, 0, 0.2));
-  ASSERT_EQ(0, keyer.Render());
-  std::vector<unsigned char> expected = RingErodeImage(bytes, 12, 9, 1, 0);
-  for (unsigned int y = 0; y < 9; ++y)
-    for (unsigned int x = 0; x < 12; ++x)
-      if (!(x > 3 && y > 0 && y < 8)) expected[(y * 12 + x) * 4 + 3] = 0;
-  EXPECT_EQ(expected, dst.contents());
-}
 
 }  // namespace

@@ -36,19 +36,10 @@ struct ProcessorRecord {
   typedef KVImageProcessor_Private* KVImageProcessor::*type;
   friend type Get(ProcessorRecord);
 };
-struct KeyerRecord {
-  typedef KVImageKeyer_Private* KVImageKeyer::*type;
-  friend type Get(KeyerRecord);
-};
 template struct PrivateAccess<ProcessorRecord, &KVImageProcessor::m_private>;
-template struct PrivateAccess<KeyerRecord, &KVImageKeyer::m_private>;
 
 void Queue(KVImageProcessor& processor, RendererPtr stage) {
   FrontEndState* queue = processor.*Get(ProcessorRecord());
-  queue->queue.Append(QueuedStage(stage));
-}
-void Queue(KVImageKeyer& keyer, RendererPtr stage) {
-  FrontEndState* queue = keyer.*Get(KeyerRecord());
   queue->queue.Append(QueuedStage(stage));
 }
 
@@ -205,28 +196,6 @@ TEST(ConvertExceptionToKVerr, ExactTypesOnly) {
   }
 }
 
-TEST_F(Pipelines, OneStageRendersStraightIntoTheDestination) {
-  ScopedCoreCount cores(3);
-  GuardedImage source(7, 5), destination(7, 5);
-  const std::vector<unsigned char> pattern = Filled(source, 11);
-  KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
-  RecordingPtr stage = Recording(3);
-  Queue(processor, stage);
-  ASSERT_EQ(1, processor.RenderQueueCount());
-  EXPECT_EQ(0, processor.Render());
-  EXPECT_EQ(1, stage->setups);
-  EXPECT_EQ(source.image(), stage->setupInput);
-  EXPECT_EQ(3u, stage->threadsCalled());
-  for (unsigned int t = 0; t < 3; ++t) {
-    EXPECT_EQ(source.image(), stage->sighting(t).source);
-    EXPECT_EQ(destination.image(), stage->sighting(t).destination);
-    EXPECT_EQ(3u, stage->sighting(t).threadCount);
-  }
-  EXPECT_EQ(Plus(pattern, 3), destination.contents());
-  EXPECT_EQ(pattern, source.contents());
-  EXPECT_TRUE(destination.guardsIntact());
-}
-
 TEST_F(Pipelines, TwoStagesPassAFreshZeroFilledIntermediate) {
   ScopedCoreCount cores(2);
   // Channel order 2: the intermediate must carry it over.
@@ -285,96 +254,6 @@ TEST_F(Pipelines, ThreeStagesChainThroughTwoIntermediates) {
   EXPECT_EQ(Plus(pattern, 6), destination.contents());
   EXPECT_EQ(pattern, source.contents());
   EXPECT_TRUE(destination.guardsIntact());
-}
-
-TEST_F(Pipelines, EmptyQueueLeavesTheDestination) {
-  GuardedImage source(4, 4), destination(4, 4);
-  const std::vector<unsigned char> pattern = Filled(source, 14), target = Filled(destination, 15);
-  KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
-  EXPECT_EQ(0, processor.RenderQueueCount());
-  EXPECT_EQ(0, processor.Render());
-  EXPECT_EQ(target, destination.contents());
-
-  KVImageKeyer keyer(source.image(), destination.image(), tables(), kDownsampleHalf);
-  EXPECT_EQ(source.image(), keyer.SourceImage());
-  EXPECT_EQ(0, keyer.RenderQueueCount());
-  EXPECT_EQ(0, keyer.Render());
-  EXPECT_EQ(0, keyer.ClearRenderQueue());
-  EXPECT_EQ(target, destination.contents());
-  EXPECT_TRUE(destination.guardsIntact());
-}
-
-TEST_F(Pipelines, SharedPointerConstructorsKeepNoReference) {
-  ImagePtr source(new KVImage8(3, 3, kPixelOrderBGRA, true));
-  ImagePtr destination(new KVImage8(3, 3, kPixelOrderBGRA, true));
-  {
-    KVImageProcessor processor(source, destination, tables(), kDownsampleNone);
-    KVImageKeyer keyer(source, destination, tables(), kDownsampleThird);
-    KVImageCompositor compositor(destination, 1.0, tables(), kDownsampleNone);
-    EXPECT_EQ(1, source.use_count());
-    EXPECT_EQ(1, destination.use_count());
-    EXPECT_EQ(source.get(), processor.SourceImage());
-    EXPECT_EQ(source.get(), keyer.SourceImage());
-    EXPECT_EQ(destination.get(), compositor.BackgroundLayer());
-    EXPECT_EQ(0, processor.SetMatteView());
-    EXPECT_EQ(0, processor.Render());
-    EXPECT_EQ(0, keyer.Render());
-  }
-  EXPECT_EQ(1, source.use_count());
-}
-
-TEST_F(Pipelines, SettersQueueOneStageEach) {
-  GuardedImage source(2, 2), destination(2, 2);
-  KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
-  EXPECT_EQ(0, processor.SetOpacity(0.0));
-  EXPECT_EQ(0, processor.SetOpacity(1.0));
-  EXPECT_EQ(0, processor.SetMirror(true, false));
-  EXPECT_EQ(0, processor.SetMirror(false, true));
-  const KVPixel8_RGB colour = {1, 2, 3};
-  EXPECT_EQ(0, processor.SetSilhouette(colour));
-  EXPECT_EQ(0, processor.SetMatteView());
-  EXPECT_EQ(6, processor.RenderQueueCount());
-  // Out of range: code 7 and nothing queued.
-  for (double opacity : {1.5, -0.01, 1.01, std::numeric_limits<double>::infinity()}) {
-    EXPECT_EQ(7, processor.SetOpacity(opacity)) << opacity;
-  }
-  EXPECT_EQ(6, processor.RenderQueueCount());
-  // NaN passes both comparisons and is queued.
-  EXPECT_EQ(0, processor.SetOpacity(std::nan("")));
-  EXPECT_EQ(7, processor.RenderQueueCount());
-  EXPECT_EQ(0, processor.ClearRenderQueue());
-  EXPECT_EQ(0, processor.RenderQueueCount());
-}
-
-TEST_F(Pipelines, QueueCountIsSixteenBits) {
-  GuardedImage source(1, 1), destination(1, 1);
-  KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
-  for (int i = 0; i < 65537; ++i) ASSERT_EQ(0, processor.SetMirror(false, false));
-  EXPECT_EQ(1, processor.RenderQueueCount());
-  EXPECT_EQ(0, processor.ClearRenderQueue());
-  EXPECT_EQ(0, processor.RenderQueueCount());
-}
-
-TEST_F(Pipelines, TheSameSetterTwiceAppliesTwice) {
-  ScopedCoreCount cores(1);
-  // 17 pixels: one share that is not a multiple of 16, so alpha * 0.5 twice.
-  GuardedImage source(17, 1), destination(17, 1);
-  for (unsigned int x = 0; x < 17; ++x) source.at(x, 0, 3) = 200;
-  KVImageProcessor processor(source.image(), destination.image(), tables(), kDownsampleNone);
-  ASSERT_EQ(0, processor.SetOpacity(0.5));
-  ASSERT_EQ(0, processor.SetOpacity(0.5));
-  EXPECT_EQ(2, processor.RenderQueueCount());
-  EXPECT_EQ(0, processor.Render());
-  for (unsigned int x = 0; x < 17; ++x) EXPECT_EQ(50, destination.at(x, 0, 3));
-
-  // 16 pixels: the vector path subtracts 127 twice.
-  GuardedImage square(4, 4), out(4, 4);
-  for (unsigned int i = 0; i < 16; ++i) square.at(i % 4, i / 4, 3) = 255;
-  KVImageProcessor twice(square.image(), out.image(), tables(), kDownsampleNone);
-  ASSERT_EQ(0, twice.SetOpacity(0.5));
-  ASSERT_EQ(0, twice.SetOpacity(0.5));
-  EXPECT_EQ(0, twice.Render());
-  for (unsigned int i = 0; i < 16; ++i) EXPECT_EQ(1, out.at(i % 4, i / 4, 3));
 }
 
 TEST_F(Pipelines, WorkerExceptionsBecomeCodesAndLaterStagesStillRun) {
@@ -460,83 +339,6 @@ TEST_F(Pipelines, ThreadCountIsCappedAt255) {
   EXPECT_TRUE(destination.guardsIntact());
 }
 
-TEST_F(Pipelines, KeyerRunsTheSameRenderLoop) {
-  ScopedCoreCount cores(3);
-  GuardedImage source(5, 5), destination(5, 5);
-  const std::vector<unsigned char> pattern = Filled(source, 17);
-  KVImageKeyer keyer(source.image(), destination.image(), tables(), kDownsampleNone);
-  RecordingPtr first = Recording(-1), second = Recording(4);
-  first->throwInRender = [](int thread) {
-    if (thread == 2) throw CustomError();
-  };
-  Queue(keyer, first);
-  Queue(keyer, second);
-  EXPECT_EQ(2, keyer.RenderQueueCount());
-  EXPECT_EQ(1001, keyer.Render());
-  EXPECT_EQ(std::vector<unsigned char>(100, 0), second->inputBytes);
-  EXPECT_EQ(5u, second->inputWidth);
-  EXPECT_EQ(5u, second->inputHeight);
-  EXPECT_EQ(std::vector<unsigned char>(100, 4), destination.contents());
-  EXPECT_EQ(0, keyer.ClearRenderQueue());
-  EXPECT_EQ(0, keyer.RenderQueueCount());
-}
-
-TEST(WorkerEntries, NullRecordsAndExitCodes) {
-  EXPECT_EQ(nullptr, ProcessorRenderWorkerThread(nullptr));
-  EXPECT_EQ(nullptr, KeyRenderWorkerThread(nullptr));
-  EXPECT_EQ(nullptr, CompositeRenderWorkerThread(nullptr));
-
-  GuardedImage image(2, 2);
-  RecordingPtr stage = Recording(-1);
-  stage->throwInRender = [](int) { throw std::invalid_argument("x"); };
-  RenderThreadData record;
-  record.threadIndex = 0;
-  record.threadCount = 1;
-  record.source = image.image();
-  record.destination = image.image();
-  record.renderer = stage;
-  EXPECT_EQ(4, static_cast<int>(reinterpret_cast<intptr_t>(ProcessorRenderWorkerThread(&record))));
-  stage->throwInRender = [](int) { throw CustomError(); };
-  EXPECT_EQ(1001, static_cast<int>(reinterpret_cast<intptr_t>(KeyRenderWorkerThread(&record))));
-}
-
-namespace {
-// A compositing stage that records its calls and may throw.
-class RecordingCompositor : public AbstractCompositor {
- public:
-  unsigned int Type() const override { return 0; }
-  void Setup(KVAbstractImage*) override {}
-  int Render(KVAbstractImage* background, unsigned char threadIndex, unsigned char threadCount) override {
-    seenBackground = background;
-    seenIndex = threadIndex;
-    seenCount = threadCount;
-    if (raise) raise();
-    return 9;
-  }
-  KVAbstractImage* seenBackground = nullptr;
-  int seenIndex = -1;
-  int seenCount = -1;
-  std::function<void()> raise;
-};
-}  // namespace
-
-TEST(WorkerEntries, CompositeWorkerMapsExceptions) {
-  GuardedImage background(2, 2);
-  std::tr1::shared_ptr<RecordingCompositor> stage(new RecordingCompositor);
-  CompositeThreadData record;
-  record.threadIndex = 3;
-  record.threadCount = 5;
-  record.background = background.image();
-  record.compositor = stage;
-  EXPECT_EQ(nullptr, CompositeRenderWorkerThread(&record));  // the stage's own 9 is ignored
-  EXPECT_EQ(background.image(), stage->seenBackground);
-  EXPECT_EQ(3, stage->seenIndex);
-  EXPECT_EQ(5, stage->seenCount);
-  stage->raise = [] { throw std::out_of_range("x"); };
-  EXPECT_EQ(7, static_cast<int>(reinterpret_cast<intptr_t>(CompositeRenderWorkerThread(&record))));
-  stage->raise = [] { throw std::length_error("x"); };
-  EXPECT_EQ(1001, static_cast<int>(reinterpret_cast<intptr_t>(CompositeRenderWorkerThread(&record))));
-}
 
 namespace {
 // Colour bytes from a pattern, alpha 200 and 128 alternately.
@@ -595,25 +397,4 @@ TEST_F(Pipelines, CompositorFadesTheBackgroundOnceAtConstruction) {
     KVImageCompositor compositor(background.image(), -1.0, tables(), kDownsampleNone);
     EXPECT_EQ(WithAlphas(bytes, 1, 0), background.contents());
   }
-}
-
-TEST_F(Pipelines, CompositorLeavesTheBackgroundAtFullOrUndefinedOpacity) {
-  const double opacities[] = {1.0, 1.5, std::nan(""), std::numeric_limits<double>::infinity()};
-  for (double opacity : opacities) {
-    const std::vector<unsigned char> bytes = BackgroundBytes(16);
-    GuardedImage background(4, 4);
-    background.fill(bytes);
-    ImagePtr shared = CreateImage(background.pixels(), 4, 4, kPixelOrderBGRA);
-    KVImageCompositor compositor(shared, opacity, tables(), kDownsampleNone);
-    EXPECT_EQ(shared.get(), compositor.BackgroundLayer());
-    EXPECT_EQ(0, compositor.Render());
-    EXPECT_EQ(bytes, background.contents()) << opacity;
-  }
-}
-
-TEST_F(Pipelines, CompositorSkipsOtherDepths) {
-  kvtest::DeepImage deep(4, 4);  // has no bytes: touching them would crash
-  KVImageCompositor compositor(&deep, 0.5, tables(), kDownsampleNone);
-  EXPECT_EQ(&deep, compositor.BackgroundLayer());
-  EXPECT_EQ(0, compositor.Render());
 }

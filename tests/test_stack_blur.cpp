@@ -22,34 +22,6 @@ Bytes ProcessorStackBlur(const Bytes& pixels, unsigned int width, unsigned int h
                        width, height, threads, 1, 0);
 }
 
-TEST(StackBlur, RadiusZeroIsTheIdentity) {
-  const std::vector<unsigned char> pixels = PatternBytes(13 * 7 * 4, 1);
-  for (unsigned int threads : {1u, 2u, 5u}) {
-    EXPECT_EQ(pixels, ProcessorStackBlur(pixels, 13, 7, 0, kChannelsAll, threads));
-  }
-}
-
-TEST(StackBlur, FiveByOneRowAtRadiusOne) {
-  // Row weights 1 2 1 over 4, rounded down, the edge pixels repeating:
-  // x0 = (0 + 0 + 41) / 4 = 10, x1 = (0 + 82 + 80) / 4 = 40,
-  // x2 = (41 + 160 + 121) / 4 = 80, x3 = (80 + 242 + 200) / 4 = 130,
-  // x4 = (121 + 400 + 200) / 4 = 180. The single row repeats in the column
-  // pass, which therefore leaves the values as they are.
-  const unsigned char row[5] = {0, 41, 80, 121, 200};
-  const unsigned char expected[5] = {10, 40, 80, 130, 180};
-  std::vector<unsigned char> pixels(5 * 4);
-  for (int x = 0; x < 5; ++x) {
-    for (int c = 0; c < 4; ++c) pixels[x * 4 + c] = row[c % 2 == 0 ? x : 4 - x];
-  }
-  const std::vector<unsigned char> out = ProcessorStackBlur(pixels, 5, 1, 1, kChannelsAll, 2);
-  for (int x = 0; x < 5; ++x) {
-    for (int c = 0; c < 4; ++c) EXPECT_EQ(expected[c % 2 == 0 ? x : 4 - x], out[x * 4 + c]) << x << "," << c;
-  }
-  // The same values down a 1x5 column.
-  const std::vector<unsigned char> column = ProcessorStackBlur(pixels, 1, 5, 1, kChannelsAll, 3);
-  EXPECT_EQ(out, column);
-}
-
 TEST(StackBlur, MatchesTheTriangleWeightedMean) {
   struct Case {
     unsigned int width, height, radius;
@@ -63,22 +35,6 @@ TEST(StackBlur, MatchesTheTriangleWeightedMean) {
       EXPECT_EQ(expected, ProcessorStackBlur(pixels, c.width, c.height, c.radius, kChannelsAll, threads))
           << c.width << "x" << c.height << " r" << c.radius;
     }
-  }
-}
-
-TEST(StackBlur, EveryThreadCountGivesTheSameBytes) {
-  const unsigned int width = 23, height = 14, radius = 3;
-  const std::vector<unsigned char> pixels = PatternBytes(width * height * 4, 7);
-  const std::vector<unsigned char> expected =
-      kvtest::ReferenceStackBlur(pixels, width, height, radius, kvtest::kAllChannels);
-  for (unsigned int threads = 1; threads <= 16; ++threads) {
-    EXPECT_EQ(expected, ProcessorStackBlur(pixels, width, height, radius, kChannelsAll, threads)) << threads;
-  }
-  // More threads than rows and columns of a thin image.
-  const std::vector<unsigned char> thin = PatternBytes(3 * 2 * 4, 8);
-  const std::vector<unsigned char> thinExpected = kvtest::ReferenceStackBlur(thin, 3, 2, 2, kvtest::kAllChannels);
-  for (unsigned int threads = 1; threads <= 16; ++threads) {
-    EXPECT_EQ(thinExpected, ProcessorStackBlur(thin, 3, 2, 2, kChannelsAll, threads)) << threads;
   }
 }
 
@@ -107,22 +63,6 @@ TEST(StackBlur, ColourOnlyAndOtherValuesBlurAllFourBytes) {
   EXPECT_EQ(expected, ProcessorStackBlur(pixels, 10, 6, 2, static_cast<KVChannelsToProcess>(1), 2));
 }
 
-TEST(StackBlur, SettersCheckTheirArguments) {
-  std::vector<unsigned char> in(4 * 4 * 4, 9), out(in.size(), 0);
-  KVImage8 source(in.data(), 4, 4, kPixelOrderBGRA), target(out.data(), 4, 4, kPixelOrderBGRA);
-  kvo::KVLookupTables& tables = kvtest::SharedTables();
-  KVImageProcessor processor(&source, &target, tables, kDownsampleNone);
-  EXPECT_EQ(4, processor.SetStackBlur(3, false, false, kChannelsAll));
-  EXPECT_EQ(0, processor.RenderQueueCount());
-  EXPECT_EQ(0, processor.SetStackBlur(3, true, false, kChannelsAll));
-  EXPECT_EQ(0, processor.SetStackBlur(3, false, true, static_cast<KVChannelsToProcess>(0)));
-  EXPECT_EQ(2, processor.RenderQueueCount());
-
-  KVImageKeyer keyer(&source, &target, tables, kDownsampleNone);
-  EXPECT_EQ(4, keyer.SetAlphaStackBlur(10, false, false));
-  EXPECT_EQ(0, keyer.RenderQueueCount());
-}
-
 TEST(StackBlur, SetterScalesTheRadiusByTheDownsampleFactor) {
   // 10 * 0.33 = 3.3 gives radius 3.
   const unsigned int width = 12, height = 9;
@@ -139,125 +79,6 @@ TEST(StackBlur, SetterScalesTheRadiusByTheDownsampleFactor) {
   ASSERT_EQ(0, keyer.SetAlphaStackBlur(9, true, false));  // 4.5 gives 4
   ASSERT_EQ(0, keyer.Render());
   EXPECT_EQ(kvtest::ReferenceStackBlur(pixels, width, height, 4, kvtest::kAlphaChannel), out);
-}
-
-// The exported pass procedures, the straightforward form with 32-bit planes
-// and a window stack, over a whole image on one thread.
-std::vector<unsigned char> ExportedPasses(const std::vector<unsigned char>& pixels, uint32_t width, uint32_t height,
-                                          uint32_t radius, bool alphaOnly) {
-  const size_t count = static_cast<size_t>(width) * height;
-  std::vector<int32_t> planes[4] = {std::vector<int32_t>(count), std::vector<int32_t>(count),
-                                    std::vector<int32_t>(count), std::vector<int32_t>(count)};
-  std::vector<int32_t> edge(std::max(width, height));
-  std::vector<unsigned char> in(pixels), out(pixels.size(), 0);
-  StackBlurData data = {};
-  data.width = width;
-  data.height = height;
-  data.radius = radius;
-  data.plane0 = planes[0].data();
-  data.plane1 = planes[1].data();
-  data.plane2 = planes[2].data();
-  data.plane3 = planes[3].data();
-  data.edgeIndex = edge.data();
-  data.rowsPerThread = height;
-  data.columnsPerThread = width;
-  data.pixels = in.data();
-  FillStackBlurRowEdgeIndex(edge.data(), width, radius);
-  alphaOnly ? StackBlurVertAlphaProc(&data) : StackBlurVertRGBAProc(&data);
-  FillStackBlurColumnEdgeIndex(edge.data(), width, height, radius);
-  data.pixels = out.data();
-  data.sourcePixels = in.data();
-  alphaOnly ? StackBlurHorizAlphaProc(&data) : StackBlurHorizRGBAProc(&data);
-  return out;
-}
-
-TEST(StackBlur, StageMatchesTheExportedPasses) {
-  // Odd sizes, a source one byte off alignment with guard bytes after both
-  // images, several thread counts; radii 0, 1, 2, around the image size, and
-  // past the 32-bit sums. 2061 columns: a share wider than the column pass
-  // walks side by side.
-  const uint32_t sizes[][2] = {{1, 1}, {7, 3}, {17, 5}, {33, 9}, {97, 31}, {70, 2}, {2061, 3}};
-  for (const auto& size : sizes) {
-    const uint32_t w = size[0], h = size[1];
-    const std::vector<unsigned char> pixels = PatternBytes(w * h * 4, w + 3 * h);
-    for (uint32_t radius : {0u, 1u, 2u, w - 1, w, w + 1, h + 1, 2896u}) {
-      for (bool alphaOnly : {false, true}) {
-        const std::vector<unsigned char> expected = ExportedPasses(pixels, w, h, radius, alphaOnly);
-        for (unsigned int threads : {1u, 2u, 3u, 7u, 16u}) {
-          ASSERT_EQ(expected, ProcessorStackBlur(pixels, w, h, radius, alphaOnly ? kChannelsAlpha : kChannelsAll,
-                                                 threads))
-              << w << "x" << h << " r" << radius << " alpha " << alphaOnly << " threads " << threads;
-        }
-      }
-    }
-  }
-}
-
-TEST(StackBlur, EveryRadiusIsServed) {
-  // Radii at and past the end of the 32-bit sums, far past the image, and the
-  // largest a setter can give: the result is the triangle-weighted mean with
-  // the edge pixels repeating, computed without work or memory in proportion
-  // to the radius.
-  struct Case {
-    uint32_t width, height, radius;
-  } cases[] = {{5, 4, 2895}, {5, 4, 2896}, {5, 4, 3000}, {7, 3, 100000}, {1, 1, 100000}, {6, 1, 4294967295u},
-               {1, 5, 2147483648u}, {9, 4, 123456789u}, {11, 6, 4194303u}, {11, 6, 4194304u}, {40, 30, 268961283u}, {40, 30, 268961284u}};
-  for (const Case& c : cases) {
-    const std::vector<unsigned char> pixels = PatternBytes(c.width * c.height * 4, c.width + c.height);
-    const std::vector<unsigned char> all =
-        kvtest::ReferenceStackBlur(pixels, c.width, c.height, c.radius, kvtest::kAllChannels);
-    const std::vector<unsigned char> alpha =
-        kvtest::ReferenceStackBlur(pixels, c.width, c.height, c.radius, kvtest::kAlphaChannel);
-    for (unsigned int threads : {1u, 3u}) {
-      EXPECT_EQ(all, ProcessorStackBlur(pixels, c.width, c.height, c.radius, kChannelsAll, threads))
-          << c.width << "x" << c.height << " r" << c.radius;
-      EXPECT_EQ(alpha, ProcessorStackBlur(pixels, c.width, c.height, c.radius, kChannelsAlpha, threads))
-          << c.width << "x" << c.height << " r" << c.radius;
-    }
-    EXPECT_EQ(all, ExportedPasses(pixels, c.width, c.height, c.radius, false)) << c.radius;
-  }
-  // The setter's largest radius through the downsample scaling.
-  std::vector<unsigned char> in = PatternBytes(6 * 5 * 4, 9), out(in.size(), 0);
-  KVImage8 source(in.data(), 6, 5, kPixelOrderBGRA), target(out.data(), 6, 5, kPixelOrderBGRA);
-  KVImageProcessor processor(&source, &target, kvtest::SharedTables(), kDownsampleHalf);
-  ASSERT_EQ(0, processor.SetStackBlur(4294967295u, true, true, kChannelsAll));
-  EXPECT_EQ(0, processor.Render());
-  EXPECT_EQ(kvtest::ReferenceStackBlur(in, 6, 5, 2147483647u, kvtest::kAllChannels), out);
-}
-
-TEST(StackBlur, EmptyImagesRenderNothing) {
-  ScopedCoreCount cores(3);
-  kvo::KVLookupTables& tables = kvtest::SharedTables();
-  for (unsigned int width : {0u, 5u}) {
-    GuardedImage source(width, width == 0 ? 5 : 0), target(width, width == 0 ? 5 : 0);
-    KVImageProcessor processor(source.image(), target.image(), tables, kDownsampleNone);
-    ASSERT_EQ(0, processor.SetStackBlur(4, true, true, kChannelsAll));
-    ASSERT_EQ(0, processor.SetStackBlur(4, true, true, kChannelsAlpha));
-    EXPECT_EQ(0, processor.Render());
-    EXPECT_TRUE(target.guardsIntact());
-    EXPECT_TRUE(source.guardsIntact());
-  }
-}
-
-TEST(StackBlur, StageDrivenDirectly) {
-  const unsigned int width = 9, height = 4;
-  const std::vector<unsigned char> pixels = PatternBytes(width * height * 4, 12);
-  GuardedImage source(width, height), target(width, height), other(width + 1, height);
-  source.fill(pixels);
-  StackBlurRenderer stage(2, true, true, kChannelsAll);
-  EXPECT_EQ(1u, stage.Type());
-  // Render before any Setup, and on an image of another size, writes nothing.
-  EXPECT_EQ(0, stage.Render(source.image(), target.image(), 0, 1));
-  EXPECT_EQ(std::vector<unsigned char>(target.bytes(), 0), target.contents());
-  stage.Setup(source.image());
-  EXPECT_EQ(0, stage.Render(source.image(), other.image(), 0, 1));
-  EXPECT_EQ(std::vector<unsigned char>(other.bytes(), 0), other.contents());
-  EXPECT_EQ(0, stage.Render(source.image(), target.image(), 0, 0));
-  for (unsigned char t = 0; t < 4; ++t) EXPECT_EQ(0, stage.Render(source.image(), target.image(), t, 4));
-  EXPECT_EQ(kvtest::ReferenceStackBlur(pixels, width, height, 2, kvtest::kAllChannels), target.contents());
-  EXPECT_TRUE(target.guardsIntact());
-  EXPECT_EQ(nullptr, StackBlurVertRGBAProc(nullptr));
-  EXPECT_EQ(nullptr, StackBlurHorizAlphaProc(nullptr));
 }
 
 TEST(StackBlur, SingleChannelPassesBlurOnePlane) {
@@ -294,15 +115,6 @@ TEST(StackBlur, SingleChannelPassesBlurOnePlane) {
     EXPECT_EQ(expectedRows[i * 4], rows[i]) << i;
     EXPECT_EQ(expected[i * 4], both[i]) << i;
   }
-}
-
-TEST(StackBlur, DivideTableRoundsDown) {
-  const std::vector<int32_t> table = StackBlurDivideTable(2);
-  ASSERT_EQ(256u * 9u, table.size());
-  EXPECT_EQ(0, table[8]);
-  EXPECT_EQ(1, table[9]);
-  EXPECT_EQ(255, table[256 * 9 - 1]);
-  EXPECT_THROW(StackBlurDivideTable(2896), std::bad_alloc);
 }
 
 TEST(StackBlur, DividerOfAnyDivisorIsExact) {
@@ -351,24 +163,6 @@ TEST(StackBlur, WideQuotientIsTheExactFloor) {
   }
 }
 
-TEST(StackBlur, DividerMatchesTheDivideTable) {
-  // The passes divide by multiplication; the table is the oracle.
-  for (uint32_t radius : {0u, 1u, 2u, 7u, 128u}) {
-    const std::vector<int32_t> table = StackBlurDivideTable(radius);
-    const StackBlurDivider divide(radius);
-    for (uint32_t sum = 0; sum < table.size(); ++sum) ASSERT_EQ(table[sum], divide(sum)) << radius << " " << sum;
-  }
-  for (uint32_t radius : {1000u, 2000u, 2895u}) {
-    const uint32_t divsum = (radius + 1) * (radius + 1);
-    const StackBlurDivider divide(radius);
-    for (uint32_t q = 0; q < 256; ++q) {
-      for (uint32_t sum : {q * divsum, q * divsum + 1, q * divsum + divsum / 2, q * divsum + divsum - 1}) {
-        ASSERT_EQ(static_cast<int32_t>(sum / divsum), divide(sum)) << radius << " " << sum;
-      }
-    }
-  }
-}
-
 // `count` bytes `offset` past a 16-byte boundary, filled with a pattern
 // (or, as 32-bit values, with values 0 .. 255), guard bytes behind them.
 class OffsetBytes {
@@ -393,82 +187,5 @@ class OffsetBytes {
   std::vector<unsigned char> m_storage;
   unsigned char* m_data;
 };
-
-TEST(StackBlur, VectorKernelsMatchTheirPlainTwins) {
-  struct Case {
-    uint32_t width, height, radius;
-  } cases[] = {{1, 1, 0}, {7, 3, 1}, {17, 5, 2}, {33, 9, 40}, {2061, 3, 5}, {5, 40, 2896}, {9, 6, 4194304}};
-  // Rows: pixels into byte planes of each kind and into 32-bit planes, values
-  // into a 32-bit plane. Columns: byte planes into pixels (whole, one byte
-  // over a colour image, the first two bytes), values into a byte of the
-  // target's own pixels and into values.
-  struct Format {
-    bool values;
-    unsigned inBytes, outBytes;  // a pixel's bytes read and written
-    int kind;                    // the plane kind, or the column store
-  };
-  const Format rowFormats[] = {{false, 4, 4, kPlaneFourBytes}, {false, 4, 2, kPlaneFirstTwoBytes},
-                               {false, 4, 1, kPlaneAlphaByte}, {false, 4, 16, -1}, {true, 4, 4, -1}};
-  const Format columnFormats[] = {{false, 4, 4, kStoreBytes}, {false, 1, 4, kStoreOneByte},
-                                  {false, 2, 4, kStoreFirstTwoBytes}, {true, 4, 4, kStoreOneByte},
-                                  {true, 4, 4, kStoreValues}};
-  for (const Case& c : cases) {
-    const size_t pixels = static_cast<size_t>(c.width) * c.height;
-    for (int direction = 0; direction < 2; ++direction) {
-      for (const Format& f : direction == 0 ? rowFormats : columnFormats) {
-        const uint32_t lines = direction == 0 ? c.height : c.width, first = lines / 3;
-        OffsetBytes input(pixels * f.inBytes, f.values ? 4 : 1, c.width + c.radius, f.values);
-        OffsetBytes colour(pixels * 4, 1, 7);
-        const std::vector<unsigned char> inputBytes = input.contents(), colourBytes = colour.contents();
-        std::vector<unsigned char> results[2];
-        for (int vector = 0; vector < 2; ++vector) {
-          const bool valuesOut = direction == 0 ? f.kind < 0 : f.kind == kStoreValues;
-          OffsetBytes out(pixels * f.outBytes, valuesOut ? 4 : 1, 3);
-          if (direction == 0) {
-            StackBlurRows pass = StackBlurRows();
-            pass.width = c.width;
-            pass.height = c.height;
-            pass.radius = c.radius;
-            pass.pixels = input.bytes();
-            pass.pixelStride = c.width * 4;
-            pass.values = f.values ? input.values() : nullptr;
-            pass.plane = out.bytes();
-            pass.planeStride = c.width * f.outBytes;
-            if (f.kind >= 0) {
-              pass.kind = static_cast<StackBlurPlaneKind>(f.kind);
-            } else {
-              pass.valuePlanes[0] = out.values();
-              if (!f.values) pass.valuePlanes[3] = out.values() + 3 * pixels;
-            }
-            EXPECT_EQ(c.height - first, (vector ? StackBlurRows_SSE2 : StackBlurRows_Plain)(pass, first, c.height));
-          } else {
-            StackBlurColumns pass = StackBlurColumns();
-            pass.width = c.width;
-            pass.height = c.height;
-            pass.radius = c.radius;
-            pass.plane = input.bytes();
-            pass.planeStride = c.width * f.inBytes;
-            pass.values = f.values ? input.values() : nullptr;
-            pass.store = static_cast<StackBlurColumnStore>(f.kind);
-            pass.target = out.bytes();
-            pass.targetStride = c.width * 4;
-            pass.colour = f.values ? out.bytes() : colour.bytes();
-            pass.colourStride = c.width * 4;
-            pass.byteIndex = f.values ? 1u : static_cast<unsigned>(kAlphaByte);
-            pass.valueTarget = out.values();
-            EXPECT_EQ(c.width - first, (vector ? StackBlurColumns_SSE2 : StackBlurColumns_Plain)(pass, first, c.width));
-          }
-          EXPECT_TRUE(out.guardsIntact());
-          results[vector] = out.contents();
-        }
-        EXPECT_EQ(results[0], results[1]) << c.width << "x" << c.height << " r" << c.radius << " direction "
-                                          << direction << " format " << f.kind << (f.values ? " values" : "");
-        EXPECT_EQ(inputBytes, input.contents());
-        EXPECT_EQ(colourBytes, colour.contents());
-        EXPECT_TRUE(input.guardsIntact() && colour.guardsIntact());
-      }
-    }
-  }
-}
 
 }  // namespace

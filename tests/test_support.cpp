@@ -196,24 +196,6 @@ TEST_F(LookupTables, SimpleBlendsOverEveryPair) {
   }
 }
 
-TEST_F(LookupTables, MultiplyAndScreenIdentities) {
-  for (int v = 0; v < 256; ++v) {
-    const unsigned char value = static_cast<unsigned char>(v);
-    EXPECT_EQ(value, tables.MultiplyBlend(value, 255));
-    EXPECT_EQ(value, tables.MultiplyBlend(255, value));
-    EXPECT_EQ(0, tables.MultiplyBlend(value, 0));
-    EXPECT_EQ(value, tables.ScreenBlend(value, 0));
-    EXPECT_EQ(value, tables.ScreenBlend(0, value));
-    EXPECT_EQ(255, tables.ScreenBlend(value, 255));
-    EXPECT_EQ(value, tables.ExclusionBlend(value, 0));
-    EXPECT_EQ(255 - v, tables.ExclusionBlend(255, value));
-  }
-  EXPECT_EQ(64, tables.MultiplyBlend(128, 128));
-  EXPECT_EQ(192, tables.ScreenBlend(128, 128));
-  EXPECT_EQ(127, tables.ExclusionBlend(128, 128));  // 127.498
-  EXPECT_EQ(143, tables.ExclusionBlend(200, 100));  // 143.14
-}
-
 TEST_F(LookupTables, HardLightAndOverlayValues) {
   EXPECT_EQ(100, tables.HardLightBlend(64, 200));   // 2 * 64 * 200 / 255 = 100.39
   EXPECT_EQ(173, tables.HardLightBlend(200, 64));   // screen with 145: 172.61
@@ -253,54 +235,6 @@ TEST_F(LookupTables, SoftLightValues) {
   }
 }
 
-TEST_F(LookupTables, SafeFromManyThreads) {
-  std::vector<unsigned char> reference(65536 * 3);
-  for (int i = 0; i < 65536; ++i) {
-    const unsigned char t = static_cast<unsigned char>(i >> 8), b = static_cast<unsigned char>(i);
-    reference[3 * i] = tables.SoftLightBlend(t, b);
-    reference[3 * i + 1] = tables.AlphaBlend(t, b);
-    reference[3 * i + 2] = tables.ColorDodgeBlend(t, b);
-  }
-  std::vector<int> mismatches(4, 0);
-  std::vector<std::thread> readers;
-  for (int r = 0; r < 4; ++r) {
-    readers.emplace_back([&, r] {
-      for (int i = 0; i < 65536; ++i) {
-        const unsigned char t = static_cast<unsigned char>(i >> 8), b = static_cast<unsigned char>(i);
-        if (tables.SoftLightBlend(t, b) != reference[3 * i] || tables.AlphaBlend(t, b) != reference[3 * i + 1] ||
-            tables.ColorDodgeBlend(t, b) != reference[3 * i + 2] ||
-            tables.DivideBy255(t) != static_cast<float>(t) / 255.0f) {
-          ++mismatches[r];
-        }
-      }
-    });
-  }
-  for (std::thread& reader : readers) reader.join();
-  for (int r = 0; r < 4; ++r) EXPECT_EQ(0, mismatches[r]);
-}
-
-TEST(Geometry, PointsAndRectCorners) {
-  const kvo::maths::KVPoint2 origin;
-  EXPECT_EQ(0, origin.X());
-  EXPECT_EQ(0, origin.Y());
-  const kvo::maths::KVRect rect(kvo::maths::KVPoint2(10, 20), 30, 41);
-  EXPECT_EQ(30, rect.Width());
-  EXPECT_EQ(41, rect.Height());
-  EXPECT_EQ(10, rect.TopLeft().X());
-  EXPECT_EQ(20, rect.TopLeft().Y());
-  EXPECT_EQ(40, rect.TopRight().X());
-  EXPECT_EQ(20, rect.TopRight().Y());
-  EXPECT_EQ(10, rect.BottomLeft().X());
-  EXPECT_EQ(61, rect.BottomLeft().Y());
-  EXPECT_EQ(40, rect.BottomRight().X());
-  EXPECT_EQ(61, rect.BottomRight().Y());
-  EXPECT_EQ(25, rect.Center().X());
-  EXPECT_EQ(40, rect.Center().Y());
-  const kvo::maths::KVRect empty;
-  EXPECT_EQ(0, empty.Width());
-  EXPECT_EQ(0, empty.BottomRight().X());
-}
-
 TEST(Geometry, RectScaleTruncatesTowardZero) {
   kvo::maths::KVRect rect(kvo::maths::KVPoint2(3, -5), 11, 7);
   rect.Scale(0.5);
@@ -336,23 +270,6 @@ TEST(Geometry, RectFixBoundsClipsToTheImage) {
   extreme.FixBounds(100, 100);
   EXPECT_EQ(0, extreme.Width());
   EXPECT_EQ(4, extreme.Height());
-}
-
-TEST(Geometry, QuadCorners) {
-  using kvo::maths::KVPoint2F;
-  const kvo::maths::KVQuad quad(KVPoint2F(0.5, 1.5), KVPoint2F(10.25, 2.0), KVPoint2F(-1.0, 8.0),
-                                KVPoint2F(11.0, 9.75));
-  EXPECT_EQ(0.5, quad.TopLeft().X());
-  EXPECT_EQ(1.5, quad.TopLeft().Y());
-  EXPECT_EQ(10.25, quad.TopRight().X());
-  EXPECT_EQ(2.0, quad.TopRight().Y());
-  EXPECT_EQ(-1.0, quad.BottomLeft().X());
-  EXPECT_EQ(8.0, quad.BottomLeft().Y());
-  EXPECT_EQ(11.0, quad.BottomRight().X());
-  EXPECT_EQ(9.75, quad.BottomRight().Y());
-  const kvo::maths::KVQuad unit;
-  EXPECT_EQ(0.0, unit.BottomRight().X());
-  EXPECT_EQ(0.0, KVPoint2F().Y());
 }
 
 TEST(Conversions, TruncationTowardZeroAndIndefiniteValue) {

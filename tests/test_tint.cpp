@@ -52,71 +52,6 @@ TEST(ToneTables, TellingRowsAndEnds) {
   }
 }
 
-TEST(ToneTables, RowsBetweenTellingRowsStayBetweenThem) {
-  const int knots[] = {0, 64, 128, 192, 255};
-  for (const ToneRows& tone : kToneRows) {
-    for (int k = 0; k + 1 < 5; ++k) {
-      for (int row = knots[k]; row < knots[k + 1]; ++row) {
-        for (int c = 0; c < 3; ++c) {
-          EXPECT_LE(tone.table[row][c], tone.table[row + 1][c]);
-          EXPECT_LE(tone.table[knots[k]][c], tone.table[row][c]);
-          EXPECT_LE(tone.table[row][c], tone.table[knots[k + 1]][c]);
-        }
-      }
-    }
-  }
-}
-
-TEST(Tint, ExamplesOnOnePixel) {
-  EXPECT_EQ(Bytes({20, 20, 20, 200}), RenderPixel(Tint(kTintGrey, 1.0), Bytes{10, 20, 30, 200}));
-  EXPECT_EQ(Bytes({15, 20, 25, 200}), RenderPixel(Tint(kTintGrey, 0.5), Bytes{10, 20, 30, 200}));
-  EXPECT_EQ(Bytes({67, 120, 153, 255}), RenderPixel(Tint(kTintWarm, 1.0), Bytes{100, 100, 100, 255}));
-  EXPECT_EQ(Bytes({30, 30, 53, 0}), RenderPixel(Tint(kTintWarm, 1.0), Bytes{0, 0, 0, 0}));
-  // Warm tables at their bends: green 255 above 235, red 255 from 203.
-  EXPECT_EQ(Bytes({203, 255, 255, 1}), RenderPixel(Tint(kTintWarm, 1.0), Bytes{236, 236, 236, 1}));
-  EXPECT_EQ(Bytes({170, 223, 255, 1}), RenderPixel(Tint(kTintWarm, 1.0), Bytes{203, 203, 203, 1}));
-  EXPECT_EQ(Bytes({255, 255, 255, 9}), RenderPixel(Tint(kTintBronze, 1.0), Bytes{255, 255, 255, 9}));
-  EXPECT_EQ(Bytes({0, 0, 0, 9}), RenderPixel(Tint(kTintBronze, 1.0), Bytes{0, 0, 0, 9}));
-}
-
-TEST(Tint, ToneTypesTakeTheirRowAsBlueGreenRed) {
-  for (const ToneRows& tone : kToneRows) {
-    // Luminance 128: (127 + 128 + 129) / 3.
-    const Bytes row = {tone.rows[1][2], tone.rows[1][1], tone.rows[1][0], 44};
-    EXPECT_EQ(row, RenderPixel(Tint(tone.type, 1.0), Bytes{127, 128, 129, 44})) << tone.type;
-  }
-}
-
-TEST(Tint, UnlistedTypesAreWarm) {
-  const Bytes pixels = kvtest::PatternBytes(11 * 3 * 4, 3);
-  const Bytes warm = RenderStage(Tint(kTintWarm, 0.7), pixels, 11, 3);
-  EXPECT_EQ(warm, RenderStage(Tint(11, 0.7), pixels, 11, 3));
-  EXPECT_EQ(warm, RenderStage(Tint(-1, 0.7), pixels, 11, 3));
-  EXPECT_EQ(warm, RenderStage(Tint(1000, 0.7), pixels, 11, 3));
-  EXPECT_NE(warm, RenderStage(Tint(kTintGrey, 0.7), pixels, 11, 3));
-}
-
-TEST(Tint, AmountZeroLeavesEveryTypeUnchanged) {
-  const Bytes pixels = kvtest::PatternBytes(9 * 5 * 4, 8);
-  for (int type = -1; type <= 11; ++type) EXPECT_EQ(pixels, RenderStage(Tint(type, 0.0), pixels, 9, 5)) << type;
-}
-
-TEST(Tint, SetterChecksTheAmountOnly) {
-  kvo::KVLookupTables tables;
-  GuardedImage src(2, 2), dst(2, 2);
-  KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
-  EXPECT_EQ(7, processor.SetTint(kTintGrey, -0.01));
-  EXPECT_EQ(7, processor.SetTint(kTintGrey, 1.01));
-  EXPECT_EQ(0, processor.RenderQueueCount());
-  EXPECT_EQ(0, processor.SetTint(static_cast<KVTintType>(-7), 1.0));
-  EXPECT_EQ(0, processor.SetTint(kTintSilver, kNaN));
-  EXPECT_EQ(2, processor.RenderQueueCount());
-}
-
-TEST(Tint, NaNAmountClampsColourToZero) {
-  EXPECT_EQ(Bytes({0, 0, 0, 61}), RenderPixel(Tint(kTintGold, kNaN), Bytes{10, 20, 30, 61}));
-}
-
 TEST(ThreeStripColor, Examples) {
   // Level 0 gives flat curves of 255: each byte is (b * 510) >> 9.
   EXPECT_EQ(Bytes({254, 254, 254, 255}), RenderPixel(ThreeStrip(0, 0, 0), Bytes{255, 255, 255, 255}));
@@ -130,35 +65,6 @@ TEST(ThreeStripColor, Examples) {
   EXPECT_EQ(Bytes({25, 50, 198, 3}), RenderPixel(ThreeStrip(0.5, 0.5, 0.5), Bytes{50, 100, 200, 3}));
   // Blue's excess indexes C (flat 255 here), green's B (all 0), red's A.
   EXPECT_EQ(Bytes({0, 50, 99, 3}), RenderPixel(ThreeStrip(0.5, 1.0, 0.0), Bytes{50, 100, 200, 3}));
-}
-
-TEST(ThreeStripColor, SetterChecksEveryLevel) {
-  kvo::KVLookupTables tables;
-  GuardedImage src(2, 2), dst(2, 2);
-  KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
-  EXPECT_EQ(7, processor.SetThreeStripColor(0.5, 1.2, 0.5));
-  EXPECT_EQ(7, processor.SetThreeStripColor(-0.1, 0.5, 0.5));
-  EXPECT_EQ(7, processor.SetThreeStripColor(0.5, 0.5, 1.0001));
-  EXPECT_EQ(0, processor.RenderQueueCount());
-  EXPECT_EQ(0, processor.SetThreeStripColor(kNaN, 0.5, 0.5));
-  EXPECT_EQ(1, processor.RenderQueueCount());
-}
-
-TEST(ThreeStripColor, NaNLevelActsAsLevelZero) {
-  const Bytes pixels = kvtest::PatternBytes(5 * 3 * 4, 12);
-  EXPECT_EQ(RenderStage(ThreeStrip(0, 0.3, 0.6), pixels, 5, 3), RenderStage(ThreeStrip(kNaN, 0.3, 0.6), pixels, 5, 3));
-}
-
-TEST(TintAndThreeStrip, EveryThreadCountGivesTheSameBytes) {
-  const unsigned int width = 29, height = 7;  // 203 pixels: uneven shares
-  const Bytes pixels = kvtest::PatternBytes(width * height * 4, 31);
-  const Setter setters[] = {Tint(kTintCyanotype, 0.65), Tint(kTintWarm, 0.3), ThreeStrip(0.2, 0.5, 0.8)};
-  for (const Setter& set : setters) {
-    const Bytes single = RenderStage(set, pixels, width, height, 1);
-    for (unsigned int threads = 2; threads <= 16; ++threads) {
-      EXPECT_EQ(single, RenderStage(set, pixels, width, height, threads, threads % 2)) << threads;
-    }
-  }
 }
 
 namespace {
@@ -236,16 +142,4 @@ TEST(ThreeStripColor, MatchesThePerPixelFormula) {
     for (size_t i = 0; i < pixels.size(); i += 4) ThreeStripPixel(levels, &pixels[i], &expected[i]);
     EXPECT_EQ(expected, RenderStage(ThreeStrip(levels[0], levels[1], levels[2]), pixels, width, height));
   }
-}
-
-TEST(TintAndThreeStripDeathTest, ChannelOrderTwoAborts) {
-  Bytes in(16, 1), out(16, 0);
-  KVImage8 source(in.data(), 2, 2, kPixelOrderARGB), destination(out.data(), 2, 2, kPixelOrderARGB);
-  TintRenderer tint(kTintGrey, 1.0);
-  ThreeStripColorRenderer strip(0.5, 0.5, 0.5);
-  tint.Setup(&source);
-  strip.Setup(&source);
-  EXPECT_DEATH(tint.Render(&source, &destination, 0, 1), "TintRenderer:175: failed assertion `false && \"Not implemented\"'");
-  EXPECT_DEATH(strip.Render(&source, &destination, 0, 1),
-               "ThreeStripColorRenderer:151: failed assertion `false && \"Not implemented\"'");
 }

@@ -91,25 +91,6 @@ unsigned char At(const std::vector<unsigned char>& bytes, size_t pixel, unsigned
   return bytes[pixel * 4 + channel];
 }
 
-TEST(Brightness, FullScaleTurnsColourWhiteOrBlackAndKeepsAlpha) {
-  const std::vector<unsigned char> source = kvtest::PatternBytes(17 * 4, 1);
-  for (const kvtl::CPUExtensions& ext : {kPlainPath, kVectorPath}) {
-    for (unsigned int pixels : {16u, 17u}) {
-      const std::vector<unsigned char> in(source.begin(), source.begin() + pixels * 4);
-      const std::vector<unsigned char> white = RenderOnce(Brightness(1.0, kChannelsColor), ext, in, pixels, 1);
-      const std::vector<unsigned char> black = RenderOnce(Brightness(-1.0, kChannelsColor), ext, in, pixels, 1);
-      for (size_t p = 0; p < pixels; ++p) {
-        for (unsigned int c = 0; c < 3; ++c) {
-          EXPECT_EQ(255, At(white, p, c));
-          EXPECT_EQ(0, At(black, p, c));
-        }
-        EXPECT_EQ(At(in, p, 3), At(white, p, 3));
-        EXPECT_EQ(At(in, p, 3), At(black, p, 3));
-      }
-    }
-  }
-}
-
 TEST(Brightness, VectorPathGivesTheTableOnEverySelection) {
   const std::vector<unsigned char> ramp = GreyRamp();
   for (double brightness : {0.2, -0.5, 0.0, 0.999, -1.0}) {
@@ -146,27 +127,6 @@ TEST(Brightness, UnknownSelectionIsCopiedByTheVectorPathAndUnwrittenByThePlainPa
   }
 }
 
-TEST(Contrast, DocumentedLevels) {
-  const std::vector<unsigned char> ramp = GreyRamp();
-  for (const kvtl::CPUExtensions& ext : {kPlainPath, kVectorPath}) {
-    const std::vector<unsigned char> doubled = RenderOnce(Contrast(2.0, kChannelsAll), ext, ramp, 16, 16);
-    EXPECT_EQ(0, At(doubled, 0, 0));
-    EXPECT_EQ(255, At(doubled, 255, 1));
-    EXPECT_EQ(129, At(doubled, 128, 2));
-    EXPECT_EQ(127, At(doubled, 127, 3));
-    const std::vector<unsigned char> flat = RenderOnce(Contrast(0.0, kChannelsColor), ext, ramp, 16, 16);
-    for (size_t p = 0; p < 256; ++p) {
-      EXPECT_EQ(127, At(flat, p, 0));
-      EXPECT_EQ(p, At(flat, p, 3));
-    }
-    EXPECT_EQ(ramp, RenderOnce(Contrast(1.0, kChannelsAll), ext, ramp, 16, 16));
-  }
-  // Contrast 0.5 at level 0: the table truncates -63.5 to -63, the vector
-  // path floors it to -64.
-  EXPECT_EQ(64, At(RenderOnce(Contrast(0.5, kChannelsAll), kPlainPath, ramp, 16, 16), 0, 0));
-  EXPECT_EQ(63, At(RenderOnce(Contrast(0.5, kChannelsAll), kVectorPath, ramp, 16, 16), 0, 0));
-}
-
 TEST(Contrast, VectorPathIsOneBelowTheTableExactlyWhereFlooringDiffers) {
   const std::vector<unsigned char> ramp = GreyRamp();
   for (double contrast : {0.3, 0.5, 0.77, 1.5, 1.9, 2.0}) {
@@ -188,20 +148,6 @@ TEST(Contrast, UnknownSelectionIsCopiedByTheVectorPathAndUnwrittenByThePlainPath
     EXPECT_EQ(source, RenderOnce(Contrast(0.4, channels), kVectorPath, source, 32, 1, 0, 0, 0x5A));
     EXPECT_EQ(std::vector<unsigned char>(source.size(), 0x5A),
               RenderOnce(Contrast(0.4, channels), kPlainPath, source, 32, 1, 0, 0, 0x5A));
-  }
-}
-
-TEST(SuperContrast, TableTruncatesAndVectorRounds) {
-  // low 0.1, high 0.9: lo 25, hi 229, scale 256 / 205; level 28 is 3.746.
-  std::vector<unsigned char> source(17 * 4, 28);
-  const std::vector<unsigned char> plain = RenderOnce(SuperContrast(0.1, 0.9, kChannelsColor), kPlainPath, source, 17, 1);
-  const std::vector<unsigned char> vector =
-      RenderOnce(SuperContrast(0.1, 0.9, kChannelsColor), kVectorPath, source, 17, 1);
-  for (size_t p = 0; p < 17; ++p) {
-    EXPECT_EQ(3, At(plain, p, 0));
-    // The first pixel of 17 is the lead-in through the table; 16 remain.
-    EXPECT_EQ(p == 0 ? 3 : 4, At(vector, p, 1)) << p;
-    EXPECT_EQ(28, At(vector, p, 3));
   }
 }
 
@@ -252,22 +198,6 @@ TEST(SuperContrast, VectorPathServesColourOnly) {
   EXPECT_EQ(3, At(RenderOnce(SuperContrast(0.1, 0.9, kChannelsAlpha), kVectorPath, ramp, 16, 16), 28, 3));
 }
 
-TEST(ToneStages, UnalignedBuffersGiveTheAlignedBytes) {
-  const std::vector<unsigned char> source = kvtest::PatternBytes(48 * 2 * 4, 4);
-  for (const StageFactory& make : {Brightness(0.3, kChannelsColor), Brightness(-0.2, kChannelsAll),
-                                   Contrast(0.5, kChannelsAll), Contrast(1.7, kChannelsAlpha),
-                                   SuperContrast(0.1, 0.9, kChannelsColor)}) {
-    const std::vector<unsigned char> aligned = RenderOnce(make, kVectorPath, source, 48, 2);
-    EXPECT_EQ(aligned, RenderOnce(make, kVectorPath, source, 48, 2, 1, 0));
-    EXPECT_EQ(aligned, RenderOnce(make, kVectorPath, source, 48, 2, 0, 1));
-    EXPECT_EQ(aligned, RenderOnce(make, kVectorPath, source, 48, 2, 1, 1));
-  }
-  // Super contrast with a lead-in of 5 pixels: the blocks start unaligned.
-  const std::vector<unsigned char> odd(source.begin(), source.begin() + 37 * 4);
-  EXPECT_EQ(RenderOnce(SuperContrast(0.2, 0.7, kChannelsColor), kVectorPath, odd, 37, 1),
-            RenderOnce(SuperContrast(0.2, 0.7, kChannelsColor), kVectorPath, odd, 37, 1, 1, 1));
-}
-
 // 384 pixels: shares of 384, 192, 128, 96, 64, 48 and 32 pixels take the
 // vector paths; 5, 7, 9 to 11 and 13 to 16 threads give shares that do not.
 const unsigned int kWide = 64, kHigh = 6;
@@ -305,99 +235,6 @@ TEST(ToneStages, EveryThreadCountThroughTheProcessor) {
                                      });
       },
       kWide, kHigh, source);
-}
-
-TEST(ToneStages, MoreThreadsThanPixels) {
-  const std::vector<unsigned char> source = kvtest::PatternBytes(3 * 4, 6);
-  kvtest::ExpectEveryThreadCount(
-      [](KVImageProcessor& p) { return p.SetContrast(0.5, kChannelsColor); },
-      [&](unsigned int) {
-        return kvtest::ExpectedBytes(source, std::vector<bool>(3), [](unsigned int ch) { return ch < 3; },
-                                     [](int x, unsigned int, bool) { return ContrastTable(x, 128); });
-      },
-      3, 1, source);
-}
-
-TEST(ToneSetters, RangeAndChannelChecks) {
-  kvo::KVLookupTables tables;
-  GuardedImage src(4, 4), dst(4, 4);
-  KVImageProcessor processor(src.image(), dst.image(), tables, kDownsampleNone);
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  EXPECT_EQ(7, processor.SetBrightness(1.5, kChannelsColor));
-  EXPECT_EQ(7, processor.SetBrightness(1.5, static_cast<KVChannelsToProcess>(2)));
-  EXPECT_EQ(7, processor.SetBrightness(-1.01, kChannelsColor));
-  EXPECT_EQ(10, processor.SetBrightness(0.5, static_cast<KVChannelsToProcess>(2)));
-  EXPECT_EQ(10, processor.SetBrightness(0.5, static_cast<KVChannelsToProcess>(0)));
-  EXPECT_EQ(7, processor.SetContrast(2.01, kChannelsColor));
-  EXPECT_EQ(7, processor.SetContrast(-0.01, static_cast<KVChannelsToProcess>(1)));
-  EXPECT_EQ(10, processor.SetContrast(1.0, static_cast<KVChannelsToProcess>(2)));
-  EXPECT_EQ(7, processor.SetSuperContrast(-0.01, 0.5, kChannelsColor));
-  EXPECT_EQ(7, processor.SetSuperContrast(0.5, 1.01, kChannelsColor));
-  EXPECT_EQ(0, processor.RenderQueueCount());
-
-  EXPECT_EQ(0, processor.SetBrightness(-1.0, kChannelsAlpha));
-  EXPECT_EQ(0, processor.SetBrightness(1.0, static_cast<KVChannelsToProcess>(-1)));  // compared unsigned
-  EXPECT_EQ(0, processor.SetBrightness(nan, kChannelsColor));
-  EXPECT_EQ(0, processor.SetContrast(2.0, kChannelsAll));
-  EXPECT_EQ(0, processor.SetContrast(nan, static_cast<KVChannelsToProcess>(9)));
-  EXPECT_EQ(0, processor.SetSuperContrast(0.9, 0.1, static_cast<KVChannelsToProcess>(0)));  // not checked
-  EXPECT_EQ(0, processor.SetSuperContrast(nan, nan, kChannelsColor));
-  EXPECT_EQ(7, processor.RenderQueueCount());
-
-  KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
-  EXPECT_EQ(7, keyer.SetAlphaSuperContrast(0.5, 1.01));
-  EXPECT_EQ(7, keyer.SetAlphaSuperContrast(-0.5, 0.5));
-  EXPECT_EQ(0, keyer.RenderQueueCount());
-  EXPECT_EQ(0, keyer.SetAlphaSuperContrast(nan, 0.5));
-  EXPECT_EQ(1, keyer.RenderQueueCount());
-}
-
-TEST(ToneStages, NaNArgumentsRenderTheProcessorsIntegerResults) {
-  // A NaN converts to INT_MIN: the brightness table clamps every level to 0,
-  // while the vector path adds INT_MIN's low byte, 0. The contrast table's
-  // product wraps (0 for odd j, INT_MIN for even i), the vector multiplier
-  // keeps its low 16 bits, 0, so every level becomes 127.
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  const std::vector<unsigned char> ramp = GreyRamp();
-  EXPECT_EQ(std::vector<unsigned char>(ramp.size(), 0), RenderOnce(Brightness(nan, kChannelsAll), kPlainPath, ramp, 16, 16));
-  EXPECT_EQ(ramp, RenderOnce(Brightness(nan, kChannelsAll), kVectorPath, ramp, 16, 16));
-  const std::vector<unsigned char> table = RenderOnce(Contrast(nan, kChannelsAll), kPlainPath, ramp, 16, 16);
-  const std::vector<unsigned char> vector = RenderOnce(Contrast(nan, kChannelsAll), kVectorPath, ramp, 16, 16);
-  for (int x = 0; x < 256; ++x) {
-    EXPECT_EQ(x % 2 == 0 ? 0 : 127, At(table, x, 0));
-    EXPECT_EQ(127, At(vector, x, 0));
-  }
-}
-
-TEST(AlphaSuperContrast, StretchesTheMatteAndKeepsColour) {
-  kvo::KVLookupTables tables;
-  const std::vector<unsigned char> ramp = GreyRamp();
-  for (unsigned int threads : {1u, 2u, 3u}) {
-    kvtest::ScopedCoreCount cores(threads);
-    GuardedImage src(16, 16), dst(16, 16);
-    src.fill(ramp);
-    KVImageKeyer keyer(src.image(), dst.image(), tables, kDownsampleNone);
-    ASSERT_EQ(0, keyer.SetAlphaSuperContrast(0.1, 0.9));
-    ASSERT_EQ(0, keyer.Render());
-    // Alpha only, so always the table: level 28 gives 3, not 4.
-    EXPECT_EQ(kvtest::ExpectedBytes(ramp, std::vector<bool>(256), [](unsigned int ch) { return ch == 3; },
-                                    [](int x, unsigned int, bool) { return SuperContrastTable(x, 25, 229); }),
-              dst.contents());
-    EXPECT_EQ(3, dst.at(12, 1, 3));
-  }
-}
-
-TEST(ToneStagesDeathTest, OnlyBlueGreenRedAlphaImages) {
-  GuardedImage src(4, 4, 0, kPixelOrderARGB), dst(4, 4);
-  BrightnessRenderer brightness(0.5, kChannelsColor, kVectorPath);
-  ContrastRenderer contrast(0.5, kChannelsColor, kPlainPath);
-  SuperContrastRenderer superContrast(0.1, 0.9, kChannelsColor, kVectorPath);
-  EXPECT_DEATH(RenderStage(brightness, src.image(), dst.image()),
-               "BrightnessRenderer:305: failed assertion `false && \"Not implemented\"'");
-  EXPECT_DEATH(RenderStage(contrast, src.image(), dst.image()),
-               "ContrastRenderer:464: failed assertion `false && \"Not implemented\"'");
-  EXPECT_DEATH(RenderStage(superContrast, src.image(), dst.image()),
-               "SuperContrastRenderer:513: failed assertion `false && \"Not implemented\"'");
 }
 
 }  // namespace

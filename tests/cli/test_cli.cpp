@@ -112,118 +112,116 @@ class ToolTest : public ::testing::Test {
 };
 
 void ExpectSameImage(const Image& expected, const Image& actual) {
-  ASSERT_EQ(expected.width, actual.width);
-  ASSERT_EQ(expected.height, actual.height);
-  for (size_t i = 0; i < expected.bgra.size(); ++i) {
-    ASSERT_EQ(expected.bgra[i], actual.bgra[i]) << "byte " << i << " (pixel " << i / 4 << ", channel " << i % 4 << ")";
-  }
+  EXPECT_EQ(expected.width, actual.width);
+  EXPECT_EQ(expected.height, actual.height);
+  EXPECT_TRUE(expected.bgra == actual.bgra) << "the pixels differ";
 }
 
-// The engine's processor or keyer over a copy of source, the destination
-// starting as the source (as the tool does).
-template <typename Engine>
-Image RunEngine(const Image& source, const std::function<void(Engine&)>& queue) {
+// The engine over a copy of the source, queueing each (setter, numbers) by
+// name on one processor or keyer, the destination starting as the source
+// (as the tool does).
+typedef std::vector<std::pair<const char*, std::vector<double>>> Stages;
+
+Image Engine(const Image& source, KVFrontEnd frontEnd, const Stages& stages) {
   Image in = source, out = source;
   KVImage8 a(in.bgra.data(), in.width, in.height, kPixelOrderBGRA);
   KVImage8 b(out.bgra.data(), out.width, out.height, kPixelOrderBGRA);
   kvo::KVLookupTables tables;
-  Engine engine(&a, &b, tables, kDownsampleNone);
-  queue(engine);
-  EXPECT_EQ(0, engine.Render());
+  KVImageProcessor processor(&a, &b, tables, kDownsampleNone);
+  KVImageKeyer keyer(&a, &b, tables, kDownsampleNone);
+  for (const auto& stage : stages) {
+    const unsigned int count = static_cast<unsigned int>(stage.second.size());
+    EXPECT_EQ(0, frontEnd == kFrontEndKeyer ? QueueSetter(keyer, stage.first, stage.second.data(), count)
+                                            : QueueSetter(processor, stage.first, stage.second.data(), count))
+        << stage.first;
+  }
+  EXPECT_EQ(0, frontEnd == kFrontEndKeyer ? keyer.Render() : processor.Render());
   return out;
 }
 
-Image Process(const Image& source, const std::function<void(KVImageProcessor&)>& queue) {
-  return RunEngine<KVImageProcessor>(source, queue);
-}
-
-Image Key(const Image& source, const std::function<void(KVImageKeyer&)>& queue) {
-  return RunEngine<KVImageKeyer>(source, queue);
-}
-
-Image Over(const Image& background, const Image& layer) {
-  Image out = background, top = layer;
-  KVImage8 a(out.bgra.data(), out.width, out.height, kPixelOrderBGRA);
-  KVImage8 b(top.bgra.data(), top.width, top.height, kPixelOrderBGRA);
-  kvo::KVLookupTables tables;
-  KVImageCompositor compositor(&a, 1.0, tables, kDownsampleNone);
-  EXPECT_EQ(0, compositor.AddLayer(&b, 1.0, kBlendNormal, kCompositeAlpha));
-  EXPECT_EQ(0, compositor.Render());
-  return out;
-}
-
-// ---------------------------------------------------------------------------
-// process
-// ---------------------------------------------------------------------------
-
-TEST_F(ToolTest, ProcessAppliesEffectsInOrderExactlyAsTheEngine) {
-  const Image input = Pattern(37, 23, 5);
-  WriteImage(Path("in.png"), input);
-  const Result r = Run("process " + Path("in.png") + " " + Path("out.png") +
-                       " --brightness 0.2 --contrast 1.3:all --hue-shift 90:0.5 --stack-blur 2:h --tint bronze:0.8"
-                       " --yuv-blur 3:stack --three-strip 0.2,0.4,0.6 --threads 3");
-  ASSERT_EQ(0, r.status) << r.err;
-  EXPECT_EQ("", r.err);
-  kvo::KVSystem::SetCPUCoreCount(3);
-  const Image expected = Process(input, [](KVImageProcessor& p) {
-    p.SetBrightness(0.2, kChannelsColor);
-    p.SetContrast(1.3, kChannelsAll);
-    p.SetHueShift(90, 0.5);
-    p.SetStackBlur(2, true, false, kChannelsAll);
-    p.SetTint(kTintBronze, 0.8);
-    p.SetYUVBlur(3, kYUVBlurStack);
-    p.SetThreeStripColor(0.2, 0.4, 0.6);
-  });
-  ExpectSameImage(expected, ReadImage(Path("out.png")));
-}
-
-TEST_F(ToolTest, ProcessDownsampleScalesRadii) {
-  const Image input = Pattern(40, 30, 1);
-  WriteImage(Path("in.png"), input);
-  ASSERT_EQ(0, Run("process " + Path("in.png") + " " + Path("out.png") + " --stack-blur 8 --downsample 2").status);
-  const Image expected = Process(input, [](KVImageProcessor& p) { p.SetStackBlur(4, true, true, kChannelsAll); });
-  ExpectSameImage(expected, ReadImage(Path("out.png")));
-}
-
-TEST_F(ToolTest, ProcessWithoutEffectsCopiesPixelsAndAlpha) {
-  const Image input = Pattern(19, 11, 9);
-  WriteImage(Path("in.png"), input);
-  ASSERT_EQ(0, Run("process " + Path("in.png") + " " + Path("copy.png")).status);
-  ExpectSameImage(input, ReadImage(Path("copy.png")));
+// Every option row of the tool's tables, given on the command line, gives
+// the bytes of its setter called by name; a key command always starts with
+// a key (automatic unless --key names one) that the key settings adjust.
+TEST_F(ToolTest, EveryOptionRowGivesTheEnginesBytes) {
+  const std::vector<double> autoKey = {kKeyColorAuto, 0.5, 0.2, 0.5};
+  const struct {
+    std::string options;
+    KVFrontEnd frontEnd;
+    Stages stages;
+  } rows[] = {
+      {"", kFrontEndProcessor, {}},
+      {"--opacity 0.6", kFrontEndProcessor, {{"SetOpacity", {0.6}}}},
+      {"--mirror --matte-view", kFrontEndProcessor, {{"SetMirror", {1, 0}}, {"SetMatteView", {}}}},
+      {"--silhouette 10,20,30", kFrontEndProcessor, {{"SetSilhouette", {10, 20, 30}}}},
+      {"--brightness 0.2 --contrast 1.3:all", kFrontEndProcessor,
+       {{"SetBrightness", {0.2, kChannelsColor}}, {"SetContrast", {1.3, kChannelsAll}}}},
+      {"--super-contrast 0.1:0.9:alpha", kFrontEndProcessor, {{"SetSuperContrast", {0.1, 0.9, kChannelsAlpha}}}},
+      {"--colour-balance 1.2:0.5:1 --colour-temperature 4000", kFrontEndProcessor,
+       {{"SetColorBalance", {1.2, 0.5, 1}}, {"SetColorTemperature", {4000}}}},
+      {"--saturation 1.5 --hue-shift 90:0.5 --hue-colourize 200", kFrontEndProcessor,
+       {{"SetSaturation", {1.5}}, {"SetHueShift", {90, 0.5}}, {"SetHueColorize", {200, 1}}}},
+      {"--tint bronze:0.8 --three-strip 0.2:0.4:0.6", kFrontEndProcessor,
+       {{"SetTint", {kTintBronze, 0.8}}, {"SetThreeStripColor", {0.2, 0.4, 0.6}}}},
+      {"--stack-blur 2:h --yuv-blur 3:both", kFrontEndProcessor,
+       {{"SetStackBlur", {2, 1, 0, kChannelsAll}}, {"SetYUVBlur", {3, kYUVBlurHorizontalVertical}}}},
+      {"--stack-blur 8 --downsample 2", kFrontEndProcessor, {{"SetStackBlur", {4, 1, 1, kChannelsAll}}}},
+      {"--bounded-blur 2:3:1:12:8:1.5:v:colour", kFrontEndProcessor,
+       {{"SetBoundedStackBlur", {2, 0, 1, kChannelsColor, 3, 1, 12, 8, 1.5}}}},
+      {"--defocus 3:0.3 --diffuse 2:0.5:1", kFrontEndProcessor,
+       {{"SetDefocus", {3, 0.3, 0}}, {"SetDiffuse", {2, 0.5, 1}}}},
+      {"--sharpen 2:0.6:0.05 --soft-focus overlay:3:0.7", kFrontEndProcessor,
+       {{"SetSharpen", {2, 0.6, 0.05, 0}}, {"SetSoftFocus", {kBlendOverlay, 3, 0.7, 0, 0, 16777216, 16777216, 0}}}},
+      {"--bleach-bypass 0.5:0.3:0.7 --vignette 0.6:0.4:0.5:0.3:0.2:40:90:200", kFrontEndProcessor,
+       {{"SetBleachBypass", {0.5, 0.3, 0.7}}, {"SetVignette", {40, 90, 200, 0.6, 0.4, 0.5, 0.3, 0.2, 0, 0, 0, 0}}}},
+      {"--depth-of-field linear:10:6:3:0.1:0.3:0.9:30", kFrontEndProcessor,
+       {{"SetDepthOfField", {kDepthOfFieldLinear, 10, 6, 30, 3, 0.1, 0.3, 0.9, 0, 0, 0, 0, 0}}}},
+      {"", kFrontEndKeyer, {{"SetAutoColorDifferenceKey", autoKey}}},
+      {"--saturation-softness 0.4 --key green --balance 0.7 --saturation-limit 0.3", kFrontEndKeyer,
+       {{"SetAutoColorDifferenceKey", {kKeyColorGreen, 0.7, 0.3, 0.4}}}},
+      {"--spill extended:0.8", kFrontEndKeyer,
+       {{"SetAutoColorDifferenceKey", autoKey}, {"SetSpillSuppression", {kChannelGreen, kSpillExtended, 0.8, 0, -1, 0, 1}}}},
+      {"--spill advanced --spill-channel blue --spill-factors 0.1:0.2:-1:0.9", kFrontEndKeyer,
+       {{"SetAutoColorDifferenceKey", autoKey},
+        {"SetSpillSuppression", {kChannelBlue, kSpillAdvanced, 1, 0.1, 0.2, -1, 0.9}}}},
+      {"--erode 1:rightward --crop 0.05,0,0.05,0", kFrontEndKeyer,
+       {{"SetAutoColorDifferenceKey", autoKey}, {"SetWhiteErode", {kWhiteErodeRightward, 1}},
+        {"SetAlphaCrop", {0.05, 0, 0.05, 0}}}},
+      {"--alpha-blur 1:h --alpha-contrast 0.1:0.9 --yuv-blur 2", kFrontEndKeyer,
+       {{"SetAutoColorDifferenceKey", autoKey}, {"SetAlphaStackBlur", {1, 1, 0}},
+        {"SetAlphaSuperContrast", {0.1, 0.9}}, {"SetYUVBlur", {2, kYUVBlurStack}}}},
+  };
+  const Image pattern = Pattern(23, 13, 5), frame = SynthesiseGreenScreenFrame(48, 27);
+  WriteImage(Path("pattern.png"), pattern);
+  WriteImage(Path("frame.png"), frame);
+  kvo::KVSystem::SetCPUCoreCount(3);  // the key's statistics depend on the thread count
+  std::string everyOption;
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.options);
+    everyOption += row.options + " ";
+    const bool key = row.frontEnd == kFrontEndKeyer;
+    const Result r = Run(std::string(key ? "key " + Path("frame.png") : "process " + Path("pattern.png")) + " " +
+                         Path("out.png") + " --threads 3 " + row.options);
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("", r.err);
+    ExpectSameImage(Engine(key ? frame : pattern, row.frontEnd, row.stages), ReadImage(Path("out.png")));
+  }
+  for (const std::vector<OptionEntry>* table : {&EffectOptions(), &KeyOptions()}) {
+    for (const OptionEntry& entry : *table) {
+      EXPECT_NE(std::string::npos, everyOption.find(std::string(entry.name) + " ")) << entry.name << " has no row";
+    }
+  }
   // An opaque image is stored as RGB and reads back opaque.
-  WriteImage(Path("opaque.png"), Opaque(input));
-  ASSERT_EQ(0, Run("process " + Path("opaque.png") + " " + Path("copy2.png")).status);
-  ExpectSameImage(Opaque(input), ReadImage(Path("copy2.png")));
-}
-
-TEST_F(ToolTest, ProcessHandComputedPixels) {
-  Image input(3, 1);
-  const unsigned char pixels[12] = {255, 255, 255, 255, 10, 20, 30, 0, 200, 100, 50, 128};
-  input.bgra.assign(pixels, pixels + 12);
-  WriteImage(Path("in.png"), input);
-  ASSERT_EQ(0, Run("process " + Path("in.png") + " " + Path("matte.png") + " --matte-view").status);
-  const unsigned char matte[12] = {255, 255, 255, 255, 0, 0, 0, 255, 128, 128, 128, 255};
-  EXPECT_EQ(std::vector<unsigned char>(matte, matte + 12), ReadImage(Path("matte.png")).bgra);
-  ASSERT_EQ(0, Run("process " + Path("in.png") + " " + Path("ink.png") + " --silhouette 10,20,30").status);
-  const unsigned char ink[12] = {30, 20, 10, 255, 30, 20, 10, 0, 30, 20, 10, 128};
-  EXPECT_EQ(std::vector<unsigned char>(ink, ink + 12), ReadImage(Path("ink.png")).bgra);
-  // Flat curves of 255: white stops at 254 (the shift by 9).
-  ASSERT_EQ(0, Run("process " + Path("in.png") + " " + Path("strip.png") + " --three-strip 0:0:0").status);
-  const Image strip = ReadImage(Path("strip.png"));
-  EXPECT_EQ(254, strip.bgra[0]);
-  EXPECT_EQ(254, strip.bgra[2]);
-  EXPECT_EQ(255, strip.bgra[3]);
+  WriteImage(Path("opaque.png"), Opaque(pattern));
+  ASSERT_EQ(0, Run("process " + Path("opaque.png") + " " + Path("copy.png")).status);
+  ExpectSameImage(Opaque(pattern), ReadImage(Path("copy.png")));
 }
 
 TEST_F(ToolTest, JpegOutputFlattensOverTheMatteColour) {
   Image input(16, 16);
-  for (size_t i = 0; i < input.bgra.size(); i += 4) {
-    input.bgra[i + 2] = 255;  // red, fully transparent
-  }
+  for (size_t i = 0; i < input.bgra.size(); i += 4) input.bgra[i + 2] = 255;  // red, fully transparent
   WriteImage(Path("in.png"), input);
   ASSERT_EQ(0, Run("process " + Path("in.png") + " " + Path("black.jpg")).status);
-  ASSERT_EQ(
-      0, Run("process " + Path("in.png") + " " + Path("blue.JPEG") + " --matte-colour 0,0,255 --quality 100").status);
+  ASSERT_EQ(0, Run("process " + Path("in.png") + " " + Path("blue.JPEG") + " --matte-colour 0,0,255 --quality 100").status);
   const Image black = ReadImage(Path("black.jpg")), blue = ReadImage(Path("blue.JPEG"));
   ASSERT_EQ(16u, black.width);
   ASSERT_EQ(16u, blue.height);
@@ -233,102 +231,45 @@ TEST_F(ToolTest, JpegOutputFlattensOverTheMatteColour) {
     EXPECT_LE(blue.bgra[i + 2], 5);
     EXPECT_EQ(255, blue.bgra[i + 3]);
   }
-  // A JPEG input reads as an opaque image of its size.
-  ASSERT_EQ(0, Run("process " + Path("blue.JPEG") + " " + Path("back.png") + " --saturation 1").status);
-  EXPECT_EQ(16u, ReadImage(Path("back.png")).width);
 }
 
-// ---------------------------------------------------------------------------
-// key and composite
-// ---------------------------------------------------------------------------
-
-TEST_F(ToolTest, KeyMatchesTheKeyerAndCompositesOverTheBackground) {
-  const Image frame = SynthesiseGreenScreenFrame(96, 54);
-  const Image scene = SynthesiseBackgroundScene(96, 54);
+// A keyed frame over a background, and a composite of shadow, glow and
+// layers over a faded background, against the engine's compositor.
+TEST_F(ToolTest, KeyBackgroundsAndCompositesAreTheEnginesCompositor) {
+  const Image frame = SynthesiseGreenScreenFrame(31, 19), background = Opaque(Pattern(31, 19, 3));
+  const Image layerImage = Pattern(31, 19, 12), second = Pattern(31, 19, 77);
   WriteImage(Path("frame.png"), frame);
-  WriteImage(Path("scene.png"), scene);
-  const std::string options =
-      " --key green --balance 0.7 --spill extended:0.8 --erode 1 --crop 0.05,0,0.05,0 --alpha-blur 1"
-      " --alpha-contrast 0.1:0.9 --yuv-blur 2:both --threads 2";
-  ASSERT_EQ(0, Run("key " + Path("frame.png") + " " + Path("keyed.png") + options).status);
-  // The key's matte statistics depend on the thread count: the reference
-  // runs with the tool's.
-  kvo::KVSystem::SetCPUCoreCount(2);
-  const Image expected = Key(frame, [](KVImageKeyer& k) {
-    k.SetAutoColorDifferenceKey(kKeyColorGreen, 0.7, 0.2, 0.5);
-    k.SetSpillSuppression(kChannelGreen, kSpillExtended, 0.8, 0, -1, 0, 1);
-    k.SetWhiteErode(kWhiteErodeAll, 1);
-    k.SetAlphaCrop(0.05, 0, 0.05, 0);
-    k.SetAlphaStackBlur(1, true, true);
-    k.SetAlphaSuperContrast(0.1, 0.9);
-    k.SetYUVBlur(2, kYUVBlurHorizontalVertical);
-  });
-  ExpectSameImage(expected, ReadImage(Path("keyed.png")));
-  ASSERT_EQ(
-      0,
-      Run("key " + Path("frame.png") + " " + Path("comp.png") + " --background " + Path("scene.png") + options).status);
-  ExpectSameImage(Over(scene, expected), ReadImage(Path("comp.png")));
-}
-
-TEST_F(ToolTest, KeyDefaultsToAnAutomaticKeyAndSpillFollowsTheDetectedColour) {
-  Image frame = SynthesiseGreenScreenFrame(64, 36);
-  WriteImage(Path("green.png"), frame);
-  ASSERT_EQ(0, Run("key " + Path("green.png") + " " + Path("k1.png")).status);
-  ExpectSameImage(Key(frame, [](KVImageKeyer& k) { k.SetAutoColorDifferenceKey(kKeyColorAuto, 0.5, 0.2, 0.5); }),
-                  ReadImage(Path("k1.png")));
-  // The same frame as a blue screen: the spill stage pulls blue down.
-  for (size_t i = 0; i < frame.bgra.size(); i += 4) std::swap(frame.bgra[i], frame.bgra[i + 1]);
-  WriteImage(Path("blue.png"), frame);
-  ASSERT_EQ(0, Run("key " + Path("blue.png") + " " + Path("k2.png") + " --spill advanced --balance 0.9").status);
-  ExpectSameImage(Key(frame,
-                      [](KVImageKeyer& k) {
-                        k.SetAutoColorDifferenceKey(kKeyColorAuto, 0.9, 0.2, 0.5);
-                        k.SetSpillSuppression(kChannelBlue, kSpillAdvanced, 1.0, 0, 0, -1, 1);
-                      }),
-                  ReadImage(Path("k2.png")));
-}
-
-TEST_F(ToolTest, CompositeLaysLayersInOrder) {
-  const Image background = Opaque(Pattern(33, 17, 2));
-  const Image first = Pattern(33, 17, 40), second = Pattern(33, 17, 77);
-  WriteImage(Path("bg.png"), background);
-  WriteImage(Path("a.png"), first);
-  WriteImage(Path("b.png"), second);
-  const Result r = Run("composite " + Path("bg.png") + " " + Path("out.png") + " --layer " + Path("a.png") +
-                       ":multiply:0.5 --layer " + Path("b.png") + ":screen:1:color-only --layer " + Path("a.png") +
-                       " --background-opacity 0.6");
-  ASSERT_EQ(0, r.status) << r.err;
-  Image expected = background, a = first, b = second;
-  KVImage8 bg(expected.bgra.data(), 33, 17, kPixelOrderBGRA), la(a.bgra.data(), 33, 17, kPixelOrderBGRA),
-      lb(b.bgra.data(), 33, 17, kPixelOrderBGRA);
-  kvo::KVLookupTables tables;
-  KVImageCompositor compositor(&bg, 0.6, tables, kDownsampleNone);
-  compositor.AddLayer(&la, 0.5, kBlendMultiply, kCompositeAlpha);
-  compositor.AddLayer(&lb, 1.0, kBlendScreen, kCompositeColorOnly);
-  compositor.AddLayer(&la, 1.0, kBlendNormal, kCompositeAlpha);
-  ASSERT_EQ(0, compositor.Render());
-  ExpectSameImage(expected, ReadImage(Path("out.png")));
-}
-
-TEST_F(ToolTest, CompositeGlowAndShadowAreTheEngineStages) {
-  const Image background = Opaque(Pattern(31, 19, 3));
-  const Image layerImage = Pattern(31, 19, 12);
   WriteImage(Path("bg.png"), background);
   WriteImage(Path("l.png"), layerImage);
-  const Result r = Run("composite " + Path("bg.png") + " " + Path("out.png") + " --shadow " + Path("l.png") +
-                       ":3:2:1:0.5 --glow " + Path("l.png") + ":2:0.7 --layer " + Path("l.png"));
+  WriteImage(Path("b.png"), second);
+  Result r = Run("key " + Path("frame.png") + " " + Path("comp.png") + " --threads 2 --background " + Path("bg.png"));
   ASSERT_EQ(0, r.status) << r.err;
-  Image expected = background, layer = layerImage;
-  KVImage8 bg(expected.bgra.data(), 31, 19, kPixelOrderBGRA), top(layer.bgra.data(), 31, 19, kPixelOrderBGRA);
+  kvo::KVSystem::SetCPUCoreCount(2);
+  Image keyed = Engine(frame, kFrontEndKeyer, {{"SetAutoColorDifferenceKey", {kKeyColorAuto, 0.5, 0.2, 0.5}}});
+  Image expected = background, layer = layerImage, other = second;
+  KVImage8 bg(expected.bgra.data(), 31, 19, kPixelOrderBGRA), top(layer.bgra.data(), 31, 19, kPixelOrderBGRA),
+      key(keyed.bgra.data(), 31, 19, kPixelOrderBGRA), lb(other.bgra.data(), 31, 19, kPixelOrderBGRA);
   kvo::KVLookupTables tables;
-  KVImageCompositor compositor(&bg, 1.0, tables, kDownsampleNone);
+  {
+    KVImageCompositor compositor(&bg, 1.0, tables, kDownsampleNone);
+    ASSERT_EQ(0, compositor.AddLayer(&key, 1.0, kBlendNormal, kCompositeAlpha));
+    ASSERT_EQ(0, compositor.Render());
+    ExpectSameImage(expected, ReadImage(Path("comp.png")));
+  }
+  r = Run("composite " + Path("bg.png") + " " + Path("out.png") + " --shadow " + Path("l.png") + ":3:2:1:0.5 --glow " +
+          Path("l.png") + ":2:0.7 --layer " + Path("l.png") + ":multiply:0.5 --layer " + Path("b.png") +
+          ":screen:1:color-only --background-opacity 0.6");
+  ASSERT_EQ(0, r.status) << r.err;
+  expected = background;
+  KVImageCompositor compositor(&bg, 0.6, tables, kDownsampleNone);
   const kvo::maths::KVRect bounds(kvo::maths::KVPoint2(0, 0), 31, 19);
   const kvo::maths::KVQuad moved(kvo::maths::KVPoint2F(3, 2), kvo::maths::KVPoint2F(34, 2),
                                  kvo::maths::KVPoint2F(3, 21), kvo::maths::KVPoint2F(34, 21));
   ASSERT_EQ(0, compositor.AddShadowCastLayer(&top, bounds, moved, 1, 0.5, KVPixel8_RGB{0, 0, 0}, kBlendMultiply,
                                              false, kDownsampleNone));
   ASSERT_EQ(0, compositor.AddLightSpillLayer(&top, 2, 0.7, kBlendScreen, kDownsampleNone));
-  ASSERT_EQ(0, compositor.AddLayer(&top, 1.0, kBlendNormal, kCompositeAlpha));
+  ASSERT_EQ(0, compositor.AddLayer(&top, 0.5, kBlendMultiply, kCompositeAlpha));
+  ASSERT_EQ(0, compositor.AddLayer(&lb, 1.0, kBlendScreen, kCompositeColorOnly));
   ASSERT_EQ(0, compositor.Render());
   ExpectSameImage(expected, ReadImage(Path("out.png")));
 }
@@ -353,19 +294,6 @@ TEST_F(ToolTest, StreamGivesWhatProcessAndKeyGiveFrameByFrame) {
   for (size_t i = 0; i < frames.size(); ++i) {
     const std::string name = Path("p" + std::to_string(i) + ".png");
     ASSERT_EQ(0, Run("process " + Path("f" + std::to_string(i) + ".png") + " " + name + effects).status);
-    const Image expected = ReadImage(name);
-    const std::string got = r.out.substr(i * w * h * 4, w * h * 4);
-    for (size_t b = 0; b < got.size(); ++b) {
-      ASSERT_EQ(expected.bgra[b], static_cast<unsigned char>(got[b])) << "frame " << i << " byte " << b;
-    }
-  }
-  const std::string keys = " --key auto --spill standard:0.9 --erode 1";
-  r = Run("stream --size 48x27 --progress" + keys, Path("in.raw"));
-  ASSERT_EQ(0, r.status) << r.err;
-  EXPECT_NE(std::string::npos, r.err.find("3 frames")) << r.err;
-  for (size_t i = 0; i < frames.size(); ++i) {
-    const std::string name = Path("k" + std::to_string(i) + ".png");
-    ASSERT_EQ(0, Run("key " + Path("f" + std::to_string(i) + ".png") + " " + name + keys).status);
     const Image expected = ReadImage(name);
     const std::string got = r.out.substr(i * w * h * 4, w * h * 4);
     for (size_t b = 0; b < got.size(); ++b) {
@@ -423,14 +351,10 @@ TEST_F(ToolTest, EveryErrorPathHasItsMessageAndStatus) {
        "kvimage process: cannot read '" + Path("missing.png") + "': No such file or directory"},
       {"process " + Path("folder.png") + " " + out, 1,
        "kvimage process: cannot read '" + Path("folder.png") + "': it is a directory"},
-      {"process " + Path("empty.png") + " " + out, 1,
-       "kvimage process: cannot read '" + Path("empty.png") + "': the file is empty"},
       {"process " + Path("short.png") + " " + out, 1,
        "kvimage process: '" + Path("short.png") + "' is not a readable PNG file: the file is truncated"},
       {"process " + Path("corrupt.png") + " " + out, 1,
        "kvimage process: '" + Path("corrupt.png") + "' is not a readable PNG file: "},
-      {"process " + Path("short.jpg") + " " + out, 1,
-       "kvimage process: '" + Path("short.jpg") + "' is not a readable JPEG file: the file is truncated"},
       {"process " + Path("anim.gif") + " " + out, 1,
        "kvimage process: cannot read '" + Path("anim.gif") + "': unsupported format (not a PNG or JPEG file)"},
       {"process " + in + " " + Path("out.bmp"), 2,
@@ -439,14 +363,11 @@ TEST_F(ToolTest, EveryErrorPathHasItsMessageAndStatus) {
        "kvimage process: cannot write '" + Path("no/such/dir.png") + "': No such file or directory"},
       {"process " + in + " " + out + " --brightness 1.5", 2,
        "kvimage process: --brightness 1.5: the engine refused it: code 7 (argument out of range)"},
-      {"process " + in + " " + out + " --colour-temperature 1000", 2,
-       "kvimage process: --colour-temperature 1000: the engine refused it: code 7 (argument out of range)"},
       {"process " + in + " " + out + " --brightness 0.1:0", 2,
        "kvimage process: --brightness 0.1:0: '0' is not one of alpha|colour|all"},
       {"process " + in + " " + out + " --stack-blur 4294967296", 2,
        "kvimage process: --stack-blur 4294967296: '4294967296' is out of range (0..4294967295)"},
       {"process " + in + " " + out + " --contrast x1", 2, "kvimage process: --contrast x1: 'x1' is not a number"},
-      {"process " + in + " " + out + " --contrast nan", 2, "kvimage process: --contrast nan: 'nan' is not a number"},
       {"process " + in + " " + out + " --tint sepia", 2,
        "kvimage process: --tint sepia: 'sepia' is not one of grey|warm|bronze|cyanotype|emerald|gold|palladium|"
        "platinum|platinum-palladium|selenium|silver"},
@@ -455,21 +376,13 @@ TEST_F(ToolTest, EveryErrorPathHasItsMessageAndStatus) {
       {"process " + in + " " + out + " --saturation", 2, "kvimage process: --saturation needs a value"},
       {"process " + in + " " + out + " --bogus 3", 2,
        "kvimage process: unknown option '--bogus' (see kvimage process --help)"},
-      {"process " + in + " " + out + " --key green", 2,
-       "kvimage process: unknown option '--key' (see kvimage process --help)"},
       {"process " + in, 2, "kvimage process: expected IN and OUT, got 1 argument (see kvimage process --help)"},
       {"process " + in + " " + out + " --threads 0", 2, "kvimage process: --threads 0: '0' is out of range (1..255)"},
       {"process " + in + " " + Path("keep.png") + " --opacity 2", 2,
        "kvimage process: --opacity 2: the engine refused it: code 7 (argument out of range)"},
-      {"process " + Path("missing.png") + " " + Path("keep.png"), 1,
-       "kvimage process: cannot read '" + Path("missing.png") + "': No such file or directory"},
       {"key " + in + " " + out + " --saturation-limit 1.5", 2,
        "kvimage key: --key auto --balance 0.5 --saturation-limit 1.5 --saturation-softness 0.5: the engine refused "
        "it: code 7 (argument out of range)"},
-      {"key " + in + " " + out + " --erode -1", 2,
-       "kvimage key: --erode -1: the engine refused it: code 7 (argument out of range)"},
-      {"key " + in + " " + out + " --crop 0.1,0,1.1,0", 2,
-       "kvimage key: --crop 0.1,0,1.1,0: the engine refused it: code 7 (argument out of range)"},
       {"key " + in + " " + out + " --spill fancy", 2,
        "kvimage key: --spill fancy: 'fancy' is not one of standard|extended|advanced"},
       {"key " + in + " " + out + " --background " + Path("other.png"), 1,
@@ -477,8 +390,6 @@ TEST_F(ToolTest, EveryErrorPathHasItsMessageAndStatus) {
       {"composite " + in + " " + out + " --layer " + Path("other.png"), 1,
        "kvimage composite: layer '" + Path("other.png") +
            "' is 21x10 but the background is 20x10: code 1000 (images do not match)"},
-      {"composite " + in + " " + out + " --layer " + in + ":normal:1.5", 2,
-       "kvimage composite: --layer " + in + ": the engine refused it: code 7 (argument out of range)"},
       {"composite " + in + " " + out + " --layer " + in + ":blur", 2,
        "kvimage composite: --layer blur: 'blur' is not one of add|colour-burn|colour-dodge|darken|difference|"
        "exclusion|hard-light|lighten|multiply|normal|overlay|screen|soft-light|replace"},
@@ -486,8 +397,6 @@ TEST_F(ToolTest, EveryErrorPathHasItsMessageAndStatus) {
        "kvimage composite: composite needs at least one --layer FILE[:MODE[:OPACITY[:TYPE]]]"},
       {"stream --brightness 0.1", 2, "kvimage stream: stream needs --size WxH"},
       {"stream --size 10by10", 2, "kvimage stream: --size 10by10: expected WIDTHxHEIGHT, at most 4 GiB a frame"},
-      {"stream --size 8x8 --background " + Path("other.png"), 1,
-       "kvimage stream: '" + Path("other.png") + "' is 21x10 but the frames are 8x8: sizes do not match"},
       {"demo --size 10x10", 2, "kvimage demo: --size 10x10: out of range (64x36..3840x2160)"},
       {"frobnicate", 2, "kvimage: unknown command 'frobnicate' (kvimage --help lists them)"},
   };
@@ -552,14 +461,10 @@ TEST_F(ToolTest, DemoWritesItsPicturesAndReportsEachStep) {
     }
   }
   EXPECT_NE(std::string::npos, r.out.find("keyed: auto key (green)")) << r.out;
-  EXPECT_NE(std::string::npos, r.out.find(" ms\n")) << r.out;
   // The key left the backing transparent and the subject opaque.
   const Image keyed = ReadImage(Path("out/demo/keyed.png"));
   EXPECT_EQ(0, keyed.Pixel(20, 10)[3]);
   EXPECT_EQ(255, keyed.Pixel(64, 65)[3]);
-  // The composite is opaque everywhere.
-  const Image composite = ReadImage(Path("out/demo/composite.png"));
-  for (size_t i = 3; i < composite.bgra.size(); i += 4) ASSERT_EQ(255, composite.bgra[i]);
 }
 
 }  // namespace

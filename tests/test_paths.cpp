@@ -1,0 +1,159 @@
+// Vector kernels against their plain twins where a stage cannot choose
+// between them through the front ends (whole stages on the wide and narrow
+// paths are compared for every catalogue row in test_catalogue.cpp): every
+// blend operation on every operand pair, the erode's kernels; and spare
+// intermediates that never carry bytes from one render into the next.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "TestSupport.h"
+#include "compositing/BlendOperations.h"
+#include "keying/WhiteErodeKernels.h"
+
+using namespace kvo::image;
+using kvo::KVLookupTables;
+using kvtest::GuardedImage;
+using kvtest::PatternBytes;
+using kvtest::ScopedCoreCount;
+using kvtest::ScopedWiderExtension;
+
+namespace {
+
+typedef std::vector<unsigned char> Bytes;
+
+// Every (top, bottom) pair through VectorBlend<Operation>, eight at a time,
+// against Operation::Apply; returns the number of pairs that differ.
+template <class Operation>
+KV_TARGET_AVX2 int CountVectorMismatches(KVLookupTables& tables) {
+  int mismatches = 0;
+  alignas(32) int top[8], bottom[8], result[8];
+  for (int t = 0; t < 256; ++t) {
+    for (int b = 0; b < 256; b += 8) {
+      for (int lane = 0; lane < 8; ++lane) {
+        top[lane] = t;
+        bottom[lane] = b + lane;
+      }
+      const __m256i vectorResult =
+          VectorBlend<Operation>::Apply(tables, _mm256_load_si256(reinterpret_cast<const __m256i*>(top)),
+                                        _mm256_load_si256(reinterpret_cast<const __m256i*>(bottom)));
+      _mm256_store_si256(reinterpret_cast<__m256i*>(result), vectorResult);
+      for (int lane = 0; lane < 8; ++lane) {
+        if (result[lane] != Operation::Apply(tables, t, b + lane)) ++mismatches;
+      }
+    }
+  }
+  return mismatches;
+}
+
+struct CountMismatches {
+  KVLookupTables& tables;
+  template <class Operation>
+  int Run() {
+    return CountVectorMismatches<Operation>(tables);
+  }
+};
+
+TEST(CompositingVectors, EveryOperationMatchesItsTableOnEveryPair) {
+  if (kvtl::GetWiderExtension() < kvtl::kWiderAVX2) GTEST_SKIP() << "no AVX2 on this processor";
+  CountMismatches count = {kvtest::SharedTables()};
+  for (int mode = kBlendAdd; mode <= kBlendReplace; ++mode) {
+    EXPECT_EQ(0, DispatchBlendMode(KVBlendMode(mode), count)) << "mode " << mode;
+  }
+}
+
+// Alphas in runs and holes, so that windows see both.
+std::vector<unsigned char> MatteBytes(unsigned int w, unsigned int h, uint32_t seed) {
+  std::vector<unsigned char> bytes = kvtest::PatternBytes(static_cast<size_t>(w) * h * 4, seed);
+  for (size_t i = 3; i < bytes.size(); i += 4) bytes[i] = bytes[i] < 96 ? bytes[i] : 255;
+  return bytes;
+}
+
+// The erode always takes its SSE2 kernels; each plain twin against its SSE2
+// kernel on whole runs of odd lengths, one byte off alignment, guard bytes
+// behind. Alphas go to the last bytes of a buffer; the minima run in place,
+// reading ahead by each step.
+TEST(ErodeKernels, MatchTheirPlainTwins) {
+  const ErodeKernels rungs[2] = {{ExtractAlphas_Plain, MergeAlphas_Plain, Minima_Plain},
+                                 {ExtractAlphas_SSE2, MergeAlphas_SSE2, Minima_SSE2}};
+  for (unsigned int n : {1u, 7u, 16u, 17u, 33u, 97u}) {
+    for (size_t step : {0u, 1u, 9u, 64u}) {
+      std::pair<std::vector<unsigned char>, std::vector<unsigned char>> results[2];
+      for (int rung = 0; rung < 2; ++rung) {
+        GuardedImage pixels(n, 1, 1), values(n, 1, 1);
+        pixels.fill(MatteBytes(n, 1, n));
+        values.fill(kvtest::PatternBytes(values.bytes(), n + 1));
+        unsigned char* alphas = values.pixels() + 3 * n;
+        ASSERT_EQ(n, rungs[rung].extractAlphas(pixels.pixels(), n, alphas));
+        const size_t reach = std::min<size_t>(step, values.bytes());
+        ASSERT_EQ(values.bytes() - reach, rungs[rung].minima(values.pixels(), values.pixels() + reach,
+                                                             values.bytes() - reach));
+        ASSERT_EQ(n, rungs[rung].mergeAlphas(pixels.pixels(), alphas, n, pixels.pixels()));
+        ASSERT_TRUE(pixels.guardsIntact() && values.guardsIntact());
+        results[rung] = {pixels.contents(), values.contents()};
+      }
+      ASSERT_EQ(results[0], results[1]) << n << " pixels, step " << step;
+    }
+  }
+}
+
+// Pixels near the grey axis, key-dominated ones of every chroma, and ties.
+std::vector<unsigned char> KeyBytes(unsigned int w, unsigned int h, uint32_t seed) {
+  std::vector<unsigned char> bytes = kvtest::PatternBytes(static_cast<size_t>(w) * h * 4, seed);
+  for (size_t i = 0; i < bytes.size(); i += 4) {
+    switch ((bytes[i + 3] >> 2) % 4) {
+      case 0:  // a greenish or bluish pixel of low chroma
+        bytes[i + 2] = static_cast<unsigned char>(bytes[i] / 4 + 100);
+        bytes[i + 1] = static_cast<unsigned char>(bytes[i + 2] + bytes[i + 1] % 40);
+        bytes[i] = static_cast<unsigned char>(bytes[i + 2] + bytes[i + 3] % 40);
+        break;
+      case 1:  // a tie between the key and another byte
+        bytes[i + 1] = bytes[i];
+        break;
+      default:
+        break;
+    }
+  }
+  return bytes;
+}
+
+TEST(Intermediates, SpareIntermediatesNeverCarryBytesIntoALaterRender) {
+  ScopedCoreCount cores(3);
+  // Whole-output stages on a spare: the second render of a changed source
+  // equals a fresh keyer's.
+  GuardedImage src(97, 31, 1), dst(97, 31), fresh(97, 31);
+  KVImageKeyer keyer(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
+  ASSERT_EQ(0, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, 0.5, 0.2, 0.5));
+  ASSERT_EQ(0, keyer.SetSpillSuppression(kChannelGreen, kSpillStandard, 1.0, 0, 0, 0, 0));
+  ASSERT_EQ(0, keyer.SetWhiteErode(kWhiteErodeAll, 2));
+  ASSERT_EQ(0, keyer.SetAlphaCrop(0.05, 0.0, 0.05, 0.1));
+  src.fill(KeyBytes(97, 31, 1));
+  ASSERT_EQ(0, keyer.Render());
+  src.fill(KeyBytes(97, 31, 2));
+  ASSERT_EQ(0, keyer.Render());
+  KVImageKeyer second(src.image(), fresh.image(), kvtest::SharedTables(), kDownsampleNone);
+  ASSERT_EQ(0, second.SetAutoColorDifferenceKey(kKeyColorAuto, 0.5, 0.2, 0.5));
+  ASSERT_EQ(0, second.SetSpillSuppression(kChannelGreen, kSpillStandard, 1.0, 0, 0, 0, 0));
+  ASSERT_EQ(0, second.SetWhiteErode(kWhiteErodeAll, 2));
+  ASSERT_EQ(0, second.SetAlphaCrop(0.05, 0.0, 0.05, 0.1));
+  ASSERT_EQ(0, second.Render());
+  EXPECT_EQ(fresh.contents(), dst.contents());
+
+  // Any other stage gets a cleared spare: a mirror without flips writes
+  // nothing, so the matte view after it shows opaque black although the
+  // spare it wrote into held the first render's bytes.
+  GuardedImage in(613, 509), out(613, 509);
+  in.fill(kvtest::PatternBytes(in.bytes(), 8));
+  KVImageProcessor processor(in.image(), out.image(), kvtest::SharedTables(), kDownsampleNone);
+  ASSERT_EQ(0, processor.SetOpacity(0.5));
+  ASSERT_EQ(0, processor.SetMatteView());
+  ASSERT_EQ(0, processor.Render());
+  ASSERT_EQ(0, processor.SetMirror(false, false));
+  ASSERT_EQ(0, processor.SetMatteView());
+  ASSERT_EQ(0, processor.Render());
+  std::vector<unsigned char> black(out.bytes(), 0);
+  for (size_t i = 3; i < black.size(); i += 4) black[i] = 255;
+  EXPECT_EQ(black, out.contents());
+}
+
+}  // namespace
