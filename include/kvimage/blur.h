@@ -294,11 +294,8 @@ class KVIMAGE_EXPORT DefocusRenderer : public AbstractRenderer {
   int Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
 
  private:
-  uint32_t radius;
   double amount;
-  double blurParameter;
   KVDownsampleFactor factor;
-  kvo::KVLookupTables& tables;
   std::tr1::shared_ptr<NestedColourBlur> nestedBlur;  // kept between Setups with its scratch
   unsigned char gainCurve[256];
 };
@@ -320,9 +317,7 @@ class KVIMAGE_EXPORT DiffuseRenderer : public AbstractRenderer {
   int Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
 
  private:
-  uint32_t radius;
   double amount;
-  double blurParameter;
   KVDownsampleFactor factor;
   kvo::KVLookupTables& tables;
   std::tr1::shared_ptr<NestedColourBlur> nestedBlur;  // kept between Setups with its scratch
@@ -348,12 +343,9 @@ class KVIMAGE_EXPORT SharpenRenderer : public AbstractRenderer {
   int Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
 
  private:
-  uint32_t radius;
   double amount;
   double threshold;
-  double blurParameter;
   KVDownsampleFactor factor;
-  kvo::KVLookupTables& tables;
   std::tr1::shared_ptr<NestedColourBlur> nestedBlur;  // kept between Setups with its scratch
   std::tr1::shared_ptr<KVAbstractImage> blurredImage;
   std::vector<uint32_t> sharpenTable;  // 256 x 256, each 0..255
@@ -380,11 +372,8 @@ class KVIMAGE_EXPORT SoftFocusRenderer : public AbstractRenderer {
 
  private:
   KVBlendMode mode;
-  uint32_t radius;
   double amount;
   kvo::maths::KVRect rect;
-  double blurParameter;
-  KVDownsampleFactor factor;
   kvo::KVLookupTables& tables;
   std::tr1::shared_ptr<NestedColourBlur> nestedBlur;  // kept between Setups with its scratch
   std::tr1::shared_ptr<KVAbstractImage> blurredImage;

@@ -15,11 +15,8 @@ const double kLargestAmount = 0.8;
 
 DefocusRenderer::DefocusRenderer(unsigned int radius_, double amount_, double blurParameter_,
                                  KVDownsampleFactor factor_, kvo::KVLookupTables& tables_)
-    : radius(radius_),
-      amount(amount_),
-      blurParameter(blurParameter_),
+    : amount(amount_),
       factor(factor_),
-      tables(tables_),
       nestedBlur(new NestedColourBlur(tables_, factor_, radius_, blurParameter_)) {
   for (int i = 0; i < 256; ++i) gainCurve[i] = static_cast<unsigned char>(i);
 }

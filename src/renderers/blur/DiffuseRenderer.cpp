@@ -14,9 +14,7 @@ const FocusAssertionSites kDiffuseSites = {kAssertDiffuseFormat, kAssertDiffuseS
 
 DiffuseRenderer::DiffuseRenderer(unsigned int radius_, double amount_, double blurParameter_,
                                  KVDownsampleFactor factor_, kvo::KVLookupTables& tables_)
-    : radius(radius_),
-      amount(amount_),
-      blurParameter(blurParameter_),
+    : amount(amount_),
       factor(factor_),
       tables(tables_),
       nestedBlur(new NestedColourBlur(tables_, factor_, radius_, blurParameter_)) {

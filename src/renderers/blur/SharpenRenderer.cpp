@@ -16,12 +16,9 @@ const FocusAssertionSites kSharpenSites = {kAssertSharpenFormat, kAssertSharpenS
 
 SharpenRenderer::SharpenRenderer(unsigned int radius_, double amount_, double threshold_, double blurParameter_,
                                  KVDownsampleFactor factor_, kvo::KVLookupTables& tables_)
-    : radius(radius_),
-      amount(amount_),
+    : amount(amount_),
       threshold(threshold_),
-      blurParameter(blurParameter_),
       factor(factor_),
-      tables(tables_),
       nestedBlur(new NestedColourBlur(tables_, factor_, radius_, blurParameter_)) {}
 
 void SharpenRenderer::Setup(KVAbstractImage* image) {

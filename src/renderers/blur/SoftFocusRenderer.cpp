@@ -17,11 +17,8 @@ SoftFocusRenderer::SoftFocusRenderer(KVBlendMode mode_, unsigned int radius_, do
                                      const kvo::maths::KVRect& rect_, double blurParameter_, KVDownsampleFactor factor_,
                                      kvo::KVLookupTables& tables_)
     : mode(mode_),
-      radius(radius_),
       amount(amount_),
       rect(rect_),
-      blurParameter(blurParameter_),
-      factor(factor_),
       tables(tables_),
       nestedBlur(new NestedColourBlur(tables_, factor_, radius_, blurParameter_)) {
   FillBlendOpacities(opacityOfAlpha, amount);
