@@ -5,6 +5,8 @@
 #include <climits>
 #include <cstdint>
 
+#include <kvimage/support.h>
+
 namespace kvo {
 namespace image {
 
@@ -31,6 +33,12 @@ inline unsigned int SaturateToUInt32(double value) {
 }
 
 inline int ClampToByte(int value) { return value < 0 ? 0 : (value > 255 ? 255 : value); }
+
+// The same corner and size.
+inline bool SameRect(const kvo::maths::KVRect& a, const kvo::maths::KVRect& b) {
+  return a.TopLeft().X() == b.TopLeft().X() && a.TopLeft().Y() == b.TopLeft().Y() && a.Width() == b.Width() &&
+         a.Height() == b.Height();
+}
 
 // [low, high) of a rectangle side clipped to 0 .. limit.
 inline void ClipSpan(int64_t start, int64_t size, uint32_t limit, uint32_t& low, uint32_t& high) {

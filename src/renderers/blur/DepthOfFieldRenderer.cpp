@@ -74,11 +74,7 @@ void DepthOfFieldRenderer::Setup(KVAbstractImage* image) {
   }
   const kvo::maths::KVRect clipped(kvo::maths::KVPoint2(static_cast<int>(left), static_cast<int>(top)),
                                    static_cast<int>(right - left), static_cast<int>(bottom - top));
-  const bool sameBlurs = levelBlurs.size() == levelRadius.size() &&
-                         clipped.TopLeft().X() == levelBlurRect.TopLeft().X() &&
-                         clipped.TopLeft().Y() == levelBlurRect.TopLeft().Y() &&
-                         clipped.Width() == levelBlurRect.Width() && clipped.Height() == levelBlurRect.Height();
-  if (!sameBlurs) {
+  if (levelBlurs.size() != levelRadius.size() || !SameRect(clipped, levelBlurRect)) {
     levelBlurs.clear();
     for (uint32_t r : levelRadius) {
       levelBlurs.emplace_back(new BoundedStackBlurRenderer(r, true, true, kChannelsAll, clipped, blurParameter));

@@ -32,10 +32,7 @@ NestedColourBlur::NestedColourBlur(kvo::KVLookupTables& tables, KVDownsampleFact
 
 void NestedColourBlur::Run(KVAbstractImage* image, KVAbstractImage* destination, const kvo::maths::KVRect& rect,
                            const FocusAssertionSites& sites) {
-  const bool sameRect = m_queued && rect.TopLeft().X() == m_queuedRect.TopLeft().X() &&
-                        rect.TopLeft().Y() == m_queuedRect.TopLeft().Y() && rect.Width() == m_queuedRect.Width() &&
-                        rect.Height() == m_queuedRect.Height();
-  if (!sameRect) {
+  if (!m_queued || !SameRect(rect, m_queuedRect)) {
     m_processor.queue.Clear();
     m_queued = false;
     const int queued = m_processor.Refused("SetBoundedStackBlur", {0, 1.0, 1.0});

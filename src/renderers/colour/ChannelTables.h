@@ -65,46 +65,6 @@ inline void StorePixel(unsigned char* p, uint32_t word) { std::memcpy(p, &word, 
 
 inline uint32_t ByteOf(uint32_t word, unsigned int byte) { return (word >> (8 * byte)) & 0xFFu; }
 
-// Bytes 0..2 through three tables (blue, green, red), byte 3 copied.
-inline void ApplyColourTables(const PixelRun& run, const unsigned char* blue, const unsigned char* green,
-                              const unsigned char* red) {
-  for (size_t i = 0; i < run.pixels; ++i) {
-    const uint32_t p = LoadPixel(run.in + i * kBytesPerPixel);
-    StorePixel(run.out + i * kBytesPerPixel,
-               static_cast<uint32_t>(blue[ByteOf(p, kBlueByte)]) |
-                   static_cast<uint32_t>(green[ByteOf(p, kGreenByte)]) << 8 |
-                   static_cast<uint32_t>(red[ByteOf(p, kRedByte)]) << 16 | (p & 0xFF000000u));
-  }
-}
-
-// The plain path of the single-table tone stages: colour (4), alpha (3) or
-// every byte (5) through the table; any other selection writes nothing.
-inline void ApplyChannelTable(const PixelRun& run, const unsigned char* table, KVChannelsToProcess channels) {
-  switch (static_cast<unsigned int>(channels)) {
-    case kChannelsColor:
-      ApplyColourTables(run, table, table, table);
-      break;
-    case kChannelsAlpha:
-      for (size_t i = 0; i < run.pixels; ++i) {
-        const uint32_t p = LoadPixel(run.in + i * kBytesPerPixel);
-        StorePixel(run.out + i * kBytesPerPixel,
-                   (p & 0x00FFFFFFu) | static_cast<uint32_t>(table[ByteOf(p, kAlphaByte)]) << 24);
-      }
-      break;
-    case kChannelsAll:
-      for (size_t i = 0; i < run.pixels; ++i) {
-        const uint32_t p = LoadPixel(run.in + i * kBytesPerPixel);
-        StorePixel(run.out + i * kBytesPerPixel,
-                   static_cast<uint32_t>(table[ByteOf(p, 0)]) | static_cast<uint32_t>(table[ByteOf(p, 1)]) << 8 |
-                       static_cast<uint32_t>(table[ByteOf(p, 2)]) << 16 |
-                       static_cast<uint32_t>(table[ByteOf(p, 3)]) << 24);
-      }
-      break;
-    default:
-      break;
-  }
-}
-
 // Runs blockOp over the run's 16-byte blocks (four pixels each). When both
 // pointers are 16-byte aligned the blocks are read aligned and written with
 // non-temporal stores, so the output does not evict the cache, then fenced;
@@ -157,17 +117,26 @@ struct ByteTables {
 
 // The byte-table kernels behind the per-channel table stages: a plain walk,
 // and an AVX-512 VBMI one that looks up 64 bytes at a time in registers.
+// Entry i is i: what a copied byte is looked up in.
+struct IdentityByteTable {
+  unsigned char entries[256];
+  constexpr IdentityByteTable() : entries() {
+    for (int i = 0; i < 256; ++i) entries[i] = static_cast<unsigned char>(i);
+  }
+};
+inline constexpr IdentityByteTable kIdentityByteTable{};
+
 inline size_t ByteTables_Plain(const PixelRun& run, const ByteTables& tables) {
+  const unsigned char* table[4];
+  for (unsigned int k = 0; k < kBytesPerPixel; ++k) {
+    table[k] = tables.byte[k] != nullptr ? tables.byte[k] : kIdentityByteTable.entries;
+  }
   for (size_t i = 0; i < run.pixels; ++i) {
-    const unsigned char* in = run.in + i * kBytesPerPixel;
-    unsigned char* out = run.out + i * kBytesPerPixel;
-    const uint32_t p = LoadPixel(in);
-    uint32_t word = 0;
-    for (unsigned int k = 0; k < kBytesPerPixel; ++k) {
-      const uint32_t value = ByteOf(p, k);
-      word |= static_cast<uint32_t>(tables.byte[k] != nullptr ? tables.byte[k][value] : value) << (8 * k);
-    }
-    StorePixel(out, word);
+    const uint32_t p = LoadPixel(run.in + i * kBytesPerPixel);
+    StorePixel(run.out + i * kBytesPerPixel,
+               static_cast<uint32_t>(table[0][ByteOf(p, 0)]) | static_cast<uint32_t>(table[1][ByteOf(p, 1)]) << 8 |
+                   static_cast<uint32_t>(table[2][ByteOf(p, 2)]) << 16 |
+                   static_cast<uint32_t>(table[3][ByteOf(p, 3)]) << 24);
   }
   return run.pixels;
 }
@@ -235,6 +204,19 @@ inline bool ChannelByteTables(const unsigned char* table, KVChannelsToProcess ch
     default:
       return false;
   }
+}
+
+// Bytes 0..2 through three tables (blue, green, red), byte 3 copied.
+inline void ApplyColourTables(const PixelRun& run, const unsigned char* blue, const unsigned char* green,
+                              const unsigned char* red) {
+  ByteTables_Plain(run, ByteTables{{blue, green, red, nullptr}});
+}
+
+// The plain path of the single-table tone stages: colour (4), alpha (3) or
+// every byte (5) through the table; any other selection writes nothing.
+inline void ApplyChannelTable(const PixelRun& run, const unsigned char* table, KVChannelsToProcess channels) {
+  ByteTables tables;
+  if (ChannelByteTables(table, channels, tables)) ByteTables_Plain(run, tables);
 }
 
 }  // namespace image
