@@ -13,16 +13,18 @@ the same mutants are drawn before and after the tests change.
 Runs by hand (it takes a while), not in CI:
     scripts/mutate.py /path/to/build [--count 48] [--seed 1124] [--timeout 120]
 
---second-suite BUILD runs a second build's suite against the same mutated
-library (its tests find the library through LD_LIBRARY_PATH, which their
-RUNPATH lets win), so one rebuild per mutant scores two versions of the
-tests, say before and after a rewrite, on the same sample. --only picks
-sample numbers (1-based) to run again, say after a test was added.
+--second-suite BUILD scores a second version of the tests on the same
+sample, say before and after a rewrite: a build of a tree whose src/ is the
+mutated one (a symlink to it), rebuilt and run after every mutation, so one
+draw scores both suites. --only picks sample numbers (1-based) to run again,
+say after a test was added. Stopping the script (Ctrl-C, SIGTERM) restores the
+mutated file as well.
 """
 import argparse
 import os
 import random
 import re
+import signal
 import subprocess
 import sys
 import time
@@ -166,10 +168,10 @@ def draw(sites, count, seed):
     return chosen
 
 
-def run(command, cwd, timeout=None, env=None):
+def run(command, cwd, timeout=None):
     try:
         done = subprocess.run(command, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                              timeout=timeout, text=True, errors="replace", env=env)
+                              timeout=timeout, text=True, errors="replace")
         return done.returncode, done.stdout
     except subprocess.TimeoutExpired as expired:
         return None, (expired.stdout or "") if isinstance(expired.stdout, str) else ""
@@ -183,6 +185,15 @@ def first_failure(ctest_output):
     return ""
 
 
+def source_tree_of(build):
+    """The source directory a CMake build tree was configured from."""
+    with open(os.path.join(build, "CMakeCache.txt"), encoding="utf-8") as cache:
+        for line in cache:
+            if line.startswith("CMAKE_HOME_DIRECTORY:"):
+                return line.split("=", 1)[1].strip()
+    sys.exit(f"{build} is not a CMake build tree")
+
+
 def main():
     here = os.path.dirname(os.path.abspath(__file__))
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -193,7 +204,7 @@ def main():
     parser.add_argument("--timeout", type=int, default=120, help="seconds per test; a timeout kills the mutant")
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--list", action="store_true", help="only print the drawn sites")
-    parser.add_argument("--second-suite", help="another build directory whose suite also runs on each mutant")
+    parser.add_argument("--second-suite", help="another build directory, of a tree whose src/ is the mutated one")
     parser.add_argument("--only", help="comma-separated sample numbers (1-based) to run")
     args = parser.parse_args()
 
@@ -209,16 +220,20 @@ def main():
 
     ctest = ["ctest", "-j", str(args.jobs), "--timeout", str(args.timeout), "--stop-on-failure",
              "--output-on-failure"]
-    suites = [("", build, None)]
+    suites = [("", build)]
     if args.second_suite:
-        env = dict(os.environ, LD_LIBRARY_PATH=build)
-        suites.append(("second ", os.path.abspath(args.second_suite), env))
-    code, output = run(["ninja", "-j", str(args.jobs)], build)
-    if code != 0:
-        print(output)
-        sys.exit("the unmutated tree does not build")
-    for name, directory, env in suites:
-        code, output = run(ctest, directory, env=env)
+        second = os.path.abspath(args.second_suite)
+        suites.append(("second ", second))
+        if os.path.realpath(os.path.join(source_tree_of(second), "src")) != os.path.realpath(src_root):
+            sys.exit(f"{second} is not built from {src_root}: link its tree's src/ to it")
+    # A stop restores the mutated file: SystemExit runs the finally below.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("stopped"))
+    for name, directory in suites:
+        code, output = run(["ninja", "-j", str(args.jobs)], directory)
+        if code != 0:
+            print(output)
+            sys.exit(f"the unmutated {name}tree does not build")
+        code, output = run(ctest, directory)
         if code != 0:
             print(output[-3000:])
             sys.exit(f"the unmutated {name}suite fails; a score would mean nothing")
@@ -247,8 +262,10 @@ def main():
                 verdicts.append("did-not-compile")
                 broken += 1
             else:
-                for (name, directory, env), tally in zip(suites, tallies):
-                    code, output = run(ctest, directory, env=env)
+                for (name, directory), tally in zip(suites, tallies):
+                    if directory != build:
+                        run(["ninja", "-j", str(args.jobs)], directory)
+                    code, output = run(ctest, directory)
                     if code == 0:
                         verdicts.append(name + "SURVIVED")
                         tally["survived"] += 1
@@ -261,8 +278,9 @@ def main():
                 handle.write(original)
         print(f"{label}: {'; '.join(verdicts)} ({time.time() - began:.0f} s)", flush=True)
 
-    run(["ninja", "-j", str(args.jobs)], build)
-    for (name, directory, env), tally in zip(suites, tallies):
+    for name, directory in suites:
+        run(["ninja", "-j", str(args.jobs)], directory)
+    for (name, directory), tally in zip(suites, tallies):
         counted = tally["killed"] + tally["survived"]
         score = tally["killed"] / counted if counted else 0.0
         print(f"\n{name}suite ({directory}): {tally['killed']} killed / {counted} counted = {score:.1%} "
