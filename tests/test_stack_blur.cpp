@@ -60,19 +60,12 @@ TEST(StackBlur, SingleChannelPassesBlurOnePlane) {
   const std::vector<int32_t> table = StackBlurDivideTable(radius);
   std::vector<int32_t> edge(std::max(width, height));
 
-  StackBlurSingleChannelData data = {};
-  data.width = width;
-  data.height = height;
-  data.radius = radius;
-  data.divideTable = table.data();
-  data.edgeIndex = edge.data();
+  // Three threads of 4 rows, then of 5 columns.
+  StackBlurSingleChannelData data = {0,           4,           5, width, height, radius, input.data(),
+                                     rows.data(), edge.data(), table.data()};
   FillStackBlurRowEdgeIndex(edge.data(), width, radius);
-  data.rowsPerThread = 4;
-  data.input = input.data();
-  data.output = rows.data();
   for (data.threadIndex = 0; data.threadIndex < 3; ++data.threadIndex) StackBlurVertSingleChannelProc(&data);
   FillStackBlurColumnEdgeIndex(edge.data(), width, height, radius);
-  data.columnsPerThread = 5;
   data.input = rows.data();
   data.output = both.data();
   for (data.threadIndex = 0; data.threadIndex < 3; ++data.threadIndex) StackBlurHorizSingleChannelProc(&data);

@@ -45,12 +45,11 @@ Bytes FromYUV(const Bytes& yuv) {
 // values within radius positions, the window clipped to the list.
 void ClippedMeanWalk(Bytes& yuv, const std::vector<size_t>& at, int radius) {
   const int n = static_cast<int>(at.size());
-  Bytes before0(n), before1(n);
-  for (int j = 0; j < n; ++j) before0[j] = yuv[at[j]], before1[j] = yuv[at[j] + 1];
+  const Bytes before(yuv);
   for (int j = 0; j < n; ++j) {
     const int lo = std::max(0, j - radius), hi = std::min(n - 1, j + radius);
     int s0 = 0, s1 = 0;
-    for (int k = lo; k <= hi; ++k) s0 += before0[k], s1 += before1[k];
+    for (int k = lo; k <= hi; ++k) s0 += before[at[k]], s1 += before[at[k] + 1];
     yuv[at[j]] = static_cast<unsigned char>(s0 / (hi - lo + 1));
     yuv[at[j] + 1] = static_cast<unsigned char>(s1 / (hi - lo + 1));
   }
@@ -88,8 +87,8 @@ void ReferenceVerticalBox(Bytes& yuv, int width, int height, int radius, int thr
 
 Bytes ProcessorYUVBlur(const Bytes& pixels, unsigned int width, unsigned int height, unsigned int radius, int type,
                        unsigned int threads) {
-  return RenderStageAt([=](KVImageProcessor& p) { return p.SetYUVBlur(radius, static_cast<KVYUVBlurType>(type)); },
-                       pixels, width, height, threads, 1, 0);
+  const StageSetter set = [=](KVImageProcessor& p) { return p.SetYUVBlur(radius, KVYUVBlurType(type)); };
+  return RenderStageAt(set, pixels, width, height, threads, 1, 0);
 }
 
 TEST(YUVBlur, ConversionRoundTripByHand) {
@@ -142,14 +141,7 @@ TEST(YUVBlur, BoxWindowsOfMoreThanFourMillionPixels) {
   // A row of 8.5 million pixels and a window over all of it: every pixel gets
   // the mean of the row, whose sum passes 2^31.
   const uint32_t width = 8500000;
-  YUVBoxBlurData data;
-  data.threadCount = 1;
-  data.threadIndex = 0;
-  data.yuvPixels.reset(new Bytes(static_cast<size_t>(width) * 4));
-  data.width = width;
-  data.height = 1;
-  data.radius = width;
-  data.phase = 0;
+  YUVBoxBlurData data = {1, 0, SharedByteArray(new Bytes(width * 4ull)), 1, width, width, 0};
   Bytes& row = *data.yuvPixels;
   uint64_t sums[2] = {0, 0};
   for (uint32_t x = 0; x < width; ++x) {
