@@ -41,30 +41,27 @@ inline std::vector<int> TriangleMeanLine(const std::vector<int>& line, uint32_t 
 // Blurs the chosen bytes of a BGRA image (rows, then columns); other bytes are
 // left as they are.
 // Kept out of line: inlined, GCC 12 reports a false buffer overflow.
-__attribute__((noinline)) inline std::vector<unsigned char> ReferenceStackBlur(const std::vector<unsigned char>& image, int width, int height,
-                                                     uint32_t radius, const bool channel[4], bool rows = true,
-                                                     bool columns = true) {
+__attribute__((noinline)) inline std::vector<unsigned char> ReferenceStackBlur(const std::vector<unsigned char>& image,
+                                                                               int width, int height, uint32_t radius,
+                                                                               const bool channel[4], bool rows = true,
+                                                                               bool columns = true) {
   std::vector<unsigned char> out(image);
   if (width <= 0 || height <= 0 || out.size() < static_cast<size_t>(width) * height * 4) return out;
   for (int c = 0; c < 4; ++c) {
     if (!channel[c]) continue;
     std::vector<int> plane(static_cast<size_t>(width) * height);
     for (size_t i = 0; i < plane.size(); ++i) plane[i] = image[i * 4 + c];
-    if (rows) {
-      for (int y = 0; y < height; ++y) {
-        std::vector<int> line(plane.begin() + y * width, plane.begin() + (y + 1) * width);
+    // Blurs `lines` lines of `length` values, value i of line l at plane[at(l, i)].
+    const auto blurLines = [&](int lines, int length, auto at) {
+      for (int l = 0; l < lines; ++l) {
+        std::vector<int> line(length);
+        for (int i = 0; i < length; ++i) line[i] = plane[at(l, i)];
         line = TriangleMeanLine(line, radius);
-        std::copy(line.begin(), line.end(), plane.begin() + y * width);
+        for (int i = 0; i < length; ++i) plane[at(l, i)] = line[i];
       }
-    }
-    if (columns) {
-      for (int x = 0; x < width; ++x) {
-        std::vector<int> line(height);
-        for (int y = 0; y < height; ++y) line[y] = plane[y * width + x];
-        line = TriangleMeanLine(line, radius);
-        for (int y = 0; y < height; ++y) plane[y * width + x] = line[y];
-      }
-    }
+    };
+    if (rows) blurLines(height, width, [&](int y, int x) { return y * width + x; });
+    if (columns) blurLines(width, height, [&](int x, int y) { return y * width + x; });
     for (size_t i = 0; i < plane.size(); ++i) out[i * 4 + c] = static_cast<unsigned char>(plane[i]);
   }
   return out;
