@@ -68,4 +68,17 @@ TEST(TintVectorPath, EveryToneAndAmountGivesThePlainBytes) {
   }
 }
 
+// The bleach bypass's widest kernel computes the overlay its plain twin reads
+// from a table: every amount's weight, over a frame with most (byte,
+// luminance) pairs, one byte off alignment, against the plain walk.
+TEST(BleachBypassKernels, WidestPathMatchesThePlainTableWalk) {
+  for (double amount : {0.0, 0.3, 0.8, 1.0}) {
+    kvtest::Front front(kFrontEndProcessor, 253, 259, 1);
+    ASSERT_EQ(0, front.Queue("SetBleachBypass", {amount, 0.6, 0.4}));
+    const std::vector<unsigned char> widest = front.Render();
+    kvtest::ScopedWiderExtension plain(kvtl::kWiderNone);
+    EXPECT_EQ(widest, front.Render()) << amount;
+  }
+}
+
 }  // namespace

@@ -28,6 +28,7 @@ struct VignetteArguments;
 struct HueStageArguments;
 struct ByteTables;
 struct TintArguments;
+struct BleachBypassArguments;
 
 // Scales alpha by an opacity. The plain path multiplies (alpha * opacity,
 // truncated); the SSE2 path subtracts (1 - opacity) * 255 with saturation and
@@ -371,7 +372,7 @@ class KVIMAGE_EXPORT BleachBypassRenderer : public AbstractRenderer {
   BleachBypassRenderer(const BleachBypassRenderer&) = delete;
   BleachBypassRenderer& operator=(const BleachBypassRenderer&) = delete;
   unsigned int Type() const override { return 0; }
-  void Setup(KVAbstractImage*) override {}
+  void Setup(KVAbstractImage* input) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
   int Render8(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
@@ -386,6 +387,7 @@ class KVIMAGE_EXPORT BleachBypassRenderer : public AbstractRenderer {
   unsigned char m_overlay[256 * 256];
   int m_desaturationWeight;
   unsigned char m_curve[256];
+  size_t (*m_kernel)(const PixelRun&, const BleachBypassArguments&);  // chosen in Setup
 };
 
 // Lays a colour over the image toward the edges of a rectangle. The distance
