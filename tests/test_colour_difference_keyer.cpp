@@ -148,36 +148,32 @@ TEST(ColorDifferenceMatte, MatchesTheStepByStepFormOnPatterns) {
   }
 }
 
-TEST(ColorDifferenceKeyer, ThresholdsFollowBalance) {
-  GuardedImage image(5, 1);
-  image.fill(kRamp);
+// The ramp detects green; low 10, high from the middle 42 (balance 0) to
+// the mean 36 (balance 1). m 18 is 8/(high - 10) of the way: f = trunc(8/32 *
+// 255) = 63 at balance 0, trunc(8/26 * 255) = 78 at balance 1, trunc(8/29 *
+// 255) = 70 at 0.5; alpha = round(200 * (255 - f) / 255). m 10 keeps its
+// alpha, m 42 and 74 are cleared, the grey keeps 77.
+TEST(ColorDifferenceKeyer, ThresholdsFollowBalanceAndGiveExactAlphas) {
+  const struct {
+    double balance, high;
+    unsigned char alphas[5];
+  } rows[] = {{0.0, 42.0, {100, 151, 0, 0, 77}}, {1.0, 36.0, {100, 139, 0, 0, 77}}, {0.5, 39.0, {100, 145, 0, 0, 77}}};
   ScopedCoreCount cores(3);
-  const double balances[] = {0.0, 1.0, 0.5}, highs[] = {42.0, 36.0, 39.0};
-  for (int i = 0; i < 3; ++i) {
-    ColorDifferenceKeyer keyer(kKeyColorAuto, balances[i], 0.0, 0.0, SharedTables());
-    EXPECT_EQ(1u, keyer.Type());
-    keyer.Setup(image.image());
-    EXPECT_EQ(kKeyColorGreen, keyer.EffectiveKeyColor());
-    EXPECT_EQ(10.0, keyer.LowThreshold());
-    EXPECT_EQ(highs[i], keyer.HighThreshold());
-  }
-}
-
-// low 10; m 18 is 8/(high - 10) of the way: f = trunc(8/32 * 255) = 63 at
-// balance 0, trunc(8/26 * 255) = 78 at balance 1; alpha = round(200 * (255 -
-// f) / 255). m 10 keeps its alpha, m 42 and 74 are cleared, the grey keeps 77.
-TEST(ColorDifferenceKeyer, ExactAlphasAtBalanceZeroAndOne) {
-  const unsigned char alphas[2][5] = {{100, 151, 0, 0, 77}, {100, 139, 0, 0, 77}};
-  for (int balance = 0; balance < 2; ++balance) {
-    ScopedCoreCount cores(2);
+  for (const auto& row : rows) {
     GuardedImage src(5, 1), dst(5, 1);
     src.fill(kRamp);
+    ColorDifferenceKeyer stage(kKeyColorAuto, row.balance, 0.0, 0.0, SharedTables());
+    EXPECT_EQ(1u, stage.Type());
+    stage.Setup(src.image());
+    EXPECT_EQ(kKeyColorGreen, stage.EffectiveKeyColor());
+    EXPECT_EQ(10.0, stage.LowThreshold());
+    EXPECT_EQ(row.high, stage.HighThreshold());
     KVImageKeyer keyer(src.image(), dst.image(), SharedTables(), kDownsampleNone);
-    EXPECT_EQ(0, keyer.SetAutoColorDifferenceKey(kKeyColorGreen, balance, 0.0, 0.0));
+    EXPECT_EQ(0, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, row.balance, 0.0, 0.0));
     EXPECT_EQ(0, keyer.Render());
     Bytes expected = kRamp;
-    for (size_t i = 0; i < 5; ++i) expected[i * 4 + 3] = alphas[balance][i];
-    EXPECT_EQ(expected, dst.contents()) << "balance " << balance;
+    for (size_t i = 0; i < 5; ++i) expected[i * 4 + 3] = row.alphas[i];
+    EXPECT_EQ(expected, dst.contents()) << "balance " << row.balance;
   }
 }
 
@@ -186,7 +182,7 @@ TEST(ColorDifferenceKeyer, ExactAlphasAtBalanceZeroAndOne) {
 TEST(ColorDifferenceKeyer, MeanSurvivesSumsBeyondThirtyTwoBits) {
   if (kUnderThreadSanitizer) GTEST_SKIP() << "arithmetic only; too slow under the thread sanitizer";
   const unsigned int width = 4096, height = 2100;
-  std::vector<unsigned char> pixels(static_cast<size_t>(width) * height * 4, 0);
+  Bytes pixels(static_cast<size_t>(width) * height * 4, 0);
   for (size_t i = 1; i < pixels.size(); i += 4) pixels[i] = 255;
   KVImage8 image(pixels.data(), width, height, kPixelOrderBGRA);
   ColorDifferenceKeyer keyer(kKeyColorGreen, 1.0, 0.0, 0.0, SharedTables());

@@ -156,11 +156,10 @@ TEST(LayerCompositor, PixelsByHand) {
 
 TEST(LayerCompositor, MatchesTheReferenceOnEveryModeTypeAndOpacity) {
   const unsigned int width = 13, height = 7;
-  Bytes bgBytes = PatternBytes(width * height * 4, 11), fgBytes = PatternBytes(width * height * 4, 12);
   // Some exact alpha values, including clear pixels on either side.
+  Bytes bgBytes = PatternBytes(width * height * 4, 11);
+  const Bytes fgBytes = LayerBytes(width, height, 12);
   for (size_t i = 3; i < bgBytes.size(); i += 16) bgBytes[i] = 0;
-  for (size_t i = 7; i < fgBytes.size(); i += 20) fgBytes[i] = 0;
-  for (size_t i = 11; i < fgBytes.size(); i += 24) fgBytes[i] = 255;
   for (size_t offset : {0u, 1u}) {
     for (int mode : kEveryMode) {
       for (int type : {0, 1, 2, 7}) {
@@ -186,29 +185,20 @@ TEST(LayerCompositor, MatchesTheReferenceOnEveryModeTypeAndOpacity) {
 TEST(LayerStagesDeathTest, MismatchAssertions) {
   GuardedImage background(4, 3), wide(5, 3), tall(4, 2), argb(4, 3, 0, kPixelOrderARGB);
   DeepImage deep(4, 3, 16);
-  const struct {
-    KVAbstractImage* layer;
-    const char *accessor, *name;
-  } mismatches[] = {{wide.image(), "Width", "Width"},
-                    {tall.image(), "Height", "Height"},
-                    {&deep, "BitsPerChannel", "BPC"},
-                    {argb.image(), "PixelChannelOrder", "Pixel channel order"}};
-  for (int light = 0; light < 2; ++light) {
-    for (int i = 0; i < 4; ++i) {
-      KVAbstractImage* layer = mismatches[i].layer;
-      std::unique_ptr<AbstractCompositor> stage;
-      if (light) {
-        stage.reset(new LightSpillLayerCompositor(layer, 1, 1.0, kBlendScreen, kDownsampleNone,
-                                                  SharedTables(), kPlainPath));
-      } else {
-        stage.reset(new LayerCompositor(layer, 1.0, kCompositeAlpha, kBlendNormal, SharedTables()));
-      }
-      const std::string accessor = mismatches[i].accessor;
-      const std::string message = std::string(light ? "LightSpillLayerCompositor:" : "LayerCompositor:") +
-                                  std::to_string((light ? 88 : 64) + 2 * i) + ": failed assertion `m_foregroundLayer->" +
-                                  accessor + "() == backgroundLayer->" + accessor + "() && \"" + mismatches[i].name +
-                                  " of foreground and background layers does not match\"'";
-      EXPECT_DEATH(stage->Render(background.image(), 0, 1), LiteralRegex(message));
-    }
+  KVAbstractImage* layers[] = {wide.image(), tall.image(), &deep, argb.image()};
+  const char* accessors[] = {"Width", "Height", "BitsPerChannel", "PixelChannelOrder"};
+  const char* names[] = {"Width", "Height", "BPC", "Pixel channel order"};
+  for (int i = 0; i < 8; ++i) {
+    const bool light = i >= 4;
+    std::unique_ptr<AbstractCompositor> stage(
+        light ? static_cast<AbstractCompositor*>(new LightSpillLayerCompositor(
+                    layers[i % 4], 1, 1.0, kBlendScreen, kDownsampleNone, SharedTables(), kPlainPath))
+              : new LayerCompositor(layers[i % 4], 1.0, kCompositeAlpha, kBlendNormal, SharedTables()));
+    const std::string accessor = accessors[i % 4];
+    EXPECT_DEATH(stage->Render(background.image(), 0, 1),
+                 LiteralRegex((light ? "LightSpillLayerCompositor:" : "LayerCompositor:") +
+                              std::to_string((light ? 88 : 64) + 2 * (i % 4)) + ": failed assertion `m_foregroundLayer->" +
+                              accessor + "() == backgroundLayer->" + accessor + "() && \"" + names[i % 4] +
+                              " of foreground and background layers does not match\"'"));
   }
 }

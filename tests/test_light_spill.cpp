@@ -19,24 +19,19 @@ Bytes BackgroundBytes(unsigned int width, unsigned int height, uint32_t seed) {
   return bytes;
 }
 
-// The blurred copy the glow is made of: the stack blur of all four bytes.
-Bytes StackBlurred(const Bytes& layer, unsigned int width, unsigned int height, unsigned int radius) {
-  Bytes in = layer, out(layer.size());
-  KVImage8 source(in.data(), width, height, kPixelOrderBGRA), destination(out.data(), width, height, kPixelOrderBGRA);
-  KVImageProcessor processor(&source, &destination, SharedTables(), kDownsampleNone);
-  EXPECT_EQ(0, processor.SetStackBlur(radius, true, true, kChannelsAll));
-  EXPECT_EQ(0, processor.Render());
-  return out;
-}
-
-// The oracle: the layer compositor's alpha path (keeping the background where
-// the combined alpha is 0) laying the blurred copy at the clamped amount, with
-// the pixels whose weighted alpha is 0 left as they were.
+// The oracle: the stack blur of all four bytes of the layer, laid by the
+// layer compositor's alpha path (keeping the background where the combined
+// alpha is 0) at the clamped amount, the pixels whose weighted alpha is 0
+// left as they were.
 Bytes ExpectedGlow(const Bytes& background, const Bytes& layer, unsigned int width, unsigned int height,
                    unsigned int radius, double amount, KVBlendMode mode) {
-  Bytes blurred = StackBlurred(layer, width, height, radius), result = background;
+  Bytes copy = layer, blurred(layer.size()), result = background;
+  KVImage8 source(copy.data(), width, height, kPixelOrderBGRA), over(blurred.data(), width, height, kPixelOrderBGRA);
+  KVImageProcessor processor(&source, &over, SharedTables(), kDownsampleNone);
+  EXPECT_EQ(0, processor.SetStackBlur(radius, true, true, kChannelsAll));
+  EXPECT_EQ(0, processor.Render());
   const double clamped = std::min(amount, 1.0);
-  KVImage8 canvas(result.data(), width, height, kPixelOrderBGRA), over(blurred.data(), width, height, kPixelOrderBGRA);
+  KVImage8 canvas(result.data(), width, height, kPixelOrderBGRA);
   KVImageCompositor compositor(&canvas, 1.0, SharedTables(), kDownsampleNone);
   EXPECT_EQ(0, compositor.AddLayer(&over, clamped, mode, kCompositeAlpha));
   EXPECT_EQ(0, compositor.Render());

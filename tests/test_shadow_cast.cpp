@@ -147,7 +147,8 @@ TEST(ShadowCast, DegenerateQuadrilateralsAndEmptyBoundsCastNothing) {
 
 // Every mode over a patterned background against BlendPixel and
 // AlphaChannelBlend at opacity trunc(shadow alpha * amount), on the aligned
-// and the unaligned buffer; pixels of opacity 0 keep their bytes.
+// and the unaligned buffer; pixels of opacity 0 keep their bytes. The bounds
+// lie inside the layer: only their alpha is sampled, whatever the shares.
 TEST(ShadowCast, LaysTheColourWithBlendPixel) {
   KVLookupTables& tables = SharedTables();
   const Scene scene(21, 13, 8);
@@ -167,27 +168,12 @@ TEST(ShadowCast, LaysTheColourWithBlendPixel) {
         for (int c = 0; c < 3; ++c) px[c] = static_cast<unsigned char>(BlendPixel(px[c], colour[c], KVBlendMode(mode), opacity, tables));
         px[3] = tables.AlphaChannelBlend(px[3], static_cast<unsigned char>(opacity));
       }
-      for (size_t offset : {0u, 1u}) {
-        ASSERT_EQ(expected, scene.Cast(background, {bounds, trapezoid, 2, amount, KVBlendMode(mode), true}, offset))
-            << "mode " << mode << " amount " << amount << " offset " << offset;
+      for (unsigned int threads : {1u, 2u, 7u, 16u}) {
+        ScopedCoreCount cores(threads);
+        ASSERT_EQ(expected, scene.Cast(background, {bounds, trapezoid, 2, amount, KVBlendMode(mode), true}, threads % 2))
+            << "mode " << mode << " amount " << amount << " threads " << threads;
       }
     }
-  }
-}
-
-// Bounds inside the layer: only their alpha is sampled, whatever the shares.
-TEST(ShadowCast, BoundsInsideTheLayerCastTheSameAtEveryThreadCount) {
-  const Scene scene(23, 11, 13);
-  const Bytes background = PatternBytes(23 * 11 * 4, 12);
-  const Shadow shadow = {KVRect(KVPoint2(1, 0), 20, 11),
-                         KVQuad(KVPoint2F(8, 5), KVPoint2F(22, 6), KVPoint2F(0, 11), KVPoint2F(21, 11)), 3, 0.8,
-                         kBlendMultiply, true};
-  ScopedCoreCount one(1);
-  const Bytes expected = scene.Cast(background, shadow);
-  ASSERT_NE(background, expected);
-  for (unsigned int threads = 2; threads <= 16; ++threads) {
-    ScopedCoreCount cores(threads);
-    ASSERT_EQ(expected, scene.Cast(background, shadow)) << threads << " threads";
   }
 }
 
