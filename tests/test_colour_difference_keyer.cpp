@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
+#include <utility>
 #include <vector>
 
 #include "TestSupport.h"
@@ -12,56 +12,30 @@ using namespace kvtest;
 
 namespace {
 
-struct Px {
-  unsigned char b, g, r, a;
-};
+// The matte bytes and the statistics (count, sum, minimum, maximum).
+typedef std::pair<Bytes, std::vector<int>> MatteResult;
 
-void FillPixels(GuardedImage& image, const std::vector<Px>& pixels) {
-  ASSERT_EQ(image.bytes(), pixels.size() * 4);
-  std::memcpy(image.pixels(), pixels.data(), image.bytes());
-}
+// Runs the matte pass directly on one thread.
 
-// Runs the matte pass directly on one thread and returns the matte bytes and
-// the thread's statistics.
-struct MatteResult {
-  std::vector<unsigned char> matte;
-  MatteInfo info;
-};
-
-MatteResult RunMatte(GuardedImage& image, KVKeyColor keyColor, double saturationLimit, double saturationSoftness,
-                     unsigned char threadIndex = 0, unsigned char threadCount = 1) {
+MatteResult RunMatte(GuardedImage& image, KVKeyColor keyColor, double saturationLimit, double saturationSoftness) {
   const size_t pixels = image.bytes() / 4;
   AutoColorDifferenceData record;
-  record.threadIndex = threadIndex;
+  record.threadIndex = 0;
+  record.threadCount = 1;
   record.image = image.image();
   record.matte.reset(new unsigned char[pixels + 1](), std::default_delete<unsigned char[]>());
-  record.matteInfo.reset(new MatteInfo[threadCount], std::default_delete<MatteInfo[]>());
-  for (unsigned int i = 0; i < threadCount; ++i) record.matteInfo.get()[i] = MatteInfo{0, 0, 255, 0};
+  record.matteInfo.reset(new MatteInfo[1]{MatteInfo{0, 0, 255, 0}}, std::default_delete<MatteInfo[]>());
   record.keyColor = keyColor;
   record.saturationLimit = saturationLimit;
   record.saturationSoftness = saturationSoftness;
-  record.threadCount = threadCount;
   EXPECT_EQ(nullptr, AutoColorDifferenceMatteProc(&record));
-  MatteResult result;
-  result.matte.assign(record.matte.get(), record.matte.get() + pixels);
-  result.info = record.matteInfo.get()[threadIndex];
-  return result;
+  const MatteInfo& info = *record.matteInfo;
+  return {Bytes(record.matte.get(), record.matte.get() + pixels), {info.count, info.sum, info.minimum, info.maximum}};
 }
-
-void ExpectInfo(const MatteInfo& info, int count, int sum, int minimum, int maximum) {
-  EXPECT_EQ(count, info.count);
-  EXPECT_EQ(sum, info.sum);
-  EXPECT_EQ(minimum, info.minimum);
-  EXPECT_EQ(maximum, info.maximum);
-}
-
-// Key differences (green) 30, none (green ties blue), 255, none, 1.
-const std::vector<Px> kMixed = {{10, 50, 20, 255}, {100, 100, 20, 255}, {0, 255, 0, 255}, {200, 10, 30, 255},
-                                {40, 45, 44, 255}};
 
 // Green key differences 10, 18, 42, 74 and a grey: minimum 10, maximum 74,
 // mean 36, middle 42.
-const std::vector<Px> kRamp = {{5, 15, 3, 100}, {20, 38, 10, 200}, {0, 42, 0, 255}, {1, 80, 6, 255}, {90, 90, 90, 77}};
+const Bytes kRamp = {5, 15, 3, 100, 20, 38, 10, 200, 0, 42, 0, 255, 1, 80, 6, 255, 90, 90, 90, 77};
 
 KVKeyColor Detect(GuardedImage& image, int threads) {
   KVKeyColor result = kKeyColorAuto;
@@ -69,92 +43,62 @@ KVKeyColor Detect(GuardedImage& image, int threads) {
   return result;
 }
 
-// Renders one colour-difference key through a keyer with the given thread
-// count and returns the destination bytes (guards checked).
-std::vector<unsigned char> KeyThroughKeyer(const std::vector<unsigned char>& input, unsigned int width,
-                                           unsigned int height, unsigned int threads, KVKeyColor keyColor,
-                                           double balance, double limit, double softness, size_t offset = 0) {
-  ScopedCoreCount cores(threads);
-  GuardedImage src(width, height, offset), dst(width, height, offset);
-  src.fill(input);
-  KVImageKeyer keyer(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
-  EXPECT_EQ(0, keyer.SetAutoColorDifferenceKey(keyColor, balance, limit, softness));
-  EXPECT_EQ(0, keyer.Render());
-  EXPECT_TRUE(dst.guardsIntact());
-  EXPECT_TRUE(src.guardsIntact());
-  EXPECT_EQ(input, src.contents());
-  return dst.contents();
-}
-
 }  // namespace
 
-TEST(AutoDetectKeyColor, CountsGreenTiesAndStrictBlue) {
+TEST(AutoDetectKeyColor, CountsGreenTiesAndStrictBlueAndEqualTotalsGiveGreen) {
   // (50, 50, 10): green equals blue, counted green. (60, 10, 10) and
   // (60, 59, 59): blue strictly largest. (10, 10, 90): red, neither.
   GuardedImage image(4, 1);
-  FillPixels(image, {{50, 50, 10, 0}, {60, 10, 10, 0}, {10, 10, 90, 0}, {60, 59, 59, 0}});
+  image.fill({50, 50, 10, 0, 60, 10, 10, 0, 10, 10, 90, 0, 60, 59, 59, 0});
   EXPECT_EQ(kKeyColorBlue, Detect(image, 1));
   AutoDetectKeyColorData record = {0, 1, image.image(), 0, 0, 0, 0};
   EXPECT_EQ(nullptr, AutoDetectKeyColorProc(&record));
-  EXPECT_EQ(1u, record.greenCount);
-  EXPECT_EQ(2u, record.blueCount);
-  EXPECT_EQ(1u, record.otherCount);
+  EXPECT_EQ((std::vector<unsigned int>{1, 2, 1}),
+            (std::vector<unsigned int>{record.greenCount, record.blueCount, record.otherCount}));
   EXPECT_EQ(nullptr, AutoDetectKeyColorProc(nullptr));
-}
-
-TEST(AutoDetectKeyColor, EqualTotalsGiveGreenAndOneMoreBlueGivesBlue) {
-  GuardedImage tie(3, 2);
-  // Greys count green; three green-dominated, three blue-dominated.
-  FillPixels(tie, {{10, 10, 10, 0}, {200, 0, 0, 0}, {0, 90, 90, 0}, {91, 90, 90, 0}, {5, 6, 6, 0}, {7, 6, 6, 0}});
-  GuardedImage moreBlue(3, 2);
-  FillPixels(moreBlue, {{11, 10, 10, 0}, {200, 0, 0, 0}, {0, 90, 90, 0}, {91, 90, 90, 0}, {5, 6, 6, 0}, {7, 6, 6, 0}});
+  // Greys count green; three green-dominated, three blue-dominated; then one
+  // more blue. The counts of every thread's share add up.
+  GuardedImage tie(3, 2), moreBlue(3, 2);
+  tie.fill({10, 10, 10, 0, 200, 0, 0, 0, 0, 90, 90, 0, 91, 90, 90, 0, 5, 6, 6, 0, 7, 6, 6, 0});
+  moreBlue.fill({11, 10, 10, 0, 200, 0, 0, 0, 0, 90, 90, 0, 91, 90, 90, 0, 5, 6, 6, 0, 7, 6, 6, 0});
   for (int threads = 1; threads <= 16; ++threads) {
-    SCOPED_TRACE(threads);
-    EXPECT_EQ(kKeyColorGreen, Detect(tie, threads));
-    EXPECT_EQ(kKeyColorBlue, Detect(moreBlue, threads));
+    EXPECT_EQ(kKeyColorGreen, Detect(tie, threads)) << threads;
+    EXPECT_EQ(kKeyColorBlue, Detect(moreBlue, threads)) << threads;
   }
-  EXPECT_TRUE(tie.guardsIntact());
 }
 
 // Chroma softening with T = trunc(255 * 0.5) = 127. The statistics always
 // take the raw differences.
 TEST(ColorDifferenceMatte, ChromaSofteningRampAndCut) {
   GuardedImage image(7, 1);
-  FillPixels(image, {{20, 120, 40, 0},    // C 100, d 80
-                     {30, 80, 40, 0},     // C 50, d 40
-                     {0, 200, 50, 0},     // C 200, d 150
-                     {10, 73, 20, 0},     // C 63, d 53
-                     {10, 74, 20, 0},     // C 64, d 54
-                     {0, 126, 10, 0},     // C 126, d 116
-                     {0, 127, 10, 0}});   // C 127, d 117
+  // (C, d): (100, 80), (50, 40), (200, 150), (63, 53), (64, 54), (126, 116),
+  // (127, 117).
+  image.fill({20, 120, 40, 0, 30, 80, 40, 0, 0, 200, 50, 0, 10, 73, 20, 0, 10, 74, 20, 0, 0, 126, 10, 0, 0, 127, 10, 0});
   // Softness 0.5: S = 63.5; for S <= C < T, d - |(C - S) / 63.5 - 1| * d.
   // C 100: 80 - 27/63.5 * 80 = 45.98; C 64: 54 - 63/63.5 * 54 = 0.43;
   // C 126: 116 - 1/63.5 * 116 = 114.17.
-  MatteResult half = RunMatte(image, kKeyColorGreen, 0.5, 0.5);
-  EXPECT_EQ((std::vector<unsigned char>{45, 0, 150, 0, 0, 114, 117}), half.matte);
-  ExpectInfo(half.info, 7, 610, 40, 150);
   // Softness 0.25: S = 31.75, ramp width 95.25. C 100: 80 - 0.2835 * 80 =
   // 57.32; C 50: 40 - 0.8084 * 40 = 7.66; C 64: 54 - 0.6614 * 54 = 18.28.
-  MatteResult quarter = RunMatte(image, kKeyColorGreen, 0.5, 0.25);
-  EXPECT_EQ((std::vector<unsigned char>{57, 7, 150, 17, 18, 114, 117}), quarter.matte);
-  // Saturation limit 0: T = 0, nothing is softened.
-  MatteResult off = RunMatte(image, kKeyColorGreen, 0.0, 0.7);
-  EXPECT_EQ((std::vector<unsigned char>{80, 40, 150, 53, 54, 116, 117}), off.matte);
-  // Softness 1: S = T, every chroma below T is cut and the ramp never runs.
-  MatteResult hard = RunMatte(image, kKeyColorGreen, 0.5, 1.0);
-  EXPECT_EQ((std::vector<unsigned char>{0, 0, 150, 0, 0, 0, 117}), hard.matte);
-  ExpectInfo(hard.info, 7, 610, 40, 150);
-  // A NaN softness never compares, so nothing is softened.
-  MatteResult nan = RunMatte(image, kKeyColorGreen, 0.5, std::nan(""));
-  EXPECT_EQ(off.matte, nan.matte);
+  // Saturation limit 0: T = 0, nothing is softened. Softness 1: S = T, every
+  // chroma below T is cut and the ramp never runs. A NaN softness never
+  // compares, so nothing is softened.
+  const struct {
+    double limit, softness;
+    std::vector<unsigned char> matte;
+  } rows[] = {{0.5, 0.5, {45, 0, 150, 0, 0, 114, 117}},    {0.5, 0.25, {57, 7, 150, 17, 18, 114, 117}},
+              {0.0, 0.7, {80, 40, 150, 53, 54, 116, 117}}, {0.5, 1.0, {0, 0, 150, 0, 0, 0, 117}},
+              {0.5, std::nan(""), {80, 40, 150, 53, 54, 116, 117}}};
+  for (const auto& row : rows) {
+    EXPECT_EQ(MatteResult(row.matte, {7, 610, 40, 150}), RunMatte(image, kKeyColorGreen, row.limit, row.softness))
+        << row.limit << " " << row.softness;
+  }
 }
 
 // The matte pass written out step by step, one pixel at a time: the oracle
 // for the thread procedure.
-MatteResult ReferenceMatte(const std::vector<unsigned char>& bytes, KVKeyColor keyColor, double limitFraction,
-                           double softness) {
-  MatteResult result;
-  result.info = MatteInfo{0, 0, 255, 0};
+MatteResult ReferenceMatte(const Bytes& bytes, KVKeyColor keyColor, double limitFraction, double softness) {
+  Bytes matte;
+  int count = 0, sum = 0, minimum = 255, maximum = 0;
   const int limit = static_cast<int>(255.0 * limitFraction);
   const double soft = limit * softness;
   for (size_t o = 0; o < bytes.size(); o += 4) {
@@ -164,76 +108,60 @@ MatteResult ReferenceMatte(const std::vector<unsigned char>& bytes, KVKeyColor k
     bool key = false;
     if (keyColor == kKeyColorGreen) d = b1 - std::max(b0, b2), key = b1 > std::max(b0, b2);
     if (keyColor == kKeyColorBlue) d = b0 - std::max(b1, b2), key = b0 > std::max(b1, b2);
-    if (key) {
-      ++result.info.count;
-      result.info.sum += d;
-      result.info.minimum = std::min(result.info.minimum, d);
-      result.info.maximum = std::max(result.info.maximum, d);
-    }
+    if (key) ++count, sum += d, minimum = std::min(minimum, d), maximum = std::max(maximum, d);
     if (limit > chroma && soft > chroma) d = 0;
     if (limit > chroma && soft <= chroma) {
       d = static_cast<int>(d - std::fabs((chroma - soft) / ((1.0 - softness) * limit) - 1.0) * d);
     }
-    result.matte.push_back(static_cast<unsigned char>(std::min(255, std::max(0, d))));
+    matte.push_back(static_cast<unsigned char>(std::min(255, std::max(0, d))));
   }
-  return result;
+  return {matte, {count, sum, minimum, maximum}};
 }
 
 TEST(ColorDifferenceMatte, MatchesTheStepByStepFormOnPatterns) {
   GuardedImage image(37, 29);
   for (uint32_t seed = 1; seed <= 3; ++seed) {
     // Random bytes with one channel lifted, so every branch is taken often.
-    std::vector<unsigned char> bytes = kvtest::PatternBytes(image.bytes(), seed);
+    Bytes bytes = PatternBytes(image.bytes(), seed);
     for (size_t o = 0; o < bytes.size(); o += 4) bytes[o + (seed == 2 ? 0 : 1)] |= 0x40;
     image.fill(bytes);
     for (KVKeyColor key : {kKeyColorGreen, kKeyColorBlue}) {
       for (double limit : {0.0, 0.2, 0.5, 1.0}) {
         for (double softness : {0.0, 0.3, 0.75, 1.0}) {
           SCOPED_TRACE(testing::Message() << seed << " " << key << " " << limit << " " << softness);
-          const MatteResult expected = ReferenceMatte(bytes, key, limit, softness);
-          const MatteResult actual = RunMatte(image, key, limit, softness);
-          EXPECT_EQ(expected.matte, actual.matte);
-          ExpectInfo(actual.info, expected.info.count, expected.info.sum, expected.info.minimum,
-                     expected.info.maximum);
+          EXPECT_EQ(ReferenceMatte(bytes, key, limit, softness), RunMatte(image, key, limit, softness));
         }
       }
     }
   }
 }
 
-TEST(ColorDifferenceKeyer, ThresholdsFollowBalance) {
-  GuardedImage image(5, 1);
-  FillPixels(image, kRamp);
+// The ramp detects green; low 10, high from the middle 42 (balance 0) to
+// the mean 36 (balance 1). m 18 is 8/(high - 10) of the way: f = trunc(8/32 *
+// 255) = 63 at balance 0, trunc(8/26 * 255) = 78 at balance 1, trunc(8/29 *
+// 255) = 70 at 0.5; alpha = round(200 * (255 - f) / 255). m 10 keeps its
+// alpha, m 42 and 74 are cleared, the grey keeps 77.
+TEST(ColorDifferenceKeyer, ThresholdsFollowBalanceAndGiveExactAlphas) {
+  const struct {
+    double balance, high;
+    unsigned char alphas[5];
+  } rows[] = {{0.0, 42.0, {100, 151, 0, 0, 77}}, {1.0, 36.0, {100, 139, 0, 0, 77}}, {0.5, 39.0, {100, 145, 0, 0, 77}}};
   ScopedCoreCount cores(3);
-  const double balances[] = {0.0, 1.0, 0.5};
-  const double highs[] = {42.0, 36.0, 39.0};
-  for (int i = 0; i < 3; ++i) {
-    ColorDifferenceKeyer keyer(kKeyColorAuto, balances[i], 0.0, 0.0, kvtest::SharedTables());
-    EXPECT_EQ(1u, keyer.Type());
-    keyer.Setup(image.image());
-    EXPECT_EQ(kKeyColorGreen, keyer.EffectiveKeyColor());
-    EXPECT_EQ(10.0, keyer.LowThreshold());
-    EXPECT_EQ(highs[i], keyer.HighThreshold());
-  }
-}
-
-// low 10; m 18 is 8/(high - 10) of the way: f = trunc(8/32 * 255) = 63 at
-// balance 0, trunc(8/26 * 255) = 78 at balance 1; alpha = round(200 * (255 -
-// f) / 255). m 10 keeps its alpha, m 42 and 74 are cleared, the grey keeps 77.
-TEST(ColorDifferenceKeyer, ExactAlphasAtBalanceZeroAndOne) {
-  std::vector<unsigned char> input(kRamp.size() * 4);
-  std::memcpy(input.data(), kRamp.data(), input.size());
-  const std::vector<unsigned char> zero = KeyThroughKeyer(input, 5, 1, 2, kKeyColorGreen, 0.0, 0.0, 0.0);
-  const std::vector<unsigned char> one = KeyThroughKeyer(input, 5, 1, 2, kKeyColorGreen, 1.0, 0.0, 0.0);
-  const unsigned char alphasZero[] = {100, 151, 0, 0, 77};
-  const unsigned char alphasOne[] = {100, 139, 0, 0, 77};
-  for (size_t i = 0; i < 5; ++i) {
-    for (int c = 0; c < 3; ++c) {
-      EXPECT_EQ(input[i * 4 + c], zero[i * 4 + c]);
-      EXPECT_EQ(input[i * 4 + c], one[i * 4 + c]);
-    }
-    EXPECT_EQ(alphasZero[i], zero[i * 4 + 3]) << i;
-    EXPECT_EQ(alphasOne[i], one[i * 4 + 3]) << i;
+  for (const auto& row : rows) {
+    GuardedImage src(5, 1), dst(5, 1);
+    src.fill(kRamp);
+    ColorDifferenceKeyer stage(kKeyColorAuto, row.balance, 0.0, 0.0, SharedTables());
+    EXPECT_EQ(1u, stage.Type());
+    stage.Setup(src.image());
+    EXPECT_EQ(kKeyColorGreen, stage.EffectiveKeyColor());
+    EXPECT_EQ(10.0, stage.LowThreshold());
+    EXPECT_EQ(row.high, stage.HighThreshold());
+    KVImageKeyer keyer(src.image(), dst.image(), SharedTables(), kDownsampleNone);
+    EXPECT_EQ(0, keyer.SetAutoColorDifferenceKey(kKeyColorGreen, row.balance, 0.0, 0.0));
+    EXPECT_EQ(0, keyer.Render());
+    Bytes expected = kRamp;
+    for (size_t i = 0; i < 5; ++i) expected[i * 4 + 3] = row.alphas[i];
+    EXPECT_EQ(expected, dst.contents()) << "balance " << row.balance;
   }
 }
 
@@ -242,10 +170,10 @@ TEST(ColorDifferenceKeyer, ExactAlphasAtBalanceZeroAndOne) {
 TEST(ColorDifferenceKeyer, MeanSurvivesSumsBeyondThirtyTwoBits) {
   if (kUnderThreadSanitizer) GTEST_SKIP() << "arithmetic only; too slow under the thread sanitizer";
   const unsigned int width = 4096, height = 2100;
-  std::vector<unsigned char> pixels(static_cast<size_t>(width) * height * 4, 0);
+  Bytes pixels(static_cast<size_t>(width) * height * 4, 0);
   for (size_t i = 1; i < pixels.size(); i += 4) pixels[i] = 255;
   KVImage8 image(pixels.data(), width, height, kPixelOrderBGRA);
-  ColorDifferenceKeyer keyer(kKeyColorGreen, 1.0, 0.0, 0.0, kvtest::SharedTables());
+  ColorDifferenceKeyer keyer(kKeyColorGreen, 1.0, 0.0, 0.0, SharedTables());
   keyer.Setup(&image);
   EXPECT_EQ(255.0, keyer.LowThreshold());
   EXPECT_EQ(255.0, keyer.HighThreshold());
