@@ -25,10 +25,10 @@ int main(int argc, char** argv) {
   const unsigned int width = static_cast<unsigned int>(std::atoi(argv[3]));
   const unsigned int height = static_cast<unsigned int>(std::atoi(argv[4]));
   kvo::KVSystem::SetCPUCoreCount(static_cast<unsigned int>(std::atoi(argv[5])));
-  std::vector<double> values;
-  for (int i = 6; i < argc; ++i) values.push_back(std::strtod(argv[i], nullptr));
   const KVSetterInfo* row = FindSetter(static_cast<KVFrontEnd>(frontEnd), name);
   if (row == nullptr) return 2;
+  std::vector<double> values;
+  for (int i = 6; i < argc; ++i) values.push_back(std::strtod(argv[i], nullptr));
   for (unsigned int p = 0; argc == 6 && p < row->parameterCount; ++p) {
     const KVParameterInfo& parameter = row->parameters[p];
     values.insert(values.end(), parameter.defaults, parameter.defaults + NumberCount(parameter.type));
@@ -38,33 +38,24 @@ int main(int argc, char** argv) {
   std::vector<unsigned char> source(bytes), layer(bytes), destination(bytes, 0);
   if (std::fread(source.data(), 1, bytes, stdin) != bytes) return 2;
   const bool hasLayer = std::fread(layer.data(), 1, bytes, stdin) == bytes;
-
   kvo::KVLookupTables tables;
   KVImage8 sourceImage(source.data(), width, height, kPixelOrderBGRA);
   KVImage8 layerImage(layer.data(), width, height, kPixelOrderBGRA);
   KVImage8 destinationImage(destination.data(), width, height, kPixelOrderBGRA);
   KVAbstractImage* layers[] = {&layerImage};
-  const unsigned int count = static_cast<unsigned int>(values.size());
-  int code = 0;
-  std::vector<unsigned char>* result = &destination;
-  if (frontEnd == kFrontEndProcessor) {
-    KVImageProcessor processor(&sourceImage, &destinationImage, tables, kDownsampleNone);
-    code = QueueSetter(processor, name, values.data(), count);
-    if (code == 0) code = processor.Render();
-  } else if (frontEnd == kFrontEndKeyer) {
-    KVImageKeyer keyer(&sourceImage, &destinationImage, tables, kDownsampleNone);
-    code = QueueSetter(keyer, name, values.data(), count);
-    if (code == 0) code = keyer.Render();
-  } else {
-    KVImageCompositor compositor(&sourceImage, 1.0, tables, kDownsampleNone);
-    code = QueueSetter(compositor, name, values.data(), count, layers, hasLayer ? 1 : 0);
-    if (code == 0) code = compositor.Render();
-    result = &source;
-  }
+  const auto render = [&](auto&& front, auto... layerArguments) {
+    const int code = QueueSetter(front, name, values.data(), static_cast<unsigned int>(values.size()), layerArguments...);
+    return code != 0 ? code : front.Render();
+  };
+  const int code =
+      frontEnd == kFrontEndProcessor ? render(KVImageProcessor(&sourceImage, &destinationImage, tables, kDownsampleNone))
+      : frontEnd == kFrontEndKeyer   ? render(KVImageKeyer(&sourceImage, &destinationImage, tables, kDownsampleNone))
+                                     : render(KVImageCompositor(&sourceImage, 1.0, tables, kDownsampleNone), layers,
+                                              hasLayer ? 1u : 0u);
   if (code != 0) {
     std::fprintf(stderr, "%s: code %d\n", name, code);
     return 1;
   }
-  std::fwrite(result->data(), 1, bytes, stdout);
+  std::fwrite((frontEnd == kFrontEndCompositor ? source : destination).data(), 1, bytes, stdout);
   return 0;
 }
