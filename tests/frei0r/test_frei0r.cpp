@@ -22,41 +22,26 @@ using namespace kvo::image;
 
 namespace {
 
-// A symbol of a loaded file, converted to whatever call it is bound to.
-struct Symbol {
-  void* address;
-  template <class F>
-  operator F() const {
-    return reinterpret_cast<F>(address);
-  }
-};
-
+// The f0r_* calls of a plugin file loaded as a host loads it (all null when
+// it does not load).
 struct Loaded {
   void* handle;
-  decltype(&f0r_init) init;
-  decltype(&f0r_get_plugin_info) info;
-  decltype(&f0r_get_param_info) paramInfo;
-  decltype(&f0r_construct) construct;
-  decltype(&f0r_destruct) destruct;
-  decltype(&f0r_set_param_value) set;
-  decltype(&f0r_get_param_value) get;
-  decltype(&f0r_update) update;
-  decltype(&f0r_update2) update2;
+#define KVTEST_F0R_CALL(call) \
+  decltype(&f0r_##call) call = reinterpret_cast<decltype(&f0r_##call)>(handle ? dlsym(handle, "f0r_" #call) : nullptr)
+  KVTEST_F0R_CALL(init);
+  KVTEST_F0R_CALL(get_plugin_info);
+  KVTEST_F0R_CALL(get_param_info);
+  KVTEST_F0R_CALL(construct);
+  KVTEST_F0R_CALL(destruct);
+  KVTEST_F0R_CALL(set_param_value);
+  KVTEST_F0R_CALL(get_param_value);
+  KVTEST_F0R_CALL(update);
+  KVTEST_F0R_CALL(update2);
+#undef KVTEST_F0R_CALL
 };
 
 Loaded Load(const std::string& name) {
-  void* h = dlopen((std::string(KVIMAGE_FREI0R_DIR) + "/" + name + ".so").c_str(), RTLD_NOW | RTLD_LOCAL);
-  const auto find = [h](const char* symbol) { return Symbol{h ? dlsym(h, symbol) : nullptr}; };
-  return {h,
-          find("f0r_init"),
-          find("f0r_get_plugin_info"),
-          find("f0r_get_param_info"),
-          find("f0r_construct"),
-          find("f0r_destruct"),
-          find("f0r_set_param_value"),
-          find("f0r_get_param_value"),
-          find("f0r_update"),
-          find("f0r_update2")};
+  return {dlopen((std::string(KVIMAGE_FREI0R_DIR) + "/" + name + ".so").c_str(), RTLD_NOW | RTLD_LOCAL)};
 }
 
 bool IsMixer(const std::string& name) { return name.compare(0, 14, "kvimage_blend_") == 0; }
@@ -93,12 +78,12 @@ TEST(Frei0rPlugins, EveryPluginDescribesItselfAndClampsHostileValues) {
     const std::string name = kvfrei0r::PluginName(n);
     SCOPED_TRACE(name);
     const Loaded p = Load(name);
-    ASSERT_TRUE(p.handle && p.init && p.info && p.paramInfo && p.construct && p.destruct && p.set && p.get &&
-                p.update && p.update2)
+    ASSERT_TRUE(p.handle && p.init && p.get_plugin_info && p.get_param_info && p.construct && p.destruct &&
+                p.set_param_value && p.get_param_value && p.update && p.update2)
         << dlerror();
     EXPECT_EQ(p.init(), 1);
     f0r_plugin_info_t info;
-    p.info(&info);
+    p.get_plugin_info(&info);
     EXPECT_EQ(info.name, name);
     EXPECT_EQ(info.color_model, F0R_COLOR_MODEL_BGRA8888);
     EXPECT_EQ(info.frei0r_version, FREI0R_MAJOR_VERSION);
@@ -106,7 +91,7 @@ TEST(Frei0rPlugins, EveryPluginDescribesItselfAndClampsHostileValues) {
     std::vector<f0r_param_info_t> params(info.num_params);
     std::set<std::string> parameterNames;
     for (int i = 0; i < info.num_params; ++i) {
-      p.paramInfo(&params[i], i);
+      p.get_param_info(&params[i], i);
       const char* parameter = params[i].name;
       ASSERT_NE(parameter, nullptr);
       EXPECT_TRUE(parameterNames.insert(parameter).second) << "repeated " << parameter;
@@ -115,27 +100,27 @@ TEST(Frei0rPlugins, EveryPluginDescribesItselfAndClampsHostileValues) {
     }
     for (const auto& size : sizes) {
       for (double value : hostile) {
-        SCOPED_TRACE(std::to_string(size.width) + "x" + std::to_string(size.height) + " value " + std::to_string(value));
+        SCOPED_TRACE(::testing::Message() << size.width << "x" << size.height << " value " << value);
         f0r_instance_t instance = p.construct(size.width, size.height);
         ASSERT_NE(instance, nullptr);
         for (int i = 0; i < info.num_params; ++i) {
           if (params[i].type == F0R_PARAM_STRING) {
             const char *before = nullptr, *unknown = "no-such-choice", *missing = nullptr, *after = nullptr;
-            p.get(instance, &before, i);
-            p.set(instance, &unknown, i);
-            p.set(instance, &missing, i);
-            p.get(instance, &after, i);
+            p.get_param_value(instance, &before, i);
+            p.set_param_value(instance, &unknown, i);
+            p.set_param_value(instance, &missing, i);
+            p.get_param_value(instance, &after, i);
             EXPECT_STREQ(after, before);
           } else if (params[i].type == F0R_PARAM_COLOR) {
             f0r_param_color_t colour = {static_cast<float>(value), 0.5f, static_cast<float>(-value)};
-            p.set(instance, &colour, i);
-            p.get(instance, &colour, i);
+            p.set_param_value(instance, &colour, i);
+            p.get_param_value(instance, &colour, i);
             EXPECT_TRUE(colour.r >= 0 && colour.r <= 1 && colour.b >= 0 && colour.b <= 1);
           } else {
             double before[2] = {0, 0}, numbers[2] = {value, value};  // a position takes both
-            p.get(instance, before, i);
-            p.set(instance, numbers, i);
-            p.get(instance, numbers, i);
+            p.get_param_value(instance, before, i);
+            p.set_param_value(instance, numbers, i);
+            p.get_param_value(instance, numbers, i);
             EXPECT_TRUE(numbers[0] >= 0 && numbers[0] <= 1) << params[i].name << " reads " << numbers[0];
             EXPECT_TRUE(!std::isnan(value) || numbers[0] == before[0]) << params[i].name;
           }
@@ -195,13 +180,13 @@ TEST(Frei0rPlugins, ValuesMapToTheEngineArguments) {
       for (const Setting& s : *settings) {
         f0r_param_color_t colour = {0, 0, 0};
         if (s.text) {
-          p.set(instance, const_cast<char**>(&s.text), s.index);
+          p.set_param_value(instance, const_cast<char**>(&s.text), s.index);
         } else if (s.numbers.size() == 3) {
           colour = {static_cast<float>(s.numbers[0]), static_cast<float>(s.numbers[1]),
                     static_cast<float>(s.numbers[2])};
-          p.set(instance, &colour, s.index);
+          p.set_param_value(instance, &colour, s.index);
         } else {
-          p.set(instance, const_cast<double*>(s.numbers.data()), s.index);
+          p.set_param_value(instance, const_cast<double*>(s.numbers.data()), s.index);
         }
       }
       kvtest::Front engine(mixer ? kFrontEndCompositor : kFrontEndProcessor, width, height);
