@@ -3,7 +3,6 @@
 //
 //   render_row FRONT-END SETTER WIDTH HEIGHT THREADS [NUMBER...] < image [layer] > result
 //
-// Without numbers the setter gets the catalogue's defaults.
 // FRONT-END is the catalogue's front-end value; standard input holds the
 // source (the background for the compositor), then one layer of the same size
 // when the setter takes one. The processor and the keyer write a zero-filled
@@ -25,14 +24,8 @@ int main(int argc, char** argv) {
   const unsigned int width = static_cast<unsigned int>(std::atoi(argv[3]));
   const unsigned int height = static_cast<unsigned int>(std::atoi(argv[4]));
   kvo::KVSystem::SetCPUCoreCount(static_cast<unsigned int>(std::atoi(argv[5])));
-  const KVSetterInfo* row = FindSetter(static_cast<KVFrontEnd>(frontEnd), name);
-  if (row == nullptr) return 2;
   std::vector<double> values;
   for (int i = 6; i < argc; ++i) values.push_back(std::strtod(argv[i], nullptr));
-  for (unsigned int p = 0; argc == 6 && p < row->parameterCount; ++p) {
-    const KVParameterInfo& parameter = row->parameters[p];
-    values.insert(values.end(), parameter.defaults, parameter.defaults + NumberCount(parameter.type));
-  }
 
   const size_t bytes = static_cast<size_t>(width) * height * 4;
   std::vector<unsigned char> source(bytes), layer(bytes), destination(bytes, 0);

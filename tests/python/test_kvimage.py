@@ -56,7 +56,9 @@ def test_every_setter_gives_the_bytes_of_the_cpp_api(row, defaults):
         if parameter["type"] == "layer":
             layers.append(image(2))
             arguments[parameter["python_name"]] = layers[-1]
-        elif not defaults:
+        elif defaults:
+            numbers += parameter["defaults"]
+        else:
             arguments[parameter["python_name"]], values = other_argument(parameter, index)
             numbers += values
     front_end = FRONT_ENDS[row["front_end"]](source.copy())
@@ -80,8 +82,7 @@ def test_render_writes_the_arrays_it_was_given():
     (lambda: kvimage.Keyer(image(1).tolist()), TypeError, "got list"),
     (lambda: kvimage.Processor(image(1)[..., :3].copy()), ValueError, "kvimage.from_rgb"),
     (lambda: kvimage.Processor(image(1)[:, ::2]), ValueError, "strided"),
-    (lambda: kvimage.Compositor(image(1).transpose(1, 0, 2)), ValueError, "strided"),
-    (lambda: kvimage.Processor(image(1), numpy.frombuffer(image(2).tobytes(), numpy.uint8).reshape(HEIGHT, WIDTH, 4)), ValueError, "read-only"),
+    (lambda: kvimage.Processor(image(1), numpy.broadcast_to(image(2), (HEIGHT, WIDTH, 4))), ValueError, "read-only"),
     (lambda: kvimage.Processor(image(1), image(2, HEIGHT, WIDTH + 1)), ValueError, "source's shape"),
     (lambda: kvimage.Keyer(numpy.zeros((0, 5, 4), numpy.uint8)), ValueError, "at least 1x1"),
     (lambda: kvimage.Processor(*[image(1)] * 2), ValueError, "share memory"),
@@ -92,9 +93,7 @@ def test_render_writes_the_arrays_it_was_given():
     (lambda: kvimage.Processor(image(1)).set_silhouette((1, 2)), ValueError, "colour takes 3 numbers"),
     (lambda: kvimage.Processor(image(1)).set_tint(tone=1), TypeError, "tone"),
     (lambda: kvimage.Compositor(image(1)).add_layer(image(2)[:, :-1].copy()), kvimage.Error, 1000),
-    (lambda: kvimage.Processor(image(1)).set_brightness(1.5), kvimage.Error, 7),
     (lambda: kvimage.Processor(image(1)).set_brightness(0.1, channels=1), kvimage.Error, 10),
-    (lambda: kvimage.Processor(image(1)).set_stack_blur(2, False, False), kvimage.Error, 4),
     (lambda: kvimage.Keyer(image(1)).set_alpha_stack_blur(2.5), kvimage.Error, 7),
 ])
 def test_refusals(call, error, detail):
