@@ -159,11 +159,8 @@ TEST(Frei0rPlugins, ValuesMapToTheEngineArguments) {
        {2, 1, 0, kChannelsAll}},
       // colour to bytes; the rectangle's corners as fractions: left round(15.25),
       // top round(17.5), right round(45.75), bottom 35, then round(26.25).
-      {"kvimage_vignette",
-       {{0, {1.0, 0.5, 0.0}}, {1, {0.75}}, {6, {0.25, 0.5}}, {7, {0.75, 1.0}}},
-       {{7, {0.75, 0.75}}},
-       "SetVignette",
-       {255, 128, 0, 0.75, 0.5, 0.5, 0.5, 0, 15, 18, 31, 17},
+      {"kvimage_vignette", {{0, {1.0, 0.5, 0.0}}, {1, {0.75}}, {6, {0.25, 0.5}}, {7, {0.75, 1.0}}}, {{7, {0.75, 0.75}}},
+       "SetVignette", {255, 128, 0, 0.75, 0.5, 0.5, 0.5, 0, 15, 18, 31, 17},
        {255, 128, 0, 0.75, 0.5, 0.5, 0.5, 0, 15, 18, 31, 8}},
       // a mixer: the second input laid over the first in the plugin's mode.
       {"kvimage_blend_multiply", {{0, {0.5}}}, {{1, {}, "colour-only"}}, "AddLayer",
@@ -178,16 +175,12 @@ TEST(Frei0rPlugins, ValuesMapToTheEngineArguments) {
     for (const auto& [settings, expected] : {std::make_pair(&c.first, &c.expectFirst),
                                              std::make_pair(&c.second, &c.expectSecond)}) {
       for (const Setting& s : *settings) {
-        f0r_param_color_t colour = {0, 0, 0};
-        if (s.text) {
-          p.set_param_value(instance, const_cast<char**>(&s.text), s.index);
-        } else if (s.numbers.size() == 3) {
-          colour = {static_cast<float>(s.numbers[0]), static_cast<float>(s.numbers[1]),
-                    static_cast<float>(s.numbers[2])};
-          p.set_param_value(instance, &colour, s.index);
-        } else {
-          p.set_param_value(instance, const_cast<double*>(s.numbers.data()), s.index);
-        }
+        std::vector<float> colour(s.numbers.begin(), s.numbers.end());  // f0r_param_color_t: three floats
+        p.set_param_value(instance,
+                          s.text                    ? static_cast<void*>(const_cast<char**>(&s.text))
+                          : s.numbers.size() == 3 ? static_cast<void*>(colour.data())
+                                                  : const_cast<double*>(s.numbers.data()),
+                          s.index);
       }
       kvtest::Front engine(mixer ? kFrontEndCompositor : kFrontEndProcessor, width, height);
       ASSERT_EQ(0, engine.Queue(c.setter, *expected));
