@@ -50,8 +50,6 @@ bool Has(const std::string& text, const std::string& part) { return text.find(pa
 
 bool Same(const Image& a, const Image& b) { return a.width == b.width && a.height == b.height && a.bgra == b.bgra; }
 
-KVImage8 View(Image& image) { return KVImage8(image.bgra.data(), image.width, image.height, kPixelOrderBGRA); }
-
 // Each test works in a scratch directory of its own, naming files relative
 // to it (so do the tool's messages).
 class ToolTest : public ::testing::Test {
@@ -95,7 +93,7 @@ typedef std::vector<std::pair<const char*, std::vector<double>>> Stages;
 Image Engine(const Image& source, KVFrontEnd frontEnd, const Stages& stages, std::vector<Image> layers = {},
              double opacity = 1) {
   Image in = source, out = source;
-  KVImage8 a = View(in), b = View(out);
+  KVImage8 a(in.bgra.data(), in.width, in.height, kPixelOrderBGRA), b(out.bgra.data(), out.width, out.height, kPixelOrderBGRA);
   KVImageProcessor processor(&a, &b, kvtest::SharedTables(), kDownsampleNone);
   KVImageKeyer keyer(&a, &b, kvtest::SharedTables(), kDownsampleNone);
   KVImageCompositor compositor(&a, opacity, kvtest::SharedTables(), kDownsampleNone);
@@ -181,9 +179,15 @@ TEST_F(ToolTest, EveryOptionRowGivesTheEnginesBytes) {
     EXPECT_EQ("", r.err);
     EXPECT_TRUE(Same(Engine(key ? frame : pattern, row.frontEnd, row.stages), ReadImage("out.png")));
   }
-  for (const std::vector<OptionEntry>* table : {&EffectOptions(), &KeyOptions()}) {
+  // Each option has a row, and its help line with its ranges in the overall
+  // help and its command's (stream takes both tables).
+  const std::string help = Run("--help").out, streamHelp = Run("stream --help").out;
+  for (const auto& [table, command] : {std::make_pair(&EffectOptions(), "process"), std::make_pair(&KeyOptions(), "key")}) {
+    const std::string own = Run(std::string(command) + " --help").out;
     for (const OptionEntry& entry : *table) {
-      EXPECT_TRUE(Has(everyOption, std::string(entry.name) + " ")) << entry.name << " has no row";
+      const std::string name = entry.name + std::string(" "), line = OptionHelp(entry);
+      EXPECT_TRUE(Has(everyOption, name)) << entry.name << " has no row";
+      EXPECT_TRUE(Has(help, name) && Has(help, line) && Has(own, line) && Has(streamHelp, line)) << entry.name;
     }
   }
   // An opaque image is stored as RGB and reads back opaque.
@@ -212,25 +216,24 @@ TEST_F(ToolTest, JpegOutputFlattensOverTheMatteColour) {
 // layers over a faded background, against the engine's compositor.
 TEST_F(ToolTest, KeyBackgroundsAndCompositesAreTheEnginesCompositor) {
   const Image frame = SynthesiseGreenScreenFrame(31, 19), background = Pattern(31, 19, 3, true);
-  const Image layer = Pattern(31, 19, 12), second = Pattern(31, 19, 77);
+  const Image layer = Pattern(31, 19, 12);
   WriteImage("frame.png", frame);
   WriteImage("bg.png", background);
   WriteImage("l.png", layer);
-  WriteImage("b.png", second);
   const kvtest::ScopedCoreCount threads(2);
   ASSERT_EQ(0, Run("key frame.png comp.png --threads 2 --background bg.png").status);
   const Image keyed = Engine(frame, kFrontEndKeyer, {{"SetAutoColorDifferenceKey", {kKeyColorAuto, 0.5, 0.2, 0.5}}});
   EXPECT_TRUE(Same(Engine(background, kFrontEndCompositor, {{"AddLayer", {1, kBlendNormal, kCompositeAlpha}}}, {keyed}),
                    ReadImage("comp.png")));
   ASSERT_EQ(0, Run("composite bg.png out.png --shadow l.png:3:2:1:0.5 --glow l.png:2:0.7 --layer l.png:multiply:0.5 "
-                   "--layer b.png:screen:1:color-only --background-opacity 0.6")
+                   "--layer l.png:screen:1:color-only --background-opacity 0.6")
                    .status);
   const Stages stages = {
       {"AddShadowCastLayer", {0, 0, 31, 19, 3, 2, 34, 2, 3, 21, 34, 21, 1, 0.5, 0, 0, 0, kBlendMultiply, 0, 1}},
       {"AddLightSpillLayer", {2, 0.7, kBlendScreen, kDownsampleNone}},
       {"AddLayer", {0.5, kBlendMultiply, kCompositeAlpha}},
       {"AddLayer", {1, kBlendScreen, kCompositeColorOnly}}};
-  EXPECT_TRUE(Same(Engine(background, kFrontEndCompositor, stages, {layer, layer, layer, second}, 0.6),
+  EXPECT_TRUE(Same(Engine(background, kFrontEndCompositor, stages, {layer, layer, layer, layer}, 0.6),
                    ReadImage("out.png")));
 }
 
@@ -248,8 +251,7 @@ TEST_F(ToolTest, StreamGivesTheEnginesBytesFrameByFrame) {
   EXPECT_EQ("kvimage stream: input ended inside frame 3 (100 of 5184 bytes)\n", r.err);
   EXPECT_TRUE(expected + expected == r.out);
   const Result none = Run("stream --size 48x27");
-  EXPECT_EQ(0, none.status);
-  EXPECT_EQ("", none.out);
+  EXPECT_TRUE(none.status == 0 && none.out.empty());
 }
 
 // Errors: one line naming the problem after "kvimage COMMAND: ", a non-zero
@@ -282,9 +284,6 @@ TEST_F(ToolTest, EveryErrorPathHasItsMessageAndStatus) {
       {"process in.png out.png --stack-blur 4294967296", 2,
        "--stack-blur 4294967296: '4294967296' is out of range (0..4294967295)"},
       {"process in.png out.png --contrast x1", 2, "--contrast x1: 'x1' is not a number"},
-      {"process in.png out.png --tint sepia", 2,
-       "--tint sepia: 'sepia' is not one of grey|warm|bronze|cyanotype|emerald|gold|palladium|platinum|"
-       "platinum-palladium|selenium|silver"},
       {"process in.png out.png --colour-balance 1:1", 2, "--colour-balance 1:1: expected 3 values, got 2"},
       {"process in.png out.png --saturation", 2, "--saturation needs a value"},
       {"process in.png out.png --bogus 3", 2, "unknown option '--bogus' (see kvimage process --help)"},
@@ -294,7 +293,6 @@ TEST_F(ToolTest, EveryErrorPathHasItsMessageAndStatus) {
       {"key in.png out.png --saturation-limit 1.5", 2,
        "--key auto --balance 0.5 --saturation-limit 1.5 --saturation-softness 0.5: the engine refused it: code 7 "
        "(argument out of range)"},
-      {"key in.png out.png --spill fancy", 2, "--spill fancy: 'fancy' is not one of standard|extended|advanced"},
       {"key in.png out.png --background other.png", 1, "'other.png' is 21x10 but 'in.png' is 20x10: sizes do not match"},
       {"composite in.png out.png --layer other.png", 1,
        "layer 'other.png' is 21x10 but the background is 20x10: code 1000 (images do not match)"},
@@ -320,19 +318,9 @@ TEST_F(ToolTest, EveryErrorPathHasItsMessageAndStatus) {
   }
 }
 
-// Every option with its help line in the overall help and its command's
-// (stream takes both tables).
-TEST_F(ToolTest, HelpListsEveryOptionWithItsRange) {
-  const std::string all = Run("--help").out, stream = Run("stream --help").out;
-  for (const auto& [table, command] : {std::make_pair(&EffectOptions(), "process"), std::make_pair(&KeyOptions(), "key")}) {
-    const std::string own = Run(std::string(command) + " --help").out;
-    for (const OptionEntry& entry : *table) {
-      const std::string help = OptionHelp(entry);
-      EXPECT_TRUE(Has(all, entry.name + std::string(" ")) && Has(all, help) && Has(own, help) && Has(stream, help))
-          << entry.name;
-    }
-  }
-  EXPECT_TRUE(Has(stream, "ffmpeg -i in.mp4 -f rawvideo -pix_fmt bgra -"));
+// stream's help shows how to feed it; the version; no command is a usage error.
+TEST_F(ToolTest, UsageAndVersion) {
+  EXPECT_TRUE(Has(Run("stream --help").out, "ffmpeg -i in.mp4 -f rawvideo -pix_fmt bgra -"));
   EXPECT_EQ(std::string("kvimage ") + KVIMAGE_VERSION + "\n", Run("--version").out);
   EXPECT_EQ(2, Run("").status);
 }
