@@ -57,8 +57,7 @@ class ToolTest : public ::testing::Test {
   void SetUp() override {
     char pattern[] = "/tmp/kvimage-cli-test-XXXXXX";
     ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir = pattern;
-    ASSERT_EQ(0, chdir(pattern));
+    ASSERT_EQ(0, chdir((dir = pattern).c_str()));
   }
   void TearDown() override {
     EXPECT_EQ(0, chdir("/"));
@@ -190,10 +189,6 @@ TEST_F(ToolTest, EveryOptionRowGivesTheEnginesBytes) {
       EXPECT_TRUE(Has(help, name) && Has(help, line) && Has(own, line) && Has(streamHelp, line)) << entry.name;
     }
   }
-  // An opaque image is stored as RGB and reads back opaque.
-  WriteImage("opaque.png", Pattern(23, 13, 5, true));
-  ASSERT_EQ(0, Run("process opaque.png copy.png").status);
-  EXPECT_TRUE(Same(Pattern(23, 13, 5, true), ReadImage("copy.png")));
 }
 
 // A JPEG has no alpha: transparent pixels come out over the matte colour.
@@ -206,9 +201,8 @@ TEST_F(ToolTest, JpegOutputFlattensOverTheMatteColour) {
   const Image black = ReadImage("black.jpg"), blue = ReadImage("blue.JPEG");
   ASSERT_TRUE(black.width == 16 && blue.height == 16);
   for (size_t i = 0; i < black.bgra.size(); i += 4) {
-    EXPECT_TRUE(black.bgra[i] + black.bgra[i + 1] + black.bgra[i + 2] <= 6 && blue.bgra[i] >= 250 &&
-                blue.bgra[i + 2] <= 5 && blue.bgra[i + 3] == 255)
-        << i;
+    EXPECT_LE(black.bgra[i] + black.bgra[i + 1] + black.bgra[i + 2], 6) << i;
+    EXPECT_TRUE(blue.bgra[i] >= 250 && blue.bgra[i + 2] <= 5 && blue.bgra[i + 3] == 255) << i;
   }
 }
 

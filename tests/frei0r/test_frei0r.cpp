@@ -51,15 +51,13 @@ bool IsMixer(const std::string& name) { return name.compare(0, 14, "kvimage_blen
 std::vector<uint32_t> Through(const Loaded& p, f0r_instance_t instance, unsigned int width, unsigned int height,
                               bool mixer) {
   const size_t pixels = static_cast<size_t>(width) * height;
-  std::vector<uint32_t> in(pixels), layer(pixels), out(pixels, 0xdeadbeefu);
-  if (pixels != 0) {
-    std::memcpy(in.data(), kvtest::PatternBytes(pixels * 4, 8).data(), pixels * 4);
-    std::memcpy(layer.data(), kvtest::PatternBytes(pixels * 4, 4).data(), pixels * 4);
-  }
+  const std::vector<unsigned char> in = kvtest::PatternBytes(pixels * 4, 8), layer = kvtest::PatternBytes(pixels * 4, 4);
+  const auto* first = reinterpret_cast<const uint32_t*>(in.data());
+  std::vector<uint32_t> out(pixels, 0xdeadbeefu);
   if (mixer) {
-    p.update2(instance, 0.0, in.data(), layer.data(), nullptr, out.data());
+    p.update2(instance, 0.0, first, reinterpret_cast<const uint32_t*>(layer.data()), nullptr, out.data());
   } else {
-    p.update(instance, 0.0, in.data(), out.data());
+    p.update(instance, 0.0, first, out.data());
   }
   return out;
 }
@@ -121,8 +119,8 @@ TEST(Frei0rPlugins, EveryPluginDescribesItselfAndClampsHostileValues) {
             p.get_param_value(instance, before, i);
             p.set_param_value(instance, numbers, i);
             p.get_param_value(instance, numbers, i);
-            EXPECT_TRUE(numbers[0] >= 0 && numbers[0] <= 1) << params[i].name << " reads " << numbers[0];
-            EXPECT_TRUE(!std::isnan(value) || numbers[0] == before[0]) << params[i].name;
+            EXPECT_TRUE(numbers[0] >= 0 && numbers[0] <= 1 && (!std::isnan(value) || numbers[0] == before[0]))
+                << params[i].name << " reads " << numbers[0];
           }
         }
         const std::vector<uint32_t> out = Through(p, instance, size.width, size.height, IsMixer(name));
@@ -144,10 +142,9 @@ TEST(Frei0rPlugins, ValuesMapToTheEngineArguments) {
     std::vector<double> numbers;  // a double, a position, or a colour
     const char* text = nullptr;   // a choice
   };
-  typedef std::vector<Setting> Settings;
   const struct {
     const char* plugin;
-    Settings first, second;
+    std::vector<Setting> first, second;
     const char* setter;
     std::vector<double> expectFirst, expectSecond;
   } cases[] = {

@@ -21,8 +21,7 @@ int main(int argc, char** argv) {
   if (argc < 6) return 2;
   const int frontEnd = std::atoi(argv[1]);
   const char* name = argv[2];
-  const unsigned int width = static_cast<unsigned int>(std::atoi(argv[3]));
-  const unsigned int height = static_cast<unsigned int>(std::atoi(argv[4]));
+  const unsigned int width = std::strtoul(argv[3], nullptr, 10), height = std::strtoul(argv[4], nullptr, 10);
   kvo::KVSystem::SetCPUCoreCount(static_cast<unsigned int>(std::atoi(argv[5])));
   std::vector<double> values;
   for (int i = 6; i < argc; ++i) values.push_back(std::strtod(argv[i], nullptr));
@@ -45,10 +44,7 @@ int main(int argc, char** argv) {
       : frontEnd == kFrontEndKeyer   ? render(KVImageKeyer(&sourceImage, &destinationImage, tables, kDownsampleNone))
                                      : render(KVImageCompositor(&sourceImage, 1.0, tables, kDownsampleNone), layers,
                                               hasLayer ? 1u : 0u);
-  if (code != 0) {
-    std::fprintf(stderr, "%s: code %d\n", name, code);
-    return 1;
-  }
-  std::fwrite((frontEnd == kFrontEndCompositor ? source : destination).data(), 1, bytes, stdout);
-  return 0;
+  if (code != 0) std::fprintf(stderr, "%s: code %d\n", name, code);
+  if (code == 0) std::fwrite((frontEnd == kFrontEndCompositor ? source : destination).data(), 1, bytes, stdout);
+  return code == 0 ? 0 : 1;
 }

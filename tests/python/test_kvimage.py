@@ -41,13 +41,6 @@ def other_argument(parameter, index):
     return value, [value]
 
 
-def render_in_cpp(row, source, layers, numbers):
-    command = [os.environ["KVIMAGE_RENDER_ROW"], str(row["front_end"]), row["name"], str(WIDTH), str(HEIGHT),
-               str(THREADS)] + [repr(float(n)) for n in numbers]
-    stdin = source.tobytes() + b"".join(layer.tobytes() for layer in layers)
-    return subprocess.run(command, input=stdin, capture_output=True, check=True).stdout
-
-
 @pytest.mark.parametrize("defaults", [True, False], ids=["defaults", "other-values"])
 @pytest.mark.parametrize("row", kvimage.catalogue(), ids=lambda row: f"{row['front_end']}-{row['name']}")
 def test_every_setter_gives_the_bytes_of_the_cpp_api(row, defaults):
@@ -61,20 +54,20 @@ def test_every_setter_gives_the_bytes_of_the_cpp_api(row, defaults):
         else:
             arguments[parameter["python_name"]], values = other_argument(parameter, index)
             numbers += values
-    front_end = FRONT_ENDS[row["front_end"]](source.copy())
-    result = getattr(front_end, row["python_name"])(**arguments).render()
-    assert result.tobytes() == render_in_cpp(row, source, layers, numbers)
+    result = getattr(FRONT_ENDS[row["front_end"]](source.copy()), row["python_name"])(**arguments).render()
+    command = [os.environ["KVIMAGE_RENDER_ROW"], str(row["front_end"]), row["name"], str(WIDTH), str(HEIGHT),
+               str(THREADS)] + [repr(float(n)) for n in numbers]
+    stdin = source.tobytes() + b"".join(layer.tobytes() for layer in layers)
+    assert result.tobytes() == subprocess.run(command, input=stdin, capture_output=True, check=True).stdout
 
 
 def test_render_writes_the_arrays_it_was_given():
-    frame = numpy.zeros((HEIGHT + 2, WIDTH, 4), numpy.uint8)
+    frame, background = numpy.zeros((HEIGHT + 2, WIDTH, 4), numpy.uint8), image(3)
     destination = frame[1:-1]  # a contiguous view: the rows around it stay untouched
     assert kvimage.Processor(image(1), destination).set_brightness(0.5, "all").render() is destination
     assert destination.all() and not frame[0].any() and not frame[-1].any()
-    background = image(3)
-    before = background.copy()
     assert kvimage.Compositor(background).add_layer(image(2), 0.5).render() is background
-    assert not numpy.array_equal(background, before)
+    assert not numpy.array_equal(background, image(3))
 
 
 @pytest.mark.parametrize("call, error, detail", [
@@ -91,7 +84,6 @@ def test_render_writes_the_arrays_it_was_given():
     (lambda: kvimage.Processor(image(1)).set_tint("sepia"), ValueError, "'grey'"),
     (lambda: kvimage.Processor(image(1)).set_tint(amount="1"), TypeError, "amount takes numbers"),
     (lambda: kvimage.Processor(image(1)).set_silhouette((1, 2)), ValueError, "colour takes 3 numbers"),
-    (lambda: kvimage.Processor(image(1)).set_tint(tone=1), TypeError, "tone"),
     (lambda: kvimage.Compositor(image(1)).add_layer(image(2)[:, :-1].copy()), kvimage.Error, 1000),
     (lambda: kvimage.Processor(image(1)).set_brightness(0.1, channels=1), kvimage.Error, 10),
     (lambda: kvimage.Keyer(image(1)).set_alpha_stack_blur(2.5), kvimage.Error, 7),
@@ -112,8 +104,7 @@ def test_threads_render_at_once_as_one_after_the_other():
     work = [0, 1, 0, 1]  # two threads on each front end as well
     with concurrent.futures.ThreadPoolExecutor(len(work)) as pool:
         results = list(pool.map(lambda i: front_ends[i].render().copy(), work))
-    for i, result in zip(work, results):
-        assert numpy.array_equal(result, expected[i])
+    assert all(numpy.array_equal(result, expected[i]) for i, result in zip(work, results))
 
 
 def test_front_ends_hold_their_arrays_until_they_go():
@@ -141,8 +132,7 @@ def test_rgb_conversions():
 @pytest.mark.parametrize("backing, subject, key_byte", [((40, 200, 50), (60, 100, 80), 1),
                                                       ((200, 40, 50), (100, 60, 80), 0)], ids=["green", "blue"])
 def test_key_and_composite_a_frame(backing, subject, key_byte):
-    frame = numpy.empty((24, 32, 4), numpy.uint8)
-    frame[...] = backing + (255,)
+    frame = numpy.full((24, 32, 4), backing + (255,), numpy.uint8)
     frame[8:16, 10:22] = subject + (255,)  # a little of the key colour: a spill to take out
     keyed = kvimage.key(frame)
     others = [keyed[12, 16, b] for b in range(3) if b != key_byte]
