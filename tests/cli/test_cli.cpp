@@ -92,7 +92,8 @@ typedef std::vector<std::pair<const char*, std::vector<double>>> Stages;
 Image Engine(const Image& source, KVFrontEnd frontEnd, const Stages& stages, std::vector<Image> layers = {},
              double opacity = 1) {
   Image in = source, out = source;
-  KVImage8 a(in.bgra.data(), in.width, in.height, kPixelOrderBGRA), b(out.bgra.data(), out.width, out.height, kPixelOrderBGRA);
+  KVImage8 a(in.bgra.data(), in.width, in.height, kPixelOrderBGRA);
+  KVImage8 b(out.bgra.data(), out.width, out.height, kPixelOrderBGRA);
   KVImageProcessor processor(&a, &b, kvtest::SharedTables(), kDownsampleNone);
   KVImageKeyer keyer(&a, &b, kvtest::SharedTables(), kDownsampleNone);
   KVImageCompositor compositor(&a, opacity, kvtest::SharedTables(), kDownsampleNone);
@@ -117,7 +118,7 @@ Image Engine(const Image& source, KVFrontEnd frontEnd, const Stages& stages, std
 // the bytes of its setter called by name; a key command always starts with
 // a key (automatic unless --key names one) that the key settings adjust.
 TEST_F(ToolTest, EveryOptionRowGivesTheEnginesBytes) {
-  const std::vector<double> autoKey = {kKeyColorAuto, 0.5, 0.2, 0.5};
+  const Stages::value_type autoKey = {"SetAutoColorDifferenceKey", {kKeyColorAuto, 0.5, 0.2, 0.5}};
   const struct {
     std::string options;
     KVFrontEnd frontEnd;
@@ -149,23 +150,21 @@ TEST_F(ToolTest, EveryOptionRowGivesTheEnginesBytes) {
        {{"SetBleachBypass", {0.5, 0.3, 0.7}}, {"SetVignette", {40, 90, 200, 0.6, 0.4, 0.5, 0.3, 0.2, 0, 0, 0, 0}}}},
       {"--depth-of-field linear:10:6:3:0.1:0.3:0.9:30", kFrontEndProcessor,
        {{"SetDepthOfField", {kDepthOfFieldLinear, 10, 6, 30, 3, 0.1, 0.3, 0.9, 0, 0, 0, 0, 0}}}},
-      {"", kFrontEndKeyer, {{"SetAutoColorDifferenceKey", autoKey}}},
+      {"", kFrontEndKeyer, {autoKey}},
       {"--saturation-softness 0.4 --key green --balance 0.7 --saturation-limit 0.3", kFrontEndKeyer,
        {{"SetAutoColorDifferenceKey", {kKeyColorGreen, 0.7, 0.3, 0.4}}}},
       {"--spill extended:0.8", kFrontEndKeyer,
-       {{"SetAutoColorDifferenceKey", autoKey}, {"SetSpillSuppression", {kChannelGreen, kSpillExtended, 0.8, 0, -1, 0, 1}}}},
+       {autoKey, {"SetSpillSuppression", {kChannelGreen, kSpillExtended, 0.8, 0, -1, 0, 1}}}},
       {"--spill advanced --spill-channel blue --spill-factors 0.1:0.2:-1:0.9", kFrontEndKeyer,
-       {{"SetAutoColorDifferenceKey", autoKey},
-        {"SetSpillSuppression", {kChannelBlue, kSpillAdvanced, 1, 0.1, 0.2, -1, 0.9}}}},
+       {autoKey, {"SetSpillSuppression", {kChannelBlue, kSpillAdvanced, 1, 0.1, 0.2, -1, 0.9}}}},
       {"--erode 1:rightward --crop 0.05,0,0.05,0", kFrontEndKeyer,
-       {{"SetAutoColorDifferenceKey", autoKey}, {"SetWhiteErode", {kWhiteErodeRightward, 1}},
-        {"SetAlphaCrop", {0.05, 0, 0.05, 0}}}},
+       {autoKey, {"SetWhiteErode", {kWhiteErodeRightward, 1}}, {"SetAlphaCrop", {0.05, 0, 0.05, 0}}}},
       {"--alpha-blur 1:h --alpha-contrast 0.1:0.9 --yuv-blur 2", kFrontEndKeyer,
-       {{"SetAutoColorDifferenceKey", autoKey}, {"SetAlphaStackBlur", {1, 1, 0}},
-        {"SetAlphaSuperContrast", {0.1, 0.9}}, {"SetYUVBlur", {2, kYUVBlurStack}}}},
+       {autoKey, {"SetAlphaStackBlur", {1, 1, 0}}, {"SetAlphaSuperContrast", {0.1, 0.9}},
+        {"SetYUVBlur", {2, kYUVBlurStack}}}},
   };
   const Image pattern = Pattern(23, 13, 5), frame = SynthesiseGreenScreenFrame(48, 27);
-  WriteImage("pattern.png", pattern);
+  WriteImage("in.png", pattern);
   WriteImage("frame.png", frame);
   const kvtest::ScopedCoreCount threads(3);  // the key's statistics depend on the thread count
   std::string everyOption;
@@ -173,7 +172,7 @@ TEST_F(ToolTest, EveryOptionRowGivesTheEnginesBytes) {
     SCOPED_TRACE(row.options);
     everyOption += row.options + " ";
     const bool key = row.frontEnd == kFrontEndKeyer;
-    const Result r = Run(std::string(key ? "key frame.png" : "process pattern.png") + " out.png --threads 3 " + row.options);
+    const Result r = Run(std::string(key ? "key frame.png" : "process in.png") + " out.png --threads 3 " + row.options);
     ASSERT_EQ(0, r.status) << r.err;
     EXPECT_EQ("", r.err);
     EXPECT_TRUE(Same(Engine(key ? frame : pattern, row.frontEnd, row.stages), ReadImage("out.png")));
@@ -181,7 +180,7 @@ TEST_F(ToolTest, EveryOptionRowGivesTheEnginesBytes) {
   // Each option has a row, and its help line with its ranges in the overall
   // help and its command's (stream takes both tables).
   const std::string help = Run("--help").out, streamHelp = Run("stream --help").out;
-  for (const auto& [table, command] : {std::make_pair(&EffectOptions(), "process"), std::make_pair(&KeyOptions(), "key")}) {
+  for (const auto& [table, command] : {std::pair(&EffectOptions(), "process"), std::pair(&KeyOptions(), "key")}) {
     const std::string own = Run(std::string(command) + " --help").out;
     for (const OptionEntry& entry : *table) {
       const std::string name = entry.name + std::string(" "), line = OptionHelp(entry);
@@ -252,7 +251,7 @@ TEST_F(ToolTest, StreamGivesTheEnginesBytesFrameByFrame) {
 // status, no file written or left behind.
 TEST_F(ToolTest, EveryErrorPathHasItsMessageAndStatus) {
   WriteImage("in.png", Pattern(20, 10, 4));
-  WriteImage("other.png", Pattern(21, 10, 4));
+  WriteImage("wide.png", Pattern(21, 10, 4));
   std::string png = ReadText("in.png");
   WriteText("short.png", png.substr(0, png.size() / 2));
   png[png.size() - 20] ^= 0x55;  // inside the image data: its checksum fails
@@ -287,9 +286,9 @@ TEST_F(ToolTest, EveryErrorPathHasItsMessageAndStatus) {
       {"key in.png out.png --saturation-limit 1.5", 2,
        "--key auto --balance 0.5 --saturation-limit 1.5 --saturation-softness 0.5: the engine refused it: code 7 "
        "(argument out of range)"},
-      {"key in.png out.png --background other.png", 1, "'other.png' is 21x10 but 'in.png' is 20x10: sizes do not match"},
-      {"composite in.png out.png --layer other.png", 1,
-       "layer 'other.png' is 21x10 but the background is 20x10: code 1000 (images do not match)"},
+      {"key in.png out.png --background wide.png", 1, "'wide.png' is 21x10 but 'in.png' is 20x10: sizes do not match"},
+      {"composite in.png out.png --layer wide.png", 1,
+       "layer 'wide.png' is 21x10 but the background is 20x10: code 1000 (images do not match)"},
       {"composite in.png out.png --layer in.png:blur", 2,
        "--layer blur: 'blur' is not one of add|colour-burn|colour-dodge|darken|difference|exclusion|hard-light|"
        "lighten|multiply|normal|overlay|screen|soft-light|replace"},
@@ -297,14 +296,14 @@ TEST_F(ToolTest, EveryErrorPathHasItsMessageAndStatus) {
       {"stream --brightness 0.1", 2, "stream needs --size WxH"},
       {"stream --size 10by10", 2, "--size 10by10: expected WIDTHxHEIGHT, at most 4 GiB a frame"},
       {"demo --size 10x10", 2, "--size 10x10: out of range (64x36..3840x2160)"},
-      {"frobnicate", 2, "unknown command 'frobnicate' (kvimage --help lists them)"},
+      {"frob", 2, "unknown command 'frob' (kvimage --help lists them)"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.arguments);
     const Result r = Run(c.arguments);
     const std::string command = c.arguments.substr(0, c.arguments.find(' '));
     EXPECT_EQ(c.status, r.status);
-    EXPECT_EQ(0u, r.err.find((command == "frobnicate" ? "kvimage: " : "kvimage " + command + ": ") + c.message)) << r.err;
+    EXPECT_EQ(0u, r.err.find((command == "frob" ? "kvimage: " : "kvimage " + command + ": ") + c.message)) << r.err;
     EXPECT_EQ(1, std::count(r.err.begin(), r.err.end(), '\n')) << "one line: " << r.err;
     EXPECT_EQ("", r.out);
     EXPECT_EQ(made, Files()) << "nothing written";

@@ -51,7 +51,7 @@ bool IsMixer(const std::string& name) { return name.compare(0, 14, "kvimage_blen
 std::vector<uint32_t> Through(const Loaded& p, f0r_instance_t instance, unsigned int width, unsigned int height,
                               bool mixer) {
   const size_t pixels = static_cast<size_t>(width) * height;
-  const std::vector<unsigned char> in = kvtest::PatternBytes(pixels * 4, 8), layer = kvtest::PatternBytes(pixels * 4, 4);
+  const auto in = kvtest::PatternBytes(pixels * 4, 8), layer = kvtest::PatternBytes(pixels * 4, 4);
   const auto* first = reinterpret_cast<const uint32_t*>(in.data());
   std::vector<uint32_t> out(pixels, 0xdeadbeefu);
   if (mixer) {

@@ -31,19 +31,17 @@ int main(int argc, char** argv) {
   if (std::fread(source.data(), 1, bytes, stdin) != bytes) return 2;
   const bool hasLayer = std::fread(layer.data(), 1, bytes, stdin) == bytes;
   kvo::KVLookupTables tables;
-  KVImage8 sourceImage(source.data(), width, height, kPixelOrderBGRA);
+  KVImage8 in(source.data(), width, height, kPixelOrderBGRA), out(destination.data(), width, height, kPixelOrderBGRA);
   KVImage8 layerImage(layer.data(), width, height, kPixelOrderBGRA);
-  KVImage8 destinationImage(destination.data(), width, height, kPixelOrderBGRA);
   KVAbstractImage* layers[] = {&layerImage};
-  const auto render = [&](auto&& front, auto... layerArguments) {
-    const int code = QueueSetter(front, name, values.data(), static_cast<unsigned int>(values.size()), layerArguments...);
+  const auto render = [&](auto&& front, auto... layerArgs) {
+    const int code = QueueSetter(front, name, values.data(), static_cast<unsigned int>(values.size()), layerArgs...);
     return code != 0 ? code : front.Render();
   };
-  const int code =
-      frontEnd == kFrontEndProcessor ? render(KVImageProcessor(&sourceImage, &destinationImage, tables, kDownsampleNone))
-      : frontEnd == kFrontEndKeyer   ? render(KVImageKeyer(&sourceImage, &destinationImage, tables, kDownsampleNone))
-                                     : render(KVImageCompositor(&sourceImage, 1.0, tables, kDownsampleNone), layers,
-                                              hasLayer ? 1u : 0u);
+  const int code = frontEnd == kFrontEndProcessor ? render(KVImageProcessor(&in, &out, tables, kDownsampleNone))
+                   : frontEnd == kFrontEndKeyer   ? render(KVImageKeyer(&in, &out, tables, kDownsampleNone))
+                                                  : render(KVImageCompositor(&in, 1.0, tables, kDownsampleNone), layers,
+                                                           hasLayer ? 1u : 0u);
   if (code != 0) std::fprintf(stderr, "%s: code %d\n", name, code);
   if (code == 0) std::fwrite((frontEnd == kFrontEndCompositor ? source : destination).data(), 1, bytes, stdout);
   return code == 0 ? 0 : 1;
