@@ -1,9 +1,9 @@
 """The Python module against the C++ API, and what it must refuse or keep alive."""
 
+import concurrent.futures
 import gc
 import os
 import subprocess
-import threading
 import weakref
 
 import numpy
@@ -14,22 +14,11 @@ import kvimage
 THREADS = 2
 HEIGHT, WIDTH = 9, 13
 FRONT_ENDS = (kvimage.Processor, kvimage.Keyer, kvimage.Compositor)
-
-
-@pytest.fixture(autouse=True)
-def fixed_threads():
-    kvimage.set_threads(THREADS)
-    yield
-    kvimage.set_threads(0)
+kvimage.set_threads(THREADS)
 
 
 def image(seed, height=HEIGHT, width=WIDTH):
     return numpy.random.RandomState(seed).randint(0, 256, (height, width, 4)).astype(numpy.uint8)
-
-
-def read_only(array):
-    array.flags.writeable = False
-    return array
 
 
 def other_argument(parameter, index):
@@ -52,13 +41,6 @@ def other_argument(parameter, index):
     return value, [value]
 
 
-def render_in_cpp(row, source, layers, numbers):
-    command = [os.environ["KVIMAGE_RENDER_ROW"], str(row["front_end"]), row["name"], str(WIDTH), str(HEIGHT),
-               str(THREADS)] + [repr(float(n)) for n in numbers]
-    stdin = source.tobytes() + b"".join(layer.tobytes() for layer in layers)
-    return subprocess.run(command, input=stdin, capture_output=True, check=True).stdout
-
-
 @pytest.mark.parametrize("defaults", [True, False], ids=["defaults", "other-values"])
 @pytest.mark.parametrize("row", kvimage.catalogue(), ids=lambda row: f"{row['front_end']}-{row['name']}")
 def test_every_setter_gives_the_bytes_of_the_cpp_api(row, defaults):
@@ -67,23 +49,25 @@ def test_every_setter_gives_the_bytes_of_the_cpp_api(row, defaults):
         if parameter["type"] == "layer":
             layers.append(image(2))
             arguments[parameter["python_name"]] = layers[-1]
-        elif not defaults:
+        elif defaults:
+            numbers += parameter["defaults"]
+        else:
             arguments[parameter["python_name"]], values = other_argument(parameter, index)
             numbers += values
-    front_end = FRONT_ENDS[row["front_end"]](source.copy())
-    result = getattr(front_end, row["python_name"])(**arguments).render()
-    assert result.tobytes() == render_in_cpp(row, source, layers, numbers)
+    result = getattr(FRONT_ENDS[row["front_end"]](source.copy()), row["python_name"])(**arguments).render()
+    command = [os.environ["KVIMAGE_RENDER_ROW"], str(row["front_end"]), row["name"], str(WIDTH), str(HEIGHT),
+               str(THREADS)] + [repr(float(n)) for n in numbers]
+    stdin = source.tobytes() + b"".join(layer.tobytes() for layer in layers)
+    assert result.tobytes() == subprocess.run(command, input=stdin, capture_output=True, check=True).stdout
 
 
 def test_render_writes_the_arrays_it_was_given():
-    frame = numpy.zeros((HEIGHT + 2, WIDTH, 4), numpy.uint8)
+    frame, background = numpy.zeros((HEIGHT + 2, WIDTH, 4), numpy.uint8), image(3)
     destination = frame[1:-1]  # a contiguous view: the rows around it stay untouched
     assert kvimage.Processor(image(1), destination).set_brightness(0.5, "all").render() is destination
     assert destination.all() and not frame[0].any() and not frame[-1].any()
-    background = image(3)
-    before = background.copy()
     assert kvimage.Compositor(background).add_layer(image(2), 0.5).render() is background
-    assert not numpy.array_equal(background, before)
+    assert not numpy.array_equal(background, image(3))
 
 
 @pytest.mark.parametrize("call, error, detail", [
@@ -91,8 +75,7 @@ def test_render_writes_the_arrays_it_was_given():
     (lambda: kvimage.Keyer(image(1).tolist()), TypeError, "got list"),
     (lambda: kvimage.Processor(image(1)[..., :3].copy()), ValueError, "kvimage.from_rgb"),
     (lambda: kvimage.Processor(image(1)[:, ::2]), ValueError, "strided"),
-    (lambda: kvimage.Compositor(image(1).transpose(1, 0, 2)), ValueError, "strided"),
-    (lambda: kvimage.Processor(image(1), read_only(image(2))), ValueError, "read-only"),
+    (lambda: kvimage.Processor(image(1), numpy.broadcast_to(image(2), (HEIGHT, WIDTH, 4))), ValueError, "read-only"),
     (lambda: kvimage.Processor(image(1), image(2, HEIGHT, WIDTH + 1)), ValueError, "source's shape"),
     (lambda: kvimage.Keyer(numpy.zeros((0, 5, 4), numpy.uint8)), ValueError, "at least 1x1"),
     (lambda: kvimage.Processor(*[image(1)] * 2), ValueError, "share memory"),
@@ -101,11 +84,8 @@ def test_render_writes_the_arrays_it_was_given():
     (lambda: kvimage.Processor(image(1)).set_tint("sepia"), ValueError, "'grey'"),
     (lambda: kvimage.Processor(image(1)).set_tint(amount="1"), TypeError, "amount takes numbers"),
     (lambda: kvimage.Processor(image(1)).set_silhouette((1, 2)), ValueError, "colour takes 3 numbers"),
-    (lambda: kvimage.Processor(image(1)).set_tint(tone=1), TypeError, "tone"),
     (lambda: kvimage.Compositor(image(1)).add_layer(image(2)[:, :-1].copy()), kvimage.Error, 1000),
-    (lambda: kvimage.Processor(image(1)).set_brightness(1.5), kvimage.Error, 7),
     (lambda: kvimage.Processor(image(1)).set_brightness(0.1, channels=1), kvimage.Error, 10),
-    (lambda: kvimage.Processor(image(1)).set_stack_blur(2, False, False), kvimage.Error, 4),
     (lambda: kvimage.Keyer(image(1)).set_alpha_stack_blur(2.5), kvimage.Error, 7),
 ])
 def test_refusals(call, error, detail):
@@ -118,19 +98,13 @@ def test_refusals(call, error, detail):
 
 
 def test_threads_render_at_once_as_one_after_the_other():
-    frames = [image(seed, 96, 128) for seed in (4, 5)]
-    front_ends = [kvimage.Processor(frame).set_stack_blur(5).set_sharpen().set_yuv_blur(3) for frame in frames]
+    front_ends = [kvimage.Processor(image(seed, 96, 128)).set_stack_blur(5).set_sharpen().set_yuv_blur(3)
+                  for seed in (4, 5)]
     expected = [front_end.render().copy() for front_end in front_ends]
     work = [0, 1, 0, 1]  # two threads on each front end as well
-    results = [None] * len(work)
-    threads = [threading.Thread(target=lambda i=i: results.__setitem__(i, front_ends[work[i]].render().copy()))
-               for i in range(len(work))]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join()
-    for i, result in zip(work, results):
-        assert numpy.array_equal(result, expected[i])
+    with concurrent.futures.ThreadPoolExecutor(len(work)) as pool:
+        results = list(pool.map(lambda i: front_ends[i].render().copy(), work))
+    assert all(numpy.array_equal(result, expected[i]) for i, result in zip(work, results))
 
 
 def test_front_ends_hold_their_arrays_until_they_go():
@@ -158,8 +132,7 @@ def test_rgb_conversions():
 @pytest.mark.parametrize("backing, subject, key_byte", [((40, 200, 50), (60, 100, 80), 1),
                                                       ((200, 40, 50), (100, 60, 80), 0)], ids=["green", "blue"])
 def test_key_and_composite_a_frame(backing, subject, key_byte):
-    frame = numpy.empty((24, 32, 4), numpy.uint8)
-    frame[...] = backing + (255,)
+    frame = numpy.full((24, 32, 4), backing + (255,), numpy.uint8)
     frame[8:16, 10:22] = subject + (255,)  # a little of the key colour: a spill to take out
     keyed = kvimage.key(frame)
     others = [keyed[12, 16, b] for b in range(3) if b != key_byte]
