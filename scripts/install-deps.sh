@@ -7,7 +7,8 @@
 #
 #   scripts/install-deps.sh [--peers]
 #     --peers  also the imaging libraries the peer benchmarks (bench/peers/)
-#              measure beside kvimage: OpenCV and libvips with their headers.
+#              measure beside kvimage: OpenCV and libvips with their headers,
+#              and ffmpeg.
 #              Only when run directly with the flag: CI and the scripts that
 #              source this file never install them.
 install_peers=0
@@ -27,7 +28,7 @@ done
 dpkg -s libpng-dev >/dev/null 2>&1 || missing+=(libpng-dev)
 dpkg -s libjpeg62-turbo-dev >/dev/null 2>&1 || dpkg -s libjpeg-dev >/dev/null 2>&1 || missing+=(libjpeg62-turbo-dev)
 if [ "$install_peers" = 1 ]; then
-  for package in libopencv-dev libvips-dev pkg-config; do
+  for package in libopencv-dev libvips-dev ffmpeg pkg-config; do
     dpkg -s "$package" >/dev/null 2>&1 || missing+=("$package")
   done
 fi

@@ -19,6 +19,7 @@ import json
 import os
 import sys
 
+sys.dont_write_bytecode = True  # no __pycache__ in the tree
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
 from report import fmt, load_rows, machine_lines  # noqa: E402  (bench/report.py)
 
