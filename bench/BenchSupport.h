@@ -9,6 +9,8 @@
 // size in the same run.
 #include <benchmark/benchmark.h>
 #include <kvimage/kvimage.h>
+#include <malloc.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <cmath>
@@ -23,6 +25,21 @@
 #include <vector>
 
 namespace kvbench {
+
+// The page faults of this process so far: a render that takes fresh
+// frame-sized memory faults on its pages (about a thousand per 1920x1080
+// frame), one that reuses its scratch hardly at all.
+inline double PageFaults() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_minflt + usage.ru_majflt);
+}
+
+// Every block of 256 KiB or more comes fresh from the system and goes back
+// when freed, as with many hosts' allocators (glibc's own threshold rises
+// after the first frame is freed, and then recycles frames): a render that
+// allocates frame-sized memory shows it as page faults.
+[[maybe_unused]] inline const int kFreshLargeBlocks = mallopt(M_MMAP_THRESHOLD, 256 * 1024);
 
 const unsigned int kFrameWidth = 1920;
 const unsigned int kFrameHeight = 1080;

@@ -24,9 +24,6 @@
 // key, so that they see a real matte. Geometry is given for 1920x1080 and
 // scales with the frame: points, rectangles, quadrilaterals and real numbers
 // in pixels.
-#include <malloc.h>
-#include <sys/resource.h>
-
 #include <cctype>
 #include <cmath>
 #include <cstring>
@@ -38,21 +35,6 @@
 namespace {
 
 using namespace kvo::image;
-
-// The page faults of this process so far: a render that takes fresh
-// frame-sized memory faults on its pages (about a thousand per 1920x1080
-// frame), one that reuses its scratch hardly at all.
-double PageFaults() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return static_cast<double>(usage.ru_minflt + usage.ru_majflt);
-}
-
-// Every block of 256 KiB or more comes fresh from the system and goes back
-// when freed, as with many hosts' allocators (glibc's own threshold rises
-// after the first frame is freed, and then recycles frames): a render that
-// allocates frame-sized memory shows it as page faults.
-[[maybe_unused]] const int kFreshLargeBlocks = mallopt(M_MMAP_THRESHOLD, 256 * 1024);
 
 // Speed target classes (BENCHMARKS.md lists the ratios to memcpy).
 const char* const kTargetSSE2 = "sse2";             // documented SSE2 path: <= 1.5x
@@ -286,11 +268,11 @@ template <class Front>
 void MeasureRenders(benchmark::State& state, Front& front, const Setting& setting, unsigned int width,
                     unsigned int height, KVAbstractImage* layer) {
   if (!QueueSteps(state, front, setting, width, height, layer) || !Rendered(state, front)) return;
-  const double faultsBefore = PageFaults();
+  const double faultsBefore = kvbench::PageFaults();
   for (auto _ : state) {
     if (!Rendered(state, front)) break;
   }
-  Report(state, setting, width, height, PageFaults() - faultsBefore);
+  Report(state, setting, width, height, kvbench::PageFaults() - faultsBefore);
 }
 
 // The frame a setting reads (see the top of the file).
@@ -329,12 +311,12 @@ void RunFreshFrontEnds(benchmark::State& state, const Setting& setting, unsigned
   kvbench::ScopedThreads threads(cores);
   kvbench::AlignedFrame source(width, height), target(width, height);
   kvbench::CopyFrame(kvbench::ReferenceFrame(Input(setting), width, height), source);
-  const double faultsBefore = PageFaults();
+  const double faultsBefore = kvbench::PageFaults();
   for (auto _ : state) {
     KVImageProcessor processor(source.image(), target.image(), SharedTables(), kDownsampleNone);
     if (!QueueSteps(state, processor, setting, width, height, nullptr) || !Rendered(state, processor)) break;
   }
-  Report(state, setting, width, height, PageFaults() - faultsBefore);
+  Report(state, setting, width, height, kvbench::PageFaults() - faultsBefore);
 }
 
 // The processor settings also measured with a fresh front end per frame.
