@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <kvimage/kvimage.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -97,10 +98,7 @@ class GuardedImage {
     if (m_bytes != 0) std::memcpy(m_pixels, bytes.data(), m_bytes);
   }
   bool guardsIntact() const {
-    for (size_t i = 0; i < kGuardBytes; ++i) {
-      if (m_pixels[m_bytes + i] != kGuardValue) return false;
-    }
-    return true;
+    return std::count(m_pixels + m_bytes, m_pixels + m_bytes + kGuardBytes, kGuardValue) == kGuardBytes;
   }
 
  private:
@@ -143,9 +141,7 @@ class DeepImage : public kvo::image::KVAbstractImage {
   unsigned int BufferByteSize() const override { return m_width * m_height * 8; }
 
  private:
-  unsigned int m_width;
-  unsigned int m_height;
-  unsigned int m_bits;
+  unsigned int m_width, m_height, m_bits;
   kvo::image::KVPixelChannelOrder m_order;
 };
 
@@ -310,7 +306,7 @@ class Front {
     const std::vector<unsigned char> source = m_source.contents(), destination = m_destination.contents(),
                                      layer = m_layer.contents();
     EXPECT_EQ(RenderCode(), 0);
-    const std::vector<unsigned char> bytes = compositor ? m_source.contents() : m_destination.contents();
+    const std::vector<unsigned char> bytes = (compositor ? m_source : m_destination).contents();
     EXPECT_TRUE(m_source.guardsIntact() && m_destination.guardsIntact() && m_layer.guardsIntact());
     EXPECT_TRUE(compositor || !sourceKept || m_source.contents() == source) << "the source changed";
     EXPECT_TRUE(m_layer.contents() == layer) << "the layer changed";
