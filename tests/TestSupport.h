@@ -205,23 +205,6 @@ inline std::vector<unsigned char> ExpectedBytes(const std::vector<unsigned char>
   return expected;
 }
 
-// Renders through a processor with every thread count from 1 to 16 and
-// compares with the expectation for that count.
-inline void ExpectEveryThreadCount(const std::function<int(kvo::image::KVImageProcessor&)>& set,
-                            const std::function<std::vector<unsigned char>(unsigned int)>& expected,
-                            unsigned int width, unsigned int height, const std::vector<unsigned char>& source) {
-  for (unsigned int threads = 1; threads <= 16; ++threads) {
-    ScopedCoreCount cores(threads);
-    GuardedImage src(width, height), dst(width, height);
-    src.fill(source);
-    kvo::image::KVImageProcessor processor(src.image(), dst.image(), SharedTables(), kvo::image::kDownsampleNone);
-    ASSERT_EQ(0, set(processor));
-    ASSERT_EQ(0, processor.Render());
-    EXPECT_EQ(expected(threads), dst.contents()) << threads << " threads";
-    EXPECT_TRUE(dst.guardsIntact());
-  }
-}
-
 inline int Clamp8(int value) { return value < 0 ? 0 : (value > 255 ? 255 : value); }
 
 // Driving one processor setter's stage over given pixels, checking on the
@@ -246,6 +229,15 @@ inline Bytes RenderStageAt(const StageSetter& set, const Bytes& pixels, unsigned
   EXPECT_TRUE(src.guardsIntact());
   EXPECT_EQ(pixels, src.contents());
   return dst.contents();
+}
+
+// Renders through a processor with every thread count from 1 to 16 and
+// compares with the expectation for that count.
+inline void ExpectEveryThreadCount(const StageSetter& set, const std::function<Bytes(unsigned int)>& expected,
+                                   unsigned int width, unsigned int height, const Bytes& source) {
+  for (unsigned int threads = 1; threads <= 16; ++threads) {
+    EXPECT_EQ(expected(threads), RenderStageAt(set, source, width, height, threads, 0, 0)) << threads << " threads";
+  }
 }
 
 inline Bytes RenderStage(const StageSetter& set, const Bytes& pixels, unsigned int width, unsigned int height,

@@ -17,28 +17,12 @@ namespace {
 
 using namespace kvo::image;
 using kvtest::Bytes;
-using kvtest::GuardedImage;
 using kvtest::SharedTables;
-
-// Renders `source` through a fresh engine queued by `queue(engine, argument)`
-// into an image one byte off alignment; the render succeeds, leaves the
-// source alone and keeps the guard bytes.
-template <typename Engine, typename Queue, typename Argument>
-Bytes Rendered(GuardedImage& source, const Queue& queue, Argument argument) {
-  const Bytes input = source.contents();
-  GuardedImage destination(source.image()->Width(), source.image()->Height(), 1);
-  Engine engine(source.image(), destination.image(), SharedTables(), kDownsampleNone);
-  EXPECT_EQ(queue(engine, argument), 0);
-  EXPECT_EQ(engine.Render(), 0);
-  EXPECT_EQ(source.contents(), input);
-  EXPECT_TRUE(source.guardsIntact() && destination.guardsIntact());
-  return destination.contents();
-}
 
 // Radii far beyond the image give a proper blur: on a pattern every byte
 // within the range of its channel in the input, and on a uniform image the
 // bytes of radius 1 (every window holds the same colour; the YUV blur's
-// colour conversion still applies).
+// colour conversion still applies). Images one byte off alignment.
 TEST(HugeArguments, BlurRadiiFarBeyondTheImage) {
   const kvo::maths::KVRect rect(kvo::maths::KVPoint2(2, 1), 12, 5);
   const std::function<int(KVImageProcessor&, unsigned int)> blurs[] = {
@@ -48,21 +32,23 @@ TEST(HugeArguments, BlurRadiiFarBeyondTheImage) {
         return p.SetBoundedStackBlur(r, true, true, kChannelsAll, rect, 0.5);
       },
       [](KVImageProcessor& p, unsigned int r) { return p.SetYUVBlur(r, kYUVBlurStack); }};
-  GuardedImage pattern(19, 7, 1), uniform(19, 7, 1);
-  pattern.fill(kvtest::PatternBytes(pattern.bytes(), 5));
-  for (size_t i = 0; i < uniform.bytes(); ++i) uniform.pixels()[i] = "\x25\xB4\x5B\xDE"[i % 4];
-  const Bytes input = pattern.contents();
-  for (size_t blur = 0; blur < 4; ++blur) {
-    const Bytes uniformAtOne = Rendered<KVImageProcessor>(uniform, blurs[blur], 1u);
+  const Bytes pattern = kvtest::PatternBytes(19 * 7 * 4, 5);
+  Bytes uniform(pattern.size());
+  for (size_t i = 0; i < uniform.size(); ++i) uniform[i] = "\x25\xB4\x5B\xDE"[i % 4];
+  for (const auto& blur : blurs) {
+    const auto render = [&blur](const Bytes& pixels, unsigned int radius) {
+      return kvtest::RenderStageAt([&](KVImageProcessor& p) { return blur(p, radius); }, pixels, 19, 7, 2, 1, 1);
+    };
+    const Bytes uniformAtOne = render(uniform, 1);
     for (unsigned int radius : {100000u, 10000000u, UINT_MAX}) {
-      SCOPED_TRACE(testing::Message() << "blur " << blur << ", radius " << radius);
-      EXPECT_EQ(uniformAtOne, Rendered<KVImageProcessor>(uniform, blurs[blur], radius));
-      const Bytes output = Rendered<KVImageProcessor>(pattern, blurs[blur], radius);
+      SCOPED_TRACE(testing::Message() << "blur " << (&blur - blurs) << ", radius " << radius);
+      EXPECT_EQ(uniformAtOne, render(uniform, radius));
+      const Bytes output = render(pattern, radius);
       for (size_t c = 0; c < 4; ++c) {
         unsigned char low = 255, high = 0;
-        for (size_t i = c; i < input.size(); i += 4) {
-          low = std::min(low, input[i]);
-          high = std::max(high, input[i]);
+        for (size_t i = c; i < pattern.size(); i += 4) {
+          low = std::min(low, pattern[i]);
+          high = std::max(high, pattern[i]);
         }
         for (size_t i = c; i < output.size(); i += 4) ASSERT_TRUE(output[i] >= low && output[i] <= high) << i;
       }
@@ -73,14 +59,14 @@ TEST(HugeArguments, BlurRadiiFarBeyondTheImage) {
 // A window wider than twice the image covers every line whole: sizes up to
 // the largest int give the bytes of such a window, at once.
 TEST(HugeArguments, WhiteErodeSizesBeyondTheImageMatchAWindowOverTheWholeImage) {
-  GuardedImage source(23, 9, 1);
-  source.fill(kvtest::PatternBytes(source.bytes(), 3));
-  for (KVWhiteErodeDirection direction : {kWhiteErodeAll, kWhiteErodeRightward, kWhiteErodeLeftward}) {
-    const auto erode = [direction](KVImageKeyer& k, int size) { return k.SetWhiteErode(direction, size); };
-    const Bytes expected = Rendered<KVImageKeyer>(source, erode, 47);
-    for (int size : {10000000, INT_MAX}) {
-      EXPECT_EQ(Rendered<KVImageKeyer>(source, erode, size), expected) << direction << ", size " << size;
-    }
+  for (double direction : {kWhiteErodeAll, kWhiteErodeRightward, kWhiteErodeLeftward}) {
+    const auto erode = [direction](double size) {
+      kvtest::Front keyer(kFrontEndKeyer, 23, 9, 1);
+      EXPECT_EQ(keyer.Queue("SetWhiteErode", {direction, size}), 0);
+      return keyer.Render();
+    };
+    const Bytes expected = erode(47);
+    for (double size : {10000000.0, double(INT_MAX)}) EXPECT_EQ(erode(size), expected) << direction << ", " << size;
   }
 }
 
