@@ -50,8 +50,6 @@ class ScopedCoreCount {
  public:
   explicit ScopedCoreCount(unsigned int count) { kvo::KVSystem::SetCPUCoreCount(count); }
   ~ScopedCoreCount() { kvo::KVSystem::SetCPUCoreCount(SuiteCoreCount()); }
-  ScopedCoreCount(const ScopedCoreCount&) = delete;
-  ScopedCoreCount& operator=(const ScopedCoreCount&) = delete;
 };
 
 // Caps the wider instruction sets for one scope (kvtl::kWiderNone runs every
@@ -60,8 +58,6 @@ class ScopedWiderExtension {
  public:
   explicit ScopedWiderExtension(kvtl::WiderExtension limit) { kvtl::LimitWiderExtension(limit); }
   ~ScopedWiderExtension() { kvtl::LimitWiderExtension(kvtl::kWiderAVX512VBMI); }
-  ScopedWiderExtension(const ScopedWiderExtension&) = delete;
-  ScopedWiderExtension& operator=(const ScopedWiderExtension&) = delete;
 };
 
 // Extension records that force a stage's plain or vector path.

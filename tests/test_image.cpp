@@ -36,17 +36,12 @@ TEST(ImageModel, ConstructorsWrapOrClearPixels) {
   EXPECT_EQ(0u, wrapped.BufferByteSize());
 }
 
-TEST(ImageModel, ScanLineAddressesRows) {
-  GuardedImage image(3, 4);
-  EXPECT_EQ(image.pixels(), image.image()->ScanLine(0));
-  EXPECT_EQ(image.pixels() + 3 * 12, image.image()->ScanLine(3));  // the last row
-  EXPECT_EQ(image.pixels() + 12, static_cast<const KVImage8*>(image.image())->ScanLine(1));
-}
-
-TEST(ImageModelDeathTest, ScanLineBeyondTheLastRowAborts) {
+TEST(ImageModelDeathTest, ScanLineAddressesRowsAndAbortsBeyondTheLast) {
   const std::string message = kvtest::LiteralRegex(
       "KVImage8:96: failed assertion `(lineIndex >= 0 && lineIndex < Height()) && \"Invalid scan line index\"'");
   KVImage8 image(2, 3, kPixelOrderBGRA, true);
+  EXPECT_EQ(image.Buffer() + 2 * 8, image.ScanLine(2));  // the last row
+  EXPECT_EQ(image.Buffer() + 8, static_cast<const KVImage8&>(image).ScanLine(1));
   EXPECT_DEATH(image.ScanLine(image.Height()), message);
   EXPECT_DEATH(static_cast<const KVImage8&>(image).ScanLine(0xFFFFFFFFu), message);
 }

@@ -206,7 +206,8 @@ TEST(Pipelines, LastNonZeroThreadCodeWins) {
     EXPECT_EQ(3, processor.Render());
   }
   // A later stage that succeeds does not clear an earlier code, and a
-  // stage's own non-zero result is not a code.
+  // stage's own non-zero result (5) is not a code; clearing the queue
+  // removes the failing stage.
   KVImageProcessor processor(source.image(), destination.image(), SharedTables(), kDownsampleNone);
   RecordingPtr failing = Recording(0), quiet = Recording(0);
   failing->throwInRender = [](int) { throw std::runtime_error("x"); };

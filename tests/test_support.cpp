@@ -79,6 +79,8 @@ TEST(CPUExtensions, WiderExtensionLimitLowersTheSupportedSet) {
     EXPECT_EQ(kvtl::kWiderNone, kvtl::GetWiderExtension());
     kvtl::LimitWiderExtension(kvtl::kWiderSSSE3);
     EXPECT_EQ(std::min(supported, kvtl::kWiderSSSE3), kvtl::GetWiderExtension());
+    kvtl::LimitWiderExtension(static_cast<kvtl::WiderExtension>(99));
+    EXPECT_EQ(supported, kvtl::GetWiderExtension());
   }
   EXPECT_EQ(supported, kvtl::GetWiderExtension());
 }
