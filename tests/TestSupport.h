@@ -90,9 +90,7 @@ class GuardedImage {
     return m_pixels[(static_cast<size_t>(y) * m_image->Width() + x) * 4 + channel];
   }
   std::vector<unsigned char> contents() const { return std::vector<unsigned char>(m_pixels, m_pixels + m_bytes); }
-  void fill(const std::vector<unsigned char>& bytes) {
-    if (m_bytes != 0) std::memcpy(m_pixels, bytes.data(), m_bytes);
-  }
+  void fill(const std::vector<unsigned char>& bytes) { std::copy(bytes.begin(), bytes.begin() + m_bytes, m_pixels); }
   bool guardsIntact() const {
     return std::count(m_pixels + m_bytes, m_pixels + m_bytes + kGuardBytes, kGuardValue) == kGuardBytes;
   }

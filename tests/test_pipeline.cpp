@@ -22,8 +22,6 @@ using kvtest::SharedTables;
 
 namespace {
 
-typedef std::tr1::shared_ptr<AbstractRenderer> RendererPtr;
-
 // The setters only queue the library's own stages. To run recording and
 // throwing stages through the real render loop, the tests reach the queue
 // through the private record (an explicit instantiation may name a private
@@ -38,7 +36,7 @@ struct ProcessorRecord {
 };
 template struct PrivateAccess<ProcessorRecord, &KVImageProcessor::m_private>;
 
-void Queue(KVImageProcessor& processor, RendererPtr stage) {
+void Queue(KVImageProcessor& processor, std::tr1::shared_ptr<AbstractRenderer> stage) {
   (processor.*Get(ProcessorRecord()))->queue.Append(QueuedStage(stage));
 }
 

@@ -197,13 +197,11 @@ TEST(Geometry, RectScaleAndFixBounds) {
     KVRect rect = c.rect;
     if (c.scale != 1) rect.Scale(c.scale);
     if (c.boundsWidth != 0) rect.FixBounds(c.boundsWidth, c.boundsHeight);
-    const int row = static_cast<int>(&c - cases);
-    EXPECT_EQ(c.width, rect.Width()) << "row " << row;
-    EXPECT_EQ(c.height, rect.Height()) << "row " << row;
-    if (c.width != 0 && c.width != INT_MIN) {
-      EXPECT_EQ(c.x, rect.TopLeft().X()) << "row " << row;
-      EXPECT_EQ(c.y, rect.TopLeft().Y()) << "row " << row;
-    }
+    const bool empty = c.width == 0 || c.width == INT_MIN;  // an empty rectangle's corner is not pinned
+    EXPECT_EQ((std::vector<int>{c.x, c.y, c.width, c.height}),
+              (std::vector<int>{empty ? c.x : rect.TopLeft().X(), empty ? c.y : rect.TopLeft().Y(), rect.Width(),
+                                rect.Height()}))
+        << "row " << (&c - cases);
   }
 }
 

@@ -35,9 +35,7 @@ const double kNaN = std::numeric_limits<double>::quiet_NaN();
 const double kInfinity = std::numeric_limits<double>::infinity();
 
 template <class T, size_t N>
-T Pick(const T (&values)[N], unsigned int choice) {
-  return values[choice % N];
-}
+T Pick(const T (&values)[N], unsigned int choice) { return values[choice % N]; }
 
 // Reads the scenario's choices; past the end of the input every read is 0.
 class ByteReader {
@@ -177,9 +175,7 @@ class Frame {
 
   KVImage8* image() { return m_image.get(); }
   std::vector<unsigned char> contents() const { return {m_pixels.get(), m_pixels.get() + m_bytes}; }
-  void restore(const std::vector<unsigned char>& bytes) {
-    if (m_bytes != 0) std::memcpy(m_pixels.get(), bytes.data(), m_bytes);
-  }
+  void restore(const std::vector<unsigned char>& bytes) { std::copy(bytes.begin(), bytes.end(), m_pixels.get()); }
 
  private:
   size_t m_bytes;
