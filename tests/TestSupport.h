@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <kvimage/kvimage.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -49,8 +50,6 @@ class ScopedCoreCount {
  public:
   explicit ScopedCoreCount(unsigned int count) { kvo::KVSystem::SetCPUCoreCount(count); }
   ~ScopedCoreCount() { kvo::KVSystem::SetCPUCoreCount(SuiteCoreCount()); }
-  ScopedCoreCount(const ScopedCoreCount&) = delete;
-  ScopedCoreCount& operator=(const ScopedCoreCount&) = delete;
 };
 
 // Caps the wider instruction sets for one scope (kvtl::kWiderNone runs every
@@ -59,8 +58,6 @@ class ScopedWiderExtension {
  public:
   explicit ScopedWiderExtension(kvtl::WiderExtension limit) { kvtl::LimitWiderExtension(limit); }
   ~ScopedWiderExtension() { kvtl::LimitWiderExtension(kvtl::kWiderAVX512VBMI); }
-  ScopedWiderExtension(const ScopedWiderExtension&) = delete;
-  ScopedWiderExtension& operator=(const ScopedWiderExtension&) = delete;
 };
 
 // Extension records that force a stage's plain or vector path.
@@ -93,14 +90,9 @@ class GuardedImage {
     return m_pixels[(static_cast<size_t>(y) * m_image->Width() + x) * 4 + channel];
   }
   std::vector<unsigned char> contents() const { return std::vector<unsigned char>(m_pixels, m_pixels + m_bytes); }
-  void fill(const std::vector<unsigned char>& bytes) {
-    if (m_bytes != 0) std::memcpy(m_pixels, bytes.data(), m_bytes);
-  }
+  void fill(const std::vector<unsigned char>& bytes) { std::copy(bytes.begin(), bytes.begin() + m_bytes, m_pixels); }
   bool guardsIntact() const {
-    for (size_t i = 0; i < kGuardBytes; ++i) {
-      if (m_pixels[m_bytes + i] != kGuardValue) return false;
-    }
-    return true;
+    return std::count(m_pixels + m_bytes, m_pixels + m_bytes + kGuardBytes, kGuardValue) == kGuardBytes;
   }
 
  private:
@@ -143,9 +135,7 @@ class DeepImage : public kvo::image::KVAbstractImage {
   unsigned int BufferByteSize() const override { return m_width * m_height * 8; }
 
  private:
-  unsigned int m_width;
-  unsigned int m_height;
-  unsigned int m_bits;
+  unsigned int m_width, m_height, m_bits;
   kvo::image::KVPixelChannelOrder m_order;
 };
 
@@ -209,23 +199,6 @@ inline std::vector<unsigned char> ExpectedBytes(const std::vector<unsigned char>
   return expected;
 }
 
-// Renders through a processor with every thread count from 1 to 16 and
-// compares with the expectation for that count.
-inline void ExpectEveryThreadCount(const std::function<int(kvo::image::KVImageProcessor&)>& set,
-                            const std::function<std::vector<unsigned char>(unsigned int)>& expected,
-                            unsigned int width, unsigned int height, const std::vector<unsigned char>& source) {
-  for (unsigned int threads = 1; threads <= 16; ++threads) {
-    ScopedCoreCount cores(threads);
-    GuardedImage src(width, height), dst(width, height);
-    src.fill(source);
-    kvo::image::KVImageProcessor processor(src.image(), dst.image(), SharedTables(), kvo::image::kDownsampleNone);
-    ASSERT_EQ(0, set(processor));
-    ASSERT_EQ(0, processor.Render());
-    EXPECT_EQ(expected(threads), dst.contents()) << threads << " threads";
-    EXPECT_TRUE(dst.guardsIntact());
-  }
-}
-
 inline int Clamp8(int value) { return value < 0 ? 0 : (value > 255 ? 255 : value); }
 
 // Driving one processor setter's stage over given pixels, checking on the
@@ -250,6 +223,15 @@ inline Bytes RenderStageAt(const StageSetter& set, const Bytes& pixels, unsigned
   EXPECT_TRUE(src.guardsIntact());
   EXPECT_EQ(pixels, src.contents());
   return dst.contents();
+}
+
+// Renders through a processor with every thread count from 1 to 16 and
+// compares with the expectation for that count.
+inline void ExpectEveryThreadCount(const StageSetter& set, const std::function<Bytes(unsigned int)>& expected,
+                                   unsigned int width, unsigned int height, const Bytes& source) {
+  for (unsigned int threads = 1; threads <= 16; ++threads) {
+    EXPECT_EQ(expected(threads), RenderStageAt(set, source, width, height, threads, 0, 0)) << threads << " threads";
+  }
 }
 
 inline Bytes RenderStage(const StageSetter& set, const Bytes& pixels, unsigned int width, unsigned int height,
@@ -310,7 +292,7 @@ class Front {
     const std::vector<unsigned char> source = m_source.contents(), destination = m_destination.contents(),
                                      layer = m_layer.contents();
     EXPECT_EQ(RenderCode(), 0);
-    const std::vector<unsigned char> bytes = compositor ? m_source.contents() : m_destination.contents();
+    const std::vector<unsigned char> bytes = (compositor ? m_source : m_destination).contents();
     EXPECT_TRUE(m_source.guardsIntact() && m_destination.guardsIntact() && m_layer.guardsIntact());
     EXPECT_TRUE(compositor || !sourceKept || m_source.contents() == source) << "the source changed";
     EXPECT_TRUE(m_layer.contents() == layer) << "the layer changed";

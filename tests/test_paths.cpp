@@ -20,37 +20,23 @@ using kvtest::ScopedWiderExtension;
 
 namespace {
 
-typedef std::vector<unsigned char> Bytes;
-
-// Every (top, bottom) pair through VectorBlend<Operation>, eight at a time,
-// against Operation::Apply; returns the number of pairs that differ.
-template <class Operation>
-KV_TARGET_AVX2 int CountVectorMismatches(KVLookupTables& tables) {
-  int mismatches = 0;
-  alignas(32) int top[8], bottom[8], result[8];
-  for (int t = 0; t < 256; ++t) {
-    for (int b = 0; b < 256; b += 8) {
-      for (int lane = 0; lane < 8; ++lane) {
-        top[lane] = t;
-        bottom[lane] = b + lane;
-      }
-      const __m256i vectorResult =
-          VectorBlend<Operation>::Apply(tables, _mm256_load_si256(reinterpret_cast<const __m256i*>(top)),
-                                        _mm256_load_si256(reinterpret_cast<const __m256i*>(bottom)));
-      _mm256_store_si256(reinterpret_cast<__m256i*>(result), vectorResult);
-      for (int lane = 0; lane < 8; ++lane) {
-        if (result[lane] != Operation::Apply(tables, t, b + lane)) ++mismatches;
-      }
-    }
-  }
-  return mismatches;
-}
-
+// Counts the (top, bottom) pairs where VectorBlend<Operation>, eight
+// bottoms at a time, differs from Operation::Apply.
 struct CountMismatches {
   KVLookupTables& tables;
   template <class Operation>
-  int Run() {
-    return CountVectorMismatches<Operation>(tables);
+  KV_TARGET_AVX2 int Run() {
+    int mismatches = 0;
+    alignas(32) int result[8];
+    for (int t = 0; t < 256; ++t) {
+      for (int b = 0; b < 256; b += 8) {
+        const __m256i bottoms = _mm256_setr_epi32(b, b + 1, b + 2, b + 3, b + 4, b + 5, b + 6, b + 7);
+        _mm256_store_si256(reinterpret_cast<__m256i*>(result),
+                           VectorBlend<Operation>::Apply(tables, _mm256_set1_epi32(t), bottoms));
+        for (int lane = 0; lane < 8; ++lane) mismatches += result[lane] != Operation::Apply(tables, t, b + lane);
+      }
+    }
+    return mismatches;
   }
 };
 
@@ -62,17 +48,11 @@ TEST(CompositingVectors, EveryOperationMatchesItsTableOnEveryPair) {
   }
 }
 
-// Alphas in runs and holes, so that windows see both.
-std::vector<unsigned char> MatteBytes(unsigned int w, unsigned int h, uint32_t seed) {
-  std::vector<unsigned char> bytes = kvtest::PatternBytes(static_cast<size_t>(w) * h * 4, seed);
-  for (size_t i = 3; i < bytes.size(); i += 4) bytes[i] = bytes[i] < 96 ? bytes[i] : 255;
-  return bytes;
-}
-
 // The erode always takes its SSE2 kernels; each plain twin against its SSE2
 // kernel on whole runs of odd lengths, one byte off alignment, guard bytes
 // behind. Alphas go to the last bytes of a buffer; the minima run in place,
-// reading ahead by each step.
+// reading ahead by each step. Alphas come in runs and holes, so that
+// windows see both.
 TEST(ErodeKernels, MatchTheirPlainTwins) {
   const ErodeKernels rungs[2] = {{ExtractAlphas_Plain, MergeAlphas_Plain, Minima_Plain},
                                  {ExtractAlphas_SSE2, MergeAlphas_SSE2, Minima_SSE2}};
@@ -81,8 +61,11 @@ TEST(ErodeKernels, MatchTheirPlainTwins) {
       std::pair<std::vector<unsigned char>, std::vector<unsigned char>> results[2];
       for (int rung = 0; rung < 2; ++rung) {
         GuardedImage pixels(n, 1, 1), values(n, 1, 1);
-        pixels.fill(MatteBytes(n, 1, n));
-        values.fill(kvtest::PatternBytes(values.bytes(), n + 1));
+        pixels.fill(PatternBytes(pixels.bytes(), n));
+        for (unsigned char* alpha = pixels.pixels() + 3; alpha < pixels.pixels() + pixels.bytes(); alpha += 4) {
+          *alpha = *alpha < 96 ? *alpha : 255;
+        }
+        values.fill(PatternBytes(values.bytes(), n + 1));
         unsigned char* alphas = values.pixels() + 3 * n;
         ASSERT_EQ(n, rungs[rung].extractAlphas(pixels.pixels(), n, alphas));
         const size_t reach = std::min<size_t>(step, values.bytes());
@@ -97,46 +80,23 @@ TEST(ErodeKernels, MatchTheirPlainTwins) {
   }
 }
 
-// Pixels near the grey axis, key-dominated ones of every chroma, and ties.
-std::vector<unsigned char> KeyBytes(unsigned int w, unsigned int h, uint32_t seed) {
-  std::vector<unsigned char> bytes = kvtest::PatternBytes(static_cast<size_t>(w) * h * 4, seed);
-  for (size_t i = 0; i < bytes.size(); i += 4) {
-    switch ((bytes[i + 3] >> 2) % 4) {
-      case 0:  // a greenish or bluish pixel of low chroma
-        bytes[i + 2] = static_cast<unsigned char>(bytes[i] / 4 + 100);
-        bytes[i + 1] = static_cast<unsigned char>(bytes[i + 2] + bytes[i + 1] % 40);
-        bytes[i] = static_cast<unsigned char>(bytes[i + 2] + bytes[i + 3] % 40);
-        break;
-      case 1:  // a tie between the key and another byte
-        bytes[i + 1] = bytes[i];
-        break;
-      default:
-        break;
-    }
-  }
-  return bytes;
-}
-
 TEST(Intermediates, SpareIntermediatesNeverCarryBytesIntoALaterRender) {
   ScopedCoreCount cores(3);
   // Whole-output stages on a spare: the second render of a changed source
   // equals a fresh keyer's.
   GuardedImage src(97, 31, 1), dst(97, 31), fresh(97, 31);
+  const auto queue = [](KVImageKeyer& keyer) {
+    return keyer.SetAutoColorDifferenceKey(kKeyColorAuto, 0.5, 0.2, 0.5) |
+           keyer.SetSpillSuppression(kChannelGreen, kSpillStandard, 1.0, 0, 0, 0, 0) |
+           keyer.SetWhiteErode(kWhiteErodeAll, 2) | keyer.SetAlphaCrop(0.05, 0.0, 0.05, 0.1);
+  };
   KVImageKeyer keyer(src.image(), dst.image(), kvtest::SharedTables(), kDownsampleNone);
-  ASSERT_EQ(0, keyer.SetAutoColorDifferenceKey(kKeyColorAuto, 0.5, 0.2, 0.5));
-  ASSERT_EQ(0, keyer.SetSpillSuppression(kChannelGreen, kSpillStandard, 1.0, 0, 0, 0, 0));
-  ASSERT_EQ(0, keyer.SetWhiteErode(kWhiteErodeAll, 2));
-  ASSERT_EQ(0, keyer.SetAlphaCrop(0.05, 0.0, 0.05, 0.1));
-  src.fill(KeyBytes(97, 31, 1));
-  ASSERT_EQ(0, keyer.Render());
-  src.fill(KeyBytes(97, 31, 2));
-  ASSERT_EQ(0, keyer.Render());
   KVImageKeyer second(src.image(), fresh.image(), kvtest::SharedTables(), kDownsampleNone);
-  ASSERT_EQ(0, second.SetAutoColorDifferenceKey(kKeyColorAuto, 0.5, 0.2, 0.5));
-  ASSERT_EQ(0, second.SetSpillSuppression(kChannelGreen, kSpillStandard, 1.0, 0, 0, 0, 0));
-  ASSERT_EQ(0, second.SetWhiteErode(kWhiteErodeAll, 2));
-  ASSERT_EQ(0, second.SetAlphaCrop(0.05, 0.0, 0.05, 0.1));
-  ASSERT_EQ(0, second.Render());
+  ASSERT_EQ(0, queue(keyer) | queue(second));
+  src.fill(PatternBytes(src.bytes(), 1));
+  ASSERT_EQ(0, keyer.Render());
+  src.fill(PatternBytes(src.bytes(), 2));
+  ASSERT_EQ(0, keyer.Render() | second.Render());
   EXPECT_EQ(fresh.contents(), dst.contents());
 
   // Any other stage gets a cleared spare: a mirror without flips writes

@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
-#include <thread>
 #include <vector>
 
 #include "TestSupport.h"
@@ -19,91 +18,55 @@
 
 using kvo::KVLookupTables;
 using kvo::KVSystem;
-using kvo::image::GetBufferSizePerThread;
-using kvo::image::GetPixelsPerThread;
 
 namespace {
 
 struct Share {
-  unsigned long start;
-  unsigned long count;
+  unsigned long start, count;
 };
 
-Share PixelShareOf(unsigned int width, unsigned int height, unsigned char index, unsigned char count) {
-  Share share = {7, 7};
-  GetPixelsPerThread(width, height, index, count, share.start, share.count);
-  return share;
-}
-
-Share ByteShareOf(unsigned int width, unsigned int height, unsigned char index, unsigned char count) {
-  Share share = {7, 7};
-  GetBufferSizePerThread(width, height, index, count, share.start, share.count);
-  return share;
+// The pixel share and the byte share of one thread.
+std::pair<Share, Share> SharesOf(unsigned int width, unsigned int height, unsigned int index, unsigned int count) {
+  Share pixels = {7, 7}, bytes = {7, 7};
+  kvo::image::GetPixelsPerThread(width, height, static_cast<unsigned char>(index), static_cast<unsigned char>(count),
+                                 pixels.start, pixels.count);
+  kvo::image::GetBufferSizePerThread(width, height, static_cast<unsigned char>(index),
+                                     static_cast<unsigned char>(count), bytes.start, bytes.count);
+  return {pixels, bytes};
 }
 
 }  // namespace
 
-TEST(ThreadShares, AnchorsRemainderWrapAndEmptyImages) {
-  const unsigned long starts[] = {0, 3, 6, 9};
-  const unsigned long counts[] = {3, 3, 3, 1};
-  for (unsigned char t = 0; t < 4; ++t) {
-    EXPECT_EQ(starts[t], PixelShareOf(10, 1, t, 4).start);
-    EXPECT_EQ(counts[t], PixelShareOf(10, 1, t, 4).count);
-    EXPECT_EQ(4 * starts[t], ByteShareOf(5, 2, t, 4).start);
-    EXPECT_EQ(4 * counts[t], ByteShareOf(5, 2, t, 4).count);  // 12, 12, 12, 4
-  }
-  EXPECT_EQ(1814400ul, PixelShareOf(1920, 1080, 7, 8).start);
-  // More threads than pixels: the last count is 2 - 3 in 32-bit arithmetic.
-  EXPECT_EQ(3ul, PixelShareOf(2, 1, 3, 4).start);
-  EXPECT_EQ(4294967295ul, PixelShareOf(2, 1, 3, 4).count);
-  EXPECT_EQ(12ul, ByteShareOf(2, 1, 3, 4).start);
-  EXPECT_EQ(4294967292ul, ByteShareOf(2, 1, 3, 4).count);  // 8 - 12
-  for (unsigned char t = 0; t < 5; ++t) {
-    EXPECT_EQ(0ul, PixelShareOf(0, 7, t, 5).start);
-    EXPECT_EQ(0ul, PixelShareOf(0, 7, t, 5).count);
-    EXPECT_EQ(0ul, ByteShareOf(7, 0, t, 5).count);
-  }
-}
-
-TEST(ThreadShares, SharesTileTheImageForEveryThreadCount) {
-  const unsigned int totals[] = {1, 2, 5, 10, 16, 17, 33, 1000, 1920 * 1080};
-  for (unsigned int total : totals) {
-    for (unsigned int threads = 1; threads <= 255; threads += (threads < 20 ? 1 : 29)) {
-      const unsigned long share = (total + threads - 1) / threads;
-      unsigned long next = 0;
-      for (unsigned int t = 0; t < threads; ++t) {
-        const Share pixels = PixelShareOf(total, 1, static_cast<unsigned char>(t), static_cast<unsigned char>(threads));
-        const Share bytes = ByteShareOf(total, 1, static_cast<unsigned char>(t), static_cast<unsigned char>(threads));
-        const unsigned long count = t + 1 < threads ? share : static_cast<uint32_t>(total - share * t);
-        EXPECT_EQ(share * t, pixels.start);
-        EXPECT_EQ(count, pixels.count) << total << " pixels, thread " << t << " of " << threads;
-        EXPECT_EQ(4 * share * t, bytes.start);
-        EXPECT_EQ(static_cast<uint32_t>(4 * count), bytes.count);
-        if (pixels.start >= total) continue;
-        ASSERT_EQ(next, pixels.start) << total << " pixels, " << threads << " threads";
-        next = pixels.start + std::min<unsigned long>(pixels.count, total - pixels.start);
-      }
-      EXPECT_EQ(total, next) << total << " pixels, " << threads << " threads";
-    }
+// Every share but the last is ceil(total / threads); the last takes the
+// rest in 32-bit arithmetic, so with more threads than pixels it wraps
+// (2 pixels, thread 3 of 4: 2 - 3 pixels, 8 - 12 bytes). That the shares
+// tile the image at any count shows in every stage's bytes at 1 to 64
+// threads (test_catalogue.cpp).
+TEST(ThreadShares, CeilingSharesTheWrappingLastShareAndEmptyImages) {
+  const struct {
+    unsigned int width, height, index, count;
+    unsigned long start, pixels;
+  } anchors[] = {{10, 1, 0, 4, 0, 3},       {5, 2, 1, 4, 3, 3},          {10, 1, 3, 4, 9, 1},
+                 {1920, 1080, 7, 8, 1814400, 259200}, {2, 1, 3, 4, 3, 4294967295ul}, {0, 7, 4, 5, 0, 0},
+                 {7, 0, 2, 5, 0, 0}};
+  for (const auto& a : anchors) {
+    const std::pair<Share, Share> shares = SharesOf(a.width, a.height, a.index, a.count);
+    EXPECT_EQ(a.start, shares.first.start) << a.width << "x" << a.height << ", thread " << a.index;
+    EXPECT_EQ(a.pixels, shares.first.count) << a.width << "x" << a.height << ", thread " << a.index;
+    EXPECT_EQ(4 * a.start, shares.second.start);
+    EXPECT_EQ(static_cast<uint32_t>(4 * a.pixels), shares.second.count);
   }
 }
 
 TEST(CPUExtensions, FirstThreeAlwaysSetAndSse3FromCpuid) {
   unsigned int eax = 0, ebx = 0, ecx = 0, edx = 0;
   ASSERT_TRUE(__get_cpuid(1, &eax, &ebx, &ecx, &edx));
-  const bool sse3 = (ecx & bit_SSE3) != 0;
-
-  kvtl::CPUExtensions cleared = {false, false, false, false};
-  kvtl::GetCPUExtensions(cleared);
-  EXPECT_TRUE(cleared.mmx);
-  EXPECT_TRUE(cleared.sse);
-  EXPECT_TRUE(cleared.sse2);
-  EXPECT_EQ(sse3, cleared.sse3);
-
-  kvtl::CPUExtensions preset = {false, false, false, true};
-  kvtl::GetCPUExtensions(preset);
-  EXPECT_TRUE(preset.mmx && preset.sse && preset.sse2);
-  EXPECT_EQ(sse3, preset.sse3);
+  for (bool preset : {false, true}) {
+    kvtl::CPUExtensions found = {false, false, false, preset};
+    kvtl::GetCPUExtensions(found);
+    EXPECT_TRUE(found.mmx && found.sse && found.sse2);
+    EXPECT_EQ((ecx & bit_SSE3) != 0, found.sse3);
+  }
 }
 
 TEST(CPUExtensions, WiderExtensionLimitLowersTheSupportedSet) {
@@ -115,7 +78,7 @@ TEST(CPUExtensions, WiderExtensionLimitLowersTheSupportedSet) {
     kvtl::LimitWiderExtension(static_cast<kvtl::WiderExtension>(-5));
     EXPECT_EQ(kvtl::kWiderNone, kvtl::GetWiderExtension());
     kvtl::LimitWiderExtension(kvtl::kWiderSSSE3);
-    EXPECT_EQ(supported < kvtl::kWiderSSSE3 ? supported : kvtl::kWiderSSSE3, kvtl::GetWiderExtension());
+    EXPECT_EQ(std::min(supported, kvtl::kWiderSSSE3), kvtl::GetWiderExtension());
     kvtl::LimitWiderExtension(static_cast<kvtl::WiderExtension>(99));
     EXPECT_EQ(supported, kvtl::GetWiderExtension());
   }
@@ -123,22 +86,13 @@ TEST(CPUExtensions, WiderExtensionLimitLowersTheSupportedSet) {
 }
 
 TEST(KVSystem, CoreCountOverrideAndReset) {
-  const long online = sysconf(_SC_NPROCESSORS_ONLN);
-  ASSERT_GT(online, 0);
-  KVSystem::SetCPUCoreCount(0);
-  EXPECT_EQ(static_cast<unsigned int>(online), KVSystem::GetCPUCoreCount());
-  KVSystem::SetCPUCoreCount(64);
-  EXPECT_EQ(64u, KVSystem::GetCPUCoreCount());
-  KVSystem::SetCPUCoreCount(1);
-  EXPECT_EQ(1u, KVSystem::GetCPUCoreCount());
-  KVSystem::SetCPUCoreCount(0);
-  EXPECT_EQ(static_cast<unsigned int>(online), KVSystem::GetCPUCoreCount());
-  {
-    kvtest::ScopedCoreCount three(3);
-    EXPECT_EQ(3u, KVSystem::GetCPUCoreCount());
+  const unsigned int online = static_cast<unsigned int>(sysconf(_SC_NPROCESSORS_ONLN));
+  for (unsigned int count : {0u, 64u, 1u, 0u}) {
+    kvtest::ScopedCoreCount scoped(count);
+    EXPECT_EQ(count != 0 ? count : online, KVSystem::GetCPUCoreCount());
   }
   const unsigned int suite = kvtest::SuiteCoreCount();
-  EXPECT_EQ(suite != 0 ? suite : static_cast<unsigned int>(online), KVSystem::GetCPUCoreCount());
+  EXPECT_EQ(suite != 0 ? suite : online, KVSystem::GetCPUCoreCount());
 }
 
 class LookupTables : public ::testing::Test {
@@ -146,41 +100,26 @@ class LookupTables : public ::testing::Test {
   KVLookupTables tables;
 };
 
-TEST_F(LookupTables, AlphaBlendRoundsToNearest) {
+TEST_F(LookupTables, AlphaBlendRoundingDivisionsAndInverses) {
+  // Rounded to nearest: 64.25, 78.43, 0.502, 0.498; 256 - 64, 300 - 78.
+  EXPECT_EQ(64, tables.AlphaBlend(128, 128));
+  EXPECT_EQ(78, tables.AlphaBlend(200, 100));
+  EXPECT_EQ(1, tables.AlphaBlend(1, 128));
+  EXPECT_EQ(0, tables.AlphaBlend(1, 127));
+  EXPECT_EQ(192, tables.AlphaChannelBlend(128, 128));
+  EXPECT_EQ(222, tables.AlphaChannelBlend(200, 100));
   for (int v = 0; v < 256; ++v) {
-    const unsigned char value = static_cast<unsigned char>(v);
-    EXPECT_EQ(value, tables.AlphaBlend(value, 255));
-    EXPECT_EQ(0, tables.AlphaBlend(value, 0));
-    EXPECT_EQ(value, tables.AlphaChannelBlend(value, 0));
-    EXPECT_EQ(value, tables.AlphaChannelBlend(0, value));
-    EXPECT_EQ(255, tables.AlphaChannelBlend(value, 255));
+    EXPECT_EQ(static_cast<float>(v) / 255.0f, tables.DivideBy255Table()[v]);
+    EXPECT_EQ(tables.DivideBy255(static_cast<unsigned char>(v)), tables.DivideBy255Table()[v]);
   }
-  EXPECT_EQ(64, tables.AlphaBlend(128, 128));  // 64.25
-  EXPECT_EQ(78, tables.AlphaBlend(200, 100));  // 78.43
-  EXPECT_EQ(1, tables.AlphaBlend(1, 128));     // 0.502
-  EXPECT_EQ(0, tables.AlphaBlend(1, 127));     // 0.498
-  EXPECT_EQ(192, tables.AlphaChannelBlend(128, 128));  // 256 - 64
-  EXPECT_EQ(222, tables.AlphaChannelBlend(200, 100));  // 300 - 78
+  const std::pair<int, float> inverses[] = {{0, 0.0f}, {1, 1.0f}, {4, 0.25f}, {3, 1.0f / 3.0f}, {255, 1.0f / 255.0f}};
+  for (const auto& inverse : inverses) EXPECT_EQ(inverse.second, tables.Invert(inverse.first)) << inverse.first;
 }
 
-TEST_F(LookupTables, DivideBy255AndInvert) {
-  EXPECT_EQ(0.0f, tables.DivideBy255(0));
-  EXPECT_EQ(0.2f, tables.DivideBy255(51));
-  EXPECT_EQ(1.0f, tables.DivideBy255(255));
-  const float* table = tables.DivideBy255Table();
-  ASSERT_NE(nullptr, table);
-  for (int x = 0; x < 256; ++x) {
-    EXPECT_EQ(static_cast<float>(x) / 255.0f, table[x]);
-    EXPECT_EQ(tables.DivideBy255(static_cast<unsigned char>(x)), table[x]);
-  }
-  EXPECT_EQ(0.0f, tables.Invert(0));
-  EXPECT_EQ(1.0f, tables.Invert(1));
-  EXPECT_EQ(0.25f, tables.Invert(4));
-  EXPECT_EQ(1.0f / 3.0f, tables.Invert(3));
-  EXPECT_EQ(1.0f / 255.0f, tables.Invert(255));
-}
-
-TEST_F(LookupTables, SimpleBlendsOverEveryPair) {
+// Over every (top, bottom) pair: the simple blends, the symmetries, and the
+// end points (a black backdrop stays black under dodge, a white one white
+// under burn; alphas 0 and 255 are exact).
+TEST_F(LookupTables, EveryPairSimpleBlendsSymmetriesAndEndPoints) {
   for (int t = 0; t < 256; ++t) {
     for (int b = 0; b < 256; ++b) {
       const unsigned char top = static_cast<unsigned char>(t), bottom = static_cast<unsigned char>(b);
@@ -192,118 +131,92 @@ TEST_F(LookupTables, SimpleBlendsOverEveryPair) {
       ASSERT_EQ(tables.MultiplyBlend(bottom, top), tables.MultiplyBlend(top, bottom));
       ASSERT_EQ(tables.ScreenBlend(bottom, top), tables.ScreenBlend(top, bottom));
       ASSERT_EQ(tables.ExclusionBlend(bottom, top), tables.ExclusionBlend(top, bottom));
+      if (b == 0 || b == 255) {
+        ASSERT_EQ(b, tables.SoftLightBlend(top, bottom));
+        ASSERT_EQ(b == 0 ? 0 : t, tables.AlphaBlend(top, bottom));
+        ASSERT_EQ(b == 0 ? t : 255, tables.AlphaChannelBlend(top, bottom));
+        ASSERT_EQ(b, b == 0 ? tables.ColorDodgeBlend(top, bottom) : tables.ColorBurnBlend(top, bottom));
+      }
+      if (t == 0 || t == 255) {
+        ASSERT_EQ(t == 0 ? b : (b == 0 ? 0 : 255), tables.ColorDodgeBlend(top, bottom));
+        ASSERT_EQ(t == 255 ? b : (b == 255 ? 255 : 0), tables.ColorBurnBlend(top, bottom));
+        ASSERT_EQ(t == 0 ? b : 255, tables.AlphaChannelBlend(top, bottom));
+      }
     }
   }
 }
 
-TEST_F(LookupTables, HardLightAndOverlayValues) {
-  EXPECT_EQ(100, tables.HardLightBlend(64, 200));   // 2 * 64 * 200 / 255 = 100.39
-  EXPECT_EQ(173, tables.HardLightBlend(200, 64));   // screen with 145: 172.61
-  EXPECT_EQ(178, tables.HardLightBlend(192, 100));  // screen with 129: 178.41
-  EXPECT_EQ(254, tables.HardLightBlend(127, 255));  // the multiply half ends at 127
-  EXPECT_EQ(1, tables.HardLightBlend(128, 0));      // the screen half starts at 128
-  EXPECT_EQ(178, tables.OverlayBlend(100, 192));
-  EXPECT_EQ(100, tables.OverlayBlend(200, 64));
-}
-
-TEST_F(LookupTables, ColorDodgeAndBurnEndPoints) {
-  for (int v = 0; v < 256; ++v) {
-    const unsigned char value = static_cast<unsigned char>(v);
-    EXPECT_EQ(0, tables.ColorDodgeBlend(value, 0));  // a black backdrop stays black
-    EXPECT_EQ(v == 0 ? 0 : 255, tables.ColorDodgeBlend(255, value));
-    EXPECT_EQ(value, tables.ColorDodgeBlend(0, value));
-    EXPECT_EQ(255, tables.ColorBurnBlend(value, 255));  // a white backdrop stays white
-    EXPECT_EQ(v == 255 ? 255 : 0, tables.ColorBurnBlend(0, value));
-    EXPECT_EQ(value, tables.ColorBurnBlend(255, value));
-  }
-  EXPECT_EQ(129, tables.ColorDodgeBlend(128, 64));  // 64 * 255 / 127 = 128.50
-  EXPECT_EQ(255, tables.ColorDodgeBlend(200, 100));  // 463, clipped
-  EXPECT_EQ(115, tables.ColorBurnBlend(100, 200));   // 255 - 55 * 255 / 100 = 114.75
-  EXPECT_EQ(0, tables.ColorBurnBlend(50, 100));      // 255 - 790.5, clipped
-}
-
-TEST_F(LookupTables, SoftLightValues) {
-  EXPECT_EQ(64, tables.SoftLightBlend(0, 128));   // d * d = 64.25
-  EXPECT_EQ(96, tables.SoftLightBlend(64, 128));  // 96.25
-  EXPECT_EQ(41, tables.SoftLightBlend(100, 50));  // 41.33
-  EXPECT_EQ(128, tables.SoftLightBlend(255, 64));  // sqrt(64/255) * 255 = 127.75
-  EXPECT_EQ(88, tables.SoftLightBlend(255, 32));   // the cubic below a quarter: 87.88
-  EXPECT_EQ(130, tables.SoftLightBlend(192, 100));  // 130.19
-  for (int t = 0; t < 256; ++t) {
-    EXPECT_EQ(0, tables.SoftLightBlend(static_cast<unsigned char>(t), 0));
-    EXPECT_EQ(255, tables.SoftLightBlend(static_cast<unsigned char>(t), 255));
+// Hand-computed bytes of the curved blends, rounded to nearest.
+TEST_F(LookupTables, CurvedBlendValues) {
+  typedef unsigned char (KVLookupTables::*Blend)(unsigned char, unsigned char);
+  const struct {
+    Blend blend;
+    int top, bottom, expected;
+  } cases[] = {
+      {&KVLookupTables::HardLightBlend, 64, 200, 100},   // 2 * 64 * 200 / 255 = 100.39
+      {&KVLookupTables::HardLightBlend, 200, 64, 173},   // screen with 145: 172.61
+      {&KVLookupTables::HardLightBlend, 192, 100, 178},  // screen with 129: 178.41
+      {&KVLookupTables::HardLightBlend, 127, 255, 254},  // the multiply half ends at 127
+      {&KVLookupTables::HardLightBlend, 128, 0, 1},      // the screen half starts at 128
+      {&KVLookupTables::OverlayBlend, 100, 192, 178},
+      {&KVLookupTables::OverlayBlend, 200, 64, 100},
+      {&KVLookupTables::ColorDodgeBlend, 128, 64, 129},  // 64 * 255 / 127 = 128.50
+      {&KVLookupTables::ColorDodgeBlend, 200, 100, 255},  // 463, clipped
+      {&KVLookupTables::ColorBurnBlend, 100, 200, 115},  // 255 - 55 * 255 / 100 = 114.75
+      {&KVLookupTables::ColorBurnBlend, 50, 100, 0},     // 255 - 790.5, clipped
+      {&KVLookupTables::SoftLightBlend, 0, 128, 64},     // d * d = 64.25
+      {&KVLookupTables::SoftLightBlend, 64, 128, 96},    // 96.25
+      {&KVLookupTables::SoftLightBlend, 100, 50, 41},    // 41.33
+      {&KVLookupTables::SoftLightBlend, 255, 64, 128},   // sqrt(64/255) * 255 = 127.75
+      {&KVLookupTables::SoftLightBlend, 255, 32, 88},    // the cubic below a quarter: 87.88
+      {&KVLookupTables::SoftLightBlend, 192, 100, 130},  // 130.19
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.expected, (tables.*c.blend)(static_cast<unsigned char>(c.top), static_cast<unsigned char>(c.bottom)))
+        << "row " << (&c - cases);
   }
 }
 
-TEST(Geometry, RectScaleTruncatesTowardZero) {
-  kvo::maths::KVRect rect(kvo::maths::KVPoint2(3, -5), 11, 7);
-  rect.Scale(0.5);
-  EXPECT_EQ(1, rect.TopLeft().X());
-  EXPECT_EQ(-2, rect.TopLeft().Y());  // -2.5 toward zero
-  EXPECT_EQ(5, rect.Width());
-  EXPECT_EQ(3, rect.Height());
-  kvo::maths::KVRect huge(kvo::maths::KVPoint2(1, 1), 1000, 1000);
-  huge.Scale(std::numeric_limits<double>::quiet_NaN());  // defined, no UB
-  EXPECT_EQ(INT_MIN, huge.Width());
-}
-
-TEST(Geometry, RectFixBoundsClipsToTheImage) {
-  kvo::maths::KVRect overhanging(kvo::maths::KVPoint2(-5, -3), 20, 20);
-  overhanging.FixBounds(10, 8);
-  EXPECT_EQ(0, overhanging.TopLeft().X());
-  EXPECT_EQ(0, overhanging.TopLeft().Y());
-  EXPECT_EQ(10, overhanging.Width());
-  EXPECT_EQ(8, overhanging.Height());
-
-  kvo::maths::KVRect inside(kvo::maths::KVPoint2(5, 5), 10, 10);
-  inside.FixBounds(8, 20);
-  EXPECT_EQ(5, inside.TopLeft().X());
-  EXPECT_EQ(3, inside.Width());
-  EXPECT_EQ(10, inside.Height());
-
-  kvo::maths::KVRect outside(kvo::maths::KVPoint2(20, 20), 5, 5);
-  outside.FixBounds(10, 10);
-  EXPECT_EQ(0, outside.Width());
-  EXPECT_EQ(0, outside.Height());
-
-  kvo::maths::KVRect extreme(kvo::maths::KVPoint2(INT_MAX - 1, 0), INT_MAX, 4);
-  extreme.FixBounds(100, 100);
-  EXPECT_EQ(0, extreme.Width());
-  EXPECT_EQ(4, extreme.Height());
+// Scale truncates toward zero (-2.5 becomes -2; NaN is defined, no UB);
+// FixBounds clips to the image.
+TEST(Geometry, RectScaleAndFixBounds) {
+  using kvo::maths::KVRect;
+  using kvo::maths::KVPoint2;
+  const struct {
+    KVRect rect;
+    double scale;
+    int boundsWidth, boundsHeight;
+    int x, y, width, height;
+  } cases[] = {{KVRect(KVPoint2(3, -5), 11, 7), 0.5, 0, 0, 1, -2, 5, 3},
+               {KVRect(KVPoint2(1, 1), 1000, 1000), std::nan(""), 0, 0, 1, 1, INT_MIN, INT_MIN},
+               {KVRect(KVPoint2(-5, -3), 20, 20), 1, 10, 8, 0, 0, 10, 8},
+               {KVRect(KVPoint2(5, 5), 10, 10), 1, 8, 20, 5, 5, 3, 10},
+               {KVRect(KVPoint2(20, 20), 5, 5), 1, 10, 10, 20, 20, 0, 0},
+               {KVRect(KVPoint2(INT_MAX - 1, 0), INT_MAX, 4), 1, 100, 100, INT_MAX - 1, 0, 0, 4}};
+  for (const auto& c : cases) {
+    KVRect rect = c.rect;
+    if (c.scale != 1) rect.Scale(c.scale);
+    if (c.boundsWidth != 0) rect.FixBounds(c.boundsWidth, c.boundsHeight);
+    const bool empty = c.width == 0 || c.width == INT_MIN;  // an empty rectangle's corner is not pinned
+    EXPECT_EQ((std::vector<int>{c.x, c.y, c.width, c.height}),
+              (std::vector<int>{empty ? c.x : rect.TopLeft().X(), empty ? c.y : rect.TopLeft().Y(), rect.Width(),
+                                rect.Height()}))
+        << "row " << (&c - cases);
+  }
 }
 
 TEST(Conversions, TruncationTowardZeroAndIndefiniteValue) {
-  using kvo::image::TruncateToInt;
-  const double inf = std::numeric_limits<double>::infinity();
-  EXPECT_EQ(2, TruncateToInt(2.9));
-  EXPECT_EQ(-2, TruncateToInt(-2.9));
-  EXPECT_EQ(0, TruncateToInt(-0.5));
-  EXPECT_EQ(127, TruncateToInt(127.5));
-  EXPECT_EQ(INT_MAX, TruncateToInt(2147483647.9));
-  EXPECT_EQ(INT_MIN, TruncateToInt(-2147483648.9));
-  EXPECT_EQ(INT_MIN, TruncateToInt(2147483648.0));  // 2^31
-  EXPECT_EQ(INT_MIN, TruncateToInt(-2147483649.0));
-  EXPECT_EQ(INT_MIN, TruncateToInt(std::nan("")));
-  EXPECT_EQ(INT_MIN, TruncateToInt(inf));
-  EXPECT_EQ(INT_MIN, TruncateToInt(-inf));
-
-  using kvo::image::TruncateToInt64;
-  EXPECT_EQ(-3, TruncateToInt64(-3.99));
-  EXPECT_EQ(INT64_C(4294967296), TruncateToInt64(4294967296.5));
-  EXPECT_EQ(INT64_MIN, TruncateToInt64(9223372036854775808.0));
-  EXPECT_EQ(INT64_MIN, TruncateToInt64(std::nan("")));
-  EXPECT_EQ(INT64_MIN, TruncateToInt64(-inf));
-
-  using kvo::image::SaturateToUInt32;
-  EXPECT_EQ(3u, SaturateToUInt32(3.7));
-  EXPECT_EQ(0u, SaturateToUInt32(-1.0));
-  EXPECT_EQ(0u, SaturateToUInt32(std::nan("")));
-  EXPECT_EQ(4294967295u, SaturateToUInt32(1e20));
-  EXPECT_EQ(4294967295u, SaturateToUInt32(inf));
-
-  using kvo::image::ClampToByte;
-  EXPECT_EQ(0, ClampToByte(-1));
-  EXPECT_EQ(0, ClampToByte(INT_MIN));
-  EXPECT_EQ(255, ClampToByte(256));
-  EXPECT_EQ(200, ClampToByte(200));
+  using namespace kvo::image;
+  const double inf = std::numeric_limits<double>::infinity(), nan = std::nan("");
+  const std::pair<double, int> ints[] = {{2.9, 2},  {-2.9, -2}, {-0.5, 0}, {127.5, 127}, {2147483647.9, INT_MAX},
+                                         {-2147483648.9, INT_MIN}, {2147483648.0, INT_MIN}, {-2147483649.0, INT_MIN},
+                                         {nan, INT_MIN}, {inf, INT_MIN}, {-inf, INT_MIN}};
+  for (const auto& c : ints) EXPECT_EQ(c.second, TruncateToInt(c.first)) << c.first;
+  const std::pair<double, int64_t> longs[] = {{-3.99, -3}, {4294967296.5, INT64_C(4294967296)},
+                                              {9223372036854775808.0, INT64_MIN}, {nan, INT64_MIN}, {-inf, INT64_MIN}};
+  for (const auto& c : longs) EXPECT_EQ(c.second, TruncateToInt64(c.first)) << c.first;
+  const std::pair<double, uint32_t> unsigneds[] = {{3.7, 3}, {-1.0, 0}, {nan, 0}, {1e20, 4294967295u}, {inf, 4294967295u}};
+  for (const auto& c : unsigneds) EXPECT_EQ(c.second, SaturateToUInt32(c.first)) << c.first;
+  const std::pair<int, int> bytes[] = {{-1, 0}, {INT_MIN, 0}, {256, 255}, {200, 200}};
+  for (const auto& c : bytes) EXPECT_EQ(c.second, ClampToByte(c.first)) << c.first;
 }

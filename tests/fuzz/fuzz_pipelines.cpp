@@ -10,11 +10,6 @@
 
 namespace {
 
-kvo::KVLookupTables& Tables() {
-  static kvo::KVLookupTables tables;
-  return tables;
-}
-
 [[noreturn]] void Fail(const std::string& what) {
   std::fprintf(stderr, "kvimage fuzz finding: %s\n", what.c_str());
   std::abort();
@@ -23,8 +18,9 @@ kvo::KVLookupTables& Tables() {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static kvo::KVLookupTables tables;
   kvfuzz::ByteReader in(data, size);
-  kvfuzz::Scenario scenario(in, Tables());
+  kvfuzz::Scenario scenario(in, tables);
   if (!scenario.failure().empty()) Fail(scenario.failure());
   const kvfuzz::Scenario::Outcome first = scenario.Render(scenario.threads());
   const kvfuzz::Scenario::Outcome second = scenario.Render(scenario.threads());

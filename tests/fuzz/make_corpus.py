@@ -24,16 +24,12 @@ def row_counts():
 
 def header(rng, kind, threads, size_mode, size_bytes, stages):
     # Up to 4 threads in one byte below 192; 192 + n - 1 gives n threads.
+    # Then order 1 (BGRA), the size, downsample factor 0, the source pattern
+    # seed, and a background opacity of 1.0 or a same-size destination.
     thread_byte = threads - 1 if threads <= 4 else 192 + threads - 1
-    out = [kind, thread_byte, 1, size_mode] + size_bytes
-    out += [0]  # downsample factor 0
-    out += [rng.randrange(256), rng.randrange(256)]  # source pattern seed
-    if kind == 2:
-        out += [0]  # background opacity 1.0
-    else:
-        out += [1, rng.randrange(256), rng.randrange(256)]  # same-size destination
-    out += [stages]
-    return out
+    out = [kind, thread_byte, 1, size_mode] + size_bytes + [0, rng.randrange(256), rng.randrange(256)]
+    out += [0] if kind == 2 else [1, rng.randrange(256), rng.randrange(256)]
+    return out + [stages]
 
 
 def main():
