@@ -7,6 +7,7 @@
 
 #include <kvimage/image.h>
 
+#include "pipeline/StageNeeds.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
 
@@ -18,12 +19,20 @@ struct PixelRun {
   const unsigned char* in;
   unsigned char* out;
   size_t pixels;
+  // The output is read again at once (a block of a pass through several
+  // stages): a kernel keeps it in the cache instead of streaming it.
+  bool outputReadSoon = false;
 
   // The pixels from `first` on.
   PixelRun From(size_t first) const {
-    return PixelRun{in + first * kBytesPerPixel, out + first * kBytesPerPixel, pixels - first};
+    return PixelRun{in + first * kBytesPerPixel, out + first * kBytesPerPixel, pixels - first, outputReadSoon};
   }
 };
+
+// A block of a pass through several stages as a run.
+inline PixelRun RunOf(const PixelBlock& block) {
+  return PixelRun{block.in, block.out, block.pixels, block.outputReadSoon};
+}
 
 // The plain paths' share: GetBufferSizePerThread with the source's width and
 // the destination's height, in pixels, cut where either image ends.
