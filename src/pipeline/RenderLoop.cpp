@@ -155,12 +155,9 @@ int RunPixelPass(const std::vector<QueuedStage>& stages, size_t first, size_t la
       for (size_t done = 0; done < pixels; done += kPixelPassBlockPixels) {
         const size_t at = (start + done) * kBytesPerPixel;
         PixelBlock step{PixelBytes(input) + at, block, std::min(kPixelPassBlockPixels, pixels - done), input,
-                        threadIndex, count, true};
+                        threadIndex, count};
         for (size_t s = first; s <= last; ++s) {
-          if (s == last) {
-            step.out = PixelBytes(output) + at;
-            step.outputReadSoon = false;
-          }
+          if (s == last) step.out = PixelBytes(output) + at;
           stages[s].RenderBlock(step);
           step.in = block;
         }

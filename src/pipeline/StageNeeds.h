@@ -39,9 +39,6 @@ struct PixelBlock {
   KVAbstractImage* image;
   unsigned char threadIndex;
   unsigned char threadCount;
-  // The next stage reads `out` at once: it should stay in the cache rather
-  // than be streamed past it.
-  bool outputReadSoon;
 };
 
 // What a stage tells the queue that runs it beyond its interface: facts the

@@ -78,7 +78,7 @@ inline uint32_t ByteOf(uint32_t word, unsigned int byte) { return (word >> (8 * 
 
 // Runs blockOp over the run's 16-byte blocks (four pixels each). When both
 // pointers are 16-byte aligned the blocks are read aligned and, unless the
-// output is read again at once, written with non-temporal stores, so the
+// run stores through the cache, written with non-temporal stores, so the
 // output does not evict the cache, then fenced; otherwise unaligned loads and
 // stores. A last partial block (a run cut at the
 // end of an image) goes through blockOp in a copy, so every pixel gets the
@@ -90,7 +90,7 @@ inline size_t TransformBlocks(const PixelRun& run, BlockOp blockOp) {
   __m128i* out = reinterpret_cast<__m128i*>(run.out);
   const size_t blocks = run.pixels / 4;
   const bool aligned = ((reinterpret_cast<uintptr_t>(in) | reinterpret_cast<uintptr_t>(out)) & 15u) == 0;
-  if (aligned && !run.outputReadSoon) {
+  if (aligned && !run.storeCached) {
     for (size_t b = 0; b < blocks; ++b) _mm_stream_si128(out + b, blockOp(_mm_load_si128(in + b)));
     _mm_sfence();
   } else if (aligned) {
