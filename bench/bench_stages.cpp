@@ -80,6 +80,12 @@ std::vector<Setting> ListedSettings() {
       {P, "hue-colorize", kTargetPerPixel, {{"SetHueColorize", {200, 0.8}}}},
       {P, "tint", kTargetPerPixel, {{"SetTint", {kTintSelenium, 0.7}}}},
       {P, "three-strip", kTargetPerPixel, {{"SetThreeStripColor", {0.3, 0.5, 0.7}}}},
+      // Per-pixel stages in a row, which the queue runs as one pass.
+      {P, "brightness-contrast", kTargetNone,
+       {{"SetBrightness", {0.2, kChannelsColor}}, {"SetContrast", {1.3, kChannelsColor}}}},
+      {P, "grade-4", kTargetNone,
+       {{"SetContrast", {1.3, kChannelsColor}}, {"SetSaturation", {1.4}}, {"SetColorTemperature", {4500}},
+        {"SetTint", {kTintSelenium, 0.7}}}},
       {P, "stack-blur-2", kTargetStackBlur, {{"SetStackBlur", {2, 1, 1, kChannelsAll}}}},
       {P, "stack-blur-8", kTargetStackBlur, {{"SetStackBlur", {8, 1, 1, kChannelsAll}}}},
       {P, "stack-blur-32", kTargetStackBlur, {{"SetStackBlur", {32, 1, 1, kChannelsAll}}}},

@@ -231,6 +231,40 @@ TEST(Pipelines, ThreadCountIsCappedAt255) {
   EXPECT_EQ(42, destination.at(0, 0, 0));
 }
 
+// A queue whose consecutive per-pixel stages go as one pass per run (the blur
+// splits them in two) gives the bytes of its stages rendered one by one. At 7
+// threads 13x17 has shares of 32 pixels, which take the vector formulas, and
+// a last one of 29, which takes the plain; 64x34 takes them at 1 and 2
+// threads and spans two blocks of a pass.
+TEST(Pipelines, PixelPassesGiveTheBytesOfTheirStagesOneByOne) {
+  const std::vector<kvtest::StageSetter> stages = {
+      [](KVImageProcessor& p) { return p.SetBrightness(0.1, kChannelsColor); },
+      [](KVImageProcessor& p) { return p.SetContrast(1.3, kChannelsAll); },
+      [](KVImageProcessor& p) { return p.SetSaturation(1.4); },
+      [](KVImageProcessor& p) { return p.SetStackBlur(2, true, true, kChannelsAll); },
+      [](KVImageProcessor& p) { return p.SetColorTemperature(4500); },
+      [](KVImageProcessor& p) { return p.SetTint(kTintSelenium, 0.7); },
+      [](KVImageProcessor& p) { return p.SetOpacity(0.6); },
+      [](KVImageProcessor& p) { return p.SetColorBalance(1.2, 0.9, 0.3); },
+      [](KVImageProcessor& p) { return p.SetThreeStripColor(0.3, 0.5, 0.7); },
+      [](KVImageProcessor& p) { return p.SetContrast(0.7, kChannelsColor); }};
+  const kvtest::StageSetter queueAll = [&](KVImageProcessor& processor) {
+    int code = 0;
+    for (const kvtest::StageSetter& set : stages) code |= set(processor);
+    return code;
+  };
+  for (const std::array<unsigned int, 2>& size : {std::array<unsigned int, 2>{13, 17}, {64, 34}, {129, 67}}) {
+    for (unsigned int threads : {1u, 2u, 7u}) {
+      Bytes oneByOne = PatternBytes(size[0] * size[1] * 4u, size[0] + threads);
+      const Bytes queued = kvtest::RenderStage(queueAll, oneByOne, size[0], size[1], threads);
+      for (const kvtest::StageSetter& set : stages) {
+        oneByOne = kvtest::RenderStage(set, oneByOne, size[0], size[1], threads);
+      }
+      EXPECT_EQ(oneByOne, queued) << size[0] << "x" << size[1] << " at " << threads << " threads";
+    }
+  }
+}
+
 // The compositor fades its background's alpha once, at construction, in the
 // calling thread whatever the core count. A share of a multiple of 16
 // pixels takes the vector path, which subtracts trunc((1 - opacity) * 255):

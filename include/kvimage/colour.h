@@ -29,6 +29,9 @@ struct HueStageArguments;
 struct ByteTables;
 struct TintArguments;
 struct BleachBypassArguments;
+// Internal: what a stage tells the render queue; a stage that can join a
+// pass through several stages at once gives the queue its block entry there.
+struct StageNeeds;
 
 // Scales alpha by an opacity. The plain path multiplies (alpha * opacity,
 // truncated); the SSE2 path subtracts (1 - opacity) * 255 with saturation and
@@ -47,6 +50,7 @@ class KVIMAGE_EXPORT OpacityRenderer : public AbstractRenderer {
                    unsigned char threadCount);
 
  private:
+  friend StageNeeds NeedsOf(const OpacityRenderer& stage);
   kvtl::CPUExtensions m_extensions;
   double m_opacity;
   size_t (*m_kernel)(const PixelRun&, const OpacityArguments&);
@@ -124,6 +128,7 @@ class KVIMAGE_EXPORT BrightnessRenderer : public AbstractRenderer {
                    unsigned char threadCount);
 
  private:
+  friend StageNeeds NeedsOf(const BrightnessRenderer& stage);
   kvtl::CPUExtensions m_extensions;
   double m_brightness;
   KVChannelsToProcess m_channels;
@@ -149,6 +154,7 @@ class KVIMAGE_EXPORT ContrastRenderer : public AbstractRenderer {
                    unsigned char threadCount);
 
  private:
+  friend StageNeeds NeedsOf(const ContrastRenderer& stage);
   double m_contrast;
   KVChannelsToProcess m_channels;
   kvtl::CPUExtensions m_extensions;
@@ -199,6 +205,7 @@ class KVIMAGE_EXPORT ColorBalanceRenderer : public AbstractRenderer {
                    unsigned char threadCount);
 
  private:
+  friend StageNeeds NeedsOf(const ColorBalanceRenderer& stage);
   kvtl::CPUExtensions m_extensions;
   double m_red;
   double m_green;
@@ -223,6 +230,7 @@ class KVIMAGE_EXPORT ColorTemperatureRenderer : public AbstractRenderer {
               unsigned char threadCount);
 
  private:
+  friend StageNeeds NeedsOf(const ColorTemperatureRenderer& stage);
   double m_kelvin;
   unsigned char m_redTable[256];
   unsigned char m_greenTable[256];
@@ -252,6 +260,7 @@ class KVIMAGE_EXPORT SaturationRenderer : public AbstractRenderer {
               unsigned char threadCount);
 
  private:
+  friend StageNeeds NeedsOf(const SaturationRenderer& stage);
   double m_saturation;
   [[maybe_unused]] float* m_table;
   double m_reciprocalOfDifference[511];  // [k + 255] = 1 / k, k = -255..255
@@ -309,6 +318,7 @@ class KVIMAGE_EXPORT TintRenderer : public AbstractRenderer {
   int Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
 
  private:
+  friend StageNeeds NeedsOf(const TintRenderer& stage);
   KVTintType m_type;
   double m_keep;  // 1 - amount
   unsigned char m_warmBlue[256];
@@ -341,6 +351,7 @@ class KVIMAGE_EXPORT ThreeStripColorRenderer : public AbstractRenderer {
   int Render8_AVX2(KVImage8* source, KVImage8* destination, unsigned char threadIndex, unsigned char threadCount);
 
  private:
+  friend StageNeeds NeedsOf(const ThreeStripColorRenderer& stage);
   // Render's share through a kernel; the plain kernel finishes its tail.
   int RenderWith(size_t (*kernel)(const PixelRun&, const ThreeStripArguments&), KVAbstractImage* source,
                  KVAbstractImage* destination, unsigned char threadIndex, unsigned char threadCount);

@@ -27,6 +27,9 @@ class QueuedStage {
   void Render(KVAbstractImage* input, KVAbstractImage* output, unsigned char threadIndex,
               unsigned char threadCount) const;
   const StageNeeds& Needs() const { return m_needs; }
+  // The stage's work on one block of a pixel pass (Needs().JoinsPixelPass()).
+  void RenderBlock(const PixelBlock& block) const { m_needs.renderBlock(*m_renderer, block); }
+  bool JoinsPixelPass() const { return m_renderer && m_needs.JoinsPixelPass(); }
 
  private:
   std::tr1::shared_ptr<AbstractRenderer> m_renderer;
@@ -81,6 +84,10 @@ class StageQueue {
   static std::tr1::shared_ptr<AbstractCompositor> Owned(AbstractCompositor* stage) {
     return std::tr1::shared_ptr<AbstractCompositor>(stage);
   }
+  // The last stage of the step that starts at stage `first` and reads input:
+  // the end of the longest run of two or more stages from `first` that can go
+  // as one pixel pass, or `first` itself.
+  size_t LastOfStep(size_t first, KVAbstractImage* input, KVAbstractImage* destination) const;
 
   StageChaining m_chaining;
   // In order; StageNeeds beside each stage lets the loop see runs of

@@ -1,5 +1,6 @@
 #include <kvimage/colour.h>
 
+#include "pipeline/StageNeeds.h"
 #include "renderers/colour/ChannelTables.h"
 #include "support/Conversions.h"
 #include "support/PathChoice.h"
@@ -50,6 +51,16 @@ size_t Brightness_SSE2(const PixelRun& run, const BrightnessArguments& arguments
 }
 
 }  // namespace
+
+// Each selected channel through the table (or the saturating add); a share
+// keeps one path. A selection that writes nothing does not join.
+StageNeeds NeedsOf(const BrightnessRenderer& stage) {
+  return StageNeeds{nullptr, SelectsChannels(stage.m_channels), [](AbstractRenderer& base, const PixelBlock& block) {
+                      const BrightnessRenderer& self = static_cast<BrightnessRenderer&>(base);
+                      RenderTableBlock(block, self.m_kernel, Brightness_Plain,
+                                       BrightnessArguments{self.m_table, self.m_channels, self.m_brightness});
+                    }};
+}
 
 BrightnessRenderer::BrightnessRenderer(double brightness, KVChannelsToProcess channels,
                                        const kvtl::CPUExtensions& extensions)

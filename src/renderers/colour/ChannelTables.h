@@ -53,6 +53,17 @@ int RenderTableShare(KVAbstractImage* source, KVAbstractImage* destination, unsi
   return 0;
 }
 
+// One block of a pass through several stages, on the path RenderTableShare
+// gives the block's thread. Source and destination have one size there, so
+// the plain and vector shares coincide and the whole share takes one formula.
+template <class Arguments>
+void RenderTableBlock(const PixelBlock& block, PixelKernel<Arguments> kernel, PixelKernel<Arguments> plain,
+                      const Arguments& arguments) {
+  const bool vectorFormula =
+      kernel != plain && TakesVectorFormula(VectorPathShare(block.image, block.threadIndex, block.threadCount));
+  (vectorFormula ? kernel : plain)(RunOf(block), arguments);
+}
+
 // Pixels are moved as one 32-bit word (blue in the low byte) so that each
 // pixel costs one load and one store around its lookups.
 inline uint32_t LoadPixel(const unsigned char* p) {
@@ -66,9 +77,10 @@ inline void StorePixel(unsigned char* p, uint32_t word) { std::memcpy(p, &word, 
 inline uint32_t ByteOf(uint32_t word, unsigned int byte) { return (word >> (8 * byte)) & 0xFFu; }
 
 // Runs blockOp over the run's 16-byte blocks (four pixels each). When both
-// pointers are 16-byte aligned the blocks are read aligned and written with
-// non-temporal stores, so the output does not evict the cache, then fenced;
-// otherwise unaligned loads and stores. A last partial block (a run cut at the
+// pointers are 16-byte aligned the blocks are read aligned and, unless the
+// run stores through the cache, written with non-temporal stores, so the
+// output does not evict the cache, then fenced; otherwise unaligned loads and
+// stores. A last partial block (a run cut at the
 // end of an image) goes through blockOp in a copy, so every pixel gets the
 // same formula. The MMX state is cleared either way. Returns the pixels done:
 // all of them.
@@ -78,9 +90,11 @@ inline size_t TransformBlocks(const PixelRun& run, BlockOp blockOp) {
   __m128i* out = reinterpret_cast<__m128i*>(run.out);
   const size_t blocks = run.pixels / 4;
   const bool aligned = ((reinterpret_cast<uintptr_t>(in) | reinterpret_cast<uintptr_t>(out)) & 15u) == 0;
-  if (aligned) {
+  if (aligned && !run.storeCached) {
     for (size_t b = 0; b < blocks; ++b) _mm_stream_si128(out + b, blockOp(_mm_load_si128(in + b)));
     _mm_sfence();
+  } else if (aligned) {
+    for (size_t b = 0; b < blocks; ++b) _mm_store_si128(out + b, blockOp(_mm_load_si128(in + b)));
   } else {
     for (size_t b = 0; b < blocks; ++b) _mm_storeu_si128(out + b, blockOp(_mm_loadu_si128(in + b)));
   }
@@ -185,6 +199,13 @@ KV_TARGET_AVX512VBMI inline size_t ByteTables_AVX512VBMI(const PixelRun& run, co
 inline PixelKernel<ByteTables> ChooseByteTablesKernel() {
   return ChooseKernel(KernelRungs<PixelKernel<ByteTables> >{ByteTables_Plain, nullptr, nullptr, nullptr,
                                                               ByteTables_AVX512VBMI});
+}
+
+// Whether a single-table tone stage writes its output: for colour (4), alpha
+// (3) or every byte (5); its plain path writes nothing for any other
+// selection.
+inline bool SelectsChannels(KVChannelsToProcess channels) {
+  return channels == kChannelsColor || channels == kChannelsAlpha || channels == kChannelsAll;
 }
 
 // The tables of a single-table tone stage: colour (4), alpha (3) or every

@@ -1,5 +1,6 @@
 #include <kvimage/colour.h>
 
+#include "pipeline/StageNeeds.h"
 #include "renderers/colour/ChannelTables.h"
 #include "support/Conversions.h"
 #include "support/PathChoice.h"
@@ -47,6 +48,17 @@ size_t ColorBalance_SSE2(const PixelRun& run, const ColorBalanceArguments& argum
 }
 
 }  // namespace
+
+// Colour through the gain tables, or the vector formula where the thread's
+// share takes it; alpha copied.
+StageNeeds NeedsOf(const ColorBalanceRenderer&) {
+  return StageNeeds{nullptr, true, [](AbstractRenderer& base, const PixelBlock& block) {
+                      const ColorBalanceRenderer& self = static_cast<ColorBalanceRenderer&>(base);
+                      RenderTableBlock(block, self.m_kernel, ColorBalance_Plain,
+                                       ColorBalanceArguments{self.m_blueTable, self.m_greenTable, self.m_redTable,
+                                                             self.m_blue, self.m_green, self.m_red});
+                    }};
+}
 
 ColorBalanceRenderer::ColorBalanceRenderer(double red, double green, double blue,
                                            const kvtl::CPUExtensions& extensions)

@@ -11,8 +11,14 @@ namespace kvo {
 namespace image {
 
 // Each pixel alone, on one path, from tables Setup builds from the
-// temperature only.
-StageNeeds NeedsOf(const ColorTemperatureRenderer&) { return StageNeeds{nullptr, true}; }
+// temperature only. A pass through several stages serves channel order 1.
+StageNeeds NeedsOf(const ColorTemperatureRenderer&) {
+  return StageNeeds{nullptr, true, [](AbstractRenderer& base, const PixelBlock& block) {
+                      const ColorTemperatureRenderer& self = static_cast<ColorTemperatureRenderer&>(base);
+                      RunKernel(self.m_tablesKernel, ByteTables_Plain, RunOf(block),
+                                ByteTables{{self.m_blueTable, self.m_greenTable, self.m_redTable, nullptr}});
+                    }};
+}
 
 namespace {
 

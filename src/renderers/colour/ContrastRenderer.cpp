@@ -1,5 +1,6 @@
 #include <kvimage/colour.h>
 
+#include "pipeline/StageNeeds.h"
 #include "renderers/colour/ChannelTables.h"
 #include "support/Conversions.h"
 #include "support/PathChoice.h"
@@ -55,6 +56,16 @@ size_t Contrast_SSE2(const PixelRun& run, const ContrastArguments& arguments) {
 }
 
 }  // namespace
+
+// Each selected channel through the table, or the vector formula where the
+// thread's share takes it. A selection that writes nothing does not join.
+StageNeeds NeedsOf(const ContrastRenderer& stage) {
+  return StageNeeds{nullptr, SelectsChannels(stage.m_channels), [](AbstractRenderer& base, const PixelBlock& block) {
+                      const ContrastRenderer& self = static_cast<ContrastRenderer&>(base);
+                      RenderTableBlock(block, self.m_kernel, Contrast_Plain,
+                                       ContrastArguments{self.m_table, self.m_channels, self.m_contrast});
+                    }};
+}
 
 ContrastRenderer::ContrastRenderer(double contrast, KVChannelsToProcess channels,
                                    const kvtl::CPUExtensions& extensions)

@@ -4,6 +4,7 @@
 
 #include <kvimage/colour.h>
 
+#include "pipeline/StageNeeds.h"
 #include "renderers/colour/ChannelTables.h"
 #include "support/AssertionSites.h"
 #include "support/Conversions.h"
@@ -43,6 +44,14 @@ size_t Opacity_SSE2(const PixelRun& run, const OpacityArguments& arguments) {
 }
 
 }  // namespace
+
+// Alpha alone, by the product or the subtraction the thread's share takes.
+StageNeeds NeedsOf(const OpacityRenderer&) {
+  return StageNeeds{nullptr, true, [](AbstractRenderer& base, const PixelBlock& block) {
+                      const OpacityRenderer& self = static_cast<OpacityRenderer&>(base);
+                      RenderTableBlock(block, self.m_kernel, Opacity_Plain, OpacityArguments{self.m_opacity});
+                    }};
+}
 
 OpacityRenderer::OpacityRenderer(double opacity, const kvtl::CPUExtensions& extensions)
     : m_extensions(extensions),

@@ -7,6 +7,7 @@
 
 #include <kvimage/image.h>
 
+#include "pipeline/StageNeeds.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
 
@@ -18,12 +19,19 @@ struct PixelRun {
   const unsigned char* in;
   unsigned char* out;
   size_t pixels;
+  // Store the output through the cache, never streamed: a block of a pass
+  // through several stages, which the next stage reads at once and which is
+  // too small to pay for the fence that ends a stream.
+  bool storeCached = false;
 
   // The pixels from `first` on.
   PixelRun From(size_t first) const {
-    return PixelRun{in + first * kBytesPerPixel, out + first * kBytesPerPixel, pixels - first};
+    return PixelRun{in + first * kBytesPerPixel, out + first * kBytesPerPixel, pixels - first, storeCached};
   }
 };
+
+// A block of a pass through several stages as a run.
+inline PixelRun RunOf(const PixelBlock& block) { return PixelRun{block.in, block.out, block.pixels, true}; }
 
 // The plain paths' share: GetBufferSizePerThread with the source's width and
 // the destination's height, in pixels, cut where either image ends.

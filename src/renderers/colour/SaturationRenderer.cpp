@@ -6,6 +6,7 @@
 
 #include <kvimage/colour.h>
 
+#include "pipeline/StageNeeds.h"
 #include "renderers/colour/PixelRun.h"
 #include "support/Conversions.h"
 #include "support/PathChoice.h"
@@ -191,6 +192,16 @@ KV_TARGET_AVX2 size_t Saturation_AVX2(const PixelRun& run, const SaturationArgum
 const KernelRungs<SaturationKernel> kSaturationRungs = {Saturation_Plain, nullptr, nullptr, Saturation_AVX2};
 
 }  // namespace
+
+// Each pixel alone, every kernel giving the plain one's bytes.
+StageNeeds NeedsOf(const SaturationRenderer&) {
+  return StageNeeds{nullptr, true, [](AbstractRenderer& base, const PixelBlock& block) {
+                      const SaturationRenderer& self = static_cast<SaturationRenderer&>(base);
+                      RunKernel(self.m_kernel, Saturation_Plain, RunOf(block),
+                                SaturationArguments{self.m_saturation, self.m_reciprocalOfDifference,
+                                                    self.m_reciprocalOfValue});
+                    }};
+}
 
 SaturationRenderer::SaturationRenderer(double saturation, float* table)
     : m_saturation(saturation), m_table(table), m_kernel(Saturation_Plain) {}

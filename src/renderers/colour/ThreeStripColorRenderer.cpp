@@ -2,6 +2,7 @@
 
 #include <kvimage/colour.h>
 
+#include "pipeline/StageNeeds.h"
 #include "renderers/colour/PixelRun.h"
 #include "support/AssertionSites.h"
 #include "support/Conversions.h"
@@ -111,6 +112,16 @@ KV_TARGET_AVX2 size_t ThreeStrip_AVX2(const PixelRun& run, const ThreeStripArgum
 const KernelRungs<ThreeStripKernel> kThreeStripRungs = {ThreeStrip_Plain, nullptr, nullptr, ThreeStrip_AVX2};
 
 }  // namespace
+
+// Each pixel alone, every kernel giving the plain one's bytes.
+StageNeeds NeedsOf(const ThreeStripColorRenderer&) {
+  return StageNeeds{nullptr, true, [](AbstractRenderer& base, const PixelBlock& block) {
+                      const ThreeStripColorRenderer& self = static_cast<ThreeStripColorRenderer&>(base);
+                      RunKernel(self.m_kernel, ThreeStrip_Plain, RunOf(block),
+                                ThreeStripArguments{self.m_blueWeight + 255, self.m_greenWeight + 255,
+                                                    self.m_redWeight + 255});
+                    }};
+}
 
 ThreeStripColorRenderer::ThreeStripColorRenderer(double a, double b, double c)
     : m_levelA(a), m_levelB(b), m_levelC(c), m_kernel(ThreeStrip_Plain) {}

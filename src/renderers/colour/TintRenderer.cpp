@@ -4,6 +4,7 @@
 
 #include <kvimage/colour.h>
 
+#include "pipeline/StageNeeds.h"
 #include "renderers/colour/ChannelTables.h"
 #include "renderers/colour/PixelRun.h"
 #include "support/AssertionSites.h"
@@ -142,6 +143,16 @@ int RenderTintShare(KVImage8* source, KVImage8* destination, unsigned char threa
 }
 
 }  // namespace
+
+// Each pixel alone, every kernel giving the plain one's bytes.
+StageNeeds NeedsOf(const TintRenderer&) {
+  return StageNeeds{nullptr, true, [](AbstractRenderer& base, const PixelBlock& block) {
+                      const TintRenderer& self = static_cast<TintRenderer&>(base);
+                      RunKernel(self.m_kernel, Tint_Plain, RunOf(block),
+                                TintArguments{self.m_blueTargetRow, self.m_greenTargetRow, self.m_redTargetRow,
+                                              self.m_mix, self.m_targetByLuminance, self.m_keep});
+                    }};
+}
 
 TintRenderer::TintRenderer(KVTintType type, double amount) : m_type(type), m_keep(1.0 - amount), m_kernel(Tint_Plain) {}
 
