@@ -91,6 +91,30 @@ TEST(ShadowCast, TranslatedRectangleLiesUnderTheTranslatedAlpha) {
   }
 }
 
+// Off the pixel grid, the bounds' edge samples blend with nothing beyond the
+// bounds, though the layer goes on opaque there: every edge of the shadow of
+// an opaque layer is partly clear.
+TEST(ShadowCast, SamplesBeyondTheBoundsCountAsClearOffTheGrid) {
+  const unsigned int width = 32, height = 24;
+  Scene scene(width, height, 0);
+  scene.layer.assign(width * height * 4, 255);
+  const KVRect bounds(KVPoint2(3, 2), 20, 15);
+  for (double move : {0.5, -0.5, 0.25}) {
+    const Bytes alpha = scene.Alpha({bounds, Translated(bounds, move, move), 0, 1.0, kBlendNormal, false});
+    // The first and last covered pixels of row 10 and of column 12.
+    for (const auto& line : {std::make_pair(10u * width, 1u), std::make_pair(12u, width)}) {
+      std::vector<unsigned char> covered;
+      for (size_t at = line.first; at < alpha.size() && covered.size() < 32; at += line.second) {
+        if (alpha[at] != 0) covered.push_back(alpha[at]);
+        if (line.second == 1 && at % width == width - 1) break;
+      }
+      ASSERT_GE(covered.size(), 2u) << move;
+      EXPECT_LT(covered.front(), 255) << move;
+      EXPECT_LT(covered.back(), 255) << move;
+    }
+  }
+}
+
 // A floor shadow of a standing rectangle: the top edge thrown back and
 // widened. The shadow stays within the quadrilateral's bounding box, and with
 // the fade it is strongest at the contact edge.
