@@ -298,11 +298,12 @@ def render(context, rows, args):
     return "\n".join(out) + "\n"
 
 
-def update(path, generated):
+def update(path, generated, begin_marker=BEGIN_MARKER, end_marker=END_MARKER):
+    """Replaces what lies between the markers of the file (or appends)."""
     text = open(path).read() if os.path.exists(path) else ""
-    begin, end = text.find(BEGIN_MARKER), text.find(END_MARKER)
+    begin, end = text.find(begin_marker), text.find(end_marker)
     if begin >= 0 and end > begin:
-        text = text[:begin] + generated.rstrip("\n") + text[end + len(END_MARKER):]
+        text = text[:begin] + generated.rstrip("\n") + text[end + len(end_marker):]
     else:
         text = text.rstrip("\n") + ("\n\n" if text else "") + generated
     with open(path, "w") as handle:
