@@ -201,6 +201,37 @@ inline PixelKernel<ByteTables> ChooseByteTablesKernel() {
                                                               ByteTables_AVX512VBMI});
 }
 
+// A vector formula that maps every byte of a pixel on its own, as one
+// 256-entry table per byte, blue first: the formula's kernel run once over a
+// ramp whose pixel i holds i in all four bytes. A byte the formula keeps gets
+// no table (null: copied). Looking the tables up gives, byte for byte, what
+// the kernel computes, so the widest path of such a stage is a table walk in
+// registers.
+template <class Arguments>
+void TabulateKernel(PixelKernel<Arguments> kernel, const Arguments& arguments, unsigned char (&entries)[4][256],
+                    ByteTables& tables) {
+  alignas(16) unsigned char ramp[256 * kBytesPerPixel], mapped[256 * kBytesPerPixel];
+  for (unsigned int i = 0; i < 256; ++i) std::memset(ramp + i * kBytesPerPixel, static_cast<int>(i), kBytesPerPixel);
+  kernel(PixelRun{ramp, mapped, 256, true}, arguments);
+  for (unsigned int k = 0; k < kBytesPerPixel; ++k) {
+    bool kept = true;
+    for (unsigned int i = 0; i < 256; ++i) {
+      entries[k][i] = mapped[i * kBytesPerPixel + k];
+      kept = kept && entries[k][i] == i;
+    }
+    tables.byte[k] = kept ? nullptr : entries[k];
+  }
+}
+
+// The widest path of a stage whose vector formula is tabulated
+// (arguments.formulaTables): 16 pixels at a time through the tables, the rest
+// through the kernel they came from.
+template <class Arguments, PixelKernel<Arguments> Formula>
+KV_TARGET_AVX512VBMI size_t TabulatedFormula_AVX512VBMI(const PixelRun& run, const Arguments& arguments) {
+  const size_t done = ByteTables_AVX512VBMI(run, arguments.formulaTables);
+  return done + Formula(run.From(done), arguments);
+}
+
 // Whether a single-table tone stage writes its output: for colour (4), alpha
 // (3) or every byte (5); its plain path writes nothing for any other
 // selection.
@@ -234,10 +265,12 @@ inline void ApplyColourTables(const PixelRun& run, const unsigned char* blue, co
 }
 
 // The plain path of the single-table tone stages: colour (4), alpha (3) or
-// every byte (5) through the table; any other selection writes nothing.
-inline void ApplyChannelTable(const PixelRun& run, const unsigned char* table, KVChannelsToProcess channels) {
+// every byte (5) through the table, walked by the given byte-table kernel;
+// any other selection writes nothing.
+inline void ApplyChannelTable(const PixelRun& run, const unsigned char* table, KVChannelsToProcess channels,
+                              PixelKernel<ByteTables> tablesKernel = ByteTables_Plain) {
   ByteTables tables;
-  if (ChannelByteTables(table, channels, tables)) ByteTables_Plain(run, tables);
+  if (ChannelByteTables(table, channels, tables)) RunKernel(tablesKernel, ByteTables_Plain, run, tables);
 }
 
 }  // namespace image
