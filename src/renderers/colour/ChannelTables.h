@@ -173,21 +173,33 @@ KV_TARGET_AVX512VBMI inline __m512i LookUpBytes_AVX512VBMI(__m512i index, const 
   return _mm512_mask_blend_epi8(_mm512_movepi8_mask(index), low, high);
 }
 
-// Blocks of 16 pixels; returns the pixels it did.
+// Blocks of 16 pixels; returns the pixels it did. Bytes that share a table
+// (the same pointer) share its lookup.
 KV_TARGET_AVX512VBMI inline size_t ByteTables_AVX512VBMI(const PixelRun& run, const ByteTables& tables) {
-  ByteTableRegisters registers[4];
-  for (unsigned int k = 0; k < kBytesPerPixel; ++k) {
-    if (tables.byte[k] != nullptr) LoadByteTable_AVX512VBMI(tables.byte[k], registers[k]);
-  }
-  // Byte k of every pixel of a block: bits k, k + 4, ... of the mask.
+  // Byte k of every pixel of a block: bits k, k + 4, ... of a mask.
   const __mmask64 byteZero = 0x1111111111111111ULL;
+  ByteTableRegisters registers[4];
+  __mmask64 bytesOf[4];
+  unsigned int distinct = 0;
+  for (unsigned int k = 0; k < kBytesPerPixel; ++k) {
+    if (tables.byte[k] == nullptr) continue;
+    unsigned int t = 0;
+    while (t < k && tables.byte[t] != tables.byte[k]) ++t;
+    if (t < k) {
+      for (unsigned int d = 0; d < distinct; ++d) {
+        if (bytesOf[d] & (byteZero << t)) bytesOf[d] |= byteZero << k;
+      }
+      continue;
+    }
+    LoadByteTable_AVX512VBMI(tables.byte[k], registers[distinct]);
+    bytesOf[distinct++] = byteZero << k;
+  }
   const size_t blocks = run.pixels / 16;
   for (size_t b = 0; b < blocks; ++b) {
     const __m512i pixels = _mm512_loadu_si512(run.in + 64 * b);
     __m512i result = pixels;
-    for (unsigned int k = 0; k < kBytesPerPixel; ++k) {
-      if (tables.byte[k] == nullptr) continue;
-      result = _mm512_mask_mov_epi8(result, byteZero << k, LookUpBytes_AVX512VBMI(pixels, registers[k]));
+    for (unsigned int d = 0; d < distinct; ++d) {
+      result = _mm512_mask_mov_epi8(result, bytesOf[d], LookUpBytes_AVX512VBMI(pixels, registers[d]));
     }
     _mm512_storeu_si512(run.out + 64 * b, result);
   }
@@ -204,7 +216,7 @@ inline PixelKernel<ByteTables> ChooseByteTablesKernel() {
 // A vector formula that maps every byte of a pixel on its own, as one
 // 256-entry table per byte, blue first: the formula's kernel run once over a
 // ramp whose pixel i holds i in all four bytes. A byte the formula keeps gets
-// no table (null: copied). Looking the tables up gives, byte for byte, what
+// no table (null: copied); bytes mapped alike get the same table. Looking the tables up gives, byte for byte, what
 // the kernel computes, so the widest path of such a stage is a table walk in
 // registers.
 template <class Arguments>
@@ -220,6 +232,10 @@ void TabulateKernel(PixelKernel<Arguments> kernel, const Arguments& arguments, u
       kept = kept && entries[k][i] == i;
     }
     tables.byte[k] = kept ? nullptr : entries[k];
+    // Bytes mapped alike share one table, and so one lookup.
+    for (unsigned int j = 0; j < k && tables.byte[k] != nullptr; ++j) {
+      if (tables.byte[j] != nullptr && std::memcmp(entries[j], entries[k], 256) == 0) tables.byte[k] = tables.byte[j];
+    }
   }
 }
 
