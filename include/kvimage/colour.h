@@ -181,6 +181,8 @@ class KVIMAGE_EXPORT ContrastRenderer : public AbstractRenderer {
 // Stretches the input range [low, high] (fractions of 255) to 0..255,
 // clipping outside it. The table truncates a double product; the SSE2 path,
 // which serves colour only, rounds a single-precision product to nearest.
+// Where the processor has AVX-512 VBMI, both are looked up in tables (the
+// SSE2 formula's made in Setup), 64 bytes at a time.
 class KVIMAGE_EXPORT SuperContrastRenderer : public AbstractRenderer {
  public:
   SuperContrastRenderer(double low, double high, KVChannelsToProcess channels,
@@ -200,7 +202,10 @@ class KVIMAGE_EXPORT SuperContrastRenderer : public AbstractRenderer {
   double m_low;
   double m_high;
   KVChannelsToProcess m_channels;
+  SuperContrastArguments Arguments() const;
   unsigned char m_table[256];
+  unsigned char m_vectorTables[4][256];    // the vector formula per byte of a pixel, for the widest path
+  const unsigned char* m_formulaBytes[4];  // into m_vectorTables, null where the formula keeps the byte
   size_t (*m_kernel)(const PixelRun&, const SuperContrastArguments&);
   size_t (*m_tablesKernel)(const PixelRun&, const ByteTables&);  // the table walk's, chosen in Setup
 };
