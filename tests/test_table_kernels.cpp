@@ -2,7 +2,7 @@
 // walk on every mix of looked-up, shared and copied bytes, odd pixel counts around
 // the 16-pixel block, buffers one byte off alignment, in place, guard bytes
 // after the output, input left untouched; the host's cap choosing the plain
-// walk; and the tint stage's computed mix against its mix table.
+// walk; and the kernels that compute what a table holds against the table.
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
@@ -73,16 +73,22 @@ TEST(TintVectorPath, EveryToneAndAmountGivesThePlainBytes) {
   }
 }
 
-// The bleach bypass's widest kernel computes the overlay its plain twin reads
-// from a table: every amount's weight, over a frame with most (byte,
-// luminance) pairs, one byte off alignment, against the plain walk.
-TEST(BleachBypassKernels, WidestPathMatchesThePlainTableWalk) {
-  for (double amount : {0.0, 0.3, 0.8, 1.0}) {
+// Widest kernels that compute what their plain twins read from tables or
+// walk byte by byte: the bleach bypass (its overlay table) at every amount's
+// weight, the diffuse stage's normal blend by the blurred alpha; over a
+// frame with most (byte, luminance) pairs, one byte off alignment.
+TEST(WidestKernels, MatchTheirPlainTwins) {
+  const std::vector<std::pair<const char*, std::vector<double> > > settings = {
+      {"SetBleachBypass", {0.0, 0.6, 0.4}}, {"SetBleachBypass", {0.3, 0.6, 0.4}},
+      {"SetBleachBypass", {0.8, 0.6, 0.4}}, {"SetBleachBypass", {1.0, 0.6, 0.4}},
+      {"SetDiffuse", {3, 0.0, 0}},          {"SetDiffuse", {3, 0.45, 0}},
+      {"SetDiffuse", {5, 1.0, 0}}};
+  for (const auto& setting : settings) {
     kvtest::Front front(kFrontEndProcessor, 253, 259, 1);
-    ASSERT_EQ(0, front.Queue("SetBleachBypass", {amount, 0.6, 0.4}));
+    ASSERT_EQ(0, front.Queue(setting.first, setting.second));
     const std::vector<unsigned char> widest = front.Render();
     kvtest::ScopedWiderExtension plain(kvtl::kWiderNone);
-    EXPECT_EQ(widest, front.Render()) << amount;
+    EXPECT_EQ(widest, front.Render()) << setting.first << " " << setting.second[0] << " " << setting.second[1];
   }
 }
 
