@@ -1,11 +1,12 @@
 #ifndef KVIMAGE_SRC_COMPOSITING_BLENDVECTORS_H
 #define KVIMAGE_SRC_COMPOSITING_BLENDVECTORS_H
 
-// The blend results of BlendOperations.h on eight pixels at once: one channel
-// of eight pixels in the eight 32-bit lanes of an AVX2 register, every value in
-// 0 .. 255. Each form gives exactly the byte its lookup table holds (the
-// tables are built from the same integer arithmetic); modes without an exact
-// integer form read the table lane by lane.
+// The blend results of BlendOperations.h on many pixels at once: one channel
+// of eight pixels in the eight 32-bit lanes of an AVX2 register (or of sixteen
+// in an AVX-512 register), every value in 0 .. 255. Each form gives exactly
+// the byte its lookup table holds (the tables are built from the same integer
+// arithmetic); modes without an exact integer form read the table lane by
+// lane.
 
 #include <immintrin.h>
 
@@ -77,6 +78,28 @@ KV_TARGET_AVX2 inline __m256i ColorBurn(__m256i t, __m256i b) {
   __m256i result = _mm256_andnot_si256(_mm256_cmpgt_epi32(burned, k255), _mm256_sub_epi32(k255, burned));
   result = _mm256_andnot_si256(_mm256_cmpeq_epi32(t, zero), result);
   return _mm256_blendv_epi8(result, k255, _mm256_cmpeq_epi32(b, k255));
+}
+
+// The same forms on the sixteen 32-bit lanes of an AVX-512 register.
+KV_TARGET_AVX512VBMI inline __m512i RoundedQuotient255(__m512i n) {
+  const __m512i rounded = _mm512_add_epi32(n, _mm512_set1_epi32(127));
+  return _mm512_srli_epi32(_mm512_mulhi_epu16(rounded, _mm512_set1_epi32(0x8081)), 7);
+}
+
+KV_TARGET_AVX512VBMI inline __m512i SmallProduct(__m512i a, __m512i b) { return _mm512_madd_epi16(a, b); }
+
+KV_TARGET_AVX512VBMI inline __m512i Multiply(__m512i a, __m512i b) { return RoundedQuotient255(SmallProduct(a, b)); }
+
+KV_TARGET_AVX512VBMI inline __m512i Screen(__m512i t, __m512i b) {
+  const __m512i sum255 = SmallProduct(_mm512_add_epi32(t, b), _mm512_set1_epi32(255));
+  return RoundedQuotient255(_mm512_sub_epi32(sum255, SmallProduct(t, b)));
+}
+
+KV_TARGET_AVX512VBMI inline __m512i HardLight(__m512i t, __m512i b) {
+  const __m512i twice = _mm512_add_epi32(t, t);
+  const __m512i low = Multiply(twice, b);
+  const __m512i high = Screen(_mm512_sub_epi32(twice, _mm512_set1_epi32(255)), b);
+  return _mm512_mask_blend_epi32(_mm512_cmpgt_epi32_mask(twice, _mm512_set1_epi32(255)), low, high);
 }
 
 // Operation::Apply lane by lane, for the curves without an integer form.
