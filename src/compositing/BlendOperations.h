@@ -423,17 +423,26 @@ KV_TARGET_AVX512VBMI inline __m512i PackPixels(__m512i blue, __m512i green, __m5
   return _mm512_shuffle_epi8(bytes, interleave);
 }
 
+// floor(n / 255) for 0 <= n < 65536 in each 32-bit lane (the multiply-shift
+// of RoundedQuotient255 without its rounding term).
+KV_TARGET_AVX512VBMI inline __m512i Quotient255(__m512i n) {
+  return _mm512_srli_epi32(_mm512_mulhi_epu16(n, _mm512_set1_epi32(0x8081)), 7);
+}
+
 // The alpha path sixteen pixels at a time: the AVX2 kernel's arithmetic on
 // sixteen lanes, the weighted alphas by a table lookup in registers, and
-// 1 / 255 by the same division the table entries come from. Two kinds of
-// block skip the arithmetic where its bytes are known:
+// 1 / 255 by the same division the table entries come from. Blocks whose
+// bytes need less than that take a shorter way to the same bytes:
 //   - every pixel kept as it is: fa = 0 over a background alpha of 0 (clear,
-//     unless kFillWhereClear) or of 255 (the combined alpha is 255 and each
-//     colour c comes back as trunc((c * 255) * (1 / 255.0f)) = c, for every
-//     byte c), or fa = 0 anywhere when kKeepWhereLayerClear;
+//     unless kFillWhereClear) or of 255 (see the next case with fa = 0), or
+//     fa = 0 anywhere when kKeepWhereLayerClear;
+//   - an opaque background (alpha 255 throughout): the operand is the
+//     background colour c itself, the combined alpha is 255, the background
+//     weight 255 - fa exactly and the inverse 1 / 255.0f, so each colour is
+//     trunc(n * (1 / 255.0f)) of the exact integer n = r * fa + c * (255 - fa)
+//     (r the blend result), which is n / 255 for every n up to 65535;
 //   - fa = 255 throughout: the combined alpha is 255, the background weight
-//     is 0, and trunc((r * 255) * (1 / 255.0f)) = r gives the blend result r
-//     itself.
+//     is 0, and the colour trunc((r * 255) * (1 / 255.0f)) = r.
 template <bool kFillWhereClear, bool kKeepWhereLayerClear, class Operation>
 KV_TARGET_AVX512VBMI size_t AlphaComposite_AVX512VBMI(const LayerRun& run) {
   kvo::KVLookupTables& tables = run.tables;
@@ -442,47 +451,64 @@ KV_TARGET_AVX512VBMI size_t AlphaComposite_AVX512VBMI(const LayerRun& run) {
   const __m512i zero = _mm512_setzero_si512();
   const __m512i k255 = _mm512_set1_epi32(255);
   const __mmask16 all = 0xFFFF;
+  // The run's fields in locals: the stores through the canvas could alias
+  // them, which would reload them every block.
+  const unsigned char* const layer = run.top;
+  unsigned char* const background = run.bottom;
+  const size_t pixels = run.pixels;
   size_t p = 0;
-  for (; p + 16 <= run.pixels; p += 16) {
-    unsigned char* canvas = run.bottom + p * kBytesPerPixel;
+  for (; p + 16 <= pixels; p += 16) {
+    unsigned char* canvas = background + p * kBytesPerPixel;
     const __m512i under = _mm512_loadu_si512(canvas);
-    const __m512i over = _mm512_loadu_si512(run.top + p * kBytesPerPixel);
+    const __m512i over = _mm512_loadu_si512(layer + p * kBytesPerPixel);
     const __m512i fa = _mm512_srli_epi32(LookUpBytes_AVX512VBMI(over, weightedAlpha), 24);
     const __m512i backgroundAlpha = _mm512_srli_epi32(under, 24);
     const __mmask16 layerClear = _mm512_cmpeq_epi32_mask(fa, zero);
+    const __mmask16 opaqueBackground = _mm512_cmpeq_epi32_mask(backgroundAlpha, k255);
     const __mmask16 clear = layerClear & _mm512_cmpeq_epi32_mask(backgroundAlpha, zero);
-    const __mmask16 kept = kKeepWhereLayerClear ? layerClear
-                                                : static_cast<__mmask16>(
-                                                      (layerClear & _mm512_cmpeq_epi32_mask(backgroundAlpha, k255)) |
-                                                      (kFillWhereClear ? 0 : clear));
+    const __mmask16 kept = kKeepWhereLayerClear
+                               ? layerClear
+                               : static_cast<__mmask16>((layerClear & opaqueBackground) | (kFillWhereClear ? 0 : clear));
     if (static_cast<__mmask16>(kept | clear) == all) {
       if (kFillWhereClear) _mm512_mask_storeu_epi32(canvas, static_cast<__mmask16>(clear & ~kept), over);
       continue;
     }
-    const __m512i combined =
-        _mm512_sub_epi32(_mm512_add_epi32(backgroundAlpha, fa), blendvec::Multiply(backgroundAlpha, fa));
-    __m512i canvasByte[3], blended[3];
-    for (int c = 0; c < 3; ++c) {
-      canvasByte[c] = ByteOfEachLane(under, static_cast<char>(c));
-      const __m512i operand = blendvec::Multiply(canvasByte[c], backgroundAlpha);
-      blended[c] = VectorBlend512<Operation>::Apply(tables, ByteOfEachLane(over, static_cast<char>(c)), operand);
-    }
     __m512i result;
-    if (_mm512_cmpeq_epi32_mask(fa, k255) == all) {
-      result = PackPixels(blended[0], blended[1], blended[2], k255);
-    } else {
-      const __m512 inverse = _mm512_div_ps(_mm512_set1_ps(1.0f), _mm512_cvtepi32_ps(_mm512_max_epi32(combined, _mm512_set1_epi32(1))));
-      const __m512 divideBy255 = _mm512_div_ps(_mm512_cvtepi32_ps(backgroundAlpha), _mm512_set1_ps(255.0f));
-      const __m512 backgroundWeight = _mm512_mul_ps(divideBy255, _mm512_cvtepi32_ps(_mm512_sub_epi32(k255, fa)));
+    if (opaqueBackground == all) {
+      const __m512i weights = _mm512_or_si512(fa, _mm512_slli_epi32(_mm512_sub_epi32(k255, fa), 16));
       __m512i channel[3];
       for (int c = 0; c < 3; ++c) {
-        const __m512 value =
-            _mm512_mul_ps(_mm512_add_ps(_mm512_cvtepi32_ps(blendvec::SmallProduct(blended[c], fa)),
-                                        _mm512_mul_ps(_mm512_cvtepi32_ps(canvasByte[c]), backgroundWeight)),
-                          inverse);
-        channel[c] = _mm512_cvttps_epi32(value);
+        const __m512i canvasByte = ByteOfEachLane(under, static_cast<char>(c));
+        const __m512i blended = VectorBlend512<Operation>::Apply(tables, ByteOfEachLane(over, static_cast<char>(c)), canvasByte);
+        channel[c] = Quotient255(_mm512_madd_epi16(_mm512_or_si512(blended, _mm512_slli_epi32(canvasByte, 16)), weights));
       }
-      result = PackPixels(channel[0], channel[1], channel[2], combined);
+      result = PackPixels(channel[0], channel[1], channel[2], k255);
+    } else {
+      const __m512i combined =
+          _mm512_sub_epi32(_mm512_add_epi32(backgroundAlpha, fa), blendvec::Multiply(backgroundAlpha, fa));
+      __m512i canvasByte[3], blended[3];
+      for (int c = 0; c < 3; ++c) {
+        canvasByte[c] = ByteOfEachLane(under, static_cast<char>(c));
+        const __m512i operand = blendvec::Multiply(canvasByte[c], backgroundAlpha);
+        blended[c] = VectorBlend512<Operation>::Apply(tables, ByteOfEachLane(over, static_cast<char>(c)), operand);
+      }
+      if (_mm512_cmpeq_epi32_mask(fa, k255) == all) {
+        result = PackPixels(blended[0], blended[1], blended[2], k255);
+      } else {
+        const __m512 inverse = _mm512_div_ps(_mm512_set1_ps(1.0f),
+                                             _mm512_cvtepi32_ps(_mm512_max_epi32(combined, _mm512_set1_epi32(1))));
+        const __m512 divideBy255 = _mm512_div_ps(_mm512_cvtepi32_ps(backgroundAlpha), _mm512_set1_ps(255.0f));
+        const __m512 backgroundWeight = _mm512_mul_ps(divideBy255, _mm512_cvtepi32_ps(_mm512_sub_epi32(k255, fa)));
+        __m512i channel[3];
+        for (int c = 0; c < 3; ++c) {
+          const __m512 value =
+              _mm512_mul_ps(_mm512_add_ps(_mm512_cvtepi32_ps(blendvec::SmallProduct(blended[c], fa)),
+                                          _mm512_mul_ps(_mm512_cvtepi32_ps(canvasByte[c]), backgroundWeight)),
+                            inverse);
+          channel[c] = _mm512_cvttps_epi32(value);
+        }
+        result = PackPixels(channel[0], channel[1], channel[2], combined);
+      }
     }
     if (kFillWhereClear) result = _mm512_mask_mov_epi32(result, clear, over);
     result = _mm512_mask_mov_epi32(result, kept, under);
