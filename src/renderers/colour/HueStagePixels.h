@@ -285,6 +285,184 @@ KV_TARGET_AVX2 inline size_t RenderHueStageBlocks(const unsigned char* in, unsig
 
 }  // namespace hue8
 
+// GCC 12 warns inside its own AVX-512 headers, whose intrinsics start from
+// deliberately undefined registers.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+namespace hue16 {
+
+// The eight-pixel path's steps over sixteen pixels: the same integer
+// operations in lanes twice as many, masks in mask registers.
+KV_TARGET_AVX512VBMI inline __m512i HighProduct(__m512i n, uint32_t multiplier) {
+  return _mm512_mulhi_epu16(n, _mm512_set1_epi32(static_cast<int>(multiplier)));
+}
+
+KV_TARGET_AVX512VBMI inline __m512i Product(__m512i a, __m512i b) { return _mm512_madd_epi16(a, b); }
+
+KV_TARGET_AVX512VBMI inline __m512i Product(__m512i a, int b) { return _mm512_madd_epi16(a, _mm512_set1_epi32(b)); }
+
+KV_TARGET_AVX512VBMI inline __m512i DivideBy360(__m512i n) {
+  return _mm512_srli_epi32(HighProduct(_mm512_srli_epi32(n, 3), hls::kBy360Multiplier), 4);
+}
+
+// As hue8::DivideExactly, in single precision.
+KV_TARGET_AVX512VBMI inline __m512i DivideExactly(__m512i numerator, __m512i divisor) {
+  return _mm512_cvttps_epi32(_mm512_div_ps(_mm512_cvtepi32_ps(numerator), _mm512_cvtepi32_ps(divisor)));
+}
+
+// As hue8::ChannelsFromHues, thirty-two 16-bit lanes at a time.
+KV_TARGET_AVX512VBMI inline __m512i ChannelsFromHues(__m512i hue, __m512i low, __m512i span) {
+  const __m512i full = _mm512_set1_epi16(360), zero = _mm512_setzero_si512();
+  hue = _mm512_mask_add_epi16(hue, _mm512_cmpgt_epi16_mask(zero, hue), hue, full);
+  hue = _mm512_mask_sub_epi16(hue, _mm512_cmpgt_epi16_mask(hue, full), hue, full);
+  __m512i ramp = _mm512_min_epi16(hue, _mm512_set1_epi16(60));
+  ramp = _mm512_min_epi16(ramp, _mm512_sub_epi16(_mm512_set1_epi16(240), hue));
+  ramp = _mm512_max_epi16(ramp, zero);
+  const __m512i rampNumerator = _mm512_add_epi16(_mm512_mullo_epi16(span, ramp), _mm512_set1_epi16(30));
+  const __m512i component = _mm512_add_epi16(
+      low, _mm512_srli_epi16(_mm512_mulhi_epu16(_mm512_srli_epi16(rampNumerator, 2),
+                                                _mm512_set1_epi16(static_cast<short>(hls::kBy60Multiplier))),
+                             3));
+  const __m512i scaled = _mm512_add_epi16(_mm512_mullo_epi16(component, _mm512_set1_epi16(51)), _mm512_set1_epi16(36));
+  const __m512i quotient =
+      _mm512_srli_epi16(_mm512_mulhi_epu16(scaled, _mm512_set1_epi16(static_cast<short>(hls::kBy72Multiplier))), 6);
+  return _mm512_and_si512(quotient, _mm512_set1_epi16(0xFF));
+}
+
+// clamp(trunc((source - changed) * keep + changed)) in double precision,
+// eight lanes at a time; the clamp is left to the caller.
+KV_TARGET_AVX512VBMI inline __m256i MixHalf(__m256i source, __m256i changed, __m512d keep) {
+  const __m512d difference = _mm512_cvtepi32_pd(_mm256_sub_epi32(source, changed));
+  return _mm512_cvttpd_epi32(_mm512_add_pd(_mm512_mul_pd(difference, keep), _mm512_cvtepi32_pd(changed)));
+}
+
+KV_TARGET_AVX512VBMI inline __m512i Mix(__m512i source, __m512i changed, __m512d keep) {
+  const __m256i low = MixHalf(_mm512_castsi512_si256(source), _mm512_castsi512_si256(changed), keep);
+  const __m256i high = MixHalf(_mm512_extracti64x4_epi64(source, 1), _mm512_extracti64x4_epi64(changed, 1), keep);
+  const __m512i mixed = _mm512_inserti64x4(_mm512_castsi256_si512(low), high, 1);
+  return _mm512_max_epi32(_mm512_min_epi32(mixed, _mm512_set1_epi32(255)), _mm512_setzero_si512());
+}
+
+// hue8::RenderHueStageBlocks over blocks of sixteen pixels.
+template <class Layout, bool kKeepNothing>
+KV_TARGET_AVX512VBMI inline size_t RenderHueStageBlocks(const unsigned char* in, unsigned char* out, size_t count,
+                                                        const HueMapping& mapping, double keepFactor) {
+  const __m512i byteMask = _mm512_set1_epi32(0xFF);
+  const __m512i half = _mm512_set1_epi32(180);
+  const __m512i full = _mm512_set1_epi32(360);
+  const __m512i third = _mm512_set1_epi32(120);
+  const __m512i sixth = _mm512_set1_epi32(60);
+  const __m512i zero = _mm512_setzero_si512();
+  const __m512i minusOne = _mm512_set1_epi32(-1);
+  const __m512d keep = _mm512_set1_pd(keepFactor);
+  const __m512i hueOffset = _mm512_set1_epi32(mapping.offset);
+  const __mmask16 addsHue = mapping.addsHue ? 0xFFFF : 0;
+  const __m512i top = _mm512_set1_epi32(359);
+  const size_t blockBytes = 16 * kBytesPerPixel;
+  const size_t end = count / blockBytes * blockBytes;
+  for (size_t i = 0; i < end; i += blockBytes) {
+    const __m512i pixels = _mm512_loadu_si512(in + i);
+    const __m512i red = _mm512_and_si512(_mm512_srli_epi32(pixels, Layout::kReadRed), byteMask);
+    const __m512i green = _mm512_and_si512(_mm512_srli_epi32(pixels, Layout::kReadGreen), byteMask);
+    const __m512i blue = _mm512_and_si512(_mm512_srli_epi32(pixels, Layout::kReadBlue), byteMask);
+    const __m512i other = _mm512_srli_epi32(pixels, Layout::kReadOther);
+
+    // Forward: lightness, saturation, hue.
+    const __m512i max = _mm512_max_epi32(red, _mm512_max_epi32(green, blue));
+    const __m512i min = _mm512_min_epi32(red, _mm512_min_epi32(green, blue));
+    const __m512i sum = _mm512_add_epi32(max, min);
+    const __m512i delta = _mm512_sub_epi32(max, min);
+    const __m512i lightness = _mm512_srli_epi32(
+        HighProduct(_mm512_srli_epi32(_mm512_add_epi32(Product(sum, 24), _mm512_set1_epi32(17)), 1),
+                    hls::kBy17Multiplier),
+        4);
+    const __mmask16 coloured = _mm512_cmpneq_epi32_mask(delta, zero);
+    const __mmask16 light = _mm512_cmpgt_epi32_mask(lightness, half);
+    const __m512i spread = _mm512_mask_sub_epi32(sum, light, _mm512_set1_epi32(510), sum);
+    const __m512i saturation = _mm512_maskz_mov_epi32(
+        coloured, DivideExactly(_mm512_add_epi32(Product(delta, full), _mm512_srli_epi32(spread, 1)), spread));
+
+    const __m512i mid = _mm512_sub_epi32(_mm512_add_epi32(red, _mm512_add_epi32(green, blue)), sum);
+    const __m512i midDistance = DivideExactly(
+        _mm512_add_epi32(Product(_mm512_sub_epi32(max, mid), sixth), _mm512_srli_epi32(delta, 1)), delta);
+    const __mmask16 redIsMax = _mm512_cmpeq_epi32_mask(red, max), greenIsMax = _mm512_cmpeq_epi32_mask(green, max);
+    const __mmask16 blueIsMax = _mm512_cmpeq_epi32_mask(blue, max);
+    // Below the maximum: 0 for the maximum, 60 for the minimum, the quotient
+    // for the middle component.
+    const __m512i redDistance = _mm512_maskz_mov_epi32(
+        static_cast<__mmask16>(~redIsMax),
+        _mm512_mask_mov_epi32(midDistance, _mm512_cmpeq_epi32_mask(red, min), sixth));
+    const __m512i greenDistance = _mm512_maskz_mov_epi32(
+        static_cast<__mmask16>(~greenIsMax),
+        _mm512_mask_mov_epi32(midDistance, _mm512_cmpeq_epi32_mask(green, min), sixth));
+    const __m512i blueDistance = _mm512_maskz_mov_epi32(
+        static_cast<__mmask16>(~blueIsMax),
+        _mm512_mask_mov_epi32(midDistance, _mm512_cmpeq_epi32_mask(blue, min), sixth));
+    __m512i hue = _mm512_add_epi32(_mm512_set1_epi32(240), _mm512_sub_epi32(greenDistance, redDistance));
+    hue = _mm512_mask_mov_epi32(hue, greenIsMax, _mm512_add_epi32(third, _mm512_sub_epi32(redDistance, blueDistance)));
+    hue = _mm512_mask_mov_epi32(hue, redIsMax, _mm512_sub_epi32(blueDistance, greenDistance));
+    hue = _mm512_mask_add_epi32(hue, _mm512_cmpgt_epi32_mask(zero, hue), hue, full);
+    hue = _mm512_mask_sub_epi32(hue, _mm512_cmpgt_epi32_mask(hue, full), hue, full);
+    hue = _mm512_mask_mov_epi32(minusOne, coloured, hue);  // -1 for a grey
+
+    __m512i newHue = _mm512_mask_add_epi32(hueOffset, addsHue, hueOffset, hue);
+    newHue = _mm512_mask_sub_epi32(newHue, _mm512_cmpgt_epi32_mask(newHue, top), newHue, full);
+    newHue = _mm512_mask_add_epi32(newHue, _mm512_cmpgt_epi32_mask(zero, newHue), newHue, full);
+
+    // Back: the plateau levels, then each channel on the ramp.
+    const __m512i lightTimesSaturation = Product(lightness, saturation);
+    const __m512i darkHigh =
+        DivideBy360(_mm512_add_epi32(_mm512_add_epi32(lightTimesSaturation, Product(lightness, full)), half));
+    const __m512i lightHigh = _mm512_sub_epi32(_mm512_add_epi32(lightness, saturation),
+                                               DivideBy360(_mm512_add_epi32(lightTimesSaturation, half)));
+    const __m512i high = _mm512_mask_mov_epi32(darkHigh, light, lightHigh);
+    const __m512i low = _mm512_sub_epi32(_mm512_add_epi32(lightness, lightness), high);
+    const __m512i span = _mm512_sub_epi32(high, low);
+    // Red and green share 16-bit lanes, in the interleaved order of a pack;
+    // blue fills both halves of its own.
+    const __m512i low16 = _mm512_packs_epi32(low, low), span16 = _mm512_packs_epi32(span, span);
+    const __m512i redGreen =
+        ChannelsFromHues(_mm512_packs_epi32(_mm512_add_epi32(newHue, third), newHue), low16, span16);
+    const __m512i blueTwice = ChannelsFromHues(_mm512_packs_epi32(_mm512_sub_epi32(newHue, third), zero), low16, span16);
+    __m512i changedRed = _mm512_unpacklo_epi16(redGreen, zero);
+    __m512i changedGreen = _mm512_unpackhi_epi16(redGreen, zero);
+    __m512i changedBlue = _mm512_unpacklo_epi16(blueTwice, zero);
+
+    // Saturation 0 (a grey, for byte colours): a hue of -1 makes the grey of
+    // the lightness, any other hue leaves the colour as read.
+    const __mmask16 unsaturated = _mm512_cmpeq_epi32_mask(saturation, zero);
+    const __mmask16 toGreyLevel = _mm512_mask_cmpeq_epi32_mask(unsaturated, newHue, minusOne);
+    const __mmask16 asRead = static_cast<__mmask16>(unsaturated & ~toGreyLevel);
+    const __m512i greyLevel = _mm512_and_si512(DivideBy360(Product(lightness, 255)), byteMask);
+    changedRed = _mm512_mask_mov_epi32(_mm512_mask_mov_epi32(changedRed, toGreyLevel, greyLevel), asRead, red);
+    changedGreen = _mm512_mask_mov_epi32(_mm512_mask_mov_epi32(changedGreen, toGreyLevel, greyLevel), asRead, green);
+    changedBlue = _mm512_mask_mov_epi32(_mm512_mask_mov_epi32(changedBlue, toGreyLevel, greyLevel), asRead, blue);
+
+    if (!kKeepNothing) {
+      changedRed = Mix(red, changedRed, keep);
+      changedGreen = Mix(green, changedGreen, keep);
+      changedBlue = Mix(blue, changedBlue, keep);
+    }
+    const __m512i result =
+        _mm512_or_si512(_mm512_or_si512(_mm512_slli_epi32(changedRed, Layout::kWriteRed),
+                                        _mm512_slli_epi32(changedGreen, Layout::kWriteGreen)),
+                        _mm512_or_si512(_mm512_slli_epi32(changedBlue, Layout::kWriteBlue),
+                                        _mm512_slli_epi32(other, Layout::kWriteOther)));
+    _mm512_storeu_si512(out + i, result);
+  }
+  _mm256_zeroupper();
+  return end;
+}
+
+}  // namespace hue16
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
 // The hue stages' pixels one at a time: the colour goes through HLS, the
 // mapping replaces its hue, and the converted colour is mixed with the source
 // by keep. The output starts as the source colour, so a grey whose hue became
@@ -328,12 +506,32 @@ KV_TARGET_AVX2 inline size_t HueStage_AVX2(const PixelRun& run, const HueStageAr
   return done / kBytesPerPixel;
 }
 
+// Sixteen pixels at a time, chosen like the eight-pixel kernel.
+KV_TARGET_AVX512VBMI inline size_t HueStage_AVX512VBMI(const PixelRun& run, const HueStageArguments& arguments) {
+  using hue16::RenderHueStageBlocks;
+  using hue8::HueStageLayout;
+  const size_t count = run.pixels * kBytesPerPixel;
+  size_t done = 0;
+  if (arguments.keep == 0.0) {
+    done = arguments.orderTwo
+               ? RenderHueStageBlocks<HueStageLayout<true>, true>(run.in, run.out, count, arguments.mapping, 0.0)
+               : RenderHueStageBlocks<HueStageLayout<false>, true>(run.in, run.out, count, arguments.mapping, 0.0);
+  } else {
+    done = arguments.orderTwo ? RenderHueStageBlocks<HueStageLayout<true>, false>(run.in, run.out, count,
+                                                                                  arguments.mapping, arguments.keep)
+                              : RenderHueStageBlocks<HueStageLayout<false>, false>(run.in, run.out, count,
+                                                                                   arguments.mapping, arguments.keep);
+  }
+  return done / kBytesPerPixel;
+}
+
 typedef PixelKernel<HueStageArguments> HueStageKernel;
 
 // The widest kernel the processor, the host's cap and the mapping allow.
 inline HueStageKernel ChooseHueStageKernel(const HueMapping& mapping) {
-  return ChooseKernel(
-      KernelRungs<HueStageKernel>{HueStage_Plain, nullptr, nullptr, MappingInLaneRange(mapping) ? HueStage_AVX2 : nullptr});
+  const bool inLanes = MappingInLaneRange(mapping);
+  return ChooseKernel(KernelRungs<HueStageKernel>{HueStage_Plain, nullptr, nullptr, inLanes ? HueStage_AVX2 : nullptr,
+                                                  inLanes ? HueStage_AVX512VBMI : nullptr});
 }
 
 // This thread's share through a kernel; the plain kernel finishes its tail.
