@@ -7,6 +7,7 @@
 
 #include <kvimage/colour.h>
 
+#include "renderers/colour/ChannelTables.h"
 #include "renderers/colour/HLSModel.h"
 #include "renderers/colour/PixelRun.h"
 #include "support/Conversions.h"
@@ -39,6 +40,48 @@ inline HueStageBytes HueStageBytesFor(KVPixelChannelOrder order) {
 // clamp(trunc((source - changed) * keep + changed))
 inline unsigned char MixWithSource(unsigned char source, unsigned char changed, double keep) {
   return static_cast<unsigned char>(ClampToByte(TruncateToInt((source - changed) * keep + changed)));
+}
+
+// MixWithSource as byte arithmetic: with low = min(source, changed) and k =
+// |source - changed|, the mix is low + move[k], plus one where low >= step[k]
+// (the sum in double precision rounds up to the next integer from some
+// magnitude on). Tables 0 and 1 are move and step where the source is above
+// the converted colour, 2 and 3 where it is below; a step of 255 never
+// applies (low stays below 255 when the two differ, and equal bytes mix to
+// themselves).
+enum : unsigned int { kMixMoveUp = 0, kMixStepUp = 1, kMixMoveDown = 2, kMixStepDown = 3 };
+
+// Fills the tables from MixWithSource on every pair of bytes and returns
+// whether they give its result on every pair (not for every keep: an amount
+// outside 0..1 clamps, for one).
+inline bool BuildHueMixTables(double keep, unsigned char (*tables)[256]) {
+  for (int source = 0; source < 256; ++source) {
+    if (MixWithSource(static_cast<unsigned char>(source), static_cast<unsigned char>(source), keep) != source) {
+      return false;
+    }
+  }
+  for (int k = 1; k < 256; ++k) {
+    for (int up = 0; up < 2; ++up) {
+      unsigned char& move = tables[up != 0 ? kMixMoveUp : kMixMoveDown][k];
+      unsigned char& step = tables[up != 0 ? kMixStepUp : kMixStepDown][k];
+      move = 0;
+      step = 255;
+      for (int low = 0; low + k < 256; ++low) {
+        const int source = up != 0 ? low + k : low, changed = up != 0 ? low : low + k;
+        const int moved = MixWithSource(static_cast<unsigned char>(source), static_cast<unsigned char>(changed), keep) - low;
+        if (low == 0) {
+          if (moved < 0 || moved > k) return false;
+          move = static_cast<unsigned char>(moved);
+        } else if (step == 255 && moved == move + 1) {
+          step = static_cast<unsigned char>(low);
+        }
+        if (moved != move + (low >= step ? 1 : 0)) return false;
+      }
+    }
+  }
+  tables[kMixMoveUp][0] = tables[kMixMoveDown][0] = 0;
+  tables[kMixStepUp][0] = tables[kMixStepDown][0] = 255;
+  return true;
 }
 
 // Exact quotients of the non-negative numerators the model produces, as a
@@ -93,6 +136,7 @@ struct HueStageArguments {
   bool orderTwo;  // channel order 2: the shifted byte places
   double keep;
   HueMapping mapping;
+  const unsigned char (*mixTables)[256];  // BuildHueMixTables' tables, or null where they do not hold
 };
 
 namespace hue8 {
@@ -346,10 +390,38 @@ KV_TARGET_AVX512VBMI inline __m512i Mix(__m512i source, __m512i changed, __m512d
   return _mm512_max_epi32(_mm512_min_epi32(mixed, _mm512_set1_epi32(255)), _mm512_setzero_si512());
 }
 
-// hue8::RenderHueStageBlocks over blocks of sixteen pixels.
-template <class Layout, bool kKeepNothing>
+// The mix of a source byte and a converted one by the mix tables, on every
+// byte of the registers.
+struct MixTableRegisters {
+  ByteTableRegisters table[4];
+};
+
+KV_TARGET_AVX512VBMI inline __m512i MixBytes(__m512i source, __m512i changed, const MixTableRegisters& tables) {
+  const __m512i low = _mm512_min_epu8(source, changed);
+  const __m512i distance = _mm512_sub_epi8(_mm512_max_epu8(source, changed), low);
+  const __mmask64 up = _mm512_cmpgt_epu8_mask(source, changed);
+  const __m512i move = _mm512_mask_blend_epi8(up, LookUpBytes_AVX512VBMI(distance, tables.table[kMixMoveDown]),
+                                              LookUpBytes_AVX512VBMI(distance, tables.table[kMixMoveUp]));
+  const __m512i step = _mm512_mask_blend_epi8(up, LookUpBytes_AVX512VBMI(distance, tables.table[kMixStepDown]),
+                                              LookUpBytes_AVX512VBMI(distance, tables.table[kMixStepUp]));
+  const __mmask64 stepped = _mm512_mask_cmpge_epu8_mask(_mm512_cmpneq_epu8_mask(source, changed), low, step);
+  const __m512i mixed = _mm512_add_epi8(low, move);
+  return _mm512_mask_sub_epi8(mixed, stepped, mixed, _mm512_set1_epi8(-1));
+}
+
+// How a block's converted colour meets its source.
+enum class HueMix { kKeepNothing, kInDoubles, kInBytes };
+
+// hue8::RenderHueStageBlocks over blocks of sixteen pixels, the mix chosen
+// at compile time (tables is read only for kInBytes).
+template <class Layout, HueMix kMix>
 KV_TARGET_AVX512VBMI inline size_t RenderHueStageBlocks(const unsigned char* in, unsigned char* out, size_t count,
-                                                        const HueMapping& mapping, double keepFactor) {
+                                                        const HueMapping& mapping, double keepFactor,
+                                                        const unsigned char (*tables)[256]) {
+  MixTableRegisters mixTables;
+  if (kMix == HueMix::kInBytes) {
+    for (int t = 0; t < 4; ++t) LoadByteTable_AVX512VBMI(tables[t], mixTables.table[t]);
+  }
   const __m512i byteMask = _mm512_set1_epi32(0xFF);
   const __m512i half = _mm512_set1_epi32(180);
   const __m512i full = _mm512_set1_epi32(360);
@@ -441,7 +513,22 @@ KV_TARGET_AVX512VBMI inline size_t RenderHueStageBlocks(const unsigned char* in,
     changedGreen = _mm512_mask_mov_epi32(_mm512_mask_mov_epi32(changedGreen, toGreyLevel, greyLevel), asRead, green);
     changedBlue = _mm512_mask_mov_epi32(_mm512_mask_mov_epi32(changedBlue, toGreyLevel, greyLevel), asRead, blue);
 
-    if (!kKeepNothing) {
+    if (kMix == HueMix::kInBytes) {
+      // The converted colour in the places it was read from, mixed there,
+      // then moved to the places written.
+      const __m512i changed =
+          _mm512_or_si512(_mm512_or_si512(_mm512_slli_epi32(changedRed, Layout::kReadRed),
+                                          _mm512_slli_epi32(changedGreen, Layout::kReadGreen)),
+                          _mm512_slli_epi32(changedBlue, Layout::kReadBlue));
+      const __m512i mixed = MixBytes(pixels, changed, mixTables);
+      const __m512i result =
+          Layout::kReadOther == Layout::kWriteOther
+              ? _mm512_mask_mov_epi8(pixels, 0x7777777777777777ULL, mixed)
+              : _mm512_or_si512(_mm512_slli_epi32(mixed, Layout::kWriteRed - Layout::kReadRed), other);
+      _mm512_storeu_si512(out + i, result);
+      continue;
+    }
+    if (kMix == HueMix::kInDoubles) {
       changedRed = Mix(red, changedRed, keep);
       changedGreen = Mix(green, changedGreen, keep);
       changedBlue = Mix(blue, changedBlue, keep);
@@ -506,22 +593,26 @@ KV_TARGET_AVX2 inline size_t HueStage_AVX2(const PixelRun& run, const HueStageAr
   return done / kBytesPerPixel;
 }
 
-// Sixteen pixels at a time, chosen like the eight-pixel kernel.
-KV_TARGET_AVX512VBMI inline size_t HueStage_AVX512VBMI(const PixelRun& run, const HueStageArguments& arguments) {
+// Sixteen pixels at a time, the mix by the tables wherever they hold.
+template <class Layout>
+KV_TARGET_AVX512VBMI inline size_t RenderHueStage16(const PixelRun& run, const HueStageArguments& arguments) {
+  using hue16::HueMix;
   using hue16::RenderHueStageBlocks;
-  using hue8::HueStageLayout;
   const size_t count = run.pixels * kBytesPerPixel;
-  size_t done = 0;
   if (arguments.keep == 0.0) {
-    done = arguments.orderTwo
-               ? RenderHueStageBlocks<HueStageLayout<true>, true>(run.in, run.out, count, arguments.mapping, 0.0)
-               : RenderHueStageBlocks<HueStageLayout<false>, true>(run.in, run.out, count, arguments.mapping, 0.0);
-  } else {
-    done = arguments.orderTwo ? RenderHueStageBlocks<HueStageLayout<true>, false>(run.in, run.out, count,
-                                                                                  arguments.mapping, arguments.keep)
-                              : RenderHueStageBlocks<HueStageLayout<false>, false>(run.in, run.out, count,
-                                                                                   arguments.mapping, arguments.keep);
+    return RenderHueStageBlocks<Layout, HueMix::kKeepNothing>(run.in, run.out, count, arguments.mapping, 0.0, nullptr);
   }
+  if (arguments.mixTables != nullptr) {
+    return RenderHueStageBlocks<Layout, HueMix::kInBytes>(run.in, run.out, count, arguments.mapping, arguments.keep,
+                                                          arguments.mixTables);
+  }
+  return RenderHueStageBlocks<Layout, HueMix::kInDoubles>(run.in, run.out, count, arguments.mapping, arguments.keep,
+                                                          nullptr);
+}
+
+KV_TARGET_AVX512VBMI inline size_t HueStage_AVX512VBMI(const PixelRun& run, const HueStageArguments& arguments) {
+  const size_t done = arguments.orderTwo ? RenderHueStage16<hue8::HueStageLayout<true> >(run, arguments)
+                                         : RenderHueStage16<hue8::HueStageLayout<false> >(run, arguments);
   return done / kBytesPerPixel;
 }
 
@@ -537,11 +628,12 @@ inline HueStageKernel ChooseHueStageKernel(const HueMapping& mapping) {
 // This thread's share through a kernel; the plain kernel finishes its tail.
 inline int RenderHueStageShare(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                unsigned char threadCount, HueStageKernel kernel, double keep,
-                               const HueMapping& mapping) {
+                               const HueMapping& mapping, const unsigned char (*mixTables)[256]) {
   PixelRun run;
   if (!PlainPathShare(source, destination, threadIndex, threadCount, run)) return 0;
   const KVPixelChannelOrder order = source->PixelChannelOrder();
-  RunKernel(kernel, HueStage_Plain, run, HueStageArguments{HueStageBytesFor(order), order == kPixelOrderARGB, keep, mapping});
+  RunKernel(kernel, HueStage_Plain, run,
+            HueStageArguments{HueStageBytesFor(order), order == kPixelOrderARGB, keep, mapping, mixTables});
   return 0;
 }
 
