@@ -95,6 +95,7 @@ const uint32_t kBy360Multiplier = 23302;  // (n / 8) / 45, n < 2^19
 const uint32_t kBy60Multiplier = 34953;   // (n / 4) / 15, n < 2^18
 const uint32_t kBy17Multiplier = 61681;   // n / 17, n < 2^16
 const uint32_t kBy72Multiplier = 58255;   // n / 72, n < 2^16
+const uint32_t kBy3Multiplier = 43691;    // n / 3 (shifted by 17), n < 2^15
 
 inline uint32_t DivideBy360(uint32_t n) { return (((n >> 3) * kBy360Multiplier) >> 16) >> 4; }
 inline uint32_t DivideBy60(uint32_t n) { return (((n >> 2) * kBy60Multiplier) >> 16) >> 3; }
@@ -102,6 +103,9 @@ inline uint32_t DivideBy60(uint32_t n) { return (((n >> 2) * kBy60Multiplier) >>
 inline uint32_t ComponentOfLevel(uint32_t level) { return (((level * 51 + 36) * kBy72Multiplier) >> 16) >> 6; }
 // (sum * 360 + 255) / 510 is (sum * 24 + 17) / 34 (both sides times 15).
 inline uint32_t LightnessOfSum(uint32_t sum) { return ((((sum * 24 + 17) >> 1) * kBy17Multiplier) >> 16) >> 4; }
+// The grey of a lightness, l * 255 / 360, is (l * 17 / 8) / 3 (255 / 360 is
+// 17 / 24).
+inline uint32_t GreyOfLightness(uint32_t lightness) { return ((((lightness * 17) >> 3) * kBy3Multiplier) >> 16) >> 1; }
 
 }  // namespace hls
 
@@ -409,19 +413,11 @@ KV_TARGET_AVX512VBMI inline __m512i MixBytes(__m512i source, __m512i changed, co
   return _mm512_mask_sub_epi8(mixed, stepped, mixed, _mm512_set1_epi8(-1));
 }
 
-// How a block's converted colour meets its source.
-enum class HueMix { kKeepNothing, kInDoubles, kInBytes };
-
-// hue8::RenderHueStageBlocks over blocks of sixteen pixels, the mix chosen
-// at compile time (tables is read only for kInBytes).
-template <class Layout, HueMix kMix>
+// hue8::RenderHueStageBlocks over blocks of sixteen pixels, mixing in double
+// precision: the path for an amount whose mix tables do not hold.
+template <class Layout>
 KV_TARGET_AVX512VBMI inline size_t RenderHueStageBlocks(const unsigned char* in, unsigned char* out, size_t count,
-                                                        const HueMapping& mapping, double keepFactor,
-                                                        const unsigned char (*tables)[256]) {
-  MixTableRegisters mixTables;
-  if (kMix == HueMix::kInBytes) {
-    for (int t = 0; t < 4; ++t) LoadByteTable_AVX512VBMI(tables[t], mixTables.table[t]);
-  }
+                                                        const HueMapping& mapping, double keepFactor) {
   const __m512i byteMask = _mm512_set1_epi32(0xFF);
   const __m512i half = _mm512_set1_epi32(180);
   const __m512i full = _mm512_set1_epi32(360);
@@ -513,26 +509,9 @@ KV_TARGET_AVX512VBMI inline size_t RenderHueStageBlocks(const unsigned char* in,
     changedGreen = _mm512_mask_mov_epi32(_mm512_mask_mov_epi32(changedGreen, toGreyLevel, greyLevel), asRead, green);
     changedBlue = _mm512_mask_mov_epi32(_mm512_mask_mov_epi32(changedBlue, toGreyLevel, greyLevel), asRead, blue);
 
-    if (kMix == HueMix::kInBytes) {
-      // The converted colour in the places it was read from, mixed there,
-      // then moved to the places written.
-      const __m512i changed =
-          _mm512_or_si512(_mm512_or_si512(_mm512_slli_epi32(changedRed, Layout::kReadRed),
-                                          _mm512_slli_epi32(changedGreen, Layout::kReadGreen)),
-                          _mm512_slli_epi32(changedBlue, Layout::kReadBlue));
-      const __m512i mixed = MixBytes(pixels, changed, mixTables);
-      const __m512i result =
-          Layout::kReadOther == Layout::kWriteOther
-              ? _mm512_mask_mov_epi8(pixels, 0x7777777777777777ULL, mixed)
-              : _mm512_or_si512(_mm512_slli_epi32(mixed, Layout::kWriteRed - Layout::kReadRed), other);
-      _mm512_storeu_si512(out + i, result);
-      continue;
-    }
-    if (kMix == HueMix::kInDoubles) {
-      changedRed = Mix(red, changedRed, keep);
-      changedGreen = Mix(green, changedGreen, keep);
-      changedBlue = Mix(blue, changedBlue, keep);
-    }
+    changedRed = Mix(red, changedRed, keep);
+    changedGreen = Mix(green, changedGreen, keep);
+    changedBlue = Mix(blue, changedBlue, keep);
     const __m512i result =
         _mm512_or_si512(_mm512_or_si512(_mm512_slli_epi32(changedRed, Layout::kWriteRed),
                                         _mm512_slli_epi32(changedGreen, Layout::kWriteGreen)),
@@ -545,6 +524,179 @@ KV_TARGET_AVX512VBMI inline size_t RenderHueStageBlocks(const unsigned char* in,
 }
 
 }  // namespace hue16
+
+// Thirty-two pixels a step in 16-bit lanes (every value of the model but the
+// products fits them): the same integer results as the eight-pixel path,
+// each quotient computed the same way (products and quotients by 360, and
+// the two exact divisions, in 32-bit lanes unpacked from the 16-bit ones and
+// packed back in place), the mix in bytes by the mix tables.
+namespace hue32 {
+
+// Words 0..3 and 4..7 of each 128-bit lane as 32-bit lanes; PackWords puts
+// them back in place.
+KV_TARGET_AVX512VBMI inline __m512i LowWords(__m512i words) {
+  return _mm512_unpacklo_epi16(words, _mm512_setzero_si512());
+}
+KV_TARGET_AVX512VBMI inline __m512i HighWords(__m512i words) {
+  return _mm512_unpackhi_epi16(words, _mm512_setzero_si512());
+}
+KV_TARGET_AVX512VBMI inline __m512i PackWords(__m512i low, __m512i high) { return _mm512_packus_epi32(low, high); }
+
+// numerator / divisor (both words) by hue16::DivideExactly; a NaN quotient
+// (0 / 0) packs to 0.
+KV_TARGET_AVX512VBMI inline __m512i DivideWords(__m512i numeratorLow, __m512i numeratorHigh, __m512i divisor) {
+  return PackWords(hue16::DivideExactly(numeratorLow, LowWords(divisor)),
+                   hue16::DivideExactly(numeratorHigh, HighWords(divisor)));
+}
+
+// Byte k of each pixel of two blocks of sixteen (the 128 bytes of first and
+// second) as the low byte of a word.
+KV_TARGET_AVX512VBMI inline __m512i ChannelWords(__m512i first, __m512i second, int k) {
+  alignas(64) unsigned char index[64];
+  for (int j = 0; j < 32; ++j) {
+    index[2 * j] = static_cast<unsigned char>(4 * j + k);
+    index[2 * j + 1] = 0;
+  }
+  return _mm512_maskz_permutex2var_epi8(0x5555555555555555ULL, first, _mm512_load_si512(index), second);
+}
+
+// The low bytes of red, green and blue words as the bytes of sixteen pixels
+// (half 0 or 1 of the thirty-two) at their read places; the fourth byte of
+// each pixel is left undefined.
+template <class Layout>
+KV_TARGET_AVX512VBMI inline __m512i PixelsOfWords(__m512i redGreen, __m512i blue, int halfIndex) {
+  alignas(64) unsigned char index[64];
+  for (int j = 0; j < 16; ++j) {
+    const int word = 16 * halfIndex + j;
+    index[4 * j + Layout::kReadRed / 8] = static_cast<unsigned char>(2 * word);
+    index[4 * j + Layout::kReadGreen / 8] = static_cast<unsigned char>(2 * word + 1);
+    index[4 * j + Layout::kReadBlue / 8] = static_cast<unsigned char>(64 + 2 * word);
+    index[4 * j + Layout::kReadOther / 8] = 0;
+  }
+  return _mm512_permutex2var_epi8(redGreen, _mm512_load_si512(index), blue);
+}
+
+// A block's converted colour mixed with its source (or not, with keep 0),
+// stored in the places written.
+template <class Layout, bool kKeepNothing>
+KV_TARGET_AVX512VBMI inline void StoreMixed(__m512i pixels, __m512i changed, const hue16::MixTableRegisters& tables,
+                                            unsigned char* out) {
+  const __m512i mixed = kKeepNothing ? changed : hue16::MixBytes(pixels, changed, tables);
+  const __m512i result = Layout::kReadOther == Layout::kWriteOther
+                             ? _mm512_mask_mov_epi8(pixels, 0x7777777777777777ULL, mixed)
+                             : _mm512_or_si512(_mm512_slli_epi32(mixed, Layout::kWriteRed - Layout::kReadRed),
+                                               _mm512_srli_epi32(pixels, Layout::kReadOther));
+  _mm512_storeu_si512(out, result);
+}
+
+// As hue16::RenderHueStageBlocks with the mix by tables (or none), over
+// blocks of thirty-two pixels. Returns the bytes done.
+template <class Layout, bool kKeepNothing>
+KV_TARGET_AVX512VBMI inline size_t RenderHueStageBlocks(const unsigned char* in, unsigned char* out, size_t count,
+                                                        const HueMapping& mapping, const unsigned char (*tables)[256]) {
+  hue16::MixTableRegisters mixTables;
+  if (!kKeepNothing) {
+    for (int t = 0; t < 4; ++t) LoadByteTable_AVX512VBMI(tables[t], mixTables.table[t]);
+  }
+  const __m512i zero = _mm512_setzero_si512();
+  const __m512i half = _mm512_set1_epi16(180), full = _mm512_set1_epi16(360);
+  const __m512i third = _mm512_set1_epi16(120), sixth = _mm512_set1_epi16(60);
+  const __m512i hueOffset = _mm512_set1_epi16(static_cast<short>(mapping.offset));
+  const __mmask32 addsHue = mapping.addsHue ? 0xFFFFFFFFu : 0;
+  const size_t blockBytes = 32 * kBytesPerPixel;
+  const size_t end = count / blockBytes * blockBytes;
+  for (size_t i = 0; i < end; i += blockBytes) {
+    const __m512i first = _mm512_loadu_si512(in + i), second = _mm512_loadu_si512(in + i + 64);
+    const __m512i red = ChannelWords(first, second, Layout::kReadRed / 8);
+    const __m512i green = ChannelWords(first, second, Layout::kReadGreen / 8);
+    const __m512i blue = ChannelWords(first, second, Layout::kReadBlue / 8);
+
+    // Forward: lightness, saturation, hue.
+    const __m512i max = _mm512_max_epu16(red, _mm512_max_epu16(green, blue));
+    const __m512i min = _mm512_min_epu16(red, _mm512_min_epu16(green, blue));
+    const __m512i sum = _mm512_add_epi16(max, min);
+    const __m512i delta = _mm512_sub_epi16(max, min);
+    // hls::LightnessOfSum
+    const __m512i lightness = _mm512_srli_epi16(
+        _mm512_mulhi_epu16(
+            _mm512_srli_epi16(_mm512_add_epi16(_mm512_mullo_epi16(sum, _mm512_set1_epi16(24)), _mm512_set1_epi16(17)),
+                              1),
+            _mm512_set1_epi16(static_cast<short>(hls::kBy17Multiplier))),
+        4);
+    const __mmask32 coloured = _mm512_cmpneq_epi16_mask(delta, zero);
+    const __mmask32 light = _mm512_cmpgt_epi16_mask(lightness, half);
+    const __m512i spread = _mm512_mask_sub_epi16(sum, light, _mm512_set1_epi16(510), sum);
+    const __m512i spreadHalf = _mm512_srli_epi16(spread, 1);
+    const __m512i saturation = _mm512_maskz_mov_epi16(
+        coloured,
+        DivideWords(_mm512_add_epi32(hue16::Product(LowWords(delta), 360), LowWords(spreadHalf)),
+                    _mm512_add_epi32(hue16::Product(HighWords(delta), 360), HighWords(spreadHalf)), spread));
+
+    const __m512i mid = _mm512_sub_epi16(_mm512_add_epi16(red, _mm512_add_epi16(green, blue)), sum);
+    const __m512i midNumerator = _mm512_add_epi16(_mm512_mullo_epi16(_mm512_sub_epi16(max, mid), sixth),
+                                                  _mm512_srli_epi16(delta, 1));
+    const __m512i midDistance = DivideWords(LowWords(midNumerator), HighWords(midNumerator), delta);
+    const __mmask32 redIsMax = _mm512_cmpeq_epi16_mask(red, max), greenIsMax = _mm512_cmpeq_epi16_mask(green, max);
+    const __mmask32 blueIsMax = _mm512_cmpeq_epi16_mask(blue, max);
+    // Below the maximum: 0 for the maximum, 60 for the minimum, the quotient
+    // for the middle component.
+    const __m512i redDistance = _mm512_maskz_mov_epi16(
+        ~redIsMax, _mm512_mask_mov_epi16(midDistance, _mm512_cmpeq_epi16_mask(red, min), sixth));
+    const __m512i greenDistance = _mm512_maskz_mov_epi16(
+        ~greenIsMax, _mm512_mask_mov_epi16(midDistance, _mm512_cmpeq_epi16_mask(green, min), sixth));
+    const __m512i blueDistance = _mm512_maskz_mov_epi16(
+        ~blueIsMax, _mm512_mask_mov_epi16(midDistance, _mm512_cmpeq_epi16_mask(blue, min), sixth));
+    __m512i hue = _mm512_add_epi16(_mm512_set1_epi16(240), _mm512_sub_epi16(greenDistance, redDistance));
+    hue = _mm512_mask_mov_epi16(hue, greenIsMax, _mm512_add_epi16(third, _mm512_sub_epi16(redDistance, blueDistance)));
+    hue = _mm512_mask_mov_epi16(hue, redIsMax, _mm512_sub_epi16(blueDistance, greenDistance));
+    hue = _mm512_mask_add_epi16(hue, _mm512_cmpgt_epi16_mask(zero, hue), hue, full);
+    hue = _mm512_mask_sub_epi16(hue, _mm512_cmpgt_epi16_mask(hue, full), hue, full);
+    hue = _mm512_mask_mov_epi16(_mm512_set1_epi16(-1), coloured, hue);  // -1 for a grey
+
+    __m512i newHue = _mm512_mask_add_epi16(hueOffset, addsHue, hueOffset, hue);
+    newHue = _mm512_mask_sub_epi16(newHue, _mm512_cmpgt_epi16_mask(newHue, _mm512_set1_epi16(359)), newHue, full);
+    newHue = _mm512_mask_add_epi16(newHue, _mm512_cmpgt_epi16_mask(zero, newHue), newHue, full);
+
+    // Back: with q = (lightness * saturation + 180) / 360 the upper plateau
+    // is lightness + q when dark ((l * (360 + s) + 180) / 360, the 360 * l
+    // coming out whole) and lightness + saturation - q when light.
+    const __m512i quotient =
+        PackWords(hue16::DivideBy360(_mm512_add_epi32(hue16::Product(LowWords(lightness), LowWords(saturation)),
+                                                      LowWords(half))),
+                  hue16::DivideBy360(_mm512_add_epi32(hue16::Product(HighWords(lightness), HighWords(saturation)),
+                                                      HighWords(half))));
+    const __m512i high = _mm512_mask_sub_epi16(_mm512_add_epi16(lightness, quotient), light,
+                                               _mm512_add_epi16(lightness, saturation), quotient);
+    const __m512i low = _mm512_sub_epi16(_mm512_add_epi16(lightness, lightness), high);
+    const __m512i span = _mm512_sub_epi16(high, low);
+    __m512i changedRed = hue16::ChannelsFromHues(_mm512_add_epi16(newHue, third), low, span);
+    __m512i changedGreen = hue16::ChannelsFromHues(newHue, low, span);
+    __m512i changedBlue = hue16::ChannelsFromHues(_mm512_sub_epi16(newHue, third), low, span);
+
+    // Saturation 0 (a grey, for byte colours): a hue of -1 makes the grey of
+    // the lightness, lightness * 255 / 360 as (lightness * 17 / 8) / 3, any
+    // other hue leaves the colour as read.
+    const __mmask32 unsaturated = _mm512_cmpeq_epi16_mask(saturation, zero);
+    const __mmask32 toGreyLevel = _mm512_mask_cmpeq_epi16_mask(unsaturated, newHue, _mm512_set1_epi16(-1));
+    const __mmask32 asRead = unsaturated & ~toGreyLevel;
+    const __m512i greyLevel = _mm512_srli_epi16(
+        _mm512_mulhi_epu16(_mm512_srli_epi16(_mm512_mullo_epi16(lightness, _mm512_set1_epi16(17)), 3),
+                           _mm512_set1_epi16(static_cast<short>(hls::kBy3Multiplier))),
+        1);
+    changedRed = _mm512_mask_mov_epi16(_mm512_mask_mov_epi16(changedRed, toGreyLevel, greyLevel), asRead, red);
+    changedGreen = _mm512_mask_mov_epi16(_mm512_mask_mov_epi16(changedGreen, toGreyLevel, greyLevel), asRead, green);
+    changedBlue = _mm512_mask_mov_epi16(_mm512_mask_mov_epi16(changedBlue, toGreyLevel, greyLevel), asRead, blue);
+
+    const __m512i redGreen = _mm512_or_si512(changedRed, _mm512_slli_epi16(changedGreen, 8));
+    StoreMixed<Layout, kKeepNothing>(first, PixelsOfWords<Layout>(redGreen, changedBlue, 0), mixTables, out + i);
+    StoreMixed<Layout, kKeepNothing>(second, PixelsOfWords<Layout>(redGreen, changedBlue, 1), mixTables, out + i + 64);
+  }
+  _mm256_zeroupper();
+  return end;
+}
+
+}  // namespace hue32
+
 
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
@@ -596,18 +748,14 @@ KV_TARGET_AVX2 inline size_t HueStage_AVX2(const PixelRun& run, const HueStageAr
 // Sixteen pixels at a time, the mix by the tables wherever they hold.
 template <class Layout>
 KV_TARGET_AVX512VBMI inline size_t RenderHueStage16(const PixelRun& run, const HueStageArguments& arguments) {
-  using hue16::HueMix;
-  using hue16::RenderHueStageBlocks;
   const size_t count = run.pixels * kBytesPerPixel;
   if (arguments.keep == 0.0) {
-    return RenderHueStageBlocks<Layout, HueMix::kKeepNothing>(run.in, run.out, count, arguments.mapping, 0.0, nullptr);
+    return hue32::RenderHueStageBlocks<Layout, true>(run.in, run.out, count, arguments.mapping, nullptr);
   }
   if (arguments.mixTables != nullptr) {
-    return RenderHueStageBlocks<Layout, HueMix::kInBytes>(run.in, run.out, count, arguments.mapping, arguments.keep,
-                                                          arguments.mixTables);
+    return hue32::RenderHueStageBlocks<Layout, false>(run.in, run.out, count, arguments.mapping, arguments.mixTables);
   }
-  return RenderHueStageBlocks<Layout, HueMix::kInDoubles>(run.in, run.out, count, arguments.mapping, arguments.keep,
-                                                          nullptr);
+  return hue16::RenderHueStageBlocks<Layout>(run.in, run.out, count, arguments.mapping, arguments.keep);
 }
 
 KV_TARGET_AVX512VBMI inline size_t HueStage_AVX512VBMI(const PixelRun& run, const HueStageArguments& arguments) {
