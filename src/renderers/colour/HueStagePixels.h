@@ -361,8 +361,18 @@ KV_TARGET_AVX512VBMI inline __m512i DivideExactly(__m512i numerator, __m512i div
   return _mm512_cvttps_epi32(_mm512_div_ps(_mm512_cvtepi32_ps(numerator), _mm512_cvtepi32_ps(divisor)));
 }
 
-// As hue8::ChannelsFromHues, thirty-two 16-bit lanes at a time.
-KV_TARGET_AVX512VBMI inline __m512i ChannelsFromHues(__m512i hue, __m512i low, __m512i span) {
+// A constant of every 16-bit lane the compiler cannot see through: products
+// by a known constant it turns into chains of shifts and adds, several
+// instructions where one multiply does.
+KV_TARGET_AVX512VBMI inline __m512i OpaqueWords(short value) {
+  __m512i words = _mm512_set1_epi16(value);
+  __asm__("" : "+v"(words));
+  return words;
+}
+
+// As hue8::ChannelsFromHues, thirty-two 16-bit lanes at a time; by51 holds
+// 51 in every lane.
+KV_TARGET_AVX512VBMI inline __m512i ChannelsFromHues(__m512i hue, __m512i low, __m512i span, __m512i by51) {
   const __m512i full = _mm512_set1_epi16(360), zero = _mm512_setzero_si512();
   hue = _mm512_mask_add_epi16(hue, _mm512_cmpgt_epi16_mask(zero, hue), hue, full);
   hue = _mm512_mask_sub_epi16(hue, _mm512_cmpgt_epi16_mask(hue, full), hue, full);
@@ -374,7 +384,7 @@ KV_TARGET_AVX512VBMI inline __m512i ChannelsFromHues(__m512i hue, __m512i low, _
       low, _mm512_srli_epi16(_mm512_mulhi_epu16(_mm512_srli_epi16(rampNumerator, 2),
                                                 _mm512_set1_epi16(static_cast<short>(hls::kBy60Multiplier))),
                              3));
-  const __m512i scaled = _mm512_add_epi16(_mm512_mullo_epi16(component, _mm512_set1_epi16(51)), _mm512_set1_epi16(36));
+  const __m512i scaled = _mm512_add_epi16(_mm512_mullo_epi16(component, by51), _mm512_set1_epi16(36));
   const __m512i quotient =
       _mm512_srli_epi16(_mm512_mulhi_epu16(scaled, _mm512_set1_epi16(static_cast<short>(hls::kBy72Multiplier))), 6);
   return _mm512_and_si512(quotient, _mm512_set1_epi16(0xFF));
@@ -429,6 +439,7 @@ KV_TARGET_AVX512VBMI inline size_t RenderHueStageBlocks(const unsigned char* in,
   const __m512i hueOffset = _mm512_set1_epi32(mapping.offset);
   const __mmask16 addsHue = mapping.addsHue ? 0xFFFF : 0;
   const __m512i top = _mm512_set1_epi32(359);
+  const __m512i by51 = _mm512_set1_epi16(51);
   const size_t blockBytes = 16 * kBytesPerPixel;
   const size_t end = count / blockBytes * blockBytes;
   for (size_t i = 0; i < end; i += blockBytes) {
@@ -493,8 +504,9 @@ KV_TARGET_AVX512VBMI inline size_t RenderHueStageBlocks(const unsigned char* in,
     // blue fills both halves of its own.
     const __m512i low16 = _mm512_packs_epi32(low, low), span16 = _mm512_packs_epi32(span, span);
     const __m512i redGreen =
-        ChannelsFromHues(_mm512_packs_epi32(_mm512_add_epi32(newHue, third), newHue), low16, span16);
-    const __m512i blueTwice = ChannelsFromHues(_mm512_packs_epi32(_mm512_sub_epi32(newHue, third), zero), low16, span16);
+        ChannelsFromHues(_mm512_packs_epi32(_mm512_add_epi32(newHue, third), newHue), low16, span16, by51);
+    const __m512i blueTwice =
+        ChannelsFromHues(_mm512_packs_epi32(_mm512_sub_epi32(newHue, third), zero), low16, span16, by51);
     __m512i changedRed = _mm512_unpacklo_epi16(redGreen, zero);
     __m512i changedGreen = _mm512_unpackhi_epi16(redGreen, zero);
     __m512i changedBlue = _mm512_unpacklo_epi16(blueTwice, zero);
@@ -603,6 +615,8 @@ KV_TARGET_AVX512VBMI inline size_t RenderHueStageBlocks(const unsigned char* in,
   const __m512i third = _mm512_set1_epi16(120), sixth = _mm512_set1_epi16(60);
   const __m512i hueOffset = _mm512_set1_epi16(static_cast<short>(mapping.offset));
   const __mmask32 addsHue = mapping.addsHue ? 0xFFFFFFFFu : 0;
+  const __m512i by17 = hue16::OpaqueWords(17), by24 = hue16::OpaqueWords(24), by51 = hue16::OpaqueWords(51);
+  const __m512i by60 = hue16::OpaqueWords(60);
   const size_t blockBytes = 32 * kBytesPerPixel;
   const size_t end = count / blockBytes * blockBytes;
   for (size_t i = 0; i < end; i += blockBytes) {
@@ -619,7 +633,7 @@ KV_TARGET_AVX512VBMI inline size_t RenderHueStageBlocks(const unsigned char* in,
     // hls::LightnessOfSum
     const __m512i lightness = _mm512_srli_epi16(
         _mm512_mulhi_epu16(
-            _mm512_srli_epi16(_mm512_add_epi16(_mm512_mullo_epi16(sum, _mm512_set1_epi16(24)), _mm512_set1_epi16(17)),
+            _mm512_srli_epi16(_mm512_add_epi16(_mm512_mullo_epi16(sum, by24), _mm512_set1_epi16(17)),
                               1),
             _mm512_set1_epi16(static_cast<short>(hls::kBy17Multiplier))),
         4);
@@ -633,7 +647,7 @@ KV_TARGET_AVX512VBMI inline size_t RenderHueStageBlocks(const unsigned char* in,
                     _mm512_add_epi32(hue16::Product(HighWords(delta), 360), HighWords(spreadHalf)), spread));
 
     const __m512i mid = _mm512_sub_epi16(_mm512_add_epi16(red, _mm512_add_epi16(green, blue)), sum);
-    const __m512i midNumerator = _mm512_add_epi16(_mm512_mullo_epi16(_mm512_sub_epi16(max, mid), sixth),
+    const __m512i midNumerator = _mm512_add_epi16(_mm512_mullo_epi16(_mm512_sub_epi16(max, mid), by60),
                                                   _mm512_srli_epi16(delta, 1));
     const __m512i midDistance = DivideWords(LowWords(midNumerator), HighWords(midNumerator), delta);
     const __mmask32 redIsMax = _mm512_cmpeq_epi16_mask(red, max), greenIsMax = _mm512_cmpeq_epi16_mask(green, max);
@@ -669,9 +683,9 @@ KV_TARGET_AVX512VBMI inline size_t RenderHueStageBlocks(const unsigned char* in,
                                                _mm512_add_epi16(lightness, saturation), quotient);
     const __m512i low = _mm512_sub_epi16(_mm512_add_epi16(lightness, lightness), high);
     const __m512i span = _mm512_sub_epi16(high, low);
-    __m512i changedRed = hue16::ChannelsFromHues(_mm512_add_epi16(newHue, third), low, span);
-    __m512i changedGreen = hue16::ChannelsFromHues(newHue, low, span);
-    __m512i changedBlue = hue16::ChannelsFromHues(_mm512_sub_epi16(newHue, third), low, span);
+    __m512i changedRed = hue16::ChannelsFromHues(_mm512_add_epi16(newHue, third), low, span, by51);
+    __m512i changedGreen = hue16::ChannelsFromHues(newHue, low, span, by51);
+    __m512i changedBlue = hue16::ChannelsFromHues(_mm512_sub_epi16(newHue, third), low, span, by51);
 
     // Saturation 0 (a grey, for byte colours): a hue of -1 makes the grey of
     // the lightness, lightness * 255 / 360 as (lightness * 17 / 8) / 3, any
@@ -680,7 +694,7 @@ KV_TARGET_AVX512VBMI inline size_t RenderHueStageBlocks(const unsigned char* in,
     const __mmask32 toGreyLevel = _mm512_mask_cmpeq_epi16_mask(unsaturated, newHue, _mm512_set1_epi16(-1));
     const __mmask32 asRead = unsaturated & ~toGreyLevel;
     const __m512i greyLevel = _mm512_srli_epi16(
-        _mm512_mulhi_epu16(_mm512_srli_epi16(_mm512_mullo_epi16(lightness, _mm512_set1_epi16(17)), 3),
+        _mm512_mulhi_epu16(_mm512_srli_epi16(_mm512_mullo_epi16(lightness, by17), 3),
                            _mm512_set1_epi16(static_cast<short>(hls::kBy3Multiplier))),
         1);
     changedRed = _mm512_mask_mov_epi16(_mm512_mask_mov_epi16(changedRed, toGreyLevel, greyLevel), asRead, red);
