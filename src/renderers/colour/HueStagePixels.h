@@ -711,7 +711,6 @@ KV_TARGET_AVX512VBMI inline size_t RenderHueStageBlocks(const unsigned char* in,
 
 }  // namespace hue32
 
-
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
 #endif
@@ -759,9 +758,11 @@ KV_TARGET_AVX2 inline size_t HueStage_AVX2(const PixelRun& run, const HueStageAr
   return done / kBytesPerPixel;
 }
 
-// Sixteen pixels at a time, the mix by the tables wherever they hold.
+// Thirty-two pixels at a time wherever the mix needs no double precision
+// (keep 0, or mix tables that hold), sixteen otherwise. Returns the bytes
+// done.
 template <class Layout>
-KV_TARGET_AVX512VBMI inline size_t RenderHueStage16(const PixelRun& run, const HueStageArguments& arguments) {
+KV_TARGET_AVX512VBMI inline size_t RenderHueStageWide(const PixelRun& run, const HueStageArguments& arguments) {
   const size_t count = run.pixels * kBytesPerPixel;
   if (arguments.keep == 0.0) {
     return hue32::RenderHueStageBlocks<Layout, true>(run.in, run.out, count, arguments.mapping, nullptr);
@@ -773,8 +774,8 @@ KV_TARGET_AVX512VBMI inline size_t RenderHueStage16(const PixelRun& run, const H
 }
 
 KV_TARGET_AVX512VBMI inline size_t HueStage_AVX512VBMI(const PixelRun& run, const HueStageArguments& arguments) {
-  const size_t done = arguments.orderTwo ? RenderHueStage16<hue8::HueStageLayout<true> >(run, arguments)
-                                         : RenderHueStage16<hue8::HueStageLayout<false> >(run, arguments);
+  const size_t done = arguments.orderTwo ? RenderHueStageWide<hue8::HueStageLayout<true> >(run, arguments)
+                                         : RenderHueStageWide<hue8::HueStageLayout<false> >(run, arguments);
   return done / kBytesPerPixel;
 }
 
