@@ -312,6 +312,8 @@ class KVIMAGE_EXPORT HueShiftRenderer : public AbstractRenderer {
   double m_hueOffset;  // 360 - shift
   double m_keep;       // 1 - amount
   size_t (*m_kernel)(const PixelRun&, const HueStageArguments&);
+  unsigned char m_mixTables[4][256];  // the mix as byte arithmetic, built at the first Setup
+  signed char m_mixByTables;          // -1 before that Setup, then whether the tables hold
 };
 
 // Replaces hue in the integer HLS model (greys stay grey) and mixes the result
@@ -331,6 +333,8 @@ class KVIMAGE_EXPORT HueColorizeRenderer : public AbstractRenderer {
   double m_hue;
   double m_keep;  // 1 - amount
   size_t (*m_kernel)(const PixelRun&, const HueStageArguments&);
+  unsigned char m_mixTables[4][256];  // the mix as byte arithmetic, built at the first Setup
+  signed char m_mixByTables;          // -1 before that Setup, then whether the tables hold
 };
 
 // Moves every pixel toward the tone colour its luminance picks, by an amount.
