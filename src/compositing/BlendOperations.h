@@ -9,8 +9,8 @@
 #include <kvimage/types.h>
 
 #include "compositing/BlendVectors.h"
-#include "renderers/colour/ChannelTables.h"
 #include "support/AssertionSites.h"
+#include "support/ByteLookup.h"
 #include "support/Conversions.h"
 #include "support/ParallelPass.h"
 #include "support/PathChoice.h"

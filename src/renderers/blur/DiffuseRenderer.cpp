@@ -7,7 +7,7 @@
 
 #include "compositing/BlendOperations.h"
 #include "renderers/blur/FocusBlur.h"
-#include "renderers/colour/ChannelTables.h"
+#include "support/ByteLookup.h"
 #include "support/ParallelPass.h"
 #include "support/PathChoice.h"
 #include "support/PixelLayout.h"

@@ -17,6 +17,7 @@
 #include <kvimage/types.h>
 
 #include "renderers/colour/PixelRun.h"
+#include "support/ByteLookup.h"
 #include "support/AssertionSites.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
@@ -153,24 +154,6 @@ inline size_t ByteTables_Plain(const PixelRun& run, const ByteTables& tables) {
                    static_cast<uint32_t>(table[3][ByteOf(p, 3)]) << 24);
   }
   return run.pixels;
-}
-
-// A 256-entry table in four registers of 64 entries.
-struct ByteTableRegisters {
-  __m512i quarter[4];
-};
-
-KV_TARGET_AVX512VBMI inline void LoadByteTable_AVX512VBMI(const unsigned char* table, ByteTableRegisters& registers) {
-  for (int q = 0; q < 4; ++q) registers.quarter[q] = _mm512_loadu_si512(table + 64 * q);
-}
-
-// Each byte of index looked up: two two-register permutes cover entries
-// 0..127 and 128..255 (bit 6 of the index picks the register, bit 7 is
-// ignored), and the index's top bit picks between them.
-KV_TARGET_AVX512VBMI inline __m512i LookUpBytes_AVX512VBMI(__m512i index, const ByteTableRegisters& table) {
-  const __m512i low = _mm512_permutex2var_epi8(table.quarter[0], index, table.quarter[1]);
-  const __m512i high = _mm512_permutex2var_epi8(table.quarter[2], index, table.quarter[3]);
-  return _mm512_mask_blend_epi8(_mm512_movepi8_mask(index), low, high);
 }
 
 // Blocks of 16 pixels; returns the pixels it did. Bytes that share a table
