@@ -40,6 +40,8 @@ struct StackBlurColumns;
 class NestedColourBlur;
 struct FocusRun;
 struct DiffuseArguments;
+struct PixelRun;
+struct ByteTables;
 
 // One pass procedure's work. Only the fields a pass reads are filled.
 struct StackBlurData {
@@ -282,6 +284,8 @@ class KVIMAGE_EXPORT BoundedStackBlurRenderer : public AbstractRenderer {
 // = amount limited to 0 .. 0.8 (NaN: 0.8). Alpha is copied. Render applies
 // the curve to whatever source it is given: in a pipeline that is the image
 // Setup blurred, so a defocus queued first blurs the host's source image.
+// Where the processor has AVX-512 VBMI the curve is looked up 64 bytes at a
+// time.
 class KVIMAGE_EXPORT DefocusRenderer : public AbstractRenderer {
  public:
   DefocusRenderer(unsigned int radius, double amount, double blurParameter, KVDownsampleFactor factor,
@@ -300,6 +304,7 @@ class KVIMAGE_EXPORT DefocusRenderer : public AbstractRenderer {
   KVDownsampleFactor factor;
   std::tr1::shared_ptr<NestedColourBlur> nestedBlur;  // kept between Setups with its scratch
   unsigned char gainCurve[256];
+  size_t (*tablesKernel)(const PixelRun&, const ByteTables&);  // walks the curve, chosen in Setup
 };
 
 // Blurs a copy of its input (as the defocus stage blurs) and mixes it into the

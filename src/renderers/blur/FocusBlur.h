@@ -78,18 +78,6 @@ int RenderFocusStage(Stage& stage, KVAbstractImage* source, KVAbstractImage* des
                            threadCount);
 }
 
-// Calls pixel(in, blurred, out) with the first byte of every whole pixel of a
-// share of the three byte runs.
-template <class PerPixel>
-void ForEachSharePixel(const ShareRun& share, const unsigned char* in, const unsigned char* blurred, unsigned char* out,
-                       PerPixel pixel) {
-  if (share.count == 0) return;
-  in += share.start;
-  blurred += share.start;
-  out += share.start;
-  for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) pixel(in + i, blurred + i, out + i);
-}
-
 // The same whole pixels of the source, the blurred copy and the destination.
 struct FocusRun {
   const unsigned char* in;
