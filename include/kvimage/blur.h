@@ -358,7 +358,7 @@ class KVIMAGE_EXPORT SharpenRenderer : public AbstractRenderer {
   KVDownsampleFactor factor;
   std::tr1::shared_ptr<NestedColourBlur> nestedBlur;  // kept between Setups with its scratch
   std::tr1::shared_ptr<KVAbstractImage> blurredImage;
-  std::vector<uint32_t> sharpenTable;  // 256 x 256, each 0..255
+  std::vector<unsigned char> sharpenTable;  // 256 x 256 bytes (64 KiB, so that it stays in the cache)
 };
 
 // Blurs a copy of its input inside rect (image pixels, not scaled by the

@@ -34,7 +34,7 @@ void SharpenRenderer::Setup(KVAbstractImage* image) {
       // The difference is doubled before it meets the threshold.
       if (std::abs(2 * (sharp - blurred)) < t) difference = 0;
       const int value = TruncateToInt(difference * amount + sharp);
-      sharpenTable[sharp * 256 + blurred] = static_cast<uint32_t>(ClampToByte(value));
+      sharpenTable[sharp * 256 + blurred] = static_cast<unsigned char>(ClampToByte(value));
     }
   }
 }
@@ -47,11 +47,11 @@ int SharpenRenderer::Render(KVAbstractImage* source, KVAbstractImage* destinatio
 int SharpenRenderer::Render8_CPP(KVImage8* source, KVImage8* destination, unsigned char threadIndex,
                                  unsigned char threadCount) {
   if (sharpenTable.size() != 256 * 256) return 0;
-  const uint32_t* table = sharpenTable.data();
+  const unsigned char* table = sharpenTable.data();
   return ForEachFocusPixel(source, blurredImage.get(), destination, threadIndex, threadCount,
                            [table](const unsigned char* in, const unsigned char* blurred, unsigned char* out) {
                              for (unsigned int c = kBlueByte; c <= kRedByte; ++c) {
-                               out[c] = static_cast<unsigned char>(table[in[c] * 256 + blurred[c]]);
+                               out[c] = table[in[c] * 256 + blurred[c]];
                              }
                              out[kAlphaByte] = in[kAlphaByte];
                            });
