@@ -5,6 +5,7 @@
 
 #include <kvimage/colour.h>
 
+#include "renderers/colour/ChannelTables.h"
 #include "renderers/colour/PixelRun.h"
 #include "renderers/colour/Rec601Luma.h"
 #include "support/Conversions.h"
@@ -25,6 +26,15 @@ struct VignetteShape {
   int fullWeight;
 };
 
+// Columns [first, end) lie at the same squared offset from the centre as
+// column sum - x, which comes before `first`: a kernel may take their weights
+// from there. None: first = end.
+struct ColumnMirror {
+  size_t first;
+  size_t end;
+  size_t sum;
+};
+
 // What the kernels read. A pixel's place in the image is its distance from
 // `origin`, the destination's first pixel.
 struct VignetteArguments {
@@ -36,11 +46,53 @@ struct VignetteArguments {
   const int* protection;
   KVPixel8_RGB colour;
   ChannelBytes at;
+  ColumnMirror mirror;
 };
 
 namespace {
 
 typedef PixelKernel<VignetteArguments> VignetteKernel;
+
+// The frame's centre and half-axes: the rectangle's half-width and
+// half-height at roundness 0, both the smaller of the two at roundness 1.
+// Setup keeps each column's and row's squared offset from the centre in
+// half-axes, measured at the pixel centre, so mirrored pixels get exactly the
+// same distance.
+struct VignetteFrame {
+  double centreX;
+  double centreY;
+  double axisX;
+  double axisY;
+};
+
+VignetteFrame FrameOf(const kvo::maths::KVRect& bounds, double roundness, unsigned int width, unsigned int height) {
+  double left = 0.0, top = 0.0, frameWidth = width, frameHeight = height;
+  if (bounds.Width() > 0 && bounds.Height() > 0) {
+    left = bounds.TopLeft().X();
+    top = bounds.TopLeft().Y();
+    frameWidth = bounds.Width();
+    frameHeight = bounds.Height();
+  }
+  const double halfWidth = frameWidth / 2.0, halfHeight = frameHeight / 2.0;
+  const double circle = std::min(halfWidth, halfHeight);
+  const VignetteFrame frame = {left + halfWidth, top + halfHeight, halfWidth + (circle - halfWidth) * roundness,
+                               halfHeight + (circle - halfHeight) * roundness};
+  return frame;
+}
+
+// When 2 * centreX is a whole number k + 1, column k - x's offset
+// (k - x + 0.5 - centreX) is exactly the negation of column x's (both sums
+// are exact, and rounding is symmetric), so the two columns' terms are the
+// same double and so are their weights in every row.
+ColumnMirror MirrorOf(double centreX, unsigned int width) {
+  const ColumnMirror none = {width, width, 0};
+  const double twice = 2.0 * centreX;
+  if (!(twice >= 2.0 && twice < 4294967296.0) || twice != std::floor(twice)) return none;
+  const size_t sum = static_cast<size_t>(twice) - 1;
+  const ColumnMirror mirror = {sum / 2 + 1, std::min<size_t>(sum + 1, width), sum};
+  return mirror.first < mirror.end ? mirror : none;
+}
+
 
 // (a * (256 - w) + b * w) / 256, rounded to nearest.
 inline int Mix256(int a, int b, int weight) { return (a * (256 - weight) + b * weight + 128) >> 8; }
@@ -223,7 +275,247 @@ KV_TARGET_AVX2 size_t Vignette_AVX2(const PixelRun& run, const VignetteArguments
   return run.pixels;
 }
 
-const KernelRungs<VignetteKernel> kVignetteRungs = {Vignette_Plain, nullptr, nullptr, Vignette_AVX2};
+// GCC 12 warns inside its own AVX-512 headers, whose intrinsics start from
+// deliberately undefined registers.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+// The weights of `count` columns of one row, sixteen at a time in two groups
+// of eight doubles, with the per-pixel form's steps in its order (a correctly
+// rounded square root and division, then the truncating conversion), stored
+// as w | w << 16: one copy for each 16-bit half of a pixel's lane.
+KV_TARGET_AVX512VBMI void RowWeights_AVX512VBMI(const double* columnTerm, double rowTerm, size_t count,
+                                                const VignetteShape& shape, int* weights) {
+  const __m512d row = _mm512_set1_pd(rowTerm);
+  const __m512d untouched = _mm512_set1_pd(shape.untouched);
+  const __m512d fullSquared = _mm512_set1_pd(shape.fullSquared);
+  const __m512d midpoint = _mm512_set1_pd(shape.midpoint);
+  const __m512d feather = _mm512_set1_pd(shape.feather);
+  const __m512d amount = _mm512_set1_pd(shape.amount);
+  const __m512d one = _mm512_set1_pd(1.0), two = _mm512_set1_pd(2.0), three = _mm512_set1_pd(3.0);
+  const __m512d scale = _mm512_set1_pd(256.0);
+  const __m512i fullWeight = _mm512_set1_epi32(shape.fullWeight);
+  const bool feathered = shape.feather > 0.0;
+  for (size_t x = 0; x < count; x += 16) {
+    const size_t lanes = std::min<size_t>(16, count - x);
+    const __mmask16 stored = static_cast<__mmask16>(lanes == 16 ? 0xFFFFu : (1u << lanes) - 1);
+    __mmask16 full = 0, inside = 0, beyondMidpoint = 0;
+    __m256i group[2];
+    for (int half = 0; half < 2; ++half) {
+      const __mmask8 loaded = static_cast<__mmask8>(stored >> (8 * half));
+      const __m512d s = _mm512_add_pd(_mm512_maskz_loadu_pd(loaded, columnTerm + x + 8 * half), row);
+      const __mmask8 groupFull = _mm512_cmp_pd_mask(s, fullSquared, _CMP_GE_OQ);
+      const __mmask8 groupInside = _mm512_cmp_pd_mask(s, untouched, _CMP_LE_OQ);
+      full = static_cast<__mmask16>(full | (groupFull << (8 * half)));
+      inside = static_cast<__mmask16>(inside | (groupInside << (8 * half)));
+      group[half] = _mm256_setzero_si256();
+      // Groups wholly inside the midpoint or beyond the feather need no root.
+      if (static_cast<__mmask8>(groupFull | groupInside | ~loaded) == 0xFF) continue;
+      const __m512d d = _mm512_sqrt_pd(s);
+      __m512d u = one;
+      if (feathered) u = _mm512_min_pd(_mm512_div_pd(_mm512_sub_pd(d, midpoint), feather), one);
+      const __m512d smooth = _mm512_mul_pd(_mm512_mul_pd(u, u), _mm512_sub_pd(three, _mm512_mul_pd(two, u)));
+      group[half] = _mm512_cvttpd_epi32(_mm512_mul_pd(_mm512_mul_pd(amount, smooth), scale));
+      beyondMidpoint = static_cast<__mmask16>(beyondMidpoint | (_mm512_cmp_pd_mask(d, midpoint, _CMP_GT_OQ) << (8 * half)));
+    }
+    __m512i weight = _mm512_maskz_mov_epi32(beyondMidpoint,
+                                            _mm512_inserti64x4(_mm512_castsi256_si512(group[0]), group[1], 1));
+    weight = _mm512_mask_mov_epi32(weight, full, fullWeight);
+    weight = _mm512_maskz_mov_epi32(static_cast<__mmask16>(~inside), weight);
+    _mm512_mask_storeu_epi32(weights + x, stored, _mm512_or_si512(weight, _mm512_slli_epi32(weight, 16)));
+  }
+}
+
+// What the mix of sixteen pixels needs in registers. Each pixel's 32-bit lane
+// is worked on as two 16-bit halves, its even bytes (0 and 2) in one vector
+// and its odd bytes (1 and 3) in another, so the byte order is only in these
+// constants.
+struct VignetteMix_AVX512VBMI {
+  __m512i lumaEven;    // Rec601Luma's weights of bytes 0 and 2
+  __m512i lumaOdd;     // and of bytes 1 and 3
+  __m512i colourEven;  // the colour's bytes 0 and 2
+  __m512i colourOdd;   // and 1 and 3
+  __mmask64 alpha;     // the alpha byte of every pixel
+  // The protection of every luminance at or above `unprotectedBelow`, which
+  // fits a byte; below it the protection is 256.
+  ByteTableRegisters protection;
+  __m512i unprotectedBelow;
+};
+
+// Sixteen pixels mixed toward the colour by their weights (w | w << 16 per
+// pixel): the luminance, protection and Mix256 of the per-pixel form. Every
+// product stays within 16 bits: a byte times keep plus the colour times the
+// opacity is at most 255 * 256, plus 128. Alpha is copied.
+template <bool kProtect>
+KV_TARGET_AVX512VBMI inline __m512i MixSixteen_AVX512VBMI(__m512i pixels, __m512i weights,
+                                                          const VignetteMix_AVX512VBMI& mix) {
+  const __m512i evenBytes = _mm512_and_si512(pixels, _mm512_set1_epi16(0xFF));
+  const __m512i oddBytes = _mm512_srli_epi16(pixels, 8);
+  __m512i opacity = weights;
+  if (kProtect) {
+    const __m512i luma = _mm512_srli_epi32(
+        _mm512_add_epi32(_mm512_madd_epi16(evenBytes, mix.lumaEven), _mm512_madd_epi16(oddBytes, mix.lumaOdd)), 8);
+    __m512i protection = _mm512_and_si512(LookUpBytes_AVX512VBMI(luma, mix.protection), _mm512_set1_epi32(255));
+    protection = _mm512_mask_mov_epi32(protection, _mm512_cmplt_epu32_mask(luma, mix.unprotectedBelow),
+                                       _mm512_set1_epi32(256));
+    // (weight * protection) >> 8 in the low half, then copied to the high.
+    const __m512i product = _mm512_srli_epi32(_mm512_madd_epi16(weights, protection), 8);
+    opacity = _mm512_or_si512(product, _mm512_slli_epi32(product, 16));
+  }
+  const __m512i keep = _mm512_sub_epi16(_mm512_set1_epi16(256), opacity);
+  const __m512i half = _mm512_set1_epi16(128);
+  const __m512i even = _mm512_srli_epi16(
+      _mm512_add_epi16(_mm512_add_epi16(_mm512_mullo_epi16(evenBytes, keep), _mm512_mullo_epi16(mix.colourEven, opacity)),
+                       half),
+      8);
+  const __m512i odd = _mm512_add_epi16(
+      _mm512_add_epi16(_mm512_mullo_epi16(oddBytes, keep), _mm512_mullo_epi16(mix.colourOdd, opacity)), half);
+  // even | (odd & 0xFF00): the odd result's byte is already in place.
+  const __m512i mixed = _mm512_ternarylogic_epi32(even, odd, _mm512_set1_epi16(static_cast<short>(0xFF00)), 0xF8);
+  return _mm512_mask_mov_epi8(mixed, mix.alpha, pixels);
+}
+
+// Mixes `count` pixels; pixel k's weight is weights[k], or weights[-k] when
+// the weights run backwards (a mirrored stretch of a row; the 15 ints before
+// the lowest one read must belong to the buffer). Sixteen pixels whose
+// weights are all 0 are copied.
+template <bool kProtect, bool kBackwards>
+KV_TARGET_AVX512VBMI void MixPixels_AVX512VBMI(const unsigned char* in, unsigned char* out, const int* weights,
+                                               size_t count, const VignetteMix_AVX512VBMI& mix) {
+  const __m512i reverse = _mm512_setr_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+  for (size_t k = 0; k < count; k += 16) {
+    const size_t lanes = std::min<size_t>(16, count - k);
+    const __mmask16 used = static_cast<__mmask16>(lanes == 16 ? 0xFFFFu : (1u << lanes) - 1);
+    __m512i weight;
+    if (kBackwards) {
+      weight = _mm512_permutexvar_epi32(
+          reverse, _mm512_maskz_loadu_epi32(static_cast<__mmask16>(used << (16 - lanes)), weights - k - 15));
+    } else {
+      weight = _mm512_maskz_loadu_epi32(used, weights + k);
+    }
+    const unsigned char* source = in + k * kBytesPerPixel;
+    unsigned char* target = out + k * kBytesPerPixel;
+    if (lanes == 16) {
+      const __m512i pixels = _mm512_loadu_si512(source);
+      _mm512_storeu_si512(target, _mm512_test_epi32_mask(weight, weight) == 0
+                                      ? pixels
+                                      : MixSixteen_AVX512VBMI<kProtect>(pixels, weight, mix));
+    } else {
+      const __m512i pixels = _mm512_maskz_loadu_epi32(used, source);
+      _mm512_mask_storeu_epi32(target, used, MixSixteen_AVX512VBMI<kProtect>(pixels, weight, mix));
+    }
+  }
+}
+
+// Weights for the columns [from, to) of a row at weights[0 ..), then the
+// pixels mixed by them, in the order of the row.
+template <bool kProtect>
+KV_TARGET_AVX512VBMI void MixDirect_AVX512VBMI(const PixelRun& line, size_t lineStart, size_t from, size_t to,
+                                               double row, const VignetteArguments& arguments, int* weights,
+                                               const VignetteMix_AVX512VBMI& mix) {
+  if (from >= to) return;
+  RowWeights_AVX512VBMI(arguments.columnTerm + from, row, to - from, arguments.shape, weights);
+  const PixelRun part = line.From(from - lineStart);
+  MixPixels_AVX512VBMI<kProtect, false>(part.in, part.out, weights, to - from, mix);
+}
+
+// The run row by row, each row's pixels in order. Where a row is mirrored
+// about the frame's centre, the weights of its first half serve the second
+// half too (read backwards), when the columns they come from fit the buffer.
+template <bool kProtect>
+KV_TARGET_AVX512VBMI void VignetteRows_AVX512VBMI(const PixelRun& run, const VignetteArguments& arguments,
+                                                  const VignetteMix_AVX512VBMI& mix) {
+  const size_t kColumns = 4096;
+  alignas(64) int buffer[16 + kColumns];
+  int* const weights = buffer + 16;
+  const size_t width = arguments.width;
+  const ColumnMirror& mirror = arguments.mirror;
+  const size_t first = static_cast<size_t>(run.out - arguments.origin) / kBytesPerPixel;
+  size_t done = 0;
+  while (done < run.pixels) {
+    const size_t y = (first + done) / width, x0 = (first + done) % width;
+    const size_t x1 = std::min(width, x0 + (run.pixels - done));
+    const double row = arguments.rowTerm[y];
+    const PixelRun line = run.From(done);  // column x at line.From(x - x0)
+    done += x1 - x0;
+    // Columns [x0, directEnd) and [far, x1) take their own weights, the
+    // mirrored ones [mirroredStart, mirroredEnd) those of sum - x.
+    const size_t directEnd = std::min(x1, mirror.first);
+    const size_t mirroredStart = std::max(x0, mirror.first), mirroredEnd = std::min(x1, mirror.end);
+    const size_t far = std::max(x0, mirror.end);
+    size_t from = x0, to = directEnd;
+    if (mirroredStart < mirroredEnd) {
+      const size_t mirrorFrom = mirror.sum + 1 - mirroredEnd, mirrorTo = mirror.sum + 1 - mirroredStart;
+      from = x0 < directEnd ? std::min(x0, mirrorFrom) : mirrorFrom;
+      to = x0 < directEnd ? std::max(directEnd, mirrorTo) : mirrorTo;
+    }
+    if (mirroredStart >= mirroredEnd || to - from > kColumns) {
+      for (size_t a = x0; a < x1; a += kColumns) {
+        MixDirect_AVX512VBMI<kProtect>(line, x0, a, std::min(x1, a + kColumns), row, arguments, weights, mix);
+      }
+      continue;
+    }
+    RowWeights_AVX512VBMI(arguments.columnTerm + from, row, to - from, arguments.shape, weights);
+    if (x0 < directEnd) {
+      MixPixels_AVX512VBMI<kProtect, false>(line.in, line.out, weights + (x0 - from), directEnd - x0, mix);
+    }
+    const PixelRun mirrored = line.From(mirroredStart - x0);
+    MixPixels_AVX512VBMI<kProtect, true>(mirrored.in, mirrored.out, weights + (mirror.sum - mirroredStart - from),
+                                          mirroredEnd - mirroredStart, mix);
+    for (size_t a = far; a < x1; a += kColumns) {
+      MixDirect_AVX512VBMI<kProtect>(line, x0, a, std::min(x1, a + kColumns), row, arguments, weights, mix);
+    }
+  }
+}
+
+// Sixteen pixels a step, the protection looked up in registers; the weights of
+// each row as RowWeights_AVX512VBMI gives them. Takes every pixel, or none
+// when the protection table or the byte order is not what it handles.
+KV_TARGET_AVX512VBMI size_t Vignette_AVX512VBMI(const PixelRun& run, const VignetteArguments& arguments) {
+  const ChannelBytes at = arguments.at;
+  if ((1u << at.blue | 1u << at.green | 1u << at.red | 1u << at.alpha) != 0xFu) return 0;
+  // Protection falls with luminance: 256 (none) for the darkest ones, then
+  // values that fit a byte.
+  unsigned int unprotectedBelow = 0;
+  while (unprotectedBelow < 256 && arguments.protection[unprotectedBelow] == 256) ++unprotectedBelow;
+  alignas(64) unsigned char protection[256];
+  for (unsigned int luma = 0; luma < 256; ++luma) {
+    const int value = arguments.protection[luma];
+    if (luma >= unprotectedBelow && (value < 0 || value > 255)) return 0;
+    protection[luma] = static_cast<unsigned char>(luma < unprotectedBelow ? 255 : value);
+  }
+  int lumaWeight[4] = {0, 0, 0, 0}, colour[4] = {0, 0, 0, 0};
+  lumaWeight[at.red] = 77;
+  lumaWeight[at.green] = 150;
+  lumaWeight[at.blue] = 29;
+  colour[at.red] = arguments.colour.red;
+  colour[at.green] = arguments.colour.green;
+  colour[at.blue] = arguments.colour.blue;
+  VignetteMix_AVX512VBMI mix;
+  mix.lumaEven = _mm512_set1_epi32(lumaWeight[0] | lumaWeight[2] << 16);
+  mix.lumaOdd = _mm512_set1_epi32(lumaWeight[1] | lumaWeight[3] << 16);
+  mix.colourEven = _mm512_set1_epi32(colour[0] | colour[2] << 16);
+  mix.colourOdd = _mm512_set1_epi32(colour[1] | colour[3] << 16);
+  mix.alpha = 0x1111111111111111ULL << at.alpha;
+  LoadByteTable_AVX512VBMI(protection, mix.protection);
+  mix.unprotectedBelow = _mm512_set1_epi32(static_cast<int>(unprotectedBelow));
+  if (unprotectedBelow == 256) {
+    VignetteRows_AVX512VBMI<false>(run, arguments, mix);
+  } else {
+    VignetteRows_AVX512VBMI<true>(run, arguments, mix);
+  }
+  _mm256_zeroupper();
+  return run.pixels;
+}
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
+const KernelRungs<VignetteKernel> kVignetteRungs = {Vignette_Plain, nullptr, nullptr, Vignette_AVX2,
+                                                    Vignette_AVX512VBMI};
 
 }  // namespace
 
@@ -243,34 +535,19 @@ VignetteRenderer::VignetteRenderer(const KVPixel8_RGB& colour, double amount, do
   }
 }
 
-// The frame's half-axes: the rectangle's half-width and half-height at
-// roundness 0, both the smaller of the two at roundness 1. Each column and row
-// keeps its squared offset from the centre in half-axes, measured at the pixel
-// centre, so mirrored pixels get exactly the same distance.
 void VignetteRenderer::Setup(KVAbstractImage* source) {
   const unsigned int width = source->Width(), height = source->Height();
-  double left = 0.0, top = 0.0, frameWidth = width, frameHeight = height;
-  if (m_bounds.Width() > 0 && m_bounds.Height() > 0) {
-    left = m_bounds.TopLeft().X();
-    top = m_bounds.TopLeft().Y();
-    frameWidth = m_bounds.Width();
-    frameHeight = m_bounds.Height();
-  }
-  const double halfWidth = frameWidth / 2.0, halfHeight = frameHeight / 2.0;
-  const double circle = std::min(halfWidth, halfHeight);
-  const double axisX = halfWidth + (circle - halfWidth) * m_roundness;
-  const double axisY = halfHeight + (circle - halfHeight) * m_roundness;
-  const double centreX = left + halfWidth, centreY = top + halfHeight;
+  const VignetteFrame frame = FrameOf(m_bounds, m_roundness, width, height);
   m_columnTerm.assign(width, 0.0);
   m_rowTerm.assign(height, 0.0);
   m_kernel = ChooseKernel(kVignetteRungs);
-  if (axisX <= 0.0 || axisY <= 0.0) return;  // an empty image
+  if (frame.axisX <= 0.0 || frame.axisY <= 0.0) return;  // an empty image
   for (unsigned int x = 0; x < width; ++x) {
-    const double offset = (x + 0.5 - centreX) / axisX;
+    const double offset = (x + 0.5 - frame.centreX) / frame.axisX;
     m_columnTerm[x] = offset * offset;
   }
   for (unsigned int y = 0; y < height; ++y) {
-    const double offset = (y + 0.5 - centreY) / axisY;
+    const double offset = (y + 0.5 - frame.centreY) / frame.axisY;
     m_rowTerm[y] = offset * offset;
   }
 }
@@ -304,9 +581,10 @@ int VignetteRenderer::RenderWith(size_t (*kernel)(const PixelRun&, const Vignett
   if (share.count == 0) return 0;
   const PixelRun run = {PixelBytes(source) + share.start * kBytesPerPixel,
                         PixelBytes(destination) + share.start * kBytesPerPixel, share.count};
-  const VignetteArguments arguments = {PixelBytes(destination), width, m_columnTerm.data(), m_rowTerm.data(),
-                                       ShapeOf(m_amount, m_midpoint, m_feather), m_protection, m_colour,
-                                       ChannelBytesOf(source)};
+  const VignetteArguments arguments = {
+      PixelBytes(destination), width,   m_columnTerm.data(),    m_rowTerm.data(),
+      ShapeOf(m_amount, m_midpoint, m_feather), m_protection, m_colour, ChannelBytesOf(source),
+      MirrorOf(FrameOf(m_bounds, m_roundness, width, source->Height()).centreX, width)};
   RunKernel(kernel, Vignette_Plain, run, arguments);
   return 0;
 }
