@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include <kvimage/colour.h>
 
@@ -282,49 +283,60 @@ KV_TARGET_AVX2 size_t Vignette_AVX2(const PixelRun& run, const VignetteArguments
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 
-// The weights of `count` columns of one row, sixteen at a time in two groups
-// of eight doubles, with the per-pixel form's steps in its order (a correctly
-// rounded square root and division, then the truncating conversion), stored
-// as w | w << 16: one copy for each 16-bit half of a pixel's lane.
-KV_TARGET_AVX512VBMI void RowWeights_AVX512VBMI(const double* columnTerm, double rowTerm, size_t count,
-                                                const VignetteShape& shape, int* weights) {
-  const __m512d row = _mm512_set1_pd(rowTerm);
-  const __m512d untouched = _mm512_set1_pd(shape.untouched);
-  const __m512d fullSquared = _mm512_set1_pd(shape.fullSquared);
-  const __m512d midpoint = _mm512_set1_pd(shape.midpoint);
-  const __m512d feather = _mm512_set1_pd(shape.feather);
-  const __m512d amount = _mm512_set1_pd(shape.amount);
-  const __m512d one = _mm512_set1_pd(1.0), two = _mm512_set1_pd(2.0), three = _mm512_set1_pd(3.0);
-  const __m512d scale = _mm512_set1_pd(256.0);
-  const __m512i fullWeight = _mm512_set1_epi32(shape.fullWeight);
-  const bool feathered = shape.feather > 0.0;
+// The shape of the weights in registers, set once per run.
+struct WeightShape_AVX512VBMI {
+  __m512d untouched;
+  __m512d fullSquared;
+  __m512d midpoint;
+  __m512d feather;
+  __m512d amount;
+  __m512i fullWeight;
+  bool feathered;
+};
+
+// The weights of up to sixteen columns of a row (the lanes set), in two
+// groups of eight doubles, with the per-pixel form's steps in its order: a
+// correctly rounded square root and division, then the truncating
+// conversion. Each comes as w | w << 16, one copy for each 16-bit half of a
+// pixel's lane.
+KV_TARGET_AVX512VBMI inline __m512i WeightsOfSixteen_AVX512VBMI(const double* columnTerm, __mmask16 lanes, __m512d row,
+                                                                const WeightShape_AVX512VBMI& shape) {
+  const __m512d one = _mm512_set1_pd(1.0);
+  __m256i groups[2];
+  __mmask16 full[2], inside[2], beyondMidpoint[2];
+  for (int half = 0; half < 2; ++half) {
+    const __mmask8 loaded = static_cast<__mmask8>(lanes >> (8 * half));
+    groups[half] = _mm256_setzero_si256();
+    full[half] = inside[half] = beyondMidpoint[half] = 0;
+    if (loaded == 0) continue;
+    const __m512d s = _mm512_add_pd(_mm512_maskz_loadu_pd(loaded, columnTerm + 8 * half), row);
+    full[half] = _mm512_cmp_pd_mask(s, shape.fullSquared, _CMP_GE_OQ);
+    inside[half] = _mm512_cmp_pd_mask(s, shape.untouched, _CMP_LE_OQ);
+    // Groups wholly inside the midpoint or beyond the feather need no root.
+    if (static_cast<__mmask8>(full[half] | inside[half] | ~loaded) == 0xFF) continue;
+    const __m512d d = _mm512_sqrt_pd(s);
+    __m512d u = one;
+    if (shape.feathered) u = _mm512_min_pd(_mm512_div_pd(_mm512_sub_pd(d, shape.midpoint), shape.feather), one);
+    const __m512d smooth =
+        _mm512_mul_pd(_mm512_mul_pd(u, u), _mm512_sub_pd(_mm512_set1_pd(3.0), _mm512_mul_pd(_mm512_set1_pd(2.0), u)));
+    groups[half] = _mm512_cvttpd_epi32(_mm512_mul_pd(_mm512_mul_pd(shape.amount, smooth), _mm512_set1_pd(256.0)));
+    beyondMidpoint[half] = _mm512_cmp_pd_mask(d, shape.midpoint, _CMP_GT_OQ);
+  }
+  __m512i weight = _mm512_maskz_mov_epi32(_mm512_kunpackb(beyondMidpoint[1], beyondMidpoint[0]),
+                                          _mm512_inserti64x4(_mm512_castsi256_si512(groups[0]), groups[1], 1));
+  weight = _mm512_mask_mov_epi32(weight, _mm512_kunpackb(full[1], full[0]), shape.fullWeight);
+  weight = _mm512_maskz_mov_epi32(_mm512_knot(_mm512_kunpackb(inside[1], inside[0])), weight);
+  return _mm512_or_si512(weight, _mm512_slli_epi32(weight, 16));
+}
+
+// The weights of `count` columns of a row, stored.
+KV_TARGET_AVX512VBMI void StoreRowWeights_AVX512VBMI(const double* columnTerm, size_t count, double row,
+                                                     const WeightShape_AVX512VBMI& shape, int* weights) {
+  const __m512d rowTerm = _mm512_set1_pd(row);
   for (size_t x = 0; x < count; x += 16) {
     const size_t lanes = std::min<size_t>(16, count - x);
-    const __mmask16 stored = static_cast<__mmask16>(lanes == 16 ? 0xFFFFu : (1u << lanes) - 1);
-    __mmask16 full = 0, inside = 0, beyondMidpoint = 0;
-    __m256i group[2];
-    for (int half = 0; half < 2; ++half) {
-      const __mmask8 loaded = static_cast<__mmask8>(stored >> (8 * half));
-      const __m512d s = _mm512_add_pd(_mm512_maskz_loadu_pd(loaded, columnTerm + x + 8 * half), row);
-      const __mmask8 groupFull = _mm512_cmp_pd_mask(s, fullSquared, _CMP_GE_OQ);
-      const __mmask8 groupInside = _mm512_cmp_pd_mask(s, untouched, _CMP_LE_OQ);
-      full = static_cast<__mmask16>(full | (groupFull << (8 * half)));
-      inside = static_cast<__mmask16>(inside | (groupInside << (8 * half)));
-      group[half] = _mm256_setzero_si256();
-      // Groups wholly inside the midpoint or beyond the feather need no root.
-      if (static_cast<__mmask8>(groupFull | groupInside | ~loaded) == 0xFF) continue;
-      const __m512d d = _mm512_sqrt_pd(s);
-      __m512d u = one;
-      if (feathered) u = _mm512_min_pd(_mm512_div_pd(_mm512_sub_pd(d, midpoint), feather), one);
-      const __m512d smooth = _mm512_mul_pd(_mm512_mul_pd(u, u), _mm512_sub_pd(three, _mm512_mul_pd(two, u)));
-      group[half] = _mm512_cvttpd_epi32(_mm512_mul_pd(_mm512_mul_pd(amount, smooth), scale));
-      beyondMidpoint = static_cast<__mmask16>(beyondMidpoint | (_mm512_cmp_pd_mask(d, midpoint, _CMP_GT_OQ) << (8 * half)));
-    }
-    __m512i weight = _mm512_maskz_mov_epi32(beyondMidpoint,
-                                            _mm512_inserti64x4(_mm512_castsi256_si512(group[0]), group[1], 1));
-    weight = _mm512_mask_mov_epi32(weight, full, fullWeight);
-    weight = _mm512_maskz_mov_epi32(static_cast<__mmask16>(~inside), weight);
-    _mm512_mask_storeu_epi32(weights + x, stored, _mm512_or_si512(weight, _mm512_slli_epi32(weight, 16)));
+    const __mmask16 used = static_cast<__mmask16>(lanes == 16 ? 0xFFFFu : (1u << lanes) - 1);
+    _mm512_mask_storeu_epi32(weights + x, used, WeightsOfSixteen_AVX512VBMI(columnTerm + x, used, rowTerm, shape));
   }
 }
 
@@ -338,10 +350,11 @@ struct VignetteMix_AVX512VBMI {
   __m512i colourEven;  // the colour's bytes 0 and 2
   __m512i colourOdd;   // and 1 and 3
   __mmask64 alpha;     // the alpha byte of every pixel
-  // The protection of every luminance at or above `unprotectedBelow`, which
+  // The protection of every luminance at or above unprotectedBelow, which
   // fits a byte; below it the protection is 256.
   ByteTableRegisters protection;
-  __m512i unprotectedBelow;
+  __m512i unprotectedBelow;  // times 256, in every 16-bit half
+  bool stream;               // whole steps stored past the cache
 };
 
 // Sixteen pixels mixed toward the colour by their weights (w | w << 16 per
@@ -355,14 +368,18 @@ KV_TARGET_AVX512VBMI inline __m512i MixSixteen_AVX512VBMI(__m512i pixels, __m512
   const __m512i oddBytes = _mm512_srli_epi16(pixels, 8);
   __m512i opacity = weights;
   if (kProtect) {
-    const __m512i luma = _mm512_srli_epi32(
-        _mm512_add_epi32(_mm512_madd_epi16(evenBytes, mix.lumaEven), _mm512_madd_epi16(oddBytes, mix.lumaOdd)), 8);
-    __m512i protection = _mm512_and_si512(LookUpBytes_AVX512VBMI(luma, mix.protection), _mm512_set1_epi32(255));
-    protection = _mm512_mask_mov_epi32(protection, _mm512_cmplt_epu32_mask(luma, mix.unprotectedBelow),
-                                       _mm512_set1_epi32(256));
-    // (weight * protection) >> 8 in the low half, then copied to the high.
-    const __m512i product = _mm512_srli_epi32(_mm512_madd_epi16(weights, protection), 8);
-    opacity = _mm512_or_si512(product, _mm512_slli_epi32(product, 16));
+    // 256 times the luminance in both halves: each half's weighted bytes,
+    // then the two halves added to each other.
+    const __m512i halves =
+        _mm512_add_epi16(_mm512_mullo_epi16(evenBytes, mix.lumaEven), _mm512_mullo_epi16(oddBytes, mix.lumaOdd));
+    const __m512i luma = _mm512_add_epi16(halves, _mm512_rol_epi32(halves, 16));
+    // The protection p of the luminance (bytes 1 and 3) as p << 8 in both
+    // halves, so the high half of weight * (p << 8) is (weight * p) >> 8;
+    // where p is 256 the opacity is the weight.
+    const __m512i protection =
+        _mm512_and_si512(LookUpBytes_AVX512VBMI(luma, mix.protection), _mm512_set1_epi16(static_cast<short>(0xFF00)));
+    opacity = _mm512_mask_mov_epi16(_mm512_mulhi_epu16(weights, protection),
+                                    _mm512_cmplt_epu16_mask(luma, mix.unprotectedBelow), weights);
   }
   const __m512i keep = _mm512_sub_epi16(_mm512_set1_epi16(256), opacity);
   const __m512i half = _mm512_set1_epi16(128);
@@ -377,60 +394,98 @@ KV_TARGET_AVX512VBMI inline __m512i MixSixteen_AVX512VBMI(__m512i pixels, __m512
   return _mm512_mask_mov_epi8(mixed, mix.alpha, pixels);
 }
 
-// Mixes `count` pixels; pixel k's weight is weights[k], or weights[-k] when
-// the weights run backwards (a mirrored stretch of a row; the 15 ints before
-// the lowest one read must belong to the buffer). Sixteen pixels whose
-// weights are all 0 are copied.
-template <bool kProtect, bool kBackwards>
-KV_TARGET_AVX512VBMI void MixPixels_AVX512VBMI(const unsigned char* in, unsigned char* out, const int* weights,
-                                               size_t count, const VignetteMix_AVX512VBMI& mix) {
-  const __m512i reverse = _mm512_setr_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
-  for (size_t k = 0; k < count; k += 16) {
-    const size_t lanes = std::min<size_t>(16, count - k);
-    const __mmask16 used = static_cast<__mmask16>(lanes == 16 ? 0xFFFFu : (1u << lanes) - 1);
-    __m512i weight;
-    if (kBackwards) {
-      weight = _mm512_permutexvar_epi32(
-          reverse, _mm512_maskz_loadu_epi32(static_cast<__mmask16>(used << (16 - lanes)), weights - k - 15));
+// The steps a stretch of `count` pixels is mixed in: sixteen at a time, except
+// that when streaming a short first step brings the output to a 64-byte line,
+// from which whole steps are stored past the cache.
+class MixSteps_AVX512VBMI {
+ public:
+  MixSteps_AVX512VBMI(unsigned char* out, size_t count, bool stream) : m_count(count) {
+    const uintptr_t address = reinterpret_cast<uintptr_t>(out);
+    m_stream = stream && address % kBytesPerPixel == 0;
+    m_lead = m_stream ? (64 - address % 64) % 64 / kBytesPerPixel : 0;
+  }
+  // The pixels of the step at pixel k, and the lanes they fill.
+  size_t LanesAt(size_t k) const { return std::min<size_t>(k == 0 && m_lead != 0 ? m_lead : 16, m_count - k); }
+  static __mmask16 Used(size_t lanes) { return static_cast<__mmask16>(lanes == 16 ? 0xFFFFu : (1u << lanes) - 1); }
+  bool Stream() const { return m_stream; }
+
+ private:
+  size_t m_count;
+  size_t m_lead;
+  bool m_stream;
+};
+
+// One step: `lanes` pixels mixed by their weights; sixteen whose weights are
+// all 0 are copied.
+template <bool kProtect>
+KV_TARGET_AVX512VBMI inline void MixStep_AVX512VBMI(const unsigned char* in, unsigned char* out, __m512i weights,
+                                                    size_t lanes, bool stream, const VignetteMix_AVX512VBMI& mix) {
+  if (lanes == 16) {
+    const __m512i pixels = _mm512_loadu_si512(in);
+    const __m512i result =
+        _mm512_test_epi32_mask(weights, weights) == 0 ? pixels : MixSixteen_AVX512VBMI<kProtect>(pixels, weights, mix);
+    if (stream) {
+      _mm512_stream_si512(reinterpret_cast<__m512i*>(out), result);
     } else {
-      weight = _mm512_maskz_loadu_epi32(used, weights + k);
+      _mm512_storeu_si512(out, result);
     }
-    const unsigned char* source = in + k * kBytesPerPixel;
-    unsigned char* target = out + k * kBytesPerPixel;
-    if (lanes == 16) {
-      const __m512i pixels = _mm512_loadu_si512(source);
-      _mm512_storeu_si512(target, _mm512_test_epi32_mask(weight, weight) == 0
-                                      ? pixels
-                                      : MixSixteen_AVX512VBMI<kProtect>(pixels, weight, mix));
-    } else {
-      const __m512i pixels = _mm512_maskz_loadu_epi32(used, source);
-      _mm512_mask_storeu_epi32(target, used, MixSixteen_AVX512VBMI<kProtect>(pixels, weight, mix));
-    }
+  } else {
+    const __mmask16 used = MixSteps_AVX512VBMI::Used(lanes);
+    const __m512i pixels = _mm512_maskz_loadu_epi32(used, in);
+    _mm512_mask_storeu_epi32(out, used, MixSixteen_AVX512VBMI<kProtect>(pixels, weights, mix));
   }
 }
 
-// Weights for the columns [from, to) of a row at weights[0 ..), then the
-// pixels mixed by them, in the order of the row.
+// Mixes `count` pixels of a row by the weights of their own columns, worked
+// out step by step; `kept` (if not null) receives the weights.
 template <bool kProtect>
-KV_TARGET_AVX512VBMI void MixDirect_AVX512VBMI(const PixelRun& line, size_t lineStart, size_t from, size_t to,
-                                               double row, const VignetteArguments& arguments, int* weights,
-                                               const VignetteMix_AVX512VBMI& mix) {
-  if (from >= to) return;
-  RowWeights_AVX512VBMI(arguments.columnTerm + from, row, to - from, arguments.shape, weights);
-  const PixelRun part = line.From(from - lineStart);
-  MixPixels_AVX512VBMI<kProtect, false>(part.in, part.out, weights, to - from, mix);
+KV_TARGET_AVX512VBMI void MixByColumns_AVX512VBMI(const PixelRun& part, const double* columnTerm, double row,
+                                                  const WeightShape_AVX512VBMI& shape, int* kept,
+                                                  const VignetteMix_AVX512VBMI& mix) {
+  const __m512d rowTerm = _mm512_set1_pd(row);
+  const MixSteps_AVX512VBMI steps(part.out, part.pixels, mix.stream);
+  size_t lanes = 0;
+  for (size_t k = 0; k < part.pixels; k += lanes) {
+    lanes = steps.LanesAt(k);
+    const __mmask16 used = MixSteps_AVX512VBMI::Used(lanes);
+    const __m512i weights = WeightsOfSixteen_AVX512VBMI(columnTerm + k, used, rowTerm, shape);
+    if (kept != nullptr) _mm512_mask_storeu_epi32(kept + k, used, weights);
+    MixStep_AVX512VBMI<kProtect>(part.in + k * kBytesPerPixel, part.out + k * kBytesPerPixel, weights, lanes,
+                                 steps.Stream(), mix);
+  }
+}
+
+// Mixes `count` pixels whose weights run backwards from `weights` (pixel k's
+// is weights[-k]): a mirrored stretch of a row. The 15 ints before the lowest
+// one read must belong to the buffer.
+template <bool kProtect>
+KV_TARGET_AVX512VBMI void MixByMirror_AVX512VBMI(const PixelRun& part, const int* weights,
+                                                 const VignetteMix_AVX512VBMI& mix) {
+  const __m512i reverse = _mm512_setr_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+  const MixSteps_AVX512VBMI steps(part.out, part.pixels, mix.stream);
+  size_t lanes = 0;
+  for (size_t k = 0; k < part.pixels; k += lanes) {
+    lanes = steps.LanesAt(k);
+    const __mmask16 read = static_cast<__mmask16>(MixSteps_AVX512VBMI::Used(lanes) << (16 - lanes));
+    const __m512i reversed = _mm512_permutexvar_epi32(reverse, _mm512_maskz_loadu_epi32(read, weights - k - 15));
+    MixStep_AVX512VBMI<kProtect>(part.in + k * kBytesPerPixel, part.out + k * kBytesPerPixel, reversed, lanes,
+                                 steps.Stream(), mix);
+  }
 }
 
 // The run row by row, each row's pixels in order. Where a row is mirrored
-// about the frame's centre, the weights of its first half serve the second
-// half too (read backwards), when the columns they come from fit the buffer.
+// about the frame's centre, the weights of the columns before the mirror are
+// kept and serve the mirrored columns too (read backwards), when they fit the
+// buffer. A row wholly inside the midpoint is copied.
 template <bool kProtect>
 KV_TARGET_AVX512VBMI void VignetteRows_AVX512VBMI(const PixelRun& run, const VignetteArguments& arguments,
+                                                  const WeightShape_AVX512VBMI& shape,
                                                   const VignetteMix_AVX512VBMI& mix) {
   const size_t kColumns = 4096;
   alignas(64) int buffer[16 + kColumns];
   int* const weights = buffer + 16;
   const size_t width = arguments.width;
+  const double* const columnTerm = arguments.columnTerm;
   const ColumnMirror& mirror = arguments.mirror;
   const size_t first = static_cast<size_t>(run.out - arguments.origin) / kBytesPerPixel;
   size_t done = 0;
@@ -438,41 +493,46 @@ KV_TARGET_AVX512VBMI void VignetteRows_AVX512VBMI(const PixelRun& run, const Vig
     const size_t y = (first + done) / width, x0 = (first + done) % width;
     const size_t x1 = std::min(width, x0 + (run.pixels - done));
     const double row = arguments.rowTerm[y];
-    const PixelRun line = run.From(done);  // column x at line.From(x - x0)
+    PixelRun line = run.From(done);  // column x at line.From(x - x0)
+    line.pixels = x1 - x0;
     done += x1 - x0;
+    // Column terms fall toward the centre and rise after it, so the largest
+    // of a stretch is at one of its ends.
+    if (std::max(columnTerm[x0], columnTerm[x1 - 1]) + row <= arguments.shape.untouched) {
+      if (line.in != line.out) std::memcpy(line.out, line.in, line.pixels * kBytesPerPixel);
+      continue;
+    }
     // Columns [x0, directEnd) and [far, x1) take their own weights, the
-    // mirrored ones [mirroredStart, mirroredEnd) those of sum - x.
+    // mirrored ones [mirroredStart, mirroredEnd) those of sum - x, which lie
+    // in [from, to).
     const size_t directEnd = std::min(x1, mirror.first);
     const size_t mirroredStart = std::max(x0, mirror.first), mirroredEnd = std::min(x1, mirror.end);
     const size_t far = std::max(x0, mirror.end);
-    size_t from = x0, to = directEnd;
-    if (mirroredStart < mirroredEnd) {
-      const size_t mirrorFrom = mirror.sum + 1 - mirroredEnd, mirrorTo = mirror.sum + 1 - mirroredStart;
-      from = x0 < directEnd ? std::min(x0, mirrorFrom) : mirrorFrom;
-      to = x0 < directEnd ? std::max(directEnd, mirrorTo) : mirrorTo;
-    }
-    if (mirroredStart >= mirroredEnd || to - from > kColumns) {
-      for (size_t a = x0; a < x1; a += kColumns) {
-        MixDirect_AVX512VBMI<kProtect>(line, x0, a, std::min(x1, a + kColumns), row, arguments, weights, mix);
-      }
+    const bool mirrored = mirroredStart < mirroredEnd;
+    const size_t from = !mirrored ? x0 : x0 < directEnd ? std::min(x0, mirror.sum + 1 - mirroredEnd)
+                                                         : mirror.sum + 1 - mirroredEnd;
+    const size_t to = !mirrored ? x0 : std::max(x0 < directEnd ? directEnd : 0, mirror.sum + 1 - mirroredStart);
+    if (!mirrored || to - from > kColumns) {
+      MixByColumns_AVX512VBMI<kProtect>(line, columnTerm + x0, row, shape, nullptr, mix);
       continue;
     }
-    RowWeights_AVX512VBMI(arguments.columnTerm + from, row, to - from, arguments.shape, weights);
     if (x0 < directEnd) {
-      MixPixels_AVX512VBMI<kProtect, false>(line.in, line.out, weights + (x0 - from), directEnd - x0, mix);
+      StoreRowWeights_AVX512VBMI(columnTerm + from, x0 - from, row, shape, weights);
+      MixByColumns_AVX512VBMI<kProtect>(PixelRun{line.in, line.out, directEnd - x0}, columnTerm + x0, row, shape,
+                                        weights + (x0 - from), mix);
     }
-    const PixelRun mirrored = line.From(mirroredStart - x0);
-    MixPixels_AVX512VBMI<kProtect, true>(mirrored.in, mirrored.out, weights + (mirror.sum - mirroredStart - from),
-                                          mirroredEnd - mirroredStart, mix);
-    for (size_t a = far; a < x1; a += kColumns) {
-      MixDirect_AVX512VBMI<kProtect>(line, x0, a, std::min(x1, a + kColumns), row, arguments, weights, mix);
-    }
+    const size_t stored = x0 < directEnd ? directEnd : from;
+    if (stored < to) StoreRowWeights_AVX512VBMI(columnTerm + stored, to - stored, row, shape, weights + (stored - from));
+    const PixelRun mirroredPart = line.From(mirroredStart - x0);
+    MixByMirror_AVX512VBMI<kProtect>(PixelRun{mirroredPart.in, mirroredPart.out, mirroredEnd - mirroredStart},
+                                     weights + (mirror.sum - mirroredStart - from), mix);
+    if (far < x1) MixByColumns_AVX512VBMI<kProtect>(line.From(far - x0), columnTerm + far, row, shape, nullptr, mix);
   }
 }
 
-// Sixteen pixels a step, the protection looked up in registers; the weights of
-// each row as RowWeights_AVX512VBMI gives them. Takes every pixel, or none
-// when the protection table or the byte order is not what it handles.
+// Sixteen pixels a step, the protection looked up in registers, the weights
+// of each row as WeightsOfSixteen_AVX512VBMI gives them. Takes every pixel, or
+// none when the protection table or the byte order is not what it handles.
 KV_TARGET_AVX512VBMI size_t Vignette_AVX512VBMI(const PixelRun& run, const VignetteArguments& arguments) {
   const ChannelBytes at = arguments.at;
   if ((1u << at.blue | 1u << at.green | 1u << at.red | 1u << at.alpha) != 0xFu) return 0;
@@ -500,12 +560,19 @@ KV_TARGET_AVX512VBMI size_t Vignette_AVX512VBMI(const PixelRun& run, const Vigne
   mix.colourOdd = _mm512_set1_epi32(colour[1] | colour[3] << 16);
   mix.alpha = 0x1111111111111111ULL << at.alpha;
   LoadByteTable_AVX512VBMI(protection, mix.protection);
-  mix.unprotectedBelow = _mm512_set1_epi32(static_cast<int>(unprotectedBelow));
+  mix.unprotectedBelow = _mm512_set1_epi16(static_cast<short>(unprotectedBelow << 8));
+  mix.stream = !run.storeCached;
+  const VignetteShape& plain = arguments.shape;
+  const WeightShape_AVX512VBMI shape = {_mm512_set1_pd(plain.untouched), _mm512_set1_pd(plain.fullSquared),
+                                        _mm512_set1_pd(plain.midpoint),  _mm512_set1_pd(plain.feather),
+                                        _mm512_set1_pd(plain.amount),    _mm512_set1_epi32(plain.fullWeight),
+                                        plain.feather > 0.0};
   if (unprotectedBelow == 256) {
-    VignetteRows_AVX512VBMI<false>(run, arguments, mix);
+    VignetteRows_AVX512VBMI<false>(run, arguments, shape, mix);
   } else {
-    VignetteRows_AVX512VBMI<true>(run, arguments, mix);
+    VignetteRows_AVX512VBMI<true>(run, arguments, shape, mix);
   }
+  if (mix.stream) _mm_sfence();
   _mm256_zeroupper();
   return run.pixels;
 }
