@@ -283,6 +283,9 @@ KV_TARGET_AVX2 size_t Vignette_AVX2(const PixelRun& run, const VignetteArguments
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 
+// The lanes of a step of up to sixteen pixels.
+inline __mmask16 LanesUsed(size_t lanes) { return static_cast<__mmask16>(lanes == 16 ? 0xFFFFu : (1u << lanes) - 1); }
+
 // The shape of the weights in registers, set once per run.
 struct WeightShape_AVX512VBMI {
   __m512d untouched;
@@ -334,8 +337,7 @@ KV_TARGET_AVX512VBMI void StoreRowWeights_AVX512VBMI(const double* columnTerm, s
                                                      const WeightShape_AVX512VBMI& shape, int* weights) {
   const __m512d rowTerm = _mm512_set1_pd(row);
   for (size_t x = 0; x < count; x += 16) {
-    const size_t lanes = std::min<size_t>(16, count - x);
-    const __mmask16 used = static_cast<__mmask16>(lanes == 16 ? 0xFFFFu : (1u << lanes) - 1);
+    const __mmask16 used = LanesUsed(std::min<size_t>(16, count - x));
     _mm512_mask_storeu_epi32(weights + x, used, WeightsOfSixteen_AVX512VBMI(columnTerm + x, used, rowTerm, shape));
   }
 }
@@ -354,7 +356,6 @@ struct VignetteMix_AVX512VBMI {
   // fits a byte; below it the protection is 256.
   ByteTableRegisters protection;
   __m512i unprotectedBelow;  // times 256, in every 16-bit half
-  bool stream;               // whole steps stored past the cache
 };
 
 // Sixteen pixels mixed toward the colour by their weights (w | w << 16 per
@@ -394,43 +395,18 @@ KV_TARGET_AVX512VBMI inline __m512i MixSixteen_AVX512VBMI(__m512i pixels, __m512
   return _mm512_mask_mov_epi8(mixed, mix.alpha, pixels);
 }
 
-// The steps a stretch of `count` pixels is mixed in: sixteen at a time, except
-// that when streaming a short first step brings the output to a 64-byte line,
-// from which whole steps are stored past the cache.
-class MixSteps_AVX512VBMI {
- public:
-  MixSteps_AVX512VBMI(unsigned char* out, size_t count, bool stream) : m_count(count) {
-    const uintptr_t address = reinterpret_cast<uintptr_t>(out);
-    m_stream = stream && address % kBytesPerPixel == 0;
-    m_lead = m_stream ? (64 - address % 64) % 64 / kBytesPerPixel : 0;
-  }
-  // The pixels of the step at pixel k, and the lanes they fill.
-  size_t LanesAt(size_t k) const { return std::min<size_t>(k == 0 && m_lead != 0 ? m_lead : 16, m_count - k); }
-  static __mmask16 Used(size_t lanes) { return static_cast<__mmask16>(lanes == 16 ? 0xFFFFu : (1u << lanes) - 1); }
-  bool Stream() const { return m_stream; }
-
- private:
-  size_t m_count;
-  size_t m_lead;
-  bool m_stream;
-};
-
 // One step: `lanes` pixels mixed by their weights; sixteen whose weights are
 // all 0 are copied.
 template <bool kProtect>
 KV_TARGET_AVX512VBMI inline void MixStep_AVX512VBMI(const unsigned char* in, unsigned char* out, __m512i weights,
-                                                    size_t lanes, bool stream, const VignetteMix_AVX512VBMI& mix) {
+                                                    size_t lanes, const VignetteMix_AVX512VBMI& mix) {
   if (lanes == 16) {
     const __m512i pixels = _mm512_loadu_si512(in);
-    const __m512i result =
-        _mm512_test_epi32_mask(weights, weights) == 0 ? pixels : MixSixteen_AVX512VBMI<kProtect>(pixels, weights, mix);
-    if (stream) {
-      _mm512_stream_si512(reinterpret_cast<__m512i*>(out), result);
-    } else {
-      _mm512_storeu_si512(out, result);
-    }
+    _mm512_storeu_si512(out, _mm512_test_epi32_mask(weights, weights) == 0
+                                 ? pixels
+                                 : MixSixteen_AVX512VBMI<kProtect>(pixels, weights, mix));
   } else {
-    const __mmask16 used = MixSteps_AVX512VBMI::Used(lanes);
+    const __mmask16 used = LanesUsed(lanes);
     const __m512i pixels = _mm512_maskz_loadu_epi32(used, in);
     _mm512_mask_storeu_epi32(out, used, MixSixteen_AVX512VBMI<kProtect>(pixels, weights, mix));
   }
@@ -443,15 +419,12 @@ KV_TARGET_AVX512VBMI void MixByColumns_AVX512VBMI(const PixelRun& part, const do
                                                   const WeightShape_AVX512VBMI& shape, int* kept,
                                                   const VignetteMix_AVX512VBMI& mix) {
   const __m512d rowTerm = _mm512_set1_pd(row);
-  const MixSteps_AVX512VBMI steps(part.out, part.pixels, mix.stream);
-  size_t lanes = 0;
-  for (size_t k = 0; k < part.pixels; k += lanes) {
-    lanes = steps.LanesAt(k);
-    const __mmask16 used = MixSteps_AVX512VBMI::Used(lanes);
+  for (size_t k = 0; k < part.pixels; k += 16) {
+    const size_t lanes = std::min<size_t>(16, part.pixels - k);
+    const __mmask16 used = LanesUsed(lanes);
     const __m512i weights = WeightsOfSixteen_AVX512VBMI(columnTerm + k, used, rowTerm, shape);
     if (kept != nullptr) _mm512_mask_storeu_epi32(kept + k, used, weights);
-    MixStep_AVX512VBMI<kProtect>(part.in + k * kBytesPerPixel, part.out + k * kBytesPerPixel, weights, lanes,
-                                 steps.Stream(), mix);
+    MixStep_AVX512VBMI<kProtect>(part.in + k * kBytesPerPixel, part.out + k * kBytesPerPixel, weights, lanes, mix);
   }
 }
 
@@ -462,14 +435,11 @@ template <bool kProtect>
 KV_TARGET_AVX512VBMI void MixByMirror_AVX512VBMI(const PixelRun& part, const int* weights,
                                                  const VignetteMix_AVX512VBMI& mix) {
   const __m512i reverse = _mm512_setr_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
-  const MixSteps_AVX512VBMI steps(part.out, part.pixels, mix.stream);
-  size_t lanes = 0;
-  for (size_t k = 0; k < part.pixels; k += lanes) {
-    lanes = steps.LanesAt(k);
-    const __mmask16 read = static_cast<__mmask16>(MixSteps_AVX512VBMI::Used(lanes) << (16 - lanes));
+  for (size_t k = 0; k < part.pixels; k += 16) {
+    const size_t lanes = std::min<size_t>(16, part.pixels - k);
+    const __mmask16 read = static_cast<__mmask16>(LanesUsed(lanes) << (16 - lanes));
     const __m512i reversed = _mm512_permutexvar_epi32(reverse, _mm512_maskz_loadu_epi32(read, weights - k - 15));
-    MixStep_AVX512VBMI<kProtect>(part.in + k * kBytesPerPixel, part.out + k * kBytesPerPixel, reversed, lanes,
-                                 steps.Stream(), mix);
+    MixStep_AVX512VBMI<kProtect>(part.in + k * kBytesPerPixel, part.out + k * kBytesPerPixel, reversed, lanes, mix);
   }
 }
 
@@ -561,7 +531,6 @@ KV_TARGET_AVX512VBMI size_t Vignette_AVX512VBMI(const PixelRun& run, const Vigne
   mix.alpha = 0x1111111111111111ULL << at.alpha;
   LoadByteTable_AVX512VBMI(protection, mix.protection);
   mix.unprotectedBelow = _mm512_set1_epi16(static_cast<short>(unprotectedBelow << 8));
-  mix.stream = !run.storeCached;
   const VignetteShape& plain = arguments.shape;
   const WeightShape_AVX512VBMI shape = {_mm512_set1_pd(plain.untouched), _mm512_set1_pd(plain.fullSquared),
                                         _mm512_set1_pd(plain.midpoint),  _mm512_set1_pd(plain.feather),
@@ -572,7 +541,6 @@ KV_TARGET_AVX512VBMI size_t Vignette_AVX512VBMI(const PixelRun& run, const Vigne
   } else {
     VignetteRows_AVX512VBMI<true>(run, arguments, shape, mix);
   }
-  if (mix.stream) _mm_sfence();
   _mm256_zeroupper();
   return run.pixels;
 }
