@@ -94,7 +94,6 @@ ColumnMirror MirrorOf(double centreX, unsigned int width) {
   return mirror.first < mirror.end ? mirror : none;
 }
 
-
 // (a * (256 - w) + b * w) / 256, rounded to nearest.
 inline int Mix256(int a, int b, int weight) { return (a * (256 - weight) + b * weight + 128) >> 8; }
 
@@ -412,8 +411,9 @@ KV_TARGET_AVX512VBMI inline void MixStep_AVX512VBMI(const unsigned char* in, uns
   }
 }
 
-// Mixes `count` pixels of a row by the weights of their own columns, worked
-// out step by step; `kept` (if not null) receives the weights.
+// Mixes the part's pixels, a stretch of a row, by the weights of their own
+// columns, worked out step by step; `kept` (if not null) receives the
+// weights.
 template <bool kProtect>
 KV_TARGET_AVX512VBMI void MixByColumns_AVX512VBMI(const PixelRun& part, const double* columnTerm, double row,
                                                   const WeightShape_AVX512VBMI& shape, int* kept,
@@ -428,8 +428,8 @@ KV_TARGET_AVX512VBMI void MixByColumns_AVX512VBMI(const PixelRun& part, const do
   }
 }
 
-// Mixes `count` pixels whose weights run backwards from `weights` (pixel k's
-// is weights[-k]): a mirrored stretch of a row. The 15 ints before the lowest
+// Mixes the part's pixels, whose weights run backwards from `weights` (pixel
+// k's is weights[-k]): a mirrored stretch of a row. The 15 ints before the lowest
 // one read must belong to the buffer.
 template <bool kProtect>
 KV_TARGET_AVX512VBMI void MixByMirror_AVX512VBMI(const PixelRun& part, const int* weights,
@@ -479,9 +479,15 @@ KV_TARGET_AVX512VBMI void VignetteRows_AVX512VBMI(const PixelRun& run, const Vig
     const size_t mirroredStart = std::max(x0, mirror.first), mirroredEnd = std::min(x1, mirror.end);
     const size_t far = std::max(x0, mirror.end);
     const bool mirrored = mirroredStart < mirroredEnd;
-    const size_t from = !mirrored ? x0 : x0 < directEnd ? std::min(x0, mirror.sum + 1 - mirroredEnd)
-                                                         : mirror.sum + 1 - mirroredEnd;
-    const size_t to = !mirrored ? x0 : std::max(x0 < directEnd ? directEnd : 0, mirror.sum + 1 - mirroredStart);
+    size_t from = x0, to = x0;
+    if (mirrored) {
+      from = mirror.sum + 1 - mirroredEnd;
+      to = mirror.sum + 1 - mirroredStart;
+      if (x0 < directEnd) {
+        from = std::min(from, x0);
+        to = std::max(to, directEnd);
+      }
+    }
     if (!mirrored || to - from > kColumns) {
       MixByColumns_AVX512VBMI<kProtect>(line, columnTerm + x0, row, shape, nullptr, mix);
       continue;
