@@ -107,6 +107,7 @@ TEST(HLSFastPath, ConstantDivisionsAreExactOverTheirRanges) {
     ASSERT_EQ((level * 255 + 180) / 360, hls::ComponentOfLevel(level)) << level;
   }
   for (uint32_t sum = 0; sum <= 510; ++sum) ASSERT_EQ((sum * 360 + 255) / 510, hls::LightnessOfSum(sum)) << sum;
+  for (uint32_t l = 0; l <= 360; ++l) ASSERT_EQ(l * 255 / 360, hls::GreyOfLightness(l)) << l;
 }
 
 // The eight-pixel HLS paths against the pixel-by-pixel ones (capped with
@@ -148,10 +149,12 @@ void ExpectWiderPathMatchesOnEveryColour(const std::vector<Make>& settings, KVPi
 
 TEST(HLSFastPath, HueStagesAndSaturationMatchOnEveryColour) {
   ExpectWiderPathMatchesOnEveryColour({Build<HueShiftRenderer>(45.0, 0.8), Build<HueShiftRenderer>(0.0, 1.0),
-                                       Build<HueShiftRenderer>(360.0, 0.3), Build<HueShiftRenderer>(187.25, 0.0)},
+                                       Build<HueShiftRenderer>(360.0, 0.3), Build<HueShiftRenderer>(187.25, 0.0),
+                                       Build<HueShiftRenderer>(720.0, 0.6)},
                                       kPixelOrderBGRA);
   ExpectWiderPathMatchesOnEveryColour({Build<HueColorizeRenderer>(200.0, 0.8), Build<HueColorizeRenderer>(0.0, 1.0),
-                                       Build<HueColorizeRenderer>(360.0, 0.55), Build<HueColorizeRenderer>(359.9, 0.25)},
+                                       Build<HueColorizeRenderer>(360.0, 0.55), Build<HueColorizeRenderer>(359.9, 0.25),
+                                       Build<HueColorizeRenderer>(-361.0, 1.5)},
                                       kPixelOrderBGRA);
   float* const noTable = nullptr;
   ExpectWiderPathMatchesOnEveryColour(

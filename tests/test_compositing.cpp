@@ -155,11 +155,17 @@ TEST(LayerCompositor, PixelsByHand) {
 }
 
 TEST(LayerCompositor, MatchesTheReferenceOnEveryModeTypeAndOpacity) {
-  const unsigned int width = 13, height = 7;
-  // Some exact alpha values, including clear pixels on either side.
+  const unsigned int width = 13, height = 14;
+  // Some exact alpha values, including clear pixels on either side; the
+  // lower half in runs the wide kernels take in whole blocks: clear on both
+  // sides, an opaque layer, opaque on both sides.
   Bytes bgBytes = PatternBytes(width * height * 4, 11);
-  const Bytes fgBytes = LayerBytes(width, height, 12);
+  Bytes fgBytes = LayerBytes(width, height, 12);
   for (size_t i = 3; i < bgBytes.size(); i += 16) bgBytes[i] = 0;
+  for (size_t p = width * height / 2, run = 0; p < width * height; ++p, ++run) {
+    fgBytes[p * 4 + 3] = run < 24 ? 0 : 255;
+    if (run < 24 || run >= 56) bgBytes[p * 4 + 3] = fgBytes[p * 4 + 3];
+  }
   for (size_t offset : {0u, 1u}) {
     for (int mode : kEveryMode) {
       for (int type : {0, 1, 2, 7}) {

@@ -1,8 +1,8 @@
 // The table stages' wide kernels against their plain twins: the byte-table
-// walk on every mix of looked-up and copied bytes, odd pixel counts around
+// walk on every mix of looked-up, shared and copied bytes, odd pixel counts around
 // the 16-pixel block, buffers one byte off alignment, in place, guard bytes
 // after the output, input left untouched; the host's cap choosing the plain
-// walk; and the tint stage's computed mix against its mix table.
+// walk; and the kernels that compute what a table holds against the table.
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
@@ -16,16 +16,21 @@ TEST(ByteTables, TheWideKernelAndThePlainTailAreThePlainWalk) {
   if (kvtl::GetSupportedWiderExtension() < kvtl::kWiderAVX512VBMI) GTEST_SKIP() << "no AVX-512 VBMI here";
   std::vector<unsigned char> tables[4];
   for (unsigned int k = 0; k < 4; ++k) tables[k] = kvtest::PatternBytes(256, 40 + k);
-  for (unsigned int copied = 0; copied < 16; ++copied) {  // bit k: byte k copied
+  // Base-3 digit k of `shape`: byte k copied (0), through its own table (1)
+  // or through byte 0's table (2), which the wide walk looks up once.
+  for (unsigned int shape = 0; shape < 81; ++shape) {
     ByteTables chosen;
-    for (unsigned int k = 0; k < 4; ++k) chosen.byte[k] = (copied >> k & 1) != 0 ? nullptr : tables[k].data();
+    for (unsigned int k = 0, digits = shape; k < 4; ++k, digits /= 3) {
+      const unsigned int digit = digits % 3;
+      chosen.byte[k] = digit == 0 ? nullptr : tables[digit == 1 ? k : 0].data();
+    }
     for (unsigned int pixels : {1u, 15u, 16u, 17u, 47u, 64u, 1021u}) {
       for (size_t offset : {0, 1}) {
         for (bool inPlace : {false, true}) {
-          SCOPED_TRACE(testing::Message() << "copied " << copied << ", " << pixels << " pixels, offset " << offset
+          SCOPED_TRACE(testing::Message() << "shape " << shape << ", " << pixels << " pixels, offset " << offset
                                           << (inPlace ? ", in place" : ""));
           kvtest::GuardedImage input(pixels, 1, offset), wide(pixels, 1, offset), plain(pixels, 1);
-          const std::vector<unsigned char> bytes = kvtest::PatternBytes(input.bytes(), pixels + copied);
+          const std::vector<unsigned char> bytes = kvtest::PatternBytes(input.bytes(), pixels + shape);
           input.fill(bytes);
           wide.fill(bytes);
           plain.fill(bytes);
@@ -68,16 +73,22 @@ TEST(TintVectorPath, EveryToneAndAmountGivesThePlainBytes) {
   }
 }
 
-// The bleach bypass's widest kernel computes the overlay its plain twin reads
-// from a table: every amount's weight, over a frame with most (byte,
-// luminance) pairs, one byte off alignment, against the plain walk.
-TEST(BleachBypassKernels, WidestPathMatchesThePlainTableWalk) {
-  for (double amount : {0.0, 0.3, 0.8, 1.0}) {
+// Widest kernels that compute what their plain twins read from tables or
+// walk byte by byte: the bleach bypass (its overlay table) at every amount's
+// weight, the diffuse stage's normal blend by the blurred alpha; over a
+// frame with most (byte, luminance) pairs, one byte off alignment.
+TEST(WidestKernels, MatchTheirPlainTwins) {
+  const std::vector<std::pair<const char*, std::vector<double> > > settings = {
+      {"SetBleachBypass", {0.0, 0.6, 0.4}}, {"SetBleachBypass", {0.3, 0.6, 0.4}},
+      {"SetBleachBypass", {0.8, 0.6, 0.4}}, {"SetBleachBypass", {1.0, 0.6, 0.4}},
+      {"SetDiffuse", {3, 0.0, 0}},          {"SetDiffuse", {3, 0.45, 0}},
+      {"SetDiffuse", {5, 1.0, 0}}};
+  for (const auto& setting : settings) {
     kvtest::Front front(kFrontEndProcessor, 253, 259, 1);
-    ASSERT_EQ(0, front.Queue("SetBleachBypass", {amount, 0.6, 0.4}));
+    ASSERT_EQ(0, front.Queue(setting.first, setting.second));
     const std::vector<unsigned char> widest = front.Render();
     kvtest::ScopedWiderExtension plain(kvtl::kWiderNone);
-    EXPECT_EQ(widest, front.Render()) << amount;
+    EXPECT_EQ(widest, front.Render()) << setting.first << " " << setting.second[0] << " " << setting.second[1];
   }
 }
 

@@ -35,13 +35,15 @@ struct StageNeeds;
 
 // Scales alpha by an opacity. The plain path multiplies (alpha * opacity,
 // truncated); the SSE2 path subtracts (1 - opacity) * 255 with saturation and
-// is used only when the thread's pixel count is a multiple of 16.
+// is used only when the thread's pixel count is a multiple of 16. Where the
+// processor has AVX-512 VBMI that subtraction is looked up in tables made from
+// it (the same bytes, 64 at a time).
 class KVIMAGE_EXPORT OpacityRenderer : public AbstractRenderer {
  public:
   OpacityRenderer(double opacity, const kvtl::CPUExtensions& extensions);
   ~OpacityRenderer() override {}
   unsigned int Type() const override { return 0; }
-  void Setup(KVAbstractImage*) override {}
+  void Setup(KVAbstractImage*) override;
   int Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
              unsigned char threadCount) override;
   int Render8_CPP(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
@@ -51,8 +53,11 @@ class KVIMAGE_EXPORT OpacityRenderer : public AbstractRenderer {
 
  private:
   friend StageNeeds NeedsOf(const OpacityRenderer& stage);
+  OpacityArguments Arguments() const;
   kvtl::CPUExtensions m_extensions;
   double m_opacity;
+  unsigned char m_vectorTables[4][256];    // the vector formula per byte of a pixel, for the widest path
+  const unsigned char* m_formulaBytes[4];  // into m_vectorTables, null where the formula keeps the byte
   size_t (*m_kernel)(const PixelRun&, const OpacityArguments&);
 };
 
@@ -113,7 +118,8 @@ KVIMAGE_EXPORT void ChangeLayerOpacity(KVAbstractImage* image, double opacity);
 // table[i] = clamp(i + trunc(255 * brightness)). The SSE2 path (shares of a
 // multiple of 16 pixels) adds or subtracts with byte saturation and gives the
 // same bytes; an unknown channel selection is copied there and left unwritten
-// by the plain path.
+// by the plain path. Where the processor has AVX-512 VBMI, both paths look
+// their bytes up in tables, 64 at a time.
 class KVIMAGE_EXPORT BrightnessRenderer : public AbstractRenderer {
  public:
   BrightnessRenderer(double brightness, KVChannelsToProcess channels, const kvtl::CPUExtensions& extensions);
@@ -132,14 +138,20 @@ class KVIMAGE_EXPORT BrightnessRenderer : public AbstractRenderer {
   kvtl::CPUExtensions m_extensions;
   double m_brightness;
   KVChannelsToProcess m_channels;
+  BrightnessArguments Arguments() const;
   unsigned char m_table[256];
+  unsigned char m_vectorTables[4][256];    // the vector formula per byte of a pixel, for the widest path
+  const unsigned char* m_formulaBytes[4];  // into m_vectorTables, null where the formula keeps the byte
   size_t (*m_kernel)(const PixelRun&, const BrightnessArguments&);
+  size_t (*m_tablesKernel)(const PixelRun&, const ByteTables&);  // the table walk's, chosen in Setup
 };
 
 // Scales the chosen channels about 127 with c = trunc(256 * contrast). The
 // table divides c * (i - 127) by 256 truncating toward zero; the SSE2 path
 // shifts right by 8 (floor), so below 127 it is one lower wherever the
-// product is not a multiple of 256 and the table's result is above 0.
+// product is not a multiple of 256 and the table's result is above 0. Where
+// the processor has AVX-512 VBMI, both the table and the SSE2 formula
+// (tabulated in Setup) are looked up 64 bytes at a time.
 class KVIMAGE_EXPORT ContrastRenderer : public AbstractRenderer {
  public:
   ContrastRenderer(double contrast, KVChannelsToProcess channels, const kvtl::CPUExtensions& extensions);
@@ -158,13 +170,19 @@ class KVIMAGE_EXPORT ContrastRenderer : public AbstractRenderer {
   double m_contrast;
   KVChannelsToProcess m_channels;
   kvtl::CPUExtensions m_extensions;
+  ContrastArguments Arguments() const;
   unsigned char m_table[256];
+  unsigned char m_vectorTables[4][256];    // the vector formula per byte of a pixel, for the widest path
+  const unsigned char* m_formulaBytes[4];  // into m_vectorTables, null where the formula keeps the byte
   size_t (*m_kernel)(const PixelRun&, const ContrastArguments&);
+  size_t (*m_tablesKernel)(const PixelRun&, const ByteTables&);  // the table walk's, chosen in Setup
 };
 
 // Stretches the input range [low, high] (fractions of 255) to 0..255,
 // clipping outside it. The table truncates a double product; the SSE2 path,
 // which serves colour only, rounds a single-precision product to nearest.
+// Where the processor has AVX-512 VBMI, both are looked up in tables (the
+// SSE2 formula's made in Setup), 64 bytes at a time.
 class KVIMAGE_EXPORT SuperContrastRenderer : public AbstractRenderer {
  public:
   SuperContrastRenderer(double low, double high, KVChannelsToProcess channels,
@@ -184,13 +202,18 @@ class KVIMAGE_EXPORT SuperContrastRenderer : public AbstractRenderer {
   double m_low;
   double m_high;
   KVChannelsToProcess m_channels;
+  SuperContrastArguments Arguments() const;
   unsigned char m_table[256];
+  unsigned char m_vectorTables[4][256];    // the vector formula per byte of a pixel, for the widest path
+  const unsigned char* m_formulaBytes[4];  // into m_vectorTables, null where the formula keeps the byte
   size_t (*m_kernel)(const PixelRun&, const SuperContrastArguments&);
   size_t (*m_tablesKernel)(const PixelRun&, const ByteTables&);  // the table walk's, chosen in Setup
 };
 
 // Scales red, green and blue by three gains (0..2); alpha is copied. The
 // SSE2 path quantises each gain to 1/256 and so may differ from the tables.
+// Where the processor has AVX-512 VBMI, both the tables and the SSE2 formula
+// (tabulated in Setup) are looked up 64 bytes at a time.
 class KVIMAGE_EXPORT ColorBalanceRenderer : public AbstractRenderer {
  public:
   ColorBalanceRenderer(double red, double green, double blue, const kvtl::CPUExtensions& extensions);
@@ -206,6 +229,7 @@ class KVIMAGE_EXPORT ColorBalanceRenderer : public AbstractRenderer {
 
  private:
   friend StageNeeds NeedsOf(const ColorBalanceRenderer& stage);
+  ColorBalanceArguments Arguments() const;
   kvtl::CPUExtensions m_extensions;
   double m_red;
   double m_green;
@@ -213,7 +237,10 @@ class KVIMAGE_EXPORT ColorBalanceRenderer : public AbstractRenderer {
   unsigned char m_redTable[256];
   unsigned char m_greenTable[256];
   unsigned char m_blueTable[256];
+  unsigned char m_vectorTables[4][256];    // the vector formula per byte of a pixel, for the widest path
+  const unsigned char* m_formulaBytes[4];  // into m_vectorTables, null where the formula keeps the byte
   size_t (*m_kernel)(const PixelRun&, const ColorBalanceArguments&);
+  size_t (*m_tablesKernel)(const PixelRun&, const ByteTables&);  // the table walk's, chosen in Setup
 };
 
 // Casts the image towards the colour of a black body at a temperature in
@@ -285,6 +312,8 @@ class KVIMAGE_EXPORT HueShiftRenderer : public AbstractRenderer {
   double m_hueOffset;  // 360 - shift
   double m_keep;       // 1 - amount
   size_t (*m_kernel)(const PixelRun&, const HueStageArguments&);
+  unsigned char m_mixTables[4][256];  // the mix as byte arithmetic, built at the first Setup
+  signed char m_mixByTables;          // -1 before that Setup, then whether the tables hold
 };
 
 // Replaces hue in the integer HLS model (greys stay grey) and mixes the result
@@ -304,6 +333,8 @@ class KVIMAGE_EXPORT HueColorizeRenderer : public AbstractRenderer {
   double m_hue;
   double m_keep;  // 1 - amount
   size_t (*m_kernel)(const PixelRun&, const HueStageArguments&);
+  unsigned char m_mixTables[4][256];  // the mix as byte arithmetic, built at the first Setup
+  signed char m_mixByTables;          // -1 before that Setup, then whether the tables hold
 };
 
 // Moves every pixel toward the tone colour its luminance picks, by an amount.

@@ -10,6 +10,7 @@
 
 #include "compositing/BlendVectors.h"
 #include "support/AssertionSites.h"
+#include "support/ByteLookup.h"
 #include "support/Conversions.h"
 #include "support/ParallelPass.h"
 #include "support/PathChoice.h"
@@ -113,6 +114,52 @@ KV_VECTOR_CURVE(ColorDodgeBlend, blendvec::ColorDodge(t, b))
 KV_VECTOR_CURVE(ColorBurnBlend, blendvec::ColorBurn(t, b))
 
 #undef KV_VECTOR_CURVE
+
+// GCC 12 warns inside its own AVX-512 headers, whose intrinsics start from
+// deliberately undefined registers.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+// VectorBlend<Operation> on the sixteen lanes of an AVX-512 register. The
+// primary template runs the eight-lane form on each half; the modes the
+// compositor's alpha path meets most have a sixteen-lane form of the same
+// arithmetic.
+template <class Operation>
+struct VectorBlend512 {
+  static KV_TARGET_AVX512VBMI __m512i Apply(kvo::KVLookupTables& tables, __m512i t, __m512i b) {
+    const __m256i low =
+        VectorBlend<Operation>::Apply(tables, _mm512_castsi512_si256(t), _mm512_castsi512_si256(b));
+    const __m256i high =
+        VectorBlend<Operation>::Apply(tables, _mm512_extracti64x4_epi64(t, 1), _mm512_extracti64x4_epi64(b, 1));
+    return _mm512_inserti64x4(_mm512_castsi256_si512(low), high, 1);
+  }
+};
+
+template <>
+struct VectorBlend512<BlendTopOperation> {
+  static KV_TARGET_AVX512VBMI __m512i Apply(kvo::KVLookupTables&, __m512i t, __m512i) { return t; }
+};
+
+#define KV_VECTOR_CURVE_512(curve, expression)                                             \
+  template <>                                                                             \
+  struct VectorBlend512<BlendCurveOperation<&kvo::KVLookupTables::curve> > {              \
+    static KV_TARGET_AVX512VBMI __m512i Apply(kvo::KVLookupTables&, __m512i t, __m512i b) { \
+      return expression;                                                                  \
+    }                                                                                     \
+  };
+
+KV_VECTOR_CURVE_512(MultiplyBlend, blendvec::Multiply(t, b))
+KV_VECTOR_CURVE_512(ScreenBlend, blendvec::Screen(t, b))
+KV_VECTOR_CURVE_512(HardLightBlend, blendvec::HardLight(t, b))
+KV_VECTOR_CURVE_512(OverlayBlend, blendvec::HardLight(b, t))
+
+#undef KV_VECTOR_CURVE_512
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 
 // bottom + (((result - bottom) * opacity) >> 8): a signed 32-bit product with
 // an arithmetic shift, so a negative step rounds toward minus infinity and an
@@ -351,6 +398,130 @@ KV_TARGET_AVX2 size_t AlphaComposite_AVX2(const LayerRun& run) {
   return ForEachEight(run, AlphaCompositeEight<kFillWhereClear, kKeepWhereLayerClear, Operation>{run.tables});
 }
 
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+// Byte `byte` of each 32-bit lane of v, in the low byte of the lane.
+KV_TARGET_AVX512VBMI inline __m512i ByteOfEachLane(__m512i v, char byte) {
+  const char none = -128;
+  const __m128i select = _mm_setr_epi8(byte, none, none, none, static_cast<char>(4 + byte), none, none, none,
+                                       static_cast<char>(8 + byte), none, none, none, static_cast<char>(12 + byte),
+                                       none, none, none);
+  return _mm512_shuffle_epi8(v, _mm512_broadcast_i32x4(select));
+}
+
+// Pixels from their blue, green, red and alpha values in the lanes of four
+// registers, each value limited to 0 .. 255 on the way (the values are never
+// negative nor beyond the 16-bit range, so the two saturating packs give the
+// plain kernel's clamp). The packs leave each group of four pixels in its own
+// 128-bit block, channel by channel; one shuffle interleaves them.
+KV_TARGET_AVX512VBMI inline __m512i PackPixels(__m512i blue, __m512i green, __m512i red, __m512i alpha) {
+  const __m512i bytes = _mm512_packus_epi16(_mm512_packus_epi32(blue, green), _mm512_packus_epi32(red, alpha));
+  const __m512i interleave = _mm512_broadcast_i32x4(_mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15));
+  return _mm512_shuffle_epi8(bytes, interleave);
+}
+
+// floor(n / 255) for 0 <= n < 65536 in each 32-bit lane (the multiply-shift
+// of RoundedQuotient255 without its rounding term).
+KV_TARGET_AVX512VBMI inline __m512i Quotient255(__m512i n) {
+  return _mm512_srli_epi32(_mm512_mulhi_epu16(n, _mm512_set1_epi32(0x8081)), 7);
+}
+
+// The alpha path sixteen pixels at a time: the AVX2 kernel's arithmetic on
+// sixteen lanes, the weighted alphas by a table lookup in registers, and
+// 1 / 255 by the same division the table entries come from. Blocks whose
+// bytes need less than that take a shorter way to the same bytes:
+//   - every pixel kept as it is: fa = 0 over a background alpha of 0 (clear,
+//     unless kFillWhereClear) or of 255 (see the next case with fa = 0), or
+//     fa = 0 anywhere when kKeepWhereLayerClear;
+//   - an opaque background (alpha 255 throughout): the operand is the
+//     background colour c itself, the combined alpha is 255, the background
+//     weight 255 - fa exactly and the inverse 1 / 255.0f, so each colour is
+//     trunc(n * (1 / 255.0f)) of the exact integer n = r * fa + c * (255 - fa)
+//     (r the blend result), which is n / 255 for every n up to 65535;
+//   - fa = 255 throughout: the combined alpha is 255, the background weight
+//     is 0, and the colour trunc((r * 255) * (1 / 255.0f)) = r.
+template <bool kFillWhereClear, bool kKeepWhereLayerClear, class Operation>
+KV_TARGET_AVX512VBMI size_t AlphaComposite_AVX512VBMI(const LayerRun& run) {
+  kvo::KVLookupTables& tables = run.tables;
+  ByteTableRegisters weightedAlpha;
+  LoadByteTable_AVX512VBMI(run.weightedAlpha, weightedAlpha);
+  const __m512i zero = _mm512_setzero_si512();
+  const __m512i k255 = _mm512_set1_epi32(255);
+  const __mmask16 all = 0xFFFF;
+  // The run's fields in locals: the stores through the canvas could alias
+  // them, which would reload them every block.
+  const unsigned char* const layer = run.top;
+  unsigned char* const background = run.bottom;
+  const size_t pixels = run.pixels;
+  size_t p = 0;
+  for (; p + 16 <= pixels; p += 16) {
+    unsigned char* canvas = background + p * kBytesPerPixel;
+    const __m512i under = _mm512_loadu_si512(canvas);
+    const __m512i over = _mm512_loadu_si512(layer + p * kBytesPerPixel);
+    const __m512i fa = _mm512_srli_epi32(LookUpBytes_AVX512VBMI(over, weightedAlpha), 24);
+    const __m512i backgroundAlpha = _mm512_srli_epi32(under, 24);
+    const __mmask16 layerClear = _mm512_cmpeq_epi32_mask(fa, zero);
+    const __mmask16 opaqueBackground = _mm512_cmpeq_epi32_mask(backgroundAlpha, k255);
+    const __mmask16 clear = layerClear & _mm512_cmpeq_epi32_mask(backgroundAlpha, zero);
+    const __mmask16 kept = kKeepWhereLayerClear
+                               ? layerClear
+                               : static_cast<__mmask16>((layerClear & opaqueBackground) | (kFillWhereClear ? 0 : clear));
+    if (static_cast<__mmask16>(kept | clear) == all) {
+      if (kFillWhereClear) _mm512_mask_storeu_epi32(canvas, static_cast<__mmask16>(clear & ~kept), over);
+      continue;
+    }
+    __m512i result;
+    if (opaqueBackground == all) {
+      const __m512i weights = _mm512_or_si512(fa, _mm512_slli_epi32(_mm512_sub_epi32(k255, fa), 16));
+      __m512i channel[3];
+      for (int c = 0; c < 3; ++c) {
+        const __m512i canvasByte = ByteOfEachLane(under, static_cast<char>(c));
+        const __m512i blended = VectorBlend512<Operation>::Apply(tables, ByteOfEachLane(over, static_cast<char>(c)), canvasByte);
+        channel[c] = Quotient255(_mm512_madd_epi16(_mm512_or_si512(blended, _mm512_slli_epi32(canvasByte, 16)), weights));
+      }
+      result = PackPixels(channel[0], channel[1], channel[2], k255);
+    } else {
+      const __m512i combined =
+          _mm512_sub_epi32(_mm512_add_epi32(backgroundAlpha, fa), blendvec::Multiply(backgroundAlpha, fa));
+      __m512i canvasByte[3], blended[3];
+      for (int c = 0; c < 3; ++c) {
+        canvasByte[c] = ByteOfEachLane(under, static_cast<char>(c));
+        const __m512i operand = blendvec::Multiply(canvasByte[c], backgroundAlpha);
+        blended[c] = VectorBlend512<Operation>::Apply(tables, ByteOfEachLane(over, static_cast<char>(c)), operand);
+      }
+      if (_mm512_cmpeq_epi32_mask(fa, k255) == all) {
+        result = PackPixels(blended[0], blended[1], blended[2], k255);
+      } else {
+        const __m512 inverse = _mm512_div_ps(_mm512_set1_ps(1.0f),
+                                             _mm512_cvtepi32_ps(_mm512_max_epi32(combined, _mm512_set1_epi32(1))));
+        const __m512 divideBy255 = _mm512_div_ps(_mm512_cvtepi32_ps(backgroundAlpha), _mm512_set1_ps(255.0f));
+        const __m512 backgroundWeight = _mm512_mul_ps(divideBy255, _mm512_cvtepi32_ps(_mm512_sub_epi32(k255, fa)));
+        __m512i channel[3];
+        for (int c = 0; c < 3; ++c) {
+          const __m512 value =
+              _mm512_mul_ps(_mm512_add_ps(_mm512_cvtepi32_ps(blendvec::SmallProduct(blended[c], fa)),
+                                          _mm512_mul_ps(_mm512_cvtepi32_ps(canvasByte[c]), backgroundWeight)),
+                            inverse);
+          channel[c] = _mm512_cvttps_epi32(value);
+        }
+        result = PackPixels(channel[0], channel[1], channel[2], combined);
+      }
+    }
+    if (kFillWhereClear) result = _mm512_mask_mov_epi32(result, clear, over);
+    result = _mm512_mask_mov_epi32(result, kept, under);
+    _mm512_storeu_si512(canvas, result);
+  }
+  _mm256_zeroupper();
+  return p;
+}
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
 // The kernels of one blend mode, for DispatchBlendMode.
 struct ColourOnlyRungs {
   template <class Operation>
@@ -364,7 +535,8 @@ struct AlphaCompositeRungs {
   template <class Operation>
   KernelRungs<LayerKernel> Run() {
     return KernelRungs<LayerKernel>{AlphaComposite_Plain<kFillWhereClear, kKeepWhereLayerClear, Operation>, nullptr,
-                                    nullptr, AlphaComposite_AVX2<kFillWhereClear, kKeepWhereLayerClear, Operation>};
+                                    nullptr, AlphaComposite_AVX2<kFillWhereClear, kKeepWhereLayerClear, Operation>,
+                                    AlphaComposite_AVX512VBMI<kFillWhereClear, kKeepWhereLayerClear, Operation>};
   }
 };
 

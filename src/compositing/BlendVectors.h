@@ -1,11 +1,12 @@
 #ifndef KVIMAGE_SRC_COMPOSITING_BLENDVECTORS_H
 #define KVIMAGE_SRC_COMPOSITING_BLENDVECTORS_H
 
-// The blend results of BlendOperations.h on eight pixels at once: one channel
-// of eight pixels in the eight 32-bit lanes of an AVX2 register, every value in
-// 0 .. 255. Each form gives exactly the byte its lookup table holds (the
-// tables are built from the same integer arithmetic); modes without an exact
-// integer form read the table lane by lane.
+// The blend results of BlendOperations.h on many pixels at once: one channel
+// of eight pixels in the eight 32-bit lanes of an AVX2 register (or of sixteen
+// in an AVX-512 register), every value in 0 .. 255. Each form gives exactly
+// the byte its lookup table holds (the tables are built from the same integer
+// arithmetic); modes without an exact integer form read the table lane by
+// lane.
 
 #include <immintrin.h>
 
@@ -40,12 +41,20 @@ KV_TARGET_AVX2 inline __m256i Screen(__m256i t, __m256i b) {
   return RoundedQuotient255(_mm256_sub_epi32(sum255, SmallProduct(t, b)));
 }
 
-// Multiply by 2t below the middle, screen with 2t - 255 above.
+// Multiply by 2t below the middle, screen with u = 2t - 255 above. The
+// screen is taken as 255 - round((255 - u) * (255 - b) / 255), which is the
+// same integer: with m = (255 - u) * (255 - b) the screen's numerator is
+// 65025 - m, and (65152 - m) / 255 rounded down is 255 - (m + 127) / 255
+// rounded down. So both halves are one rounded product, of 2t and b below
+// the middle and of 510 - 2t and 255 - b above, the latter taken from 255.
 KV_TARGET_AVX2 inline __m256i HardLight(__m256i t, __m256i b) {
+  const __m256i k255 = _mm256_set1_epi32(255);
   const __m256i twice = _mm256_add_epi32(t, t);
-  const __m256i low = Multiply(twice, b);
-  const __m256i high = Screen(_mm256_sub_epi32(twice, _mm256_set1_epi32(255)), b);
-  return _mm256_blendv_epi8(low, high, _mm256_cmpgt_epi32(twice, _mm256_set1_epi32(255)));
+  const __m256i above = _mm256_cmpgt_epi32(twice, k255);
+  const __m256i x = _mm256_blendv_epi8(twice, _mm256_sub_epi32(_mm256_set1_epi32(510), twice), above);
+  const __m256i y = _mm256_blendv_epi8(b, _mm256_sub_epi32(k255, b), above);
+  const __m256i product = Multiply(x, y);
+  return _mm256_blendv_epi8(product, _mm256_sub_epi32(k255, product), above);
 }
 
 // Integer quotient of non-negative values below 2^16 by a divisor in
@@ -77,6 +86,31 @@ KV_TARGET_AVX2 inline __m256i ColorBurn(__m256i t, __m256i b) {
   __m256i result = _mm256_andnot_si256(_mm256_cmpgt_epi32(burned, k255), _mm256_sub_epi32(k255, burned));
   result = _mm256_andnot_si256(_mm256_cmpeq_epi32(t, zero), result);
   return _mm256_blendv_epi8(result, k255, _mm256_cmpeq_epi32(b, k255));
+}
+
+// The same forms on the sixteen 32-bit lanes of an AVX-512 register.
+KV_TARGET_AVX512VBMI inline __m512i RoundedQuotient255(__m512i n) {
+  const __m512i rounded = _mm512_add_epi32(n, _mm512_set1_epi32(127));
+  return _mm512_srli_epi32(_mm512_mulhi_epu16(rounded, _mm512_set1_epi32(0x8081)), 7);
+}
+
+KV_TARGET_AVX512VBMI inline __m512i SmallProduct(__m512i a, __m512i b) { return _mm512_madd_epi16(a, b); }
+
+KV_TARGET_AVX512VBMI inline __m512i Multiply(__m512i a, __m512i b) { return RoundedQuotient255(SmallProduct(a, b)); }
+
+KV_TARGET_AVX512VBMI inline __m512i Screen(__m512i t, __m512i b) {
+  const __m512i sum255 = SmallProduct(_mm512_add_epi32(t, b), _mm512_set1_epi32(255));
+  return RoundedQuotient255(_mm512_sub_epi32(sum255, SmallProduct(t, b)));
+}
+
+KV_TARGET_AVX512VBMI inline __m512i HardLight(__m512i t, __m512i b) {
+  const __m512i k255 = _mm512_set1_epi32(255);
+  const __m512i twice = _mm512_add_epi32(t, t);
+  const __mmask16 above = _mm512_cmpgt_epi32_mask(twice, k255);
+  const __m512i x = _mm512_mask_sub_epi32(twice, above, _mm512_set1_epi32(510), twice);
+  const __m512i y = _mm512_mask_sub_epi32(b, above, k255, b);
+  const __m512i product = Multiply(x, y);
+  return _mm512_mask_sub_epi32(product, above, k255, product);
 }
 
 // Operation::Apply lane by lane, for the curves without an integer form.

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <limits>
 #include <vector>
@@ -104,23 +105,29 @@ int BoundedStackBlurRenderer::Render8(KVImage8* source, KVImage8* destination, u
   const ShareRun rows = ShareOfLines(setupHeight, threadIndex, threadCount);
   const size_t rowBytes = static_cast<size_t>(setupWidth) * kBytesPerPixel;
   const size_t rectRowBytes = static_cast<size_t>(right - left) * kBytesPerPixel;
+  // The bytes of a pixel word (blue lowest) that come from the blur.
+  uint32_t blurredBytes = 0;
+  for (unsigned c = 0; c < 4; ++c) {
+    if (blurredChannel[c]) blurredBytes |= 0xFFu << (8 * c);
+  }
+  const size_t leftBytes = static_cast<size_t>(left) * kBytesPerPixel, rightBytes = static_cast<size_t>(right) * kBytesPerPixel;
   for (uint32_t y = static_cast<uint32_t>(rows.start); y < rows.End(); ++y) {
     const unsigned char* in = source->Buffer() + y * rowBytes;
     unsigned char* out = destination->Buffer() + y * rowBytes;
-    std::memmove(out, in, rowBytes);
+    if (y < top || y >= bottom || feather > 0.0) std::memmove(out, in, rowBytes);
     if (y < top || y >= bottom) continue;
     const unsigned char* blur = blurred.data() + (y - top) * rectRowBytes;
     if (!(feather > 0.0)) {
-      // Every weight is 1: the blurred bytes as they are.
-      unsigned char* p = out + static_cast<size_t>(left) * kBytesPerPixel;
-      if (blurredChannel[0] && blurredChannel[1] && blurredChannel[2] && blurredChannel[3]) {
-        std::memcpy(p, blur, rectRowBytes);
-        continue;
-      }
+      // Every weight is 1: the blurred bytes as they are, the others the
+      // source's.
+      std::memmove(out, in, leftBytes);
+      std::memmove(out + rightBytes, in + rightBytes, rowBytes - rightBytes);
       for (size_t i = 0; i < rectRowBytes; i += kBytesPerPixel) {
-        for (unsigned c = 0; c < 4; ++c) {
-          if (blurredChannel[c]) p[i + c] = blur[i + c];
-        }
+        uint32_t sharp, blurredPixel;
+        std::memcpy(&sharp, in + leftBytes + i, sizeof sharp);
+        std::memcpy(&blurredPixel, blur + i, sizeof blurredPixel);
+        const uint32_t mixed = (blurredPixel & blurredBytes) | (sharp & ~blurredBytes);
+        std::memcpy(out + leftBytes + i, &mixed, sizeof mixed);
       }
       continue;
     }

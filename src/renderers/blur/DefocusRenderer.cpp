@@ -1,6 +1,7 @@
 #include <kvimage/blur.h>
 
 #include "renderers/blur/FocusBlur.h"
+#include "renderers/colour/ChannelTables.h"
 #include "support/Conversions.h"
 #include "support/ParallelPass.h"
 #include "support/PixelLayout.h"
@@ -19,6 +20,7 @@ DefocusRenderer::DefocusRenderer(unsigned int radius_, double amount_, double bl
       factor(factor_),
       nestedBlur(new NestedColourBlur(tables_, factor_, radius_, blurParameter_)) {
   for (int i = 0; i < 256; ++i) gainCurve[i] = static_cast<unsigned char>(i);
+  tablesKernel = ByteTables_Plain;
 }
 
 // The blur works in place on the stage's input, which Render then reads.
@@ -31,6 +33,7 @@ void DefocusRenderer::Setup(KVAbstractImage* image) {
   for (int i = 0; i < 256; ++i) {
     gainCurve[i] = static_cast<unsigned char>(ClampToByte(TruncateToInt((i / 255.0) / (1.0 - a) * 255.0)));
   }
+  tablesKernel = ChooseByteTablesKernel();
 }
 
 int DefocusRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
@@ -44,13 +47,10 @@ int DefocusRenderer::Render8_CPP(KVImage8* source, KVImage8* destination, unsign
   // The blur ran in place, so the source is the blurred copy.
   const ShareRun share =
       ByteShare(source->Width(), destination->Height(), threadIndex, threadCount, CommonByteSize(source, destination));
-  ForEachSharePixel(share, source->Buffer(), source->Buffer(), destination->Buffer(),
-                    [this](const unsigned char* in, const unsigned char*, unsigned char* out) {
-                      out[kBlueByte] = gainCurve[in[kBlueByte]];
-                      out[kGreenByte] = gainCurve[in[kGreenByte]];
-                      out[kRedByte] = gainCurve[in[kRedByte]];
-                      out[kAlphaByte] = in[kAlphaByte];
-                    });
+  const size_t pixels = share.count / kBytesPerPixel;
+  if (pixels == 0) return 0;
+  const PixelRun run = {source->Buffer() + share.start, destination->Buffer() + share.start, pixels};
+  RunKernel(tablesKernel, ByteTables_Plain, run, ByteTables{{gainCurve, gainCurve, gainCurve, nullptr}});
   return 0;
 }
 

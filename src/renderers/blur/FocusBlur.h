@@ -78,31 +78,45 @@ int RenderFocusStage(Stage& stage, KVAbstractImage* source, KVAbstractImage* des
                            threadCount);
 }
 
-// Calls pixel(in, blurred, out) with the first byte of every whole pixel of a
-// share of the three byte runs.
-template <class PerPixel>
-void ForEachSharePixel(const ShareRun& share, const unsigned char* in, const unsigned char* blurred, unsigned char* out,
-                       PerPixel pixel) {
-  if (share.count == 0) return;
-  in += share.start;
-  blurred += share.start;
-  out += share.start;
-  for (size_t i = 0; i + kBytesPerPixel <= share.count; i += kBytesPerPixel) pixel(in + i, blurred + i, out + i);
-}
+// The same whole pixels of the source, the blurred copy and the destination.
+struct FocusRun {
+  const unsigned char* in;
+  const unsigned char* blurred;
+  unsigned char* out;
+  size_t pixels;
 
-// Walks thread threadIndex's byte share of source, the blurred copy and
-// destination (cut at FocusByteLimit, so nothing before a Setup), calling
-// pixel(in, blurred, out) for every whole pixel. Returns 0 (the pass's result).
-template <class PerPixel>
-int ForEachFocusPixel(const KVImage8* source, KVAbstractImage* blurredImage, KVImage8* destination,
-                      unsigned char threadIndex, unsigned char threadCount, PerPixel pixel) {
+  // The pixels from `first` on.
+  FocusRun From(size_t first) const {
+    const size_t at = first * kBytesPerPixel;
+    return FocusRun{in + at, blurred + at, out + at, pixels - first};
+  }
+};
+
+// Thread threadIndex's byte share of source, the blurred copy and destination
+// (cut at FocusByteLimit, so nothing before a Setup) as one run, handed to
+// walk(run) unless it holds no whole pixel. Returns 0 (the pass's result).
+template <class Walk>
+int ForEachFocusRun(const KVImage8* source, KVAbstractImage* blurredImage, KVImage8* destination,
+                    unsigned char threadIndex, unsigned char threadCount, Walk walk) {
   if (threadCount == 0) return 0;
   const ShareRun share = ByteShare(destination->Width(), destination->Height(), threadIndex, threadCount,
                                    FocusByteLimit(source, destination, blurredImage));
   // Without a blurred copy the share is empty and the copy is never read.
-  if (share.count == 0) return 0;
-  ForEachSharePixel(share, source->Buffer(), PixelBytes(blurredImage), destination->Buffer(), pixel);
+  if (share.count < kBytesPerPixel) return 0;
+  walk(FocusRun{source->Buffer() + share.start, PixelBytes(blurredImage) + share.start,
+                destination->Buffer() + share.start, share.count / kBytesPerPixel});
   return 0;
+}
+
+// ForEachFocusRun calling pixel(in, blurred, out) for every pixel of the run.
+template <class PerPixel>
+int ForEachFocusPixel(const KVImage8* source, KVAbstractImage* blurredImage, KVImage8* destination,
+                      unsigned char threadIndex, unsigned char threadCount, PerPixel pixel) {
+  return ForEachFocusRun(source, blurredImage, destination, threadIndex, threadCount, [&](const FocusRun& run) {
+    for (size_t i = 0; i < run.pixels * kBytesPerPixel; i += kBytesPerPixel) {
+      pixel(run.in + i, run.blurred + i, run.out + i);
+    }
+  });
 }
 
 }  // namespace image

@@ -12,6 +12,8 @@ struct BrightnessArguments {
   const unsigned char* table;
   KVChannelsToProcess channels;
   double brightness;
+  PixelKernel<ByteTables> tablesKernel;  // walks `table`
+  ByteTables formulaTables;              // the vector formula, tabulated in Setup
 };
 
 namespace {
@@ -34,7 +36,7 @@ uint32_t ChannelPattern(KVChannelsToProcess channels, uint32_t value) {
 }
 
 size_t Brightness_Plain(const PixelRun& run, const BrightnessArguments& arguments) {
-  ApplyChannelTable(run, arguments.table, arguments.channels);
+  ApplyChannelTable(run, arguments.table, arguments.channels, arguments.tablesKernel);
   return run.pixels;
 }
 
@@ -50,6 +52,10 @@ size_t Brightness_SSE2(const PixelRun& run, const BrightnessArguments& arguments
   return TransformBlocks(run, [mask](__m128i block) { return _mm_adds_epu8(block, mask); });
 }
 
+const KernelRungs<BrightnessKernel> kBrightnessRungs = {
+    Brightness_Plain, Brightness_SSE2, nullptr, nullptr,
+    TabulatedFormula_AVX512VBMI<BrightnessArguments, Brightness_SSE2>};
+
 }  // namespace
 
 // Each selected channel through the table (or the saturating add); a share
@@ -57,8 +63,7 @@ size_t Brightness_SSE2(const PixelRun& run, const BrightnessArguments& arguments
 StageNeeds NeedsOf(const BrightnessRenderer& stage) {
   return StageNeeds{nullptr, SelectsChannels(stage.m_channels), [](AbstractRenderer& base, const PixelBlock& block) {
                       const BrightnessRenderer& self = static_cast<BrightnessRenderer&>(base);
-                      RenderTableBlock(block, self.m_kernel, Brightness_Plain,
-                                       BrightnessArguments{self.m_table, self.m_channels, self.m_brightness});
+                      RenderTableBlock(block, self.m_kernel, Brightness_Plain, self.Arguments());
                     }};
 }
 
@@ -68,33 +73,46 @@ BrightnessRenderer::BrightnessRenderer(double brightness, KVChannelsToProcess ch
       m_brightness(brightness),
       m_channels(channels),
       m_table(),
-      m_kernel(ChooseKernel(KernelRungs<BrightnessKernel>{Brightness_Plain, Brightness_SSE2, nullptr, nullptr},
-                            m_extensions.sse2)) {}
+      m_vectorTables(),
+      m_formulaBytes(),
+      m_kernel(ChooseKernel(kBrightnessRungs, m_extensions.sse2)),
+      m_tablesKernel(ByteTables_Plain) {}
 
 void BrightnessRenderer::Setup(KVAbstractImage*) {
   const int offset = TruncateToInt(255.0 * m_brightness);
   // A NaN brightness gives the most negative offset; i + offset cannot
   // overflow for i >= 0.
   for (int i = 0; i < 256; ++i) m_table[i] = static_cast<unsigned char>(ClampToByte(i + offset));
+  ByteTables formula;
+  TabulateKernel<BrightnessArguments>(Brightness_SSE2, Arguments(), m_vectorTables, formula);
+  for (unsigned int k = 0; k < kBytesPerPixel; ++k) m_formulaBytes[k] = formula.byte[k];
+  m_kernel = ChooseKernel(kBrightnessRungs, m_extensions.sse2);
+  m_tablesKernel = ChooseByteTablesKernel();
+}
+
+BrightnessArguments BrightnessRenderer::Arguments() const {
+  return BrightnessArguments{m_table, m_channels, m_brightness, m_tablesKernel,
+                             ByteTables{{m_formulaBytes[0], m_formulaBytes[1], m_formulaBytes[2], m_formulaBytes[3]}}};
 }
 
 int BrightnessRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                unsigned char threadCount) {
   AssertBGRA8(source, kAssertBrightnessFormat);
-  return RenderTableShare(source, destination, threadIndex, threadCount, m_kernel, Brightness_Plain,
-                          BrightnessArguments{m_table, m_channels, m_brightness});
+  return RenderTableShare(source, destination, threadIndex, threadCount, m_kernel, Brightness_Plain, Arguments());
 }
 
 int BrightnessRenderer::Render8_CPP(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                     unsigned char threadCount) {
+  BrightnessArguments plain = Arguments();
+  plain.tablesKernel = ByteTables_Plain;
   return RenderTableShare<BrightnessArguments>(source, destination, threadIndex, threadCount, Brightness_Plain,
-                                               Brightness_Plain, BrightnessArguments{m_table, m_channels, m_brightness});
+                                               Brightness_Plain, plain);
 }
 
 int BrightnessRenderer::Render8_SSE2(KVAbstractImage* source, KVAbstractImage* destination,
                                      unsigned char threadIndex, unsigned char threadCount) {
   return RenderTableShare<BrightnessArguments>(source, destination, threadIndex, threadCount, Brightness_SSE2,
-                                               Brightness_Plain, BrightnessArguments{m_table, m_channels, m_brightness});
+                                               Brightness_Plain, Arguments());
 }
 
 }  // namespace image

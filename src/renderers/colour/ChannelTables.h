@@ -17,6 +17,7 @@
 #include <kvimage/types.h>
 
 #include "renderers/colour/PixelRun.h"
+#include "support/ByteLookup.h"
 #include "support/AssertionSites.h"
 #include "support/PixelLayout.h"
 #include "support/ParallelPass.h"
@@ -155,39 +156,33 @@ inline size_t ByteTables_Plain(const PixelRun& run, const ByteTables& tables) {
   return run.pixels;
 }
 
-// A 256-entry table in four registers of 64 entries.
-struct ByteTableRegisters {
-  __m512i quarter[4];
-};
-
-KV_TARGET_AVX512VBMI inline void LoadByteTable_AVX512VBMI(const unsigned char* table, ByteTableRegisters& registers) {
-  for (int q = 0; q < 4; ++q) registers.quarter[q] = _mm512_loadu_si512(table + 64 * q);
-}
-
-// Each byte of index looked up: two two-register permutes cover entries
-// 0..127 and 128..255 (bit 6 of the index picks the register, bit 7 is
-// ignored), and the index's top bit picks between them.
-KV_TARGET_AVX512VBMI inline __m512i LookUpBytes_AVX512VBMI(__m512i index, const ByteTableRegisters& table) {
-  const __m512i low = _mm512_permutex2var_epi8(table.quarter[0], index, table.quarter[1]);
-  const __m512i high = _mm512_permutex2var_epi8(table.quarter[2], index, table.quarter[3]);
-  return _mm512_mask_blend_epi8(_mm512_movepi8_mask(index), low, high);
-}
-
-// Blocks of 16 pixels; returns the pixels it did.
+// Blocks of 16 pixels; returns the pixels it did. Bytes that share a table
+// (the same pointer) share its lookup.
 KV_TARGET_AVX512VBMI inline size_t ByteTables_AVX512VBMI(const PixelRun& run, const ByteTables& tables) {
-  ByteTableRegisters registers[4];
-  for (unsigned int k = 0; k < kBytesPerPixel; ++k) {
-    if (tables.byte[k] != nullptr) LoadByteTable_AVX512VBMI(tables.byte[k], registers[k]);
-  }
-  // Byte k of every pixel of a block: bits k, k + 4, ... of the mask.
+  // Byte k of every pixel of a block: bits k, k + 4, ... of a mask.
   const __mmask64 byteZero = 0x1111111111111111ULL;
+  ByteTableRegisters registers[4];
+  __mmask64 bytesOf[4];
+  unsigned int distinct = 0;
+  for (unsigned int k = 0; k < kBytesPerPixel; ++k) {
+    if (tables.byte[k] == nullptr) continue;
+    unsigned int t = 0;
+    while (t < k && tables.byte[t] != tables.byte[k]) ++t;
+    if (t < k) {
+      for (unsigned int d = 0; d < distinct; ++d) {
+        if (bytesOf[d] & (byteZero << t)) bytesOf[d] |= byteZero << k;
+      }
+      continue;
+    }
+    LoadByteTable_AVX512VBMI(tables.byte[k], registers[distinct]);
+    bytesOf[distinct++] = byteZero << k;
+  }
   const size_t blocks = run.pixels / 16;
   for (size_t b = 0; b < blocks; ++b) {
     const __m512i pixels = _mm512_loadu_si512(run.in + 64 * b);
     __m512i result = pixels;
-    for (unsigned int k = 0; k < kBytesPerPixel; ++k) {
-      if (tables.byte[k] == nullptr) continue;
-      result = _mm512_mask_mov_epi8(result, byteZero << k, LookUpBytes_AVX512VBMI(pixels, registers[k]));
+    for (unsigned int d = 0; d < distinct; ++d) {
+      result = _mm512_mask_mov_epi8(result, bytesOf[d], LookUpBytes_AVX512VBMI(pixels, registers[d]));
     }
     _mm512_storeu_si512(run.out + 64 * b, result);
   }
@@ -199,6 +194,41 @@ KV_TARGET_AVX512VBMI inline size_t ByteTables_AVX512VBMI(const PixelRun& run, co
 inline PixelKernel<ByteTables> ChooseByteTablesKernel() {
   return ChooseKernel(KernelRungs<PixelKernel<ByteTables> >{ByteTables_Plain, nullptr, nullptr, nullptr,
                                                               ByteTables_AVX512VBMI});
+}
+
+// A vector formula that maps every byte of a pixel on its own, as one
+// 256-entry table per byte, blue first: the formula's kernel run once over a
+// ramp whose pixel i holds i in all four bytes. A byte the formula keeps gets
+// no table (null: copied); bytes mapped alike get the same table. Looking the tables up gives, byte for byte, what
+// the kernel computes, so the widest path of such a stage is a table walk in
+// registers.
+template <class Arguments>
+void TabulateKernel(PixelKernel<Arguments> kernel, const Arguments& arguments, unsigned char (&entries)[4][256],
+                    ByteTables& tables) {
+  alignas(16) unsigned char ramp[256 * kBytesPerPixel], mapped[256 * kBytesPerPixel];
+  for (unsigned int i = 0; i < 256; ++i) std::memset(ramp + i * kBytesPerPixel, static_cast<int>(i), kBytesPerPixel);
+  kernel(PixelRun{ramp, mapped, 256, true}, arguments);
+  for (unsigned int k = 0; k < kBytesPerPixel; ++k) {
+    bool kept = true;
+    for (unsigned int i = 0; i < 256; ++i) {
+      entries[k][i] = mapped[i * kBytesPerPixel + k];
+      kept = kept && entries[k][i] == i;
+    }
+    tables.byte[k] = kept ? nullptr : entries[k];
+    // Bytes mapped alike share one table, and so one lookup.
+    for (unsigned int j = 0; j < k && tables.byte[k] != nullptr; ++j) {
+      if (tables.byte[j] != nullptr && std::memcmp(entries[j], entries[k], 256) == 0) tables.byte[k] = tables.byte[j];
+    }
+  }
+}
+
+// The widest path of a stage whose vector formula is tabulated
+// (arguments.formulaTables): 16 pixels at a time through the tables, the rest
+// through the kernel they came from.
+template <class Arguments, PixelKernel<Arguments> Formula>
+KV_TARGET_AVX512VBMI size_t TabulatedFormula_AVX512VBMI(const PixelRun& run, const Arguments& arguments) {
+  const size_t done = ByteTables_AVX512VBMI(run, arguments.formulaTables);
+  return done + Formula(run.From(done), arguments);
 }
 
 // Whether a single-table tone stage writes its output: for colour (4), alpha
@@ -234,10 +264,12 @@ inline void ApplyColourTables(const PixelRun& run, const unsigned char* blue, co
 }
 
 // The plain path of the single-table tone stages: colour (4), alpha (3) or
-// every byte (5) through the table; any other selection writes nothing.
-inline void ApplyChannelTable(const PixelRun& run, const unsigned char* table, KVChannelsToProcess channels) {
+// every byte (5) through the table, walked by the given byte-table kernel;
+// any other selection writes nothing.
+inline void ApplyChannelTable(const PixelRun& run, const unsigned char* table, KVChannelsToProcess channels,
+                              PixelKernel<ByteTables> tablesKernel = ByteTables_Plain) {
   ByteTables tables;
-  if (ChannelByteTables(table, channels, tables)) ByteTables_Plain(run, tables);
+  if (ChannelByteTables(table, channels, tables)) RunKernel(tablesKernel, ByteTables_Plain, run, tables);
 }
 
 }  // namespace image

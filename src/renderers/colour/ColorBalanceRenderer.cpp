@@ -15,6 +15,8 @@ struct ColorBalanceArguments {
   double blue;
   double green;
   double red;
+  PixelKernel<ByteTables> tablesKernel;  // walks the gain tables
+  ByteTables formulaTables;              // the vector formula, tabulated in Setup
 };
 
 namespace {
@@ -29,7 +31,8 @@ void BuildGainTable(double gain, unsigned char table[256]) {
 short GainMultiplier(double gain) { return MultiplierLane(TruncateToInt(256.0 * gain)); }
 
 size_t ColorBalance_Plain(const PixelRun& run, const ColorBalanceArguments& arguments) {
-  ApplyColourTables(run, arguments.blueTable, arguments.greenTable, arguments.redTable);
+  RunKernel(arguments.tablesKernel, ByteTables_Plain, run,
+            ByteTables{{arguments.blueTable, arguments.greenTable, arguments.redTable, nullptr}});
   return run.pixels;
 }
 
@@ -47,6 +50,10 @@ size_t ColorBalance_SSE2(const PixelRun& run, const ColorBalanceArguments& argum
   });
 }
 
+const KernelRungs<ColorBalanceKernel> kColorBalanceRungs = {
+    ColorBalance_Plain, ColorBalance_SSE2, nullptr, nullptr,
+    TabulatedFormula_AVX512VBMI<ColorBalanceArguments, ColorBalance_SSE2>};
+
 }  // namespace
 
 // Colour through the gain tables, or the vector formula where the thread's
@@ -54,9 +61,7 @@ size_t ColorBalance_SSE2(const PixelRun& run, const ColorBalanceArguments& argum
 StageNeeds NeedsOf(const ColorBalanceRenderer&) {
   return StageNeeds{nullptr, true, [](AbstractRenderer& base, const PixelBlock& block) {
                       const ColorBalanceRenderer& self = static_cast<ColorBalanceRenderer&>(base);
-                      RenderTableBlock(block, self.m_kernel, ColorBalance_Plain,
-                                       ColorBalanceArguments{self.m_blueTable, self.m_greenTable, self.m_redTable,
-                                                             self.m_blue, self.m_green, self.m_red});
+                      RenderTableBlock(block, self.m_kernel, ColorBalance_Plain, self.Arguments());
                     }};
 }
 
@@ -69,34 +74,46 @@ ColorBalanceRenderer::ColorBalanceRenderer(double red, double green, double blue
       m_redTable(),
       m_greenTable(),
       m_blueTable(),
-      m_kernel(ChooseKernel(KernelRungs<ColorBalanceKernel>{ColorBalance_Plain, ColorBalance_SSE2, nullptr, nullptr},
-                            m_extensions.sse2)) {}
+      m_vectorTables(),
+      m_formulaBytes(),
+      m_kernel(ChooseKernel(kColorBalanceRungs, m_extensions.sse2)),
+      m_tablesKernel(ByteTables_Plain) {}
 
 void ColorBalanceRenderer::Setup(KVAbstractImage*) {
   BuildGainTable(m_red, m_redTable);
   BuildGainTable(m_green, m_greenTable);
   BuildGainTable(m_blue, m_blueTable);
+  ByteTables formula;
+  TabulateKernel<ColorBalanceArguments>(ColorBalance_SSE2, Arguments(), m_vectorTables, formula);
+  for (unsigned int k = 0; k < kBytesPerPixel; ++k) m_formulaBytes[k] = formula.byte[k];
+  m_kernel = ChooseKernel(kColorBalanceRungs, m_extensions.sse2);
+  m_tablesKernel = ChooseByteTablesKernel();
+}
+
+ColorBalanceArguments ColorBalanceRenderer::Arguments() const {
+  return ColorBalanceArguments{
+      m_blueTable, m_greenTable, m_redTable, m_blue, m_green, m_red, m_tablesKernel,
+      ByteTables{{m_formulaBytes[0], m_formulaBytes[1], m_formulaBytes[2], m_formulaBytes[3]}}};
 }
 
 int ColorBalanceRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                  unsigned char threadCount) {
   AssertBGRA8(source, kAssertColorBalanceFormat);
-  return RenderTableShare(source, destination, threadIndex, threadCount, m_kernel, ColorBalance_Plain,
-                          ColorBalanceArguments{m_blueTable, m_greenTable, m_redTable, m_blue, m_green, m_red});
+  return RenderTableShare(source, destination, threadIndex, threadCount, m_kernel, ColorBalance_Plain, Arguments());
 }
 
 int ColorBalanceRenderer::Render8_CPP(KVAbstractImage* source, KVAbstractImage* destination,
                                       unsigned char threadIndex, unsigned char threadCount) {
-  return RenderTableShare<ColorBalanceArguments>(
-      source, destination, threadIndex, threadCount, ColorBalance_Plain, ColorBalance_Plain,
-      ColorBalanceArguments{m_blueTable, m_greenTable, m_redTable, m_blue, m_green, m_red});
+  ColorBalanceArguments plain = Arguments();
+  plain.tablesKernel = ByteTables_Plain;
+  return RenderTableShare<ColorBalanceArguments>(source, destination, threadIndex, threadCount, ColorBalance_Plain,
+                                                 ColorBalance_Plain, plain);
 }
 
 int ColorBalanceRenderer::Render8_SSE2(KVAbstractImage* source, KVAbstractImage* destination,
                                        unsigned char threadIndex, unsigned char threadCount) {
-  return RenderTableShare<ColorBalanceArguments>(
-      source, destination, threadIndex, threadCount, ColorBalance_SSE2, ColorBalance_Plain,
-      ColorBalanceArguments{m_blueTable, m_greenTable, m_redTable, m_blue, m_green, m_red});
+  return RenderTableShare<ColorBalanceArguments>(source, destination, threadIndex, threadCount, ColorBalance_SSE2,
+                                                 ColorBalance_Plain, Arguments());
 }
 
 }  // namespace image

@@ -12,6 +12,8 @@ struct ContrastArguments {
   const unsigned char* table;
   KVChannelsToProcess channels;
   double contrast;
+  PixelKernel<ByteTables> tablesKernel;  // walks `table`
+  ByteTables formulaTables;              // the vector formula, tabulated in Setup
 };
 
 namespace {
@@ -33,7 +35,7 @@ void PixelMultipliers(KVChannelsToProcess channels, int c, short lanes[4]) {
 }
 
 size_t Contrast_Plain(const PixelRun& run, const ContrastArguments& arguments) {
-  ApplyChannelTable(run, arguments.table, arguments.channels);
+  ApplyChannelTable(run, arguments.table, arguments.channels, arguments.tablesKernel);
   return run.pixels;
 }
 
@@ -55,6 +57,9 @@ size_t Contrast_SSE2(const PixelRun& run, const ContrastArguments& arguments) {
   });
 }
 
+const KernelRungs<ContrastKernel> kContrastRungs = {Contrast_Plain, Contrast_SSE2, nullptr, nullptr,
+                                                    TabulatedFormula_AVX512VBMI<ContrastArguments, Contrast_SSE2>};
+
 }  // namespace
 
 // Each selected channel through the table, or the vector formula where the
@@ -62,8 +67,7 @@ size_t Contrast_SSE2(const PixelRun& run, const ContrastArguments& arguments) {
 StageNeeds NeedsOf(const ContrastRenderer& stage) {
   return StageNeeds{nullptr, SelectsChannels(stage.m_channels), [](AbstractRenderer& base, const PixelBlock& block) {
                       const ContrastRenderer& self = static_cast<ContrastRenderer&>(base);
-                      RenderTableBlock(block, self.m_kernel, Contrast_Plain,
-                                       ContrastArguments{self.m_table, self.m_channels, self.m_contrast});
+                      RenderTableBlock(block, self.m_kernel, Contrast_Plain, self.Arguments());
                     }};
 }
 
@@ -73,8 +77,10 @@ ContrastRenderer::ContrastRenderer(double contrast, KVChannelsToProcess channels
       m_channels(channels),
       m_extensions(extensions),
       m_table(),
-      m_kernel(ChooseKernel(KernelRungs<ContrastKernel>{Contrast_Plain, Contrast_SSE2, nullptr, nullptr},
-                            m_extensions.sse2)) {}
+      m_vectorTables(),
+      m_formulaBytes(),
+      m_kernel(ChooseKernel(kContrastRungs, m_extensions.sse2)),
+      m_tablesKernel(ByteTables_Plain) {}
 
 // table[i] = clamp(127 + (i - 127) * c / 256), the division truncating toward
 // zero. The product wraps in 32 bits as the processor's multiply does (only a
@@ -86,25 +92,36 @@ void ContrastRenderer::Setup(KVAbstractImage*) {
     const int product = static_cast<int>(static_cast<uint32_t>(j) * static_cast<uint32_t>(c));
     m_table[i] = static_cast<unsigned char>(ClampToByte(product / 256 + kPivot));
   }
+  ByteTables formula;
+  TabulateKernel<ContrastArguments>(Contrast_SSE2, Arguments(), m_vectorTables, formula);
+  for (unsigned int k = 0; k < kBytesPerPixel; ++k) m_formulaBytes[k] = formula.byte[k];
+  m_kernel = ChooseKernel(kContrastRungs, m_extensions.sse2);
+  m_tablesKernel = ChooseByteTablesKernel();
+}
+
+ContrastArguments ContrastRenderer::Arguments() const {
+  return ContrastArguments{m_table, m_channels, m_contrast, m_tablesKernel,
+                           ByteTables{{m_formulaBytes[0], m_formulaBytes[1], m_formulaBytes[2], m_formulaBytes[3]}}};
 }
 
 int ContrastRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                              unsigned char threadCount) {
   AssertBGRA8(source, kAssertContrastFormat);
-  return RenderTableShare(source, destination, threadIndex, threadCount, m_kernel, Contrast_Plain,
-                          ContrastArguments{m_table, m_channels, m_contrast});
+  return RenderTableShare(source, destination, threadIndex, threadCount, m_kernel, Contrast_Plain, Arguments());
 }
 
 int ContrastRenderer::Render8_CPP(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                   unsigned char threadCount) {
+  ContrastArguments plain = Arguments();
+  plain.tablesKernel = ByteTables_Plain;
   return RenderTableShare<ContrastArguments>(source, destination, threadIndex, threadCount, Contrast_Plain,
-                                             Contrast_Plain, ContrastArguments{m_table, m_channels, m_contrast});
+                                             Contrast_Plain, plain);
 }
 
 int ContrastRenderer::Render8_SSE2(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                    unsigned char threadCount) {
   return RenderTableShare<ContrastArguments>(source, destination, threadIndex, threadCount, Contrast_SSE2,
-                                             Contrast_Plain, ContrastArguments{m_table, m_channels, m_contrast});
+                                             Contrast_Plain, Arguments());
 }
 
 }  // namespace image

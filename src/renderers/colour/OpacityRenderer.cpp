@@ -16,6 +16,7 @@ namespace image {
 
 struct OpacityArguments {
   double opacity;
+  ByteTables formulaTables;  // the vector formula, tabulated in Setup
 };
 
 namespace {
@@ -43,39 +44,56 @@ size_t Opacity_SSE2(const PixelRun& run, const OpacityArguments& arguments) {
   return TransformBlocks(run, [alphaMask](__m128i block) { return _mm_subs_epu8(block, alphaMask); });
 }
 
+const KernelRungs<OpacityKernel> kOpacityRungs = {Opacity_Plain, Opacity_SSE2, nullptr, nullptr,
+                                                  TabulatedFormula_AVX512VBMI<OpacityArguments, Opacity_SSE2>};
+
 }  // namespace
 
 // Alpha alone, by the product or the subtraction the thread's share takes.
 StageNeeds NeedsOf(const OpacityRenderer&) {
   return StageNeeds{nullptr, true, [](AbstractRenderer& base, const PixelBlock& block) {
                       const OpacityRenderer& self = static_cast<OpacityRenderer&>(base);
-                      RenderTableBlock(block, self.m_kernel, Opacity_Plain, OpacityArguments{self.m_opacity});
+                      RenderTableBlock(block, self.m_kernel, Opacity_Plain, self.Arguments());
                     }};
 }
 
 OpacityRenderer::OpacityRenderer(double opacity, const kvtl::CPUExtensions& extensions)
     : m_extensions(extensions),
       m_opacity(opacity),
-      m_kernel(ChooseKernel(KernelRungs<OpacityKernel>{Opacity_Plain, Opacity_SSE2, nullptr, nullptr},
-                            m_extensions.sse2)) {}
+      m_vectorTables(),
+      m_formulaBytes(),
+      m_kernel(ChooseKernel(kOpacityRungs, m_extensions.sse2)) {
+  Setup(nullptr);
+}
+
+void OpacityRenderer::Setup(KVAbstractImage*) {
+  ByteTables formula;
+  TabulateKernel<OpacityArguments>(Opacity_SSE2, Arguments(), m_vectorTables, formula);
+  for (unsigned int k = 0; k < kBytesPerPixel; ++k) m_formulaBytes[k] = formula.byte[k];
+  m_kernel = ChooseKernel(kOpacityRungs, m_extensions.sse2);
+}
+
+OpacityArguments OpacityRenderer::Arguments() const {
+  return OpacityArguments{m_opacity,
+                          ByteTables{{m_formulaBytes[0], m_formulaBytes[1], m_formulaBytes[2], m_formulaBytes[3]}}};
+}
 
 int OpacityRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                             unsigned char threadCount) {
   AssertBGRA8(source, kAssertOpacityFormat);
-  return RenderTableShare(source, destination, threadIndex, threadCount, m_kernel, Opacity_Plain,
-                          OpacityArguments{m_opacity});
+  return RenderTableShare(source, destination, threadIndex, threadCount, m_kernel, Opacity_Plain, Arguments());
 }
 
 int OpacityRenderer::Render8_CPP(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                  unsigned char threadCount) {
   return RenderTableShare<OpacityArguments>(source, destination, threadIndex, threadCount, Opacity_Plain,
-                                            Opacity_Plain, OpacityArguments{m_opacity});
+                                            Opacity_Plain, Arguments());
 }
 
 int OpacityRenderer::Render8_SSE2(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                   unsigned char threadCount) {
   return RenderTableShare<OpacityArguments>(source, destination, threadIndex, threadCount, Opacity_SSE2,
-                                            Opacity_Plain, OpacityArguments{m_opacity});
+                                            Opacity_Plain, Arguments());
 }
 
 void SetOpacity(KVImage8* image, double opacity) {

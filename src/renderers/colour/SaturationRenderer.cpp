@@ -189,7 +189,128 @@ KV_TARGET_AVX2 size_t Saturation_AVX2(const PixelRun& run, const SaturationArgum
   return end / kBytesPerPixel;
 }
 
-const KernelRungs<SaturationKernel> kSaturationRungs = {Saturation_Plain, nullptr, nullptr, Saturation_AVX2};
+// GCC 12 warns inside its own AVX-512 headers, whose intrinsics start from
+// deliberately undefined registers.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+// What the double-precision half of the sixteen-pixel kernel gives each of
+// eight pixels: the sextant index and p, q, t (their low bytes), and whether
+// the scaled saturation is 0.
+struct SaturationLanes {
+  __m256i index, p, q, t;
+  __mmask8 grey;
+};
+
+// The AVX2 kernel's double operations on eight pixels, in the same order.
+// The reciprocals are divisions instead of table reads: the tables hold 1 / k
+// rounded once, which is what a division gives, and a table read per lane
+// would cost more than the division here.
+KV_TARGET_AVX512VBMI inline SaturationLanes SaturationOfEight(__m256i value, __m256i difference, __m256i numerator,
+                                                             __mmask8 lit, __mmask8 redIsMax, __mmask8 greenIsMax,
+                                                             __m512d factor) {
+  const __m512d zero = _mm512_setzero_pd(), one = _mm512_set1_pd(1.0), sixty = _mm512_set1_pd(60.0);
+  const __m512d full = _mm512_set1_pd(360.0);
+  const __m512d valueD = _mm512_cvtepi32_pd(value), differenceD = _mm512_cvtepi32_pd(difference);
+
+  // Saturation, 0 for black (not lit).
+  const __m512d saturation = _mm512_maskz_mul_pd(lit, differenceD, _mm512_div_pd(one, valueD));
+  const __mmask8 coloured = _mm512_cmp_pd_mask(saturation, zero, _CMP_NEQ_OQ);
+
+  // Hue in degrees, 0 where the saturation is 0.
+  const __m512d sector = _mm512_mul_pd(_mm512_cvtepi32_pd(numerator), _mm512_div_pd(one, differenceD));
+  const __m512d sectorStart = _mm512_mask_blend_pd(greenIsMax, _mm512_set1_pd(4.0), _mm512_set1_pd(2.0));
+  __m512d hue = _mm512_mask_add_pd(sector, static_cast<__mmask8>(~redIsMax), sector, sectorStart);
+  hue = _mm512_mul_pd(hue, sixty);
+  hue = _mm512_mask_add_pd(hue, _mm512_cmp_pd_mask(hue, zero, _CMP_LT_OQ), hue, full);
+  hue = _mm512_maskz_mov_pd(coloured, hue);
+
+  __m512d scaled = _mm512_mul_pd(saturation, factor);
+  scaled = _mm512_mask_mov_pd(scaled, _mm512_cmp_pd_mask(scaled, one, _CMP_GT_OQ), one);
+
+  hue = _mm512_maskz_mov_pd(_mm512_cmp_pd_mask(hue, full, _CMP_NEQ_UQ), hue);
+  const __m512d place = _mm512_div_pd(hue, sixty);
+  SaturationLanes lanes;
+  lanes.grey = _mm512_cmp_pd_mask(scaled, zero, _CMP_EQ_OQ);
+  lanes.index = _mm512_cvttpd_epi32(place);
+  const __m512d fraction = _mm512_sub_pd(place, _mm512_cvtepi32_pd(lanes.index));
+  lanes.p = _mm512_cvttpd_epi32(_mm512_mul_pd(_mm512_sub_pd(one, scaled), valueD));
+  lanes.q = _mm512_cvttpd_epi32(_mm512_mul_pd(_mm512_sub_pd(one, _mm512_mul_pd(scaled, fraction)), valueD));
+  lanes.t = _mm512_cvttpd_epi32(
+      _mm512_mul_pd(_mm512_sub_pd(one, _mm512_mul_pd(scaled, _mm512_sub_pd(one, fraction))), valueD));
+  return lanes;
+}
+
+KV_TARGET_AVX512VBMI inline __m512i Join(__m256i low, __m256i high) {
+  return _mm512_inserti64x4(_mm512_castsi256_si512(low), high, 1);
+}
+
+// Sixteen pixels at a time: the integer steps in sixteen lanes, the double
+// ones in two halves of eight, then the AVX2 kernel's byte shuffle. Returns
+// the pixels done, whole blocks of sixteen.
+KV_TARGET_AVX512VBMI size_t Saturation_AVX512VBMI(const PixelRun& run, const SaturationArguments& arguments) {
+  const unsigned char* in = run.in;
+  unsigned char* out = run.out;
+  const __m512i byteMask = _mm512_set1_epi32(0xFF);
+  const __m512d factor = _mm512_set1_pd(arguments.factor);
+  const __m512i kSextantPatterns = _mm512_setr_epi32(
+      Pattern(0x80030200), Pattern(0x80010300), Pattern(0x80000302), Pattern(0x80000103), Pattern(0x80020003),
+      Pattern(0x80030001), kGreyPattern, kGreyPattern, kGreyPattern, kGreyPattern, kGreyPattern, kGreyPattern,
+      kGreyPattern, kGreyPattern, kGreyPattern, kGreyPattern);
+  const __m512i laneBytes = _mm512_set4_epi32(0x0C0C0C0C, 0x08080808, 0x04040404, 0);
+  const size_t blocks = run.pixels / 16;
+  for (size_t b = 0; b < blocks; ++b) {
+    const __m512i pixels = _mm512_loadu_si512(in + 64 * b);
+    const __m512i c0 = _mm512_and_si512(pixels, byteMask);
+    const __m512i c1 = _mm512_and_si512(_mm512_srli_epi32(pixels, 8), byteMask);
+    const __m512i c2 = _mm512_and_si512(_mm512_srli_epi32(pixels, 16), byteMask);
+    const __m512i value = _mm512_max_epi32(c0, _mm512_max_epi32(c1, c2));
+    const __m512i difference = _mm512_sub_epi32(value, _mm512_min_epi32(c0, _mm512_min_epi32(c1, c2)));
+    const __mmask16 lit = _mm512_cmpneq_epi32_mask(value, _mm512_setzero_si512());
+    const __mmask16 redIsMax = _mm512_cmpeq_epi32_mask(value, c2), greenIsMax = _mm512_cmpeq_epi32_mask(value, c1);
+    __m512i numerator = _mm512_sub_epi32(c2, c1);
+    numerator = _mm512_mask_sub_epi32(numerator, greenIsMax, c0, c2);
+    numerator = _mm512_mask_sub_epi32(numerator, redIsMax, c1, c0);
+
+    const SaturationLanes low = SaturationOfEight(
+        _mm512_castsi512_si256(value), _mm512_castsi512_si256(difference), _mm512_castsi512_si256(numerator),
+        static_cast<__mmask8>(lit), static_cast<__mmask8>(redIsMax), static_cast<__mmask8>(greenIsMax), factor);
+    const SaturationLanes high = SaturationOfEight(
+        _mm512_extracti64x4_epi64(value, 1), _mm512_extracti64x4_epi64(difference, 1),
+        _mm512_extracti64x4_epi64(numerator, 1), static_cast<__mmask8>(lit >> 8), static_cast<__mmask8>(redIsMax >> 8),
+        static_cast<__mmask8>(greenIsMax >> 8), factor);
+    const __m512i index = Join(low.index, high.index);
+    const __mmask16 grey = static_cast<__mmask16>(low.grey | (high.grey << 8));
+
+    // The sextant picks bytes 0, 1, 2 from (p, q, t, V) by a byte shuffle; a
+    // colour without saturation takes V three times, and an index outside
+    // 0..5 keeps the pixel as read.
+    const __m512i p = _mm512_and_si512(Join(low.p, high.p), byteMask);
+    const __m512i q = _mm512_and_si512(Join(low.q, high.q), byteMask);
+    const __m512i t = _mm512_and_si512(Join(low.t, high.t), byteMask);
+    const __m512i palette = _mm512_or_si512(_mm512_or_si512(p, _mm512_slli_epi32(q, 8)),
+                                            _mm512_or_si512(_mm512_slli_epi32(t, 16), _mm512_slli_epi32(value, 24)));
+    const __mmask16 inSextants = _mm512_cmplt_epu32_mask(index, _mm512_set1_epi32(6));
+    const __m512i pattern =
+        _mm512_mask_mov_epi32(_mm512_permutexvar_epi32(index, kSextantPatterns), grey, _mm512_set1_epi32(kGreyPattern));
+    const __m512i shuffled = _mm512_shuffle_epi8(palette, _mm512_add_epi32(pattern, laneBytes));
+    const __m512i alpha = _mm512_andnot_si512(_mm512_set1_epi32(0x00FFFFFF), pixels);
+    const __m512i result =
+        _mm512_mask_mov_epi32(pixels, static_cast<__mmask16>(grey | inSextants), _mm512_or_si512(shuffled, alpha));
+    _mm512_storeu_si512(out + 64 * b, result);
+  }
+  _mm256_zeroupper();
+  return blocks * 16;
+}
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
+const KernelRungs<SaturationKernel> kSaturationRungs = {Saturation_Plain, nullptr, nullptr, Saturation_AVX2,
+                                                      Saturation_AVX512VBMI};
 
 }  // namespace
 

@@ -14,6 +14,7 @@ struct SuperContrastArguments {
   KVChannelsToProcess channels;
   double low;
   double high;
+  ByteTables formulaTables;  // the vector formula, tabulated in Setup
 };
 
 namespace {
@@ -131,8 +132,9 @@ KV_TARGET_AVX2 size_t SuperContrast_AVX2(const PixelRun& run, const SuperContras
   return blocks * 8 + SuperContrast_SSE2(run.From(blocks * 8), arguments);
 }
 
-const KernelRungs<SuperContrastKernel> kSuperContrastRungs = {SuperContrast_Plain, SuperContrast_SSE2, nullptr,
-                                                              SuperContrast_AVX2};
+const KernelRungs<SuperContrastKernel> kSuperContrastRungs = {
+    SuperContrast_Plain, SuperContrast_SSE2, nullptr, SuperContrast_AVX2,
+    TabulatedFormula_AVX512VBMI<SuperContrastArguments, SuperContrast_SSE2>};
 
 // One thread through a kernel. The plain kernel (and any selection but
 // colour, which the vector path does not serve) walks the plain share whole.
@@ -168,6 +170,8 @@ SuperContrastRenderer::SuperContrastRenderer(double low, double high, KVChannels
       m_high(high),
       m_channels(channels),
       m_table(),
+      m_vectorTables(),
+      m_formulaBytes(),
       m_kernel(ChooseKernel(kSuperContrastRungs, extensions.sse2)),
       m_tablesKernel(ByteTables_Plain) {}
 
@@ -186,21 +190,30 @@ void SuperContrastRenderer::Setup(KVAbstractImage*) {
     }
     m_table[i] = static_cast<unsigned char>(value);
   }
+  ByteTables formula;
+  TabulateKernel<SuperContrastArguments>(SuperContrast_SSE2, Arguments(), m_vectorTables, formula);
+  for (unsigned int k = 0; k < kBytesPerPixel; ++k) m_formulaBytes[k] = formula.byte[k];
   m_kernel = ChooseKernel(kSuperContrastRungs, m_extensions.sse2);
   m_tablesKernel = ChooseByteTablesKernel();
+}
+
+SuperContrastArguments SuperContrastRenderer::Arguments() const {
+  return SuperContrastArguments{
+      m_table, m_channels, m_low, m_high,
+      ByteTables{{m_formulaBytes[0], m_formulaBytes[1], m_formulaBytes[2], m_formulaBytes[3]}}};
 }
 
 int SuperContrastRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
                                   unsigned char threadCount) {
   AssertBGRA8(source, kAssertSuperContrastFormat);
   return RenderSuperContrastShare(source, destination, threadIndex, threadCount, m_kernel, m_tablesKernel,
-                                  SuperContrastArguments{m_table, m_channels, m_low, m_high});
+                                  Arguments());
 }
 
 int SuperContrastRenderer::Render8_CPP(KVAbstractImage* source, KVAbstractImage* destination,
                                        unsigned char threadIndex, unsigned char threadCount) {
   return RenderSuperContrastShare(source, destination, threadIndex, threadCount, SuperContrast_Plain,
-                                  ByteTables_Plain, SuperContrastArguments{m_table, m_channels, m_low, m_high});
+                                  ByteTables_Plain, Arguments());
 }
 
 // The vector path even where the record chose the plain one.
@@ -208,7 +221,7 @@ int SuperContrastRenderer::Render8_SSE2(KVAbstractImage* source, KVAbstractImage
                                         unsigned char threadIndex, unsigned char threadCount) {
   return RenderSuperContrastShare(source, destination, threadIndex, threadCount,
                                   m_kernel != SuperContrast_Plain ? m_kernel : SuperContrast_SSE2, m_tablesKernel,
-                                  SuperContrastArguments{m_table, m_channels, m_low, m_high});
+                                  Arguments());
 }
 
 }  // namespace image
