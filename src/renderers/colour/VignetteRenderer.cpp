@@ -6,9 +6,9 @@
 
 #include <kvimage/colour.h>
 
-#include "renderers/colour/ChannelTables.h"
 #include "renderers/colour/PixelRun.h"
 #include "renderers/colour/Rec601Luma.h"
+#include "support/ByteLookup.h"
 #include "support/Conversions.h"
 #include "support/PathChoice.h"
 #include "support/PixelLayout.h"
