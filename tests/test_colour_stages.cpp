@@ -647,4 +647,31 @@ TEST(Vignette, BoundsMoveTheFrame) {
             RenderStage(Vignette(kBlack, 0.7, 0.3, 0.5, 0.3, 0.5, KVRect(KVPoint2(5, 5), 0, 7)), pixels, w, h));
 }
 
+// The vector path keeps a row's weights for its mirrored half only while they
+// fit its buffer (8192 columns do, 8203 do not); off-centre frames leave
+// unmirrored columns on either side, and three threads start shares mid-row.
+TEST(Vignette, WidePathGivesThePlainBytesOnLongRowsAndOffCentreFrames) {
+  struct Case {
+    unsigned int width, height;
+    KVRect bounds;
+    double highlights;
+  };
+  const Case cases[] = {{8192, 2, KVRect(), 0.5},
+                        {8203, 2, KVRect(), 0.0},
+                        {1031, 3, KVRect(KVPoint2(700, 1), 500, 2), 0.7},
+                        {1031, 3, KVRect(KVPoint2(-900, 0), 1201, 3), 1.0}};
+  for (const Case& c : cases) {
+    const Bytes pixels = PatternBytes(static_cast<size_t>(c.width) * c.height * 4, c.width);
+    const Make make = Build<VignetteRenderer>(KVPixel8_RGB{40, 90, 200}, 0.8, 0.3, 0.5, 0.6, c.highlights, c.bounds);
+    for (unsigned int threads : {1u, 3u}) {
+      Bytes plain;
+      {
+        ScopedWiderExtension cap(kvtl::kWiderNone);
+        plain = Direct(make, kPlainPath, pixels, c.width, c.height, threads);
+      }
+      EXPECT_EQ(plain, Direct(make, kPlainPath, pixels, c.width, c.height, threads)) << c.width << " " << threads;
+    }
+  }
+}
+
 }  // namespace
