@@ -6,7 +6,7 @@
 #include <limits>
 #include <vector>
 
-#include <tmmintrin.h>
+#include <immintrin.h>
 
 #include <kvimage/keying.h>
 
@@ -106,6 +106,53 @@ KV_TARGET_SSSE3 size_t KeyAlphas_SSSE3(const KeyAlphaRun& run) {
   }
   return i + KeyAlphas_Plain(run.From(i));
 }
+
+// GCC 12 warns inside its own AVX-512 headers, whose intrinsics start from
+// deliberately undefined registers.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+// The same 64 pixels at a time: the 64 weights are looked up in registers
+// (the 256-byte table as two 128-byte halves, picked by the matte byte's top
+// bit), and each 16-bit product sits in the low half of its pixel's lane.
+KV_TARGET_AVX512VBMI size_t KeyAlphas_AVX512VBMI(const KeyAlphaRun& run) {
+  const unsigned char* in = run.in;
+  unsigned char* out = run.out;
+  const unsigned char* matte = run.matte;
+  __m512i table[4];
+  for (int k = 0; k < 4; ++k) table[k] = _mm512_loadu_si512(run.weights + 64 * k);
+  const __mmask64 alphaLanes = 0x8888888888888888ull;
+  const __m512i rounding = _mm512_set1_epi32(127), reciprocal = _mm512_set1_epi32(0x8081);
+  // Weight 16 * k + j to the low byte of lane j, the other bytes zeroed.
+  const __mmask64 lowBytes = 0x1111111111111111ull;
+  __m512i spread[4];
+  for (int k = 0; k < 4; ++k) {
+    spread[k] = _mm512_add_epi32(_mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15),
+                                 _mm512_set1_epi32(16 * k));
+  }
+  size_t i = 0;
+  for (; i + 64 <= run.matted; i += 64) {
+    const __m512i values = _mm512_loadu_si512(matte + i);
+    const __m512i low = _mm512_permutex2var_epi8(table[0], values, table[1]);
+    const __m512i high = _mm512_permutex2var_epi8(table[2], values, table[3]);
+    const __m512i w = _mm512_mask_blend_epi8(_mm512_movepi8_mask(values), low, high);
+    for (int k = 0; k < 4; ++k) {
+      const __m512i p = _mm512_loadu_si512(in + (i + 16 * k) * kBytesPerPixel);
+      const __m512i weight = _mm512_maskz_permutexvar_epi8(lowBytes, spread[k], w);
+      const __m512i product = _mm512_add_epi32(_mm512_mullo_epi16(_mm512_srli_epi32(p, 24), weight), rounding);
+      const __m512i blended = _mm512_srli_epi32(_mm512_mulhi_epu16(product, reciprocal), 7);
+      _mm512_storeu_si512(out + (i + 16 * k) * kBytesPerPixel,
+                          _mm512_mask_blend_epi8(alphaLanes, p, _mm512_slli_epi32(blended, 24)));
+    }
+  }
+  return i + KeyAlphas_SSSE3(run.From(i));
+}
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 
 // ---------------------------------------------------------------------------
 // Key-colour detection.
@@ -322,17 +369,45 @@ MatteKernel ChooseMatteKernel(KVKeyColor keyColor) {
 // One thread's share of the matte pass. The byte share and the pixel share
 // describe the same pixels; both are cut at the end of the image, whose
 // pixels the matte holds one byte each.
-void PullMatteShare(KVImage8* image, unsigned char threadIndex, unsigned char threadCount, MatteKernel kernel,
-                    const Softening& softening, unsigned char* matte, MatteInfo& info) {
+struct MatteShare {
+  size_t byteStart;
+  size_t pixelStart;
+  size_t count;
+};
+
+MatteShare MatteShareOf(KVImage8* image, unsigned char threadIndex, unsigned char threadCount) {
   const size_t pixelLimit = image->BufferByteSize() / kBytesPerPixel;
   const ShareRun bytes =
       ByteShare(image->Width(), image->Height(), threadIndex, threadCount, pixelLimit * kBytesPerPixel);
   const ShareRun pixels = PixelShare(image->Width(), image->Height(), threadIndex, threadCount, pixelLimit);
-  const size_t count = std::min(bytes.count / kBytesPerPixel, pixels.count);
+  return MatteShare{static_cast<size_t>(bytes.start), static_cast<size_t>(pixels.start),
+                    static_cast<size_t>(std::min<uint64_t>(bytes.count / kBytesPerPixel, pixels.count))};
+}
+
+void PullMatteShare(KVImage8* image, unsigned char threadIndex, unsigned char threadCount, MatteKernel kernel,
+                    const Softening& softening, unsigned char* matte, MatteInfo& info) {
+  const MatteShare share = MatteShareOf(image, threadIndex, threadCount);
   // Counted in a local: the threads' records share cache lines.
   MatteInfo local = info;
-  kernel(image->Buffer() + bytes.start, matte + pixels.start, count, softening, local);
+  kernel(image->Buffer() + share.byteStart, matte + share.pixelStart, share.count, softening, local);
   info = local;
+}
+
+// Zeroes the matte bytes that no thread's share of the matte pass writes:
+// the pass writes every byte of its shares, so with these the whole matte is
+// as fresh as a cleared one.
+void ClearUnsharedMatte(KVImage8* image, unsigned char threadCount, std::vector<unsigned char>& matte) {
+  size_t cleared = 0;  // every byte below is written or cleared
+  for (unsigned int t = 0; t < threadCount; ++t) {
+    const MatteShare share = MatteShareOf(image, static_cast<unsigned char>(t), threadCount);
+    if (share.count == 0) continue;
+    const size_t start = std::min(share.pixelStart, matte.size());
+    if (start > cleared) std::fill(matte.begin() + static_cast<std::ptrdiff_t>(cleared),
+                                   matte.begin() + static_cast<std::ptrdiff_t>(start), static_cast<unsigned char>(0));
+    cleared = std::max(cleared, std::min(share.pixelStart + share.count, matte.size()));
+  }
+  std::fill(matte.begin() + static_cast<std::ptrdiff_t>(std::min(cleared, matte.size())), matte.end(),
+            static_cast<unsigned char>(0));
 }
 
 // The sum of `count` differences lies in [count * minimum, count * maximum];
@@ -398,11 +473,12 @@ void ColorDifferenceKeyer::Setup(KVAbstractImage* source) {
 
   // Built aside and committed only when every thread has finished, so a
   // failed Setup leaves the previous matte and thresholds together.
-  // The memory is the matte before last: cleared, since the thread shares
-  // may leave pixels unwritten, but not taken fresh from the system.
+  // The memory is the matte before last, not taken fresh from the system;
+  // only what the thread shares leave unwritten is cleared.
   std::vector<unsigned char> matte;
   matte.swap(m_spareMatte);
-  matte.assign(image->BufferByteSize() / kBytesPerPixel, 0);
+  matte.resize(image->BufferByteSize() / kBytesPerPixel);
+  ClearUnsharedMatte(image, cores, matte);
   std::vector<MatteInfo> matteInfo(cores, MatteInfo{0, 0, 255, 0});
   const MatteKernel kernel = ChooseMatteKernel(keyColor);
   const Softening softening(m_saturationLimit, m_saturationSoftness);
@@ -432,7 +508,8 @@ void ColorDifferenceKeyer::Setup(KVAbstractImage* source) {
   m_lowThreshold = folded.minimum;
   for (int m = 0; m < 256; ++m) m_alphaWeight[m] = AlphaWeight(m, m_lowThreshold, m_highThreshold);
   m_keyAlphas = AlphaBlendIsProduct(m_tables)
-                    ? ChooseKernel(KernelRungs<KeyAlphasKernel>{KeyAlphas_Plain, nullptr, KeyAlphas_SSSE3, nullptr})
+                    ? ChooseKernel(KernelRungs<KeyAlphasKernel>{KeyAlphas_Plain, nullptr, KeyAlphas_SSSE3, nullptr,
+                                                                KeyAlphas_AVX512VBMI})
                     : KeyAlphas_Plain;
 }
 

@@ -224,6 +224,41 @@ void ErodeColumns(ErodeWhiteData& data, const ErodeKernels& kernels) {
   }
 }
 
+// The vertical pass of a narrow centred window over the record's rows: each
+// output row takes its alphas as the least over the window's rows of the
+// intermediate, read along the rows, and needs no scratch.
+void ErodeColumnsAlongRows(const ErodeWhiteData& data, const ErodeKernels& kernels) {
+  const ShareRun rows = ShareOfLinesSized(data.height, data.rowsPerThread, data.threadIndex);
+  if (rows.count == 0 || data.width == 0) return;
+  const size_t height = data.height, rowBytes = static_cast<size_t>(data.width) * kBytesPerPixel;
+  const LineWindow w = WindowOf(height, data.window, kCentred);
+  const unsigned char* windowRows[kMostLeastAlphaRows];
+  for (uint64_t y = rows.start; y < rows.End(); ++y) {
+    const size_t offset = y * rowBytes;
+    if (offset >= data.bufferALimit) break;
+    const size_t pixels = std::min(rowBytes, data.bufferALimit - offset) / kBytesPerPixel;
+    // Rows y - lead .. y - lead + width - 1 of the padded column.
+    const size_t first = y >= w.lead ? y - w.lead : 0;
+    const size_t last = std::min(height - 1, y + (w.width - 1 - w.lead));
+    size_t count = 0;
+    for (size_t r = first; r <= last; ++r) {
+      if (r != w.excluded) windowRows[count++] = data.bufferB + r * rowBytes;
+    }
+    if (y >= w.extraBegin && y < w.extraEnd) windowRows[count++] = data.bufferB + (y - w.extraOffset) * rowBytes;
+    kernels.leastAlphas(windowRows, count, data.bufferB + offset, pixels, data.bufferA + offset);
+  }
+}
+
+// Windows up to this many rows are eroded along the rows (cost linear in
+// the window, every read a whole row); wider ones by strips of columns
+// (cost logarithmic in the window).
+const size_t kWidestWindowAlongRows = 33;
+static_assert(kWidestWindowAlongRows + 1 <= kMostLeastAlphaRows, "the window's rows and the extra row fit");
+
+bool ErodesAlongRows(size_t height, int64_t window) {
+  return WindowOf(height, window, kCentred).width <= kWidestWindowAlongRows;
+}
+
 }  // namespace
 
 // Enough for either pass: a row needs one padded line, a strip of columns
@@ -248,7 +283,8 @@ WhiteErodeRenderer::WhiteErodeRenderer(KVWhiteErodeDirection direction, int size
       m_window(2 * static_cast<int64_t>(std::max(size, 0)) + 1),
       m_extractAlphas(ExtractAlphas_Plain),
       m_mergeAlphas(MergeAlphas_Plain),
-      m_minima(Minima_Plain) {}
+      m_minima(Minima_Plain),
+      m_leastAlphas(LeastAlphas_Plain) {}
 
 void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
   const unsigned int width = source->Width(), height = source->Height();
@@ -256,6 +292,7 @@ void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
   m_extractAlphas = kernels.extractAlphas;
   m_mergeAlphas = kernels.mergeAlphas;
   m_minima = kernels.minima;
+  m_leastAlphas = kernels.leastAlphas;
   // The previous render's image is reused when nothing else holds it and it
   // has the same shape: every byte is rewritten below.
   std::tr1::shared_ptr<KVImage8> intermediate = m_intermediate;
@@ -294,9 +331,10 @@ void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
   m_intermediate = intermediate;
 }
 
-// Once Setup has made the intermediate, the column shares cover the output
-// and each writes every byte of its columns (eroding by scan when no scratch
-// can be had); inputs other than 8-bit BGRA abort.
+// Once Setup has made the intermediate, the shares (of rows for a narrow
+// centred window, of columns otherwise) cover the output and each writes
+// every byte of its lines (eroding by scan when no scratch can be had);
+// inputs other than 8-bit BGRA abort.
 StageNeeds NeedsOf(const WhiteErodeRenderer&) { return StageNeeds{IsBGRA8, false}; }
 
 int WhiteErodeRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
@@ -314,6 +352,12 @@ int WhiteErodeRenderer::Render8(KVAbstractImage*, KVAbstractImage* destination, 
                                      PixelBytes(destination), intermediate->Buffer(), m_window, m_direction);
   record.columnsPerThread = SaturatedShareSize(intermediate->Width(), threadCount);
   record.bufferALimit = destination->BufferByteSize();
+  const ErodeKernels kernels{m_extractAlphas, m_mergeAlphas, m_minima, m_leastAlphas};
+  if (ShapeOf(m_direction) == kCentred && ErodesAlongRows(record.height, m_window)) {
+    record.rowsPerThread = SaturatedShareSize(record.height, threadCount);
+    ErodeColumnsAlongRows(record, kernels);
+    return 0;
+  }
   // Without scratch the pass scans instead: it writes all its columns
   // whatever memory is left.
   std::unique_ptr<unsigned char[]> scratch;
@@ -322,7 +366,7 @@ int WhiteErodeRenderer::Render8(KVAbstractImage*, KVAbstractImage* destination, 
     scratch.reset(new (std::nothrow) unsigned char[WhiteErodeScratchBytes(record.height, 1)]);
     record.scratch = scratch.get();
   }
-  ErodeColumns(record, ErodeKernels{m_extractAlphas, m_mergeAlphas, m_minima});
+  ErodeColumns(record, kernels);
   return 0;
 }
 
