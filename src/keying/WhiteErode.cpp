@@ -125,12 +125,66 @@ unsigned char* ScratchFor(ErodeWhiteData& data, size_t lineLength, std::unique_p
   return owned.get();
 }
 
+// Windows up to this many values are taken as the least of their values
+// read in place (cost linear in the window, no scratch); wider ones by the
+// doubling passes over a padded copy (cost logarithmic in the window). The
+// window's values are read again for every output, which outweighs the
+// doubling passes beyond about this width (measured at 17: no faster).
+const size_t kWidestWindowInPlace = 9;
+static_assert(kWidestWindowInPlace + 1 <= kMostLeastAlphaRows, "the window's lines and the extra line fit");
+
+// The least alpha of the window of output x over a line of n pixels whose
+// value i lies at line[i * stride].
+unsigned char LeastInWindow(const unsigned char* line, size_t stride, size_t n, size_t x, const LineWindow& w) {
+  const size_t first = x >= w.lead ? x - w.lead : 0;
+  const size_t last = std::min(n - 1, x + (w.width - 1 - w.lead));
+  unsigned char lowest = 255;
+  for (size_t r = first; r <= last; ++r) {
+    if (r != w.excluded) lowest = std::min(lowest, line[r * stride + kAlphaByte]);
+  }
+  if (x >= w.extraBegin && x < w.extraEnd) lowest = std::min(lowest, line[(x - w.extraOffset) * stride + kAlphaByte]);
+  return lowest;
+}
+
+// A row of a narrow window from `in` to `out`, colour bytes and all: the
+// outputs whose window lies inside the row and clear of the excluded and
+// extra values take the least of the window's pixels read in place as
+// shifted rows; the few others scan their window.
+void ErodeRowInPlace(const unsigned char* in, unsigned char* out, size_t n, const LineWindow& w,
+                     const ErodeKernels& kernels) {
+  size_t begin = std::max(w.lead, w.extraEnd);
+  if (w.excluded < n) begin = std::max(begin, w.excluded + w.lead + 1);
+  size_t end = n + w.lead + 1 >= w.width ? n + w.lead + 1 - w.width : 0;
+  if (begin >= end) begin = end = n;
+  for (size_t x = 0; x < n; ++x) {
+    if (x == begin) {
+      const unsigned char* shifted[kMostLeastAlphaRows];
+      for (size_t k = 0; k < w.width; ++k) shifted[k] = in + (begin + k - w.lead) * kBytesPerPixel;
+      const size_t offset = begin * kBytesPerPixel;
+      kernels.leastAlphas(shifted, w.width, in + offset, end - begin, out + offset);
+      x = end - 1;
+      continue;
+    }
+    const size_t offset = x * kBytesPerPixel;
+    std::memcpy(out + offset, in + offset, kAlphaByte);
+    out[offset + kAlphaByte] = LeastInWindow(in, kBytesPerPixel, n, x, w);
+  }
+}
+
 // The horizontal pass over the record's rows. With copyColour the colour
 // bytes of bufferB are written from bufferA as well (Setup's copy of the
 // source fused into the pass); otherwise only its alpha bytes are written.
 int ErodeRows(ErodeWhiteData& data, bool copyColour, const ErodeKernels& kernels) {
   const ShareRun rows = ShareOfLinesSized(data.height, data.rowsPerThread, data.threadIndex);
   if (rows.count == 0 || data.width == 0) return 0;
+  if (copyColour && WindowOf(data.width, data.window, ShapeOf(data.direction)).width <= kWidestWindowInPlace) {
+    const size_t n = data.width, rowBytes = n * kBytesPerPixel;
+    const LineWindow w = WindowOf(n, data.window, ShapeOf(data.direction));
+    for (uint64_t y = rows.start; y < rows.End(); ++y) {
+      ErodeRowInPlace(data.bufferA + y * rowBytes, data.bufferB + y * rowBytes, n, w, kernels);
+    }
+    return 0;
+  }
   std::unique_ptr<unsigned char[]> owned;
   unsigned char* s = ScratchFor(data, data.width, owned);
   if (s == nullptr) return kResultOutOfMemory;
@@ -249,14 +303,9 @@ void ErodeColumnsAlongRows(const ErodeWhiteData& data, const ErodeKernels& kerne
   }
 }
 
-// Windows up to this many rows are eroded along the rows (cost linear in
-// the window, every read a whole row); wider ones by strips of columns
-// (cost logarithmic in the window).
-const size_t kWidestWindowAlongRows = 33;
-static_assert(kWidestWindowAlongRows + 1 <= kMostLeastAlphaRows, "the window's rows and the extra row fit");
-
+// Narrow windows erode the columns along the rows, every read a whole row.
 bool ErodesAlongRows(size_t height, int64_t window) {
-  return WindowOf(height, window, kCentred).width <= kWidestWindowAlongRows;
+  return WindowOf(height, window, kCentred).width <= kWidestWindowInPlace;
 }
 
 }  // namespace

@@ -151,16 +151,40 @@ inline size_t LeastAlphas_SSE2(const unsigned char* const* rows, size_t rowCount
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 
-KV_TARGET_AVX512VBMI inline size_t LeastAlphas_AVX512VBMI(const unsigned char* const* rows, size_t rowCount,
-                                                          const unsigned char* colours, size_t count,
-                                                          unsigned char* out) {
+// 16 pixels at a time over `RowCount` rows held in registers (0: any count,
+// read from the list); returns the pixels done.
+template <size_t RowCount>
+KV_TARGET_AVX512VBMI inline size_t LeastAlphasBlocks_AVX512VBMI(const unsigned char* const* rows, size_t rowCount,
+                                                               const unsigned char* colours, size_t count,
+                                                               unsigned char* out) {
   const __mmask64 alphaLanes = 0x8888888888888888ull;
+  const unsigned char* held[RowCount == 0 ? 1 : RowCount];
+  for (size_t r = 0; r < RowCount; ++r) held[r] = rows[r];
   size_t i = 0;
   for (; i + 16 <= count; i += 16) {
     const size_t offset = i * kBytesPerPixel;
     __m512i lowest = _mm512_set1_epi8(static_cast<char>(0xFF));
-    for (size_t r = 0; r < rowCount; ++r) lowest = _mm512_min_epu8(lowest, _mm512_loadu_si512(rows[r] + offset));
+    if (RowCount != 0) {
+      for (size_t r = 0; r < RowCount; ++r) lowest = _mm512_min_epu8(lowest, _mm512_loadu_si512(held[r] + offset));
+    } else {
+      for (size_t r = 0; r < rowCount; ++r) lowest = _mm512_min_epu8(lowest, _mm512_loadu_si512(rows[r] + offset));
+    }
     _mm512_storeu_si512(out + offset, _mm512_mask_blend_epi8(alphaLanes, _mm512_loadu_si512(colours + offset), lowest));
+  }
+  return i;
+}
+
+KV_TARGET_AVX512VBMI inline size_t LeastAlphas_AVX512VBMI(const unsigned char* const* rows, size_t rowCount,
+                                                          const unsigned char* colours, size_t count,
+                                                          unsigned char* out) {
+  // The erode's usual windows (sizes 1 and 2) with their rows in registers.
+  size_t i;
+  if (rowCount == 3) {
+    i = LeastAlphasBlocks_AVX512VBMI<3>(rows, rowCount, colours, count, out);
+  } else if (rowCount == 5) {
+    i = LeastAlphasBlocks_AVX512VBMI<5>(rows, rowCount, colours, count, out);
+  } else {
+    i = LeastAlphasBlocks_AVX512VBMI<0>(rows, rowCount, colours, count, out);
   }
   if (i == count) return count;
   const unsigned char* tailRows[kMostLeastAlphaRows];
