@@ -46,6 +46,15 @@ const int kMaxThreads = 255;
 // wider kernels are SSSE3 rungs, so a host that caps the wider sets at none
 // sends the keyer down its plain kernels.
 
+// The set bits of a 16-bit mask, counted in place: the baseline has no bit
+// count instruction, and the compiler's stand-in is a library call.
+inline uint32_t BitCount16(uint32_t mask) {
+  mask = mask - ((mask >> 1) & 0x5555u);
+  mask = (mask & 0x3333u) + ((mask >> 2) & 0x3333u);
+  mask = (mask + (mask >> 4)) & 0x0F0Fu;
+  return (mask + (mask >> 8)) & 0x1Fu;
+}
+
 // ---------------------------------------------------------------------------
 // Render8's alphas.
 
@@ -208,8 +217,8 @@ KV_TARGET_SSSE3 size_t CountKeyPixels_SSSE3(const unsigned char* pixels, size_t 
     const __m128i b0 = channels[0], b1 = channels[1], b2 = channels[2];
     const int green = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_subs_epu8(_mm_max_epu8(b0, b2), b1), zero));
     const int notBlue = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_subs_epu8(b0, _mm_max_epu8(b1, b2)), zero));
-    const uint32_t greens = static_cast<uint32_t>(__builtin_popcount(static_cast<unsigned int>(green)));
-    const uint32_t blues = 16 - static_cast<uint32_t>(__builtin_popcount(static_cast<unsigned int>(notBlue)));
+    const uint32_t greens = BitCount16(static_cast<uint32_t>(green));
+    const uint32_t blues = 16 - BitCount16(static_cast<uint32_t>(notBlue));
     counts.green += greens;
     counts.blue += blues;
     counts.other += 16 - greens - blues;
@@ -324,7 +333,7 @@ KV_TARGET_SSSE3 size_t MatteRun_SSSE3(const unsigned char* in, unsigned char* ma
       MatteRun_Plain<KeyByte, OtherByte1, OtherByte2>(p, matte + i, 16, softening, info);
       continue;
     }
-    keyPixels += static_cast<uint32_t>(__builtin_popcount(static_cast<unsigned int>(keyMask)));
+    keyPixels += BitCount16(static_cast<uint32_t>(keyMask));
     sums = _mm_add_epi64(sums, _mm_sad_epu8(difference, zero));
     lowest = _mm_min_epu8(lowest, _mm_or_si128(difference, notKey));
     highest = _mm_max_epu8(highest, difference);
