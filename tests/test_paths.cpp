@@ -81,34 +81,42 @@ TEST(CompositingVectors, EveryOperationMatchesItsTableOnEveryPair) {
   }
 }
 
-// The erode always takes its SSE2 kernels; each plain twin against its SSE2
-// kernel on whole runs of odd lengths, one byte off alignment, guard bytes
-// behind. Alphas go to the last bytes of a buffer; the minima run in place,
-// reading ahead by each step. Alphas come in runs and holes, so that
+// Each erode rung against the plain kernels on whole runs of odd lengths,
+// one byte off alignment, guard bytes behind. Alphas go to the last bytes of
+// a buffer; the minima run in place, reading ahead by each step; the least
+// alphas take none, one or two rows. Alphas come in runs and holes, so that
 // windows see both.
 TEST(ErodeKernels, MatchTheirPlainTwins) {
-  const ErodeKernels rungs[2] = {{ExtractAlphas_Plain, MergeAlphas_Plain, Minima_Plain},
-                                 {ExtractAlphas_SSE2, MergeAlphas_SSE2, Minima_SSE2}};
-  for (unsigned int n : {1u, 7u, 16u, 17u, 33u, 97u}) {
-    for (size_t step : {0u, 1u, 9u, 64u}) {
-      std::pair<std::vector<unsigned char>, std::vector<unsigned char>> results[2];
-      for (int rung = 0; rung < 2; ++rung) {
-        GuardedImage pixels(n, 1, 1), values(n, 1, 1);
+  const ErodeKernels rungs[3] = {
+      {ExtractAlphas_Plain, MergeAlphas_Plain, Minima_Plain, LeastAlphas_Plain},
+      {ExtractAlphas_SSE2, MergeAlphas_SSE2, Minima_SSE2, LeastAlphas_SSE2},
+      {ExtractAlphas_SSE2, MergeAlphas_SSE2, Minima_AVX512VBMI, LeastAlphas_AVX512VBMI}};
+  const int rungCount = kvtl::GetWiderExtension() >= kvtl::kWiderAVX512VBMI ? 3 : 2;
+  for (unsigned int n : {1u, 7u, 16u, 17u, 33u, 97u, 131u}) {
+    for (size_t step : {0u, 1u, 9u, 64u, 65u}) {
+      std::vector<std::vector<unsigned char>> results[3];
+      for (int rung = 0; rung < rungCount; ++rung) {
+        GuardedImage pixels(n, 1, 1), values(n, 1, 1), least(n, 1, 1);
         pixels.fill(PatternBytes(pixels.bytes(), n));
         for (unsigned char* alpha = pixels.pixels() + 3; alpha < pixels.pixels() + pixels.bytes(); alpha += 4) {
           *alpha = *alpha < 96 ? *alpha : 255;
         }
         values.fill(PatternBytes(values.bytes(), n + 1));
+        least.fill(PatternBytes(least.bytes(), n + 2));
+        const unsigned char* rows[2] = {values.pixels(), pixels.pixels()};
+        ASSERT_EQ(n, rungs[rung].leastAlphas(rows, step % 3, least.pixels(), n, least.pixels()));
         unsigned char* alphas = values.pixels() + 3 * n;
         ASSERT_EQ(n, rungs[rung].extractAlphas(pixels.pixels(), n, alphas));
         const size_t reach = std::min<size_t>(step, values.bytes());
         ASSERT_EQ(values.bytes() - reach, rungs[rung].minima(values.pixels(), values.pixels() + reach,
                                                              values.bytes() - reach));
         ASSERT_EQ(n, rungs[rung].mergeAlphas(pixels.pixels(), alphas, n, pixels.pixels()));
-        ASSERT_TRUE(pixels.guardsIntact() && values.guardsIntact());
-        results[rung] = {pixels.contents(), values.contents()};
+        ASSERT_TRUE(pixels.guardsIntact() && values.guardsIntact() && least.guardsIntact());
+        results[rung] = {pixels.contents(), values.contents(), least.contents()};
       }
-      ASSERT_EQ(results[0], results[1]) << n << " pixels, step " << step;
+      for (int rung = 1; rung < rungCount; ++rung) {
+        ASSERT_EQ(results[0], results[rung]) << n << " pixels, step " << step << ", rung " << rung;
+      }
     }
   }
 }

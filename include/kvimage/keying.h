@@ -242,6 +242,8 @@ class KVIMAGE_EXPORT WhiteErodeRenderer : public AbstractRenderer {
   size_t (*m_extractAlphas)(const unsigned char* pixels, size_t count, unsigned char* alphas);
   size_t (*m_mergeAlphas)(const unsigned char* colours, const unsigned char* alphas, size_t count, unsigned char* out);
   size_t (*m_minima)(unsigned char* values, const unsigned char* later, size_t count);
+  size_t (*m_leastAlphas)(const unsigned char* const* rows, size_t rowCount, const unsigned char* colours,
+                          size_t count, unsigned char* out);
 };
 
 // ---------------------------------------------------------------------------

@@ -6,7 +6,7 @@
 #include <limits>
 #include <vector>
 
-#include <tmmintrin.h>
+#include <immintrin.h>
 
 #include <kvimage/keying.h>
 
@@ -45,6 +45,15 @@ const int kMaxThreads = 255;
 // all of them, a vector kernel handing its tail to its plain twin. The
 // wider kernels are SSSE3 rungs, so a host that caps the wider sets at none
 // sends the keyer down its plain kernels.
+
+// The set bits of a 16-bit mask, counted in place: the baseline has no bit
+// count instruction, and the compiler's stand-in is a library call.
+inline uint32_t BitCount16(uint32_t mask) {
+  mask = mask - ((mask >> 1) & 0x5555u);
+  mask = (mask & 0x3333u) + ((mask >> 2) & 0x3333u);
+  mask = (mask + (mask >> 4)) & 0x0F0Fu;
+  return (mask + (mask >> 8)) & 0x1Fu;
+}
 
 // ---------------------------------------------------------------------------
 // Render8's alphas.
@@ -107,6 +116,53 @@ KV_TARGET_SSSE3 size_t KeyAlphas_SSSE3(const KeyAlphaRun& run) {
   return i + KeyAlphas_Plain(run.From(i));
 }
 
+// GCC 12 warns inside its own AVX-512 headers, whose intrinsics start from
+// deliberately undefined registers.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+// The same 64 pixels at a time: the 64 weights are looked up in registers
+// (the 256-byte table as two 128-byte halves, picked by the matte byte's top
+// bit), and each 16-bit product sits in the low half of its pixel's lane.
+KV_TARGET_AVX512VBMI size_t KeyAlphas_AVX512VBMI(const KeyAlphaRun& run) {
+  const unsigned char* in = run.in;
+  unsigned char* out = run.out;
+  const unsigned char* matte = run.matte;
+  __m512i table[4];
+  for (int k = 0; k < 4; ++k) table[k] = _mm512_loadu_si512(run.weights + 64 * k);
+  const __mmask64 alphaLanes = 0x8888888888888888ull;
+  const __m512i rounding = _mm512_set1_epi32(127), reciprocal = _mm512_set1_epi32(0x8081);
+  // Weight 16 * k + j to the low byte of lane j, the other bytes zeroed.
+  const __mmask64 lowBytes = 0x1111111111111111ull;
+  __m512i spread[4];
+  for (int k = 0; k < 4; ++k) {
+    spread[k] = _mm512_add_epi32(_mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15),
+                                 _mm512_set1_epi32(16 * k));
+  }
+  size_t i = 0;
+  for (; i + 64 <= run.matted; i += 64) {
+    const __m512i values = _mm512_loadu_si512(matte + i);
+    const __m512i low = _mm512_permutex2var_epi8(table[0], values, table[1]);
+    const __m512i high = _mm512_permutex2var_epi8(table[2], values, table[3]);
+    const __m512i w = _mm512_mask_blend_epi8(_mm512_movepi8_mask(values), low, high);
+    for (int k = 0; k < 4; ++k) {
+      const __m512i p = _mm512_loadu_si512(in + (i + 16 * k) * kBytesPerPixel);
+      const __m512i weight = _mm512_maskz_permutexvar_epi8(lowBytes, spread[k], w);
+      const __m512i product = _mm512_add_epi32(_mm512_mullo_epi16(_mm512_srli_epi32(p, 24), weight), rounding);
+      const __m512i blended = _mm512_srli_epi32(_mm512_mulhi_epu16(product, reciprocal), 7);
+      _mm512_storeu_si512(out + (i + 16 * k) * kBytesPerPixel,
+                          _mm512_mask_blend_epi8(alphaLanes, p, _mm512_slli_epi32(blended, 24)));
+    }
+  }
+  return i + KeyAlphas_SSSE3(run.From(i));
+}
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
 // ---------------------------------------------------------------------------
 // Key-colour detection.
 
@@ -161,8 +217,8 @@ KV_TARGET_SSSE3 size_t CountKeyPixels_SSSE3(const unsigned char* pixels, size_t 
     const __m128i b0 = channels[0], b1 = channels[1], b2 = channels[2];
     const int green = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_subs_epu8(_mm_max_epu8(b0, b2), b1), zero));
     const int notBlue = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_subs_epu8(b0, _mm_max_epu8(b1, b2)), zero));
-    const uint32_t greens = static_cast<uint32_t>(__builtin_popcount(static_cast<unsigned int>(green)));
-    const uint32_t blues = 16 - static_cast<uint32_t>(__builtin_popcount(static_cast<unsigned int>(notBlue)));
+    const uint32_t greens = BitCount16(static_cast<uint32_t>(green));
+    const uint32_t blues = 16 - BitCount16(static_cast<uint32_t>(notBlue));
     counts.green += greens;
     counts.blue += blues;
     counts.other += 16 - greens - blues;
@@ -170,8 +226,49 @@ KV_TARGET_SSSE3 size_t CountKeyPixels_SSSE3(const unsigned char* pixels, size_t 
   return i + CountKeyPixels_Plain(pixels + i * kBytesPerPixel, count - i, counts);
 }
 
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+// 16 pixels at a time in 32-bit lanes, each lane counting its green and
+// blue pixels (a lane sees at most a quarter of a 32-bit count).
+KV_TARGET_AVX512VBMI size_t CountKeyPixels_AVX512VBMI(const unsigned char* pixels, size_t count,
+                                                      KeyPixelCounts& counts) {
+  const __m512i byteMask = _mm512_set1_epi32(0xFF), minusOne = _mm512_set1_epi32(-1);
+  __m512i greens = _mm512_setzero_si512(), blues = _mm512_setzero_si512();
+  size_t i = 0;
+  for (; i + 16 <= count; i += 16) {
+    const __m512i p = _mm512_loadu_si512(pixels + i * kBytesPerPixel);
+    const __m512i b0 = _mm512_and_si512(_mm512_srli_epi32(p, 8 * kBlueByte), byteMask);
+    const __m512i b1 = _mm512_and_si512(_mm512_srli_epi32(p, 8 * kGreenByte), byteMask);
+    const __m512i b2 = _mm512_and_si512(_mm512_srli_epi32(p, 8 * kRedByte), byteMask);
+    const __mmask16 green = _mm512_cmpge_epu32_mask(b1, _mm512_max_epu32(b0, b2));
+    const __mmask16 blue = _mm512_cmpgt_epu32_mask(b0, _mm512_max_epu32(b1, b2));
+    greens = _mm512_mask_sub_epi32(greens, green, greens, minusOne);
+    blues = _mm512_mask_sub_epi32(blues, blue, blues, minusOne);
+  }
+  uint32_t greenLanes[16], blueLanes[16];
+  _mm512_storeu_si512(greenLanes, greens);
+  _mm512_storeu_si512(blueLanes, blues);
+  uint32_t greenCount = 0, blueCount = 0;
+  for (int k = 0; k < 16; ++k) {
+    greenCount += greenLanes[k];
+    blueCount += blueLanes[k];
+  }
+  counts.green += greenCount;
+  counts.blue += blueCount;
+  counts.other += static_cast<uint32_t>(i) - greenCount - blueCount;
+  return i + CountKeyPixels_Plain(pixels + i * kBytesPerPixel, count - i, counts);
+}
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
 CountKeyPixelsKernel ChooseCountKernel() {
-  return ChooseKernel(KernelRungs<CountKeyPixelsKernel>{CountKeyPixels_Plain, nullptr, CountKeyPixels_SSSE3, nullptr});
+  return ChooseKernel(KernelRungs<CountKeyPixelsKernel>{CountKeyPixels_Plain, nullptr, CountKeyPixels_SSSE3, nullptr,
+                                                        CountKeyPixels_AVX512VBMI});
 }
 
 // One detection thread's counts over its byte share.
@@ -277,7 +374,7 @@ KV_TARGET_SSSE3 size_t MatteRun_SSSE3(const unsigned char* in, unsigned char* ma
       MatteRun_Plain<KeyByte, OtherByte1, OtherByte2>(p, matte + i, 16, softening, info);
       continue;
     }
-    keyPixels += static_cast<uint32_t>(__builtin_popcount(static_cast<unsigned int>(keyMask)));
+    keyPixels += BitCount16(static_cast<uint32_t>(keyMask));
     sums = _mm_add_epi64(sums, _mm_sad_epu8(difference, zero));
     lowest = _mm_min_epu8(lowest, _mm_or_si128(difference, notKey));
     highest = _mm_max_epu8(highest, difference);
@@ -301,6 +398,63 @@ KV_TARGET_SSSE3 size_t MatteRun_SSSE3(const unsigned char* in, unsigned char* ma
                                                              softening, info);
 }
 
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+// The same 16 pixels at a time in 32-bit lanes, each lane keeping its own
+// statistics (its sum wrapping as the plain run's does).
+template <unsigned int KeyByte, unsigned int OtherByte1, unsigned int OtherByte2>
+KV_TARGET_AVX512VBMI size_t MatteRun_AVX512VBMI(const unsigned char* in, unsigned char* matte, size_t count,
+                                                const Softening& softening, MatteInfo& info) {
+  const int limit = softening.limit;
+  const bool softensAll = limit > 255;
+  const __m512i limits = _mm512_set1_epi32(limit > 0 && limit <= 255 ? limit : 0);
+  const __m512i byteMask = _mm512_set1_epi32(0xFF), zero = _mm512_setzero_si512();
+  const __m512i minusOne = _mm512_set1_epi32(-1);
+  __m512i lowest = _mm512_set1_epi32(255), highest = zero, sums = zero, counts = zero;
+  size_t i = 0;
+  for (; i + 16 <= count; i += 16) {
+    const unsigned char* p = in + i * kBytesPerPixel;
+    const __m512i pixel = _mm512_loadu_si512(p);
+    const __m512i key = _mm512_and_si512(_mm512_srli_epi32(pixel, 8 * KeyByte), byteMask);
+    const __m512i other1 = _mm512_and_si512(_mm512_srli_epi32(pixel, 8 * OtherByte1), byteMask);
+    const __m512i other2 = _mm512_and_si512(_mm512_srli_epi32(pixel, 8 * OtherByte2), byteMask);
+    const __m512i difference = _mm512_sub_epi32(key, _mm512_max_epi32(other1, other2));
+    const __mmask16 keyPixels = _mm512_cmpgt_epi32_mask(difference, zero);
+    const __m512i chroma = _mm512_sub_epi32(key, _mm512_min_epi32(other1, other2));
+    const __mmask16 soft = _mm512_mask_cmplt_epi32_mask(keyPixels, chroma, limits);
+    if (soft != 0 || (softensAll && keyPixels != 0)) {
+      MatteRun_Plain<KeyByte, OtherByte1, OtherByte2>(p, matte + i, 16, softening, info);
+      continue;
+    }
+    counts = _mm512_mask_sub_epi32(counts, keyPixels, counts, minusOne);
+    sums = _mm512_mask_add_epi32(sums, keyPixels, sums, difference);
+    lowest = _mm512_mask_min_epi32(lowest, keyPixels, lowest, difference);
+    highest = _mm512_mask_max_epi32(highest, keyPixels, highest, difference);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(matte + i), _mm512_cvtepi32_epi8(_mm512_maskz_mov_epi32(keyPixels, difference)));
+  }
+  int32_t countLanes[16], sumLanes[16], lowestLanes[16], highestLanes[16];
+  _mm512_storeu_si512(countLanes, counts);
+  _mm512_storeu_si512(sumLanes, sums);
+  _mm512_storeu_si512(lowestLanes, lowest);
+  _mm512_storeu_si512(highestLanes, highest);
+  for (int k = 0; k < 16; ++k) {
+    if (countLanes[k] == 0) continue;
+    info.count = WrappingAdd(info.count, countLanes[k]);
+    info.sum = WrappingAdd(info.sum, sumLanes[k]);
+    info.minimum = std::min(info.minimum, lowestLanes[k]);
+    info.maximum = std::max(info.maximum, highestLanes[k]);
+  }
+  return i + MatteRun_Plain<KeyByte, OtherByte1, OtherByte2>(in + i * kBytesPerPixel, matte + i, count - i,
+                                                             softening, info);
+}
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
 // A key colour other than green or blue: no pixel is a key pixel.
 size_t NoKeyPixels(const unsigned char*, unsigned char* matte, size_t count, const Softening&, MatteInfo&) {
   std::fill(matte, matte + count, static_cast<unsigned char>(0));
@@ -310,11 +464,13 @@ size_t NoKeyPixels(const unsigned char*, unsigned char* matte, size_t count, con
 MatteKernel ChooseMatteKernel(KVKeyColor keyColor) {
   if (keyColor == kKeyColorGreen) {
     return ChooseKernel(KernelRungs<MatteKernel>{MatteRun_Plain<kGreenByte, kBlueByte, kRedByte>, nullptr,
-                                                 MatteRun_SSSE3<kGreenByte, kBlueByte, kRedByte>, nullptr});
+                                                 MatteRun_SSSE3<kGreenByte, kBlueByte, kRedByte>, nullptr,
+                                                 MatteRun_AVX512VBMI<kGreenByte, kBlueByte, kRedByte>});
   }
   if (keyColor == kKeyColorBlue) {
     return ChooseKernel(KernelRungs<MatteKernel>{MatteRun_Plain<kBlueByte, kGreenByte, kRedByte>, nullptr,
-                                                 MatteRun_SSSE3<kBlueByte, kGreenByte, kRedByte>, nullptr});
+                                                 MatteRun_SSSE3<kBlueByte, kGreenByte, kRedByte>, nullptr,
+                                                 MatteRun_AVX512VBMI<kBlueByte, kGreenByte, kRedByte>});
   }
   return NoKeyPixels;
 }
@@ -322,17 +478,45 @@ MatteKernel ChooseMatteKernel(KVKeyColor keyColor) {
 // One thread's share of the matte pass. The byte share and the pixel share
 // describe the same pixels; both are cut at the end of the image, whose
 // pixels the matte holds one byte each.
-void PullMatteShare(KVImage8* image, unsigned char threadIndex, unsigned char threadCount, MatteKernel kernel,
-                    const Softening& softening, unsigned char* matte, MatteInfo& info) {
+struct MatteShare {
+  size_t byteStart;
+  size_t pixelStart;
+  size_t count;
+};
+
+MatteShare MatteShareOf(KVImage8* image, unsigned char threadIndex, unsigned char threadCount) {
   const size_t pixelLimit = image->BufferByteSize() / kBytesPerPixel;
   const ShareRun bytes =
       ByteShare(image->Width(), image->Height(), threadIndex, threadCount, pixelLimit * kBytesPerPixel);
   const ShareRun pixels = PixelShare(image->Width(), image->Height(), threadIndex, threadCount, pixelLimit);
-  const size_t count = std::min(bytes.count / kBytesPerPixel, pixels.count);
+  return MatteShare{static_cast<size_t>(bytes.start), static_cast<size_t>(pixels.start),
+                    static_cast<size_t>(std::min<uint64_t>(bytes.count / kBytesPerPixel, pixels.count))};
+}
+
+void PullMatteShare(KVImage8* image, unsigned char threadIndex, unsigned char threadCount, MatteKernel kernel,
+                    const Softening& softening, unsigned char* matte, MatteInfo& info) {
+  const MatteShare share = MatteShareOf(image, threadIndex, threadCount);
   // Counted in a local: the threads' records share cache lines.
   MatteInfo local = info;
-  kernel(image->Buffer() + bytes.start, matte + pixels.start, count, softening, local);
+  kernel(image->Buffer() + share.byteStart, matte + share.pixelStart, share.count, softening, local);
   info = local;
+}
+
+// Zeroes the matte bytes that no thread's share of the matte pass writes:
+// the pass writes every byte of its shares, so with these the whole matte is
+// as fresh as a cleared one.
+void ClearUnsharedMatte(KVImage8* image, unsigned char threadCount, std::vector<unsigned char>& matte) {
+  size_t cleared = 0;  // every byte below is written or cleared
+  for (unsigned int t = 0; t < threadCount; ++t) {
+    const MatteShare share = MatteShareOf(image, static_cast<unsigned char>(t), threadCount);
+    if (share.count == 0) continue;
+    const size_t start = std::min(share.pixelStart, matte.size());
+    if (start > cleared) std::fill(matte.begin() + static_cast<std::ptrdiff_t>(cleared),
+                                   matte.begin() + static_cast<std::ptrdiff_t>(start), static_cast<unsigned char>(0));
+    cleared = std::max(cleared, std::min(share.pixelStart + share.count, matte.size()));
+  }
+  std::fill(matte.begin() + static_cast<std::ptrdiff_t>(std::min(cleared, matte.size())), matte.end(),
+            static_cast<unsigned char>(0));
 }
 
 // The sum of `count` differences lies in [count * minimum, count * maximum];
@@ -398,11 +582,12 @@ void ColorDifferenceKeyer::Setup(KVAbstractImage* source) {
 
   // Built aside and committed only when every thread has finished, so a
   // failed Setup leaves the previous matte and thresholds together.
-  // The memory is the matte before last: cleared, since the thread shares
-  // may leave pixels unwritten, but not taken fresh from the system.
+  // The memory is the matte before last, not taken fresh from the system;
+  // only what the thread shares leave unwritten is cleared.
   std::vector<unsigned char> matte;
   matte.swap(m_spareMatte);
-  matte.assign(image->BufferByteSize() / kBytesPerPixel, 0);
+  matte.resize(image->BufferByteSize() / kBytesPerPixel);
+  ClearUnsharedMatte(image, cores, matte);
   std::vector<MatteInfo> matteInfo(cores, MatteInfo{0, 0, 255, 0});
   const MatteKernel kernel = ChooseMatteKernel(keyColor);
   const Softening softening(m_saturationLimit, m_saturationSoftness);
@@ -432,7 +617,8 @@ void ColorDifferenceKeyer::Setup(KVAbstractImage* source) {
   m_lowThreshold = folded.minimum;
   for (int m = 0; m < 256; ++m) m_alphaWeight[m] = AlphaWeight(m, m_lowThreshold, m_highThreshold);
   m_keyAlphas = AlphaBlendIsProduct(m_tables)
-                    ? ChooseKernel(KernelRungs<KeyAlphasKernel>{KeyAlphas_Plain, nullptr, KeyAlphas_SSSE3, nullptr})
+                    ? ChooseKernel(KernelRungs<KeyAlphasKernel>{KeyAlphas_Plain, nullptr, KeyAlphas_SSSE3, nullptr,
+                                                                KeyAlphas_AVX512VBMI})
                     : KeyAlphas_Plain;
 }
 

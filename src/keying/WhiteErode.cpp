@@ -125,12 +125,66 @@ unsigned char* ScratchFor(ErodeWhiteData& data, size_t lineLength, std::unique_p
   return owned.get();
 }
 
+// Windows up to this many values are taken as the least of their values
+// read in place (cost linear in the window, no scratch); wider ones by the
+// doubling passes over a padded copy (cost logarithmic in the window). The
+// window's values are read again for every output, which outweighs the
+// doubling passes beyond about this width (measured at 17: no faster).
+const size_t kWidestWindowInPlace = 9;
+static_assert(kWidestWindowInPlace + 1 <= kMostLeastAlphaRows, "the window's lines and the extra line fit");
+
+// The least alpha of the window of output x over a line of n pixels whose
+// value i lies at line[i * stride].
+unsigned char LeastInWindow(const unsigned char* line, size_t stride, size_t n, size_t x, const LineWindow& w) {
+  const size_t first = x >= w.lead ? x - w.lead : 0;
+  const size_t last = std::min(n - 1, x + (w.width - 1 - w.lead));
+  unsigned char lowest = 255;
+  for (size_t r = first; r <= last; ++r) {
+    if (r != w.excluded) lowest = std::min(lowest, line[r * stride + kAlphaByte]);
+  }
+  if (x >= w.extraBegin && x < w.extraEnd) lowest = std::min(lowest, line[(x - w.extraOffset) * stride + kAlphaByte]);
+  return lowest;
+}
+
+// A row of a narrow window from `in` to `out`, colour bytes and all: the
+// outputs whose window lies inside the row and clear of the excluded and
+// extra values take the least of the window's pixels read in place as
+// shifted rows; the few others scan their window.
+void ErodeRowInPlace(const unsigned char* in, unsigned char* out, size_t n, const LineWindow& w,
+                     const ErodeKernels& kernels) {
+  size_t begin = std::max(w.lead, w.extraEnd);
+  if (w.excluded < n) begin = std::max(begin, w.excluded + w.lead + 1);
+  size_t end = n + w.lead + 1 >= w.width ? n + w.lead + 1 - w.width : 0;
+  if (begin >= end) begin = end = n;
+  for (size_t x = 0; x < n; ++x) {
+    if (x == begin) {
+      const unsigned char* shifted[kMostLeastAlphaRows];
+      for (size_t k = 0; k < w.width; ++k) shifted[k] = in + (begin + k - w.lead) * kBytesPerPixel;
+      const size_t offset = begin * kBytesPerPixel;
+      kernels.leastAlphas(shifted, w.width, in + offset, end - begin, out + offset);
+      x = end - 1;
+      continue;
+    }
+    const size_t offset = x * kBytesPerPixel;
+    std::memcpy(out + offset, in + offset, kAlphaByte);
+    out[offset + kAlphaByte] = LeastInWindow(in, kBytesPerPixel, n, x, w);
+  }
+}
+
 // The horizontal pass over the record's rows. With copyColour the colour
 // bytes of bufferB are written from bufferA as well (Setup's copy of the
 // source fused into the pass); otherwise only its alpha bytes are written.
 int ErodeRows(ErodeWhiteData& data, bool copyColour, const ErodeKernels& kernels) {
   const ShareRun rows = ShareOfLinesSized(data.height, data.rowsPerThread, data.threadIndex);
   if (rows.count == 0 || data.width == 0) return 0;
+  if (copyColour && WindowOf(data.width, data.window, ShapeOf(data.direction)).width <= kWidestWindowInPlace) {
+    const size_t n = data.width, rowBytes = n * kBytesPerPixel;
+    const LineWindow w = WindowOf(n, data.window, ShapeOf(data.direction));
+    for (uint64_t y = rows.start; y < rows.End(); ++y) {
+      ErodeRowInPlace(data.bufferA + y * rowBytes, data.bufferB + y * rowBytes, n, w, kernels);
+    }
+    return 0;
+  }
   std::unique_ptr<unsigned char[]> owned;
   unsigned char* s = ScratchFor(data, data.width, owned);
   if (s == nullptr) return kResultOutOfMemory;
@@ -224,6 +278,36 @@ void ErodeColumns(ErodeWhiteData& data, const ErodeKernels& kernels) {
   }
 }
 
+// The vertical pass of a narrow centred window over the record's rows: each
+// output row takes its alphas as the least over the window's rows of the
+// intermediate, read along the rows, and needs no scratch.
+void ErodeColumnsAlongRows(const ErodeWhiteData& data, const ErodeKernels& kernels) {
+  const ShareRun rows = ShareOfLinesSized(data.height, data.rowsPerThread, data.threadIndex);
+  if (rows.count == 0 || data.width == 0) return;
+  const size_t height = data.height, rowBytes = static_cast<size_t>(data.width) * kBytesPerPixel;
+  const LineWindow w = WindowOf(height, data.window, kCentred);
+  const unsigned char* windowRows[kMostLeastAlphaRows];
+  for (uint64_t y = rows.start; y < rows.End(); ++y) {
+    const size_t offset = y * rowBytes;
+    if (offset >= data.bufferALimit) break;
+    const size_t pixels = std::min(rowBytes, data.bufferALimit - offset) / kBytesPerPixel;
+    // Rows y - lead .. y - lead + width - 1 of the padded column.
+    const size_t first = y >= w.lead ? y - w.lead : 0;
+    const size_t last = std::min(height - 1, y + (w.width - 1 - w.lead));
+    size_t count = 0;
+    for (size_t r = first; r <= last; ++r) {
+      if (r != w.excluded) windowRows[count++] = data.bufferB + r * rowBytes;
+    }
+    if (y >= w.extraBegin && y < w.extraEnd) windowRows[count++] = data.bufferB + (y - w.extraOffset) * rowBytes;
+    kernels.leastAlphas(windowRows, count, data.bufferB + offset, pixels, data.bufferA + offset);
+  }
+}
+
+// Narrow windows erode the columns along the rows, every read a whole row.
+bool ErodesAlongRows(size_t height, int64_t window) {
+  return WindowOf(height, window, kCentred).width <= kWidestWindowInPlace;
+}
+
 }  // namespace
 
 // Enough for either pass: a row needs one padded line, a strip of columns
@@ -248,7 +332,8 @@ WhiteErodeRenderer::WhiteErodeRenderer(KVWhiteErodeDirection direction, int size
       m_window(2 * static_cast<int64_t>(std::max(size, 0)) + 1),
       m_extractAlphas(ExtractAlphas_Plain),
       m_mergeAlphas(MergeAlphas_Plain),
-      m_minima(Minima_Plain) {}
+      m_minima(Minima_Plain),
+      m_leastAlphas(LeastAlphas_Plain) {}
 
 void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
   const unsigned int width = source->Width(), height = source->Height();
@@ -256,6 +341,7 @@ void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
   m_extractAlphas = kernels.extractAlphas;
   m_mergeAlphas = kernels.mergeAlphas;
   m_minima = kernels.minima;
+  m_leastAlphas = kernels.leastAlphas;
   // The previous render's image is reused when nothing else holds it and it
   // has the same shape: every byte is rewritten below.
   std::tr1::shared_ptr<KVImage8> intermediate = m_intermediate;
@@ -294,9 +380,10 @@ void WhiteErodeRenderer::Setup(KVAbstractImage* source) {
   m_intermediate = intermediate;
 }
 
-// Once Setup has made the intermediate, the column shares cover the output
-// and each writes every byte of its columns (eroding by scan when no scratch
-// can be had); inputs other than 8-bit BGRA abort.
+// Once Setup has made the intermediate, the shares (of rows for a narrow
+// centred window, of columns otherwise) cover the output and each writes
+// every byte of its lines (eroding by scan when no scratch can be had);
+// inputs other than 8-bit BGRA abort.
 StageNeeds NeedsOf(const WhiteErodeRenderer&) { return StageNeeds{IsBGRA8, false}; }
 
 int WhiteErodeRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
@@ -314,6 +401,12 @@ int WhiteErodeRenderer::Render8(KVAbstractImage*, KVAbstractImage* destination, 
                                      PixelBytes(destination), intermediate->Buffer(), m_window, m_direction);
   record.columnsPerThread = SaturatedShareSize(intermediate->Width(), threadCount);
   record.bufferALimit = destination->BufferByteSize();
+  const ErodeKernels kernels{m_extractAlphas, m_mergeAlphas, m_minima, m_leastAlphas};
+  if (ShapeOf(m_direction) == kCentred && ErodesAlongRows(record.height, m_window)) {
+    record.rowsPerThread = SaturatedShareSize(record.height, threadCount);
+    ErodeColumnsAlongRows(record, kernels);
+    return 0;
+  }
   // Without scratch the pass scans instead: it writes all its columns
   // whatever memory is left.
   std::unique_ptr<unsigned char[]> scratch;
@@ -322,7 +415,7 @@ int WhiteErodeRenderer::Render8(KVAbstractImage*, KVAbstractImage* destination, 
     scratch.reset(new (std::nothrow) unsigned char[WhiteErodeScratchBytes(record.height, 1)]);
     record.scratch = scratch.get();
   }
-  ErodeColumns(record, ErodeKernels{m_extractAlphas, m_mergeAlphas, m_minima});
+  ErodeColumns(record, kernels);
   return 0;
 }
 

@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include <emmintrin.h>
+#include <immintrin.h>
 
 #include "support/PathChoice.h"
 #include "support/PixelLayout.h"
@@ -99,18 +99,126 @@ inline size_t Minima_SSE2(unsigned char* values, const unsigned char* later, siz
   return i + Minima_Plain(values + i, later + i, count - i);
 }
 
+// out = the colour bytes of `colours` with, as alpha, the least alpha byte
+// of the same pixel over `rowCount` rows (255 when there are none). Only
+// the alpha lanes of the byte-wise minima are kept, so the colour bytes of
+// the rows never matter.
+// The vector kernels hand their tail on with rows moved along; they hold at
+// most this many rows.
+const size_t kMostLeastAlphaRows = 64;
+typedef size_t (*LeastAlphasKernel)(const unsigned char* const* rows, size_t rowCount, const unsigned char* colours,
+                                    size_t count, unsigned char* out);
+
+inline size_t LeastAlphas_Plain(const unsigned char* const* rows, size_t rowCount, const unsigned char* colours,
+                                size_t count, unsigned char* out) {
+  for (size_t i = 0; i < count; ++i) {
+    unsigned char lowest = 255;
+    for (size_t r = 0; r < rowCount; ++r) {
+      const unsigned char alpha = rows[r][i * kBytesPerPixel + kAlphaByte];
+      lowest = alpha < lowest ? alpha : lowest;
+    }
+    uint32_t pixel;
+    std::memcpy(&pixel, colours + i * kBytesPerPixel, sizeof pixel);
+    pixel = (pixel & 0x00FFFFFFu) | (static_cast<uint32_t>(lowest) << 24);
+    std::memcpy(out + i * kBytesPerPixel, &pixel, sizeof pixel);
+  }
+  return count;
+}
+
+inline size_t LeastAlphas_SSE2(const unsigned char* const* rows, size_t rowCount, const unsigned char* colours,
+                               size_t count, unsigned char* out) {
+  using erode_detail::Load;
+  const __m128i colourMask = _mm_set1_epi32(0x00FFFFFF);
+  size_t i = 0;
+  for (; i + 4 <= count; i += 4) {
+    const size_t offset = i * kBytesPerPixel;
+    __m128i lowest = _mm_set1_epi8(static_cast<char>(0xFF));
+    for (size_t r = 0; r < rowCount; ++r) lowest = _mm_min_epu8(lowest, Load(rows[r] + offset));
+    const __m128i colour = _mm_and_si128(Load(colours + offset), colourMask);
+    erode_detail::Store(out + offset, _mm_or_si128(colour, _mm_andnot_si128(colourMask, lowest)));
+  }
+  if (i == count) return count;
+  const unsigned char* tailRows[kMostLeastAlphaRows];
+  for (size_t r = 0; r < rowCount; ++r) tailRows[r] = rows[r] + i * kBytesPerPixel;
+  return i + LeastAlphas_Plain(tailRows, rowCount, colours + i * kBytesPerPixel, count - i,
+                                  out + i * kBytesPerPixel);
+}
+
+// GCC 12 warns inside its own AVX-512 headers, whose intrinsics start from
+// deliberately undefined registers.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+// 16 pixels at a time over `RowCount` rows held in registers (0: any count,
+// read from the list); returns the pixels done.
+template <size_t RowCount>
+KV_TARGET_AVX512VBMI inline size_t LeastAlphasBlocks_AVX512VBMI(const unsigned char* const* rows, size_t rowCount,
+                                                               const unsigned char* colours, size_t count,
+                                                               unsigned char* out) {
+  const __mmask64 alphaLanes = 0x8888888888888888ull;
+  const unsigned char* held[RowCount == 0 ? 1 : RowCount];
+  for (size_t r = 0; r < RowCount; ++r) held[r] = rows[r];
+  size_t i = 0;
+  for (; i + 16 <= count; i += 16) {
+    const size_t offset = i * kBytesPerPixel;
+    __m512i lowest = _mm512_set1_epi8(static_cast<char>(0xFF));
+    if (RowCount != 0) {
+      for (size_t r = 0; r < RowCount; ++r) lowest = _mm512_min_epu8(lowest, _mm512_loadu_si512(held[r] + offset));
+    } else {
+      for (size_t r = 0; r < rowCount; ++r) lowest = _mm512_min_epu8(lowest, _mm512_loadu_si512(rows[r] + offset));
+    }
+    _mm512_storeu_si512(out + offset, _mm512_mask_blend_epi8(alphaLanes, _mm512_loadu_si512(colours + offset), lowest));
+  }
+  return i;
+}
+
+KV_TARGET_AVX512VBMI inline size_t LeastAlphas_AVX512VBMI(const unsigned char* const* rows, size_t rowCount,
+                                                          const unsigned char* colours, size_t count,
+                                                          unsigned char* out) {
+  // The erode's usual windows (sizes 1 and 2) with their rows in registers.
+  size_t i;
+  if (rowCount == 3) {
+    i = LeastAlphasBlocks_AVX512VBMI<3>(rows, rowCount, colours, count, out);
+  } else if (rowCount == 5) {
+    i = LeastAlphasBlocks_AVX512VBMI<5>(rows, rowCount, colours, count, out);
+  } else {
+    i = LeastAlphasBlocks_AVX512VBMI<0>(rows, rowCount, colours, count, out);
+  }
+  if (i == count) return count;
+  const unsigned char* tailRows[kMostLeastAlphaRows];
+  for (size_t r = 0; r < rowCount; ++r) tailRows[r] = rows[r] + i * kBytesPerPixel;
+  return i + LeastAlphas_SSE2(tailRows, rowCount, colours + i * kBytesPerPixel, count - i, out + i * kBytesPerPixel);
+}
+
+KV_TARGET_AVX512VBMI inline size_t Minima_AVX512VBMI(unsigned char* values, const unsigned char* later, size_t count) {
+  size_t i = 0;
+  for (; i + 64 <= count; i += 64) {
+    _mm512_storeu_si512(values + i, _mm512_min_epu8(_mm512_loadu_si512(values + i), _mm512_loadu_si512(later + i)));
+  }
+  return i + Minima_SSE2(values + i, later + i, count - i);
+}
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
 // One kernel of each family, of one rung.
 struct ErodeKernels {
   ExtractAlphasKernel extractAlphas;
   MergeAlphasKernel mergeAlphas;
   MinimaKernel minima;
+  LeastAlphasKernel leastAlphas;
 };
 
 inline ErodeKernels ChooseErodeKernels() {
   return ErodeKernels{
       ChooseKernel(KernelRungs<ExtractAlphasKernel>{ExtractAlphas_Plain, ExtractAlphas_SSE2, nullptr, nullptr}),
       ChooseKernel(KernelRungs<MergeAlphasKernel>{MergeAlphas_Plain, MergeAlphas_SSE2, nullptr, nullptr}),
-      ChooseKernel(KernelRungs<MinimaKernel>{Minima_Plain, Minima_SSE2, nullptr, nullptr})};
+      ChooseKernel(KernelRungs<MinimaKernel>{Minima_Plain, Minima_SSE2, nullptr, nullptr, Minima_AVX512VBMI}),
+      ChooseKernel(
+          KernelRungs<LeastAlphasKernel>{LeastAlphas_Plain, LeastAlphas_SSE2, nullptr, nullptr, LeastAlphas_AVX512VBMI})};
 }
 
 }  // namespace image
