@@ -42,6 +42,7 @@ struct FocusRun;
 struct DiffuseArguments;
 struct PixelRun;
 struct ByteTables;
+struct SoftFocusArguments;
 
 // One pass procedure's work. Only the fields a pass reads are filled.
 struct StackBlurData {
@@ -366,7 +367,8 @@ class KVIMAGE_EXPORT SharpenRenderer : public AbstractRenderer {
 // trunc(blurred alpha x amount), and lays the result over what the
 // destination already holds, the source alpha as coverage: where the combined
 // alpha AlphaChannelBlend(destination alpha, source alpha) is 0 the
-// destination pixel is left as it is.
+// destination pixel is left as it is. Where the processor has AVX-512 VBMI and
+// the amount is within 0 .. 1, sixteen pixels at a time (the same bytes).
 class KVIMAGE_EXPORT SoftFocusRenderer : public AbstractRenderer {
  public:
   SoftFocusRenderer(KVBlendMode mode, unsigned int radius, double amount, const kvo::maths::KVRect& rect,
@@ -387,7 +389,9 @@ class KVIMAGE_EXPORT SoftFocusRenderer : public AbstractRenderer {
   kvo::KVLookupTables& tables;
   std::tr1::shared_ptr<NestedColourBlur> nestedBlur;  // kept between Setups with its scratch
   std::tr1::shared_ptr<KVAbstractImage> blurredImage;
-  int opacityOfAlpha[256];  // trunc(alpha x amount)
+  int opacityOfAlpha[256];          // trunc(alpha x amount)
+  unsigned char opacityBytes[256];  // the same as bytes, for the widest path (amount within 0 .. 1)
+  size_t (*kernel)(const FocusRun&, const SoftFocusArguments&);  // chosen in Setup
 };
 
 // ---------------------------------------------------------------------------
