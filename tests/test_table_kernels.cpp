@@ -75,14 +75,16 @@ TEST(TintVectorPath, EveryToneAndAmountGivesThePlainBytes) {
 
 // Widest kernels that compute what their plain twins read from tables or
 // walk byte by byte: the bleach bypass (its overlay table) at every amount's
-// weight, the diffuse stage's normal blend by the blurred alpha; over a
-// frame with most (byte, luminance) pairs, one byte off alignment.
+// weight, the diffuse stage's normal blend by the blurred alpha, the
+// three-strip weights (flat, ramped and zero curves); over a frame with most
+// (byte, luminance) pairs, one byte off alignment.
 TEST(WidestKernels, MatchTheirPlainTwins) {
   const std::vector<std::pair<const char*, std::vector<double> > > settings = {
       {"SetBleachBypass", {0.0, 0.6, 0.4}}, {"SetBleachBypass", {0.3, 0.6, 0.4}},
       {"SetBleachBypass", {0.8, 0.6, 0.4}}, {"SetBleachBypass", {1.0, 0.6, 0.4}},
       {"SetDiffuse", {3, 0.0, 0}},          {"SetDiffuse", {3, 0.45, 0}},
-      {"SetDiffuse", {5, 1.0, 0}}};
+      {"SetDiffuse", {5, 1.0, 0}},          {"SetThreeStripColor", {0.3, 0.5, 0.7}},
+      {"SetThreeStripColor", {0.0, 0.996, 0.004}}};
   for (const auto& setting : settings) {
     kvtest::Front front(kFrontEndProcessor, 253, 259, 1);
     ASSERT_EQ(0, front.Queue(setting.first, setting.second));
