@@ -76,8 +76,9 @@ TEST(TintVectorPath, EveryToneAndAmountGivesThePlainBytes) {
 // Widest kernels that compute what their plain twins read from tables or
 // walk byte by byte: the bleach bypass (its overlay table) at every amount's
 // weight, the diffuse stage's normal blend by the blurred alpha, the soft
-// focus stage's blends and its composite over the destination; over a
-// frame with most (byte, luminance) pairs, one byte off alignment.
+// focus stage's blends and its composite over the destination, the
+// three-strip weights (flat, ramped and zero curves); over a frame with most
+// (byte, luminance) pairs, one byte off alignment.
 TEST(WidestKernels, MatchTheirPlainTwins) {
   const std::vector<std::pair<const char*, std::vector<double> > > settings = {
       {"SetBleachBypass", {0.0, 0.6, 0.4}}, {"SetBleachBypass", {0.3, 0.6, 0.4}},
@@ -86,7 +87,8 @@ TEST(WidestKernels, MatchTheirPlainTwins) {
       {"SetDiffuse", {5, 1.0, 0}},
       {"SetSoftFocus", {kBlendScreen, 3, 0.6, 0, 0, 0, 0, 0}},     {"SetSoftFocus", {kBlendSoftLight, 2, 1.0, 0, 0, 0, 0, 0}},
       {"SetSoftFocus", {kBlendColorBurn, 2, 0.3, 0, 0, 0, 0, 0}},  {"SetSoftFocus", {kBlendReplace, 2, 0.5, 0, 0, 0, 0, 0}},
-      {"SetSoftFocus", {kBlendAdd, 4, 0.0, 0, 0, 0, 0, 0}},        {"SetSoftFocus", {kBlendNormal, 2, 0.8, 40, 30, 100, 90, 2}}};
+      {"SetSoftFocus", {kBlendAdd, 4, 0.0, 0, 0, 0, 0, 0}},        {"SetSoftFocus", {kBlendNormal, 2, 0.8, 40, 30, 100, 90, 2}},
+      {"SetThreeStripColor", {0.3, 0.5, 0.7}},                     {"SetThreeStripColor", {0.0, 0.996, 0.004}}};
   for (const auto& setting : settings) {
     kvtest::Front front(kFrontEndProcessor, 253, 259, 1);
     ASSERT_EQ(0, front.Queue(setting.first, setting.second));

@@ -394,10 +394,10 @@ class KVIMAGE_EXPORT ThreeStripColorRenderer : public AbstractRenderer {
   int m_curveB[256];
   int m_curveC[256];
   // Derived by Setup for the render loop: each curve looked up by a channel's
-  // excess over its neighbours' mean (-255..255, offset by 255).
-  int m_blueWeight[511];
-  int m_greenWeight[511];
-  int m_redWeight[511];
+  // excess over its neighbours' mean, negative excesses clamped to 0.
+  unsigned char m_blueWeight[256];
+  unsigned char m_greenWeight[256];
+  unsigned char m_redWeight[256];
   size_t (*m_kernel)(const PixelRun&, const ThreeStripArguments&);
 };
 

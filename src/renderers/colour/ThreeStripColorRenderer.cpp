@@ -5,6 +5,7 @@
 #include "pipeline/StageNeeds.h"
 #include "renderers/colour/PixelRun.h"
 #include "support/AssertionSites.h"
+#include "support/ByteLookup.h"
 #include "support/Conversions.h"
 #include "support/PathChoice.h"
 #include "support/PixelLayout.h"
@@ -12,12 +13,12 @@
 namespace kvo {
 namespace image {
 
-// Each curve's weight by a channel's excess over its neighbours' mean, the
-// pointers offset to excess 0.
+// Each curve's weight by a channel's excess over its neighbours' mean, 256
+// bytes each: a negative excess weighs as excess 0 (see Setup).
 struct ThreeStripArguments {
-  const int* blueWeight;
-  const int* greenWeight;
-  const int* redWeight;
+  const unsigned char* blueWeight;
+  const unsigned char* greenWeight;
+  const unsigned char* redWeight;
 };
 
 namespace {
@@ -39,6 +40,13 @@ void BuildCurve(double level, int* curve) {
   for (int i = 0; i < 256; ++i) curve[i] = i < start ? 0 : ClampToByte(TruncateToInt((i - start) * scale));
 }
 
+// How far a channel stands above the floor of its neighbours' mean, as the
+// weight tables index it: negative excesses weigh as 0.
+inline int Excess(int channel, int neighbourSum) {
+  const int excess = channel - (neighbourSum >> 1);
+  return excess < 0 ? 0 : excess;
+}
+
 // Each colour byte is scaled by the sum of the other two channels' curve
 // values, looked up by how far each channel stands above the mean of its two
 // neighbours, and shifted right by 9, so a byte never exceeds 254
@@ -47,9 +55,9 @@ size_t ThreeStrip_Plain(const PixelRun& run, const ThreeStripArguments& argument
   for (size_t i = 0; i < run.pixels * kBytesPerPixel; i += kBytesPerPixel) {
     const int blue = run.in[i + kBlueByte], green = run.in[i + kGreenByte], red = run.in[i + kRedByte];
     const unsigned char alpha = run.in[i + kAlphaByte];
-    const int blueCurve = arguments.blueWeight[blue - ((green + red) >> 1)];
-    const int greenCurve = arguments.greenWeight[green - ((blue + red) >> 1)];
-    const int redCurve = arguments.redWeight[red - ((blue + green) >> 1)];
+    const int blueCurve = arguments.blueWeight[Excess(blue, green + red)];
+    const int greenCurve = arguments.greenWeight[Excess(green, blue + red)];
+    const int redCurve = arguments.redWeight[Excess(red, blue + green)];
     run.out[i + kBlueByte] = static_cast<unsigned char>((blue * (greenCurve + redCurve)) >> 9);
     run.out[i + kGreenByte] = static_cast<unsigned char>((green * (redCurve + blueCurve)) >> 9);
     run.out[i + kRedByte] = static_cast<unsigned char>((red * (blueCurve + greenCurve)) >> 9);
@@ -62,11 +70,11 @@ KV_TARGET_AVX2 inline __m256i ByteLanes(__m256i pixels, int shift) {
   return _mm256_and_si256(_mm256_srli_epi32(pixels, shift), _mm256_set1_epi32(255));
 }
 
-// Reads the weights of eight excesses (table pointers offset to excess 0)
-// with scalar loads, which beat gathers on processors that microcode them.
-KV_TARGET_AVX2 inline __m256i WeightLanes(const int* weight, __m256i excess) {
+// Reads the weights of eight excesses with scalar loads, which beat gathers
+// on processors that microcode them.
+KV_TARGET_AVX2 inline __m256i WeightLanes(const unsigned char* weight, __m256i excess) {
   alignas(32) int at[8];
-  _mm256_store_si256(reinterpret_cast<__m256i*>(at), excess);
+  _mm256_store_si256(reinterpret_cast<__m256i*>(at), _mm256_max_epi32(excess, _mm256_setzero_si256()));
   return _mm256_setr_epi32(weight[at[0]], weight[at[1]], weight[at[2]], weight[at[3]], weight[at[4]], weight[at[5]],
                            weight[at[6]], weight[at[7]]);
 }
@@ -76,9 +84,9 @@ KV_TARGET_AVX2 inline __m256i WeightLanes(const int* weight, __m256i excess) {
 KV_TARGET_AVX2 size_t ThreeStrip_AVX2(const PixelRun& run, const ThreeStripArguments& arguments) {
   const unsigned char* in = run.in;
   unsigned char* out = run.out;
-  const int* blueWeight = arguments.blueWeight;
-  const int* greenWeight = arguments.greenWeight;
-  const int* redWeight = arguments.redWeight;
+  const unsigned char* blueWeight = arguments.blueWeight;
+  const unsigned char* greenWeight = arguments.greenWeight;
+  const unsigned char* redWeight = arguments.redWeight;
   size_t k = 0;
   for (; k + 8 <= run.pixels; k += 8) {
     const __m256i pixels = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in + k * kBytesPerPixel));
@@ -109,7 +117,95 @@ KV_TARGET_AVX2 size_t ThreeStrip_AVX2(const PixelRun& run, const ThreeStripArgum
   return k;
 }
 
-const KernelRungs<ThreeStripKernel> kThreeStripRungs = {ThreeStrip_Plain, nullptr, nullptr, ThreeStrip_AVX2};
+// GCC 12 warns inside its own AVX-512 headers, whose intrinsics start from
+// deliberately undefined registers.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+// The three weight tables in registers.
+struct ThreeStripRegisters {
+  ByteTableRegisters weight[3];  // blue, green, red
+};
+
+// Sixteen pixels of the plain kernel's arithmetic, kept in place (colour
+// order blue, green, red, alpha). Each colour byte's neighbours are
+// shuffled under it; the floor of their mean is the rounded-up mean less
+// the odd bit, and the excess saturates at 0, which weighs as any negative
+// excess. Each byte then looks up its own channel's table. The products go
+// through 16-bit lanes, (blue, green) and (red, alpha) of each pixel, with
+// the weight sums taken 128 times: a colour byte c <= 255 and a sum
+// s <= 510 give mulhi(c, 128 s) = (c s) >> 9 exactly, and 128 s < 65536.
+// Each sum is the pixel's three weights less the byte's own; the total
+// (up to 765 x 128) wraps in 16 bits, but the difference it leaves fits, so
+// the wrap cancels.
+KV_TARGET_AVX512VBMI inline __m512i ThreeStripBlock_AVX512VBMI(__m512i pixels, const ThreeStripRegisters& tables) {
+  // The byte shuffles index within 16-byte lanes: pixel j of a lane starts at
+  // byte 4 j.
+  const __m512i pixelStart = _mm512_set4_epi32(0x0C0C0C0C, 0x08080808, 0x04040404, 0);
+  const __m512i firstNeighbour = _mm512_add_epi8(
+      pixelStart, _mm512_set1_epi32(static_cast<int>((kGreenByte << (8 * kBlueByte)) | (kRedByte << (8 * kGreenByte)) |
+                                                     (kBlueByte << (8 * kRedByte)) |
+                                                     (static_cast<unsigned int>(kAlphaByte) << (8 * kAlphaByte)))));
+  const __m512i secondNeighbour = _mm512_add_epi8(
+      pixelStart, _mm512_set1_epi32(static_cast<int>((kRedByte << (8 * kBlueByte)) | (kBlueByte << (8 * kGreenByte)) |
+                                                     (kGreenByte << (8 * kRedByte)) |
+                                                     (static_cast<unsigned int>(kAlphaByte) << (8 * kAlphaByte)))));
+  const __m512i first = _mm512_shuffle_epi8(pixels, firstNeighbour);
+  const __m512i second = _mm512_shuffle_epi8(pixels, secondNeighbour);
+  const __m512i oddBit = _mm512_and_si512(_mm512_xor_si512(first, second), _mm512_set1_epi8(1));
+  const __m512i mean = _mm512_sub_epi8(_mm512_avg_epu8(first, second), oddBit);
+  const __m512i excess = _mm512_subs_epu8(pixels, mean);
+  const __mmask64 greenBytes = 0x1111111111111111ull << kGreenByte, redBytes = 0x1111111111111111ull << kRedByte;
+  __m512i weight = LookUpBytes_AVX512VBMI(excess, tables.weight[0]);
+  weight = _mm512_mask_blend_epi8(greenBytes, weight, LookUpBytes_AVX512VBMI(excess, tables.weight[1]));
+  weight = _mm512_mask_blend_epi8(redBytes, weight, LookUpBytes_AVX512VBMI(excess, tables.weight[2]));
+  // 128 times each weight: blue and red in their lanes, green in its pixel's
+  // first lane (the alpha byte's weight dropped).
+  const __m512i lane = _mm512_set1_epi16(255 << 7);
+  const __m512i blueRed = _mm512_and_si512(_mm512_slli_epi16(weight, 7), lane);
+  const __m512i green = _mm512_and_si512(_mm512_srli_epi32(weight, 1), _mm512_set1_epi32(255 << 7));
+  const __m512i partial = _mm512_add_epi16(blueRed, green);
+  const __m512i total = _mm512_add_epi16(partial, _mm512_rol_epi32(partial, 16));
+  const __m512i newBlueRed = _mm512_mulhi_epu16(_mm512_and_si512(pixels, _mm512_set1_epi16(255)),
+                                                _mm512_sub_epi16(total, blueRed));
+  const __m512i newGreen = _mm512_mulhi_epu16(_mm512_srli_epi16(pixels, 8), _mm512_sub_epi16(total, green));
+  const __m512i result = _mm512_or_si512(newBlueRed, _mm512_slli_epi16(newGreen, 8));
+  return _mm512_mask_blend_epi8(0x1111111111111111ull << kAlphaByte, result, pixels);
+}
+
+// The plain kernel sixteen pixels at a time, two blocks a step.
+KV_TARGET_AVX512VBMI size_t ThreeStrip_AVX512VBMI(const PixelRun& run, const ThreeStripArguments& arguments) {
+  ThreeStripRegisters tables;
+  LoadByteTable_AVX512VBMI(arguments.blueWeight, tables.weight[0]);
+  LoadByteTable_AVX512VBMI(arguments.greenWeight, tables.weight[1]);
+  LoadByteTable_AVX512VBMI(arguments.redWeight, tables.weight[2]);
+  const unsigned char* const in = run.in;
+  unsigned char* const out = run.out;
+  const size_t pixels = run.pixels;
+  size_t k = 0;
+  for (; k + 32 <= pixels; k += 32) {
+    const unsigned char* from = in + k * kBytesPerPixel;
+    unsigned char* to = out + k * kBytesPerPixel;
+    const __m512i first = ThreeStripBlock_AVX512VBMI(_mm512_loadu_si512(from), tables);
+    const __m512i second = ThreeStripBlock_AVX512VBMI(_mm512_loadu_si512(from + 64), tables);
+    _mm512_storeu_si512(to, first);
+    _mm512_storeu_si512(to + 64, second);
+  }
+  for (; k + 16 <= pixels; k += 16) {
+    _mm512_storeu_si512(out + k * kBytesPerPixel,
+                        ThreeStripBlock_AVX512VBMI(_mm512_loadu_si512(in + k * kBytesPerPixel), tables));
+  }
+  return k;
+}
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
+const KernelRungs<ThreeStripKernel> kThreeStripRungs = {ThreeStrip_Plain, nullptr, nullptr, ThreeStrip_AVX2,
+                                                        ThreeStrip_AVX512VBMI};
 
 }  // namespace
 
@@ -118,8 +214,7 @@ StageNeeds NeedsOf(const ThreeStripColorRenderer&) {
   return StageNeeds{nullptr, true, [](AbstractRenderer& base, const PixelBlock& block) {
                       const ThreeStripColorRenderer& self = static_cast<ThreeStripColorRenderer&>(base);
                       RunKernel(self.m_kernel, ThreeStrip_Plain, RunOf(block),
-                                ThreeStripArguments{self.m_blueWeight + 255, self.m_greenWeight + 255,
-                                                    self.m_redWeight + 255});
+                                ThreeStripArguments{self.m_blueWeight, self.m_greenWeight, self.m_redWeight});
                     }};
 }
 
@@ -130,13 +225,14 @@ void ThreeStripColorRenderer::Setup(KVAbstractImage*) {
   BuildCurve(m_levelA, m_curveA);
   BuildCurve(m_levelB, m_curveB);
   BuildCurve(m_levelC, m_curveC);
-  // Blue's excess indexes curve C, green's curve B, red's curve A; the
-  // render loop looks each one up by the unclamped excess.
-  for (int excess = -255; excess <= 255; ++excess) {
-    const int inverted = 255 - ClampToByte(excess);
-    m_blueWeight[excess + 255] = m_curveC[inverted];
-    m_greenWeight[excess + 255] = m_curveB[inverted];
-    m_redWeight[excess + 255] = m_curveA[inverted];
+  // Blue's excess indexes curve C, green's curve B, red's curve A, each at
+  // 255 less the excess clamped to a byte: every negative excess weighs as
+  // excess 0, so the kernels clamp it there and look up 256 entries. A curve
+  // holds bytes (0..255), so the weights are bytes too.
+  for (int excess = 0; excess <= 255; ++excess) {
+    m_blueWeight[excess] = static_cast<unsigned char>(m_curveC[255 - excess]);
+    m_greenWeight[excess] = static_cast<unsigned char>(m_curveB[255 - excess]);
+    m_redWeight[excess] = static_cast<unsigned char>(m_curveA[255 - excess]);
   }
   m_kernel = ChooseKernel(kThreeStripRungs);
 }
@@ -164,7 +260,7 @@ int ThreeStripColorRenderer::RenderWith(ThreeStripKernel kernel, KVAbstractImage
                                         unsigned char threadCount) {
   PixelRun run;
   if (!PlainPathShare(source, destination, threadIndex, threadCount, run)) return 0;
-  RunKernel(kernel, ThreeStrip_Plain, run, ThreeStripArguments{m_blueWeight + 255, m_greenWeight + 255, m_redWeight + 255});
+  RunKernel(kernel, ThreeStrip_Plain, run, ThreeStripArguments{m_blueWeight, m_greenWeight, m_redWeight});
   return 0;
 }
 
