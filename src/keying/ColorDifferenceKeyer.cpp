@@ -11,6 +11,7 @@
 #include <kvimage/keying.h>
 
 #include "pipeline/StageNeeds.h"
+#include "support/ByteLookup.h"
 #include "support/Conversions.h"
 #include "support/ParallelPass.h"
 #include "support/PathChoice.h"
@@ -123,15 +124,14 @@ KV_TARGET_SSSE3 size_t KeyAlphas_SSSE3(const KeyAlphaRun& run) {
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 
-// The same 64 pixels at a time: the 64 weights are looked up in registers
-// (the 256-byte table as two 128-byte halves, picked by the matte byte's top
-// bit), and each 16-bit product sits in the low half of its pixel's lane.
+// The same 64 pixels at a time: the 64 weights are looked up in registers,
+// and each 16-bit product sits in the low half of its pixel's lane.
 KV_TARGET_AVX512VBMI size_t KeyAlphas_AVX512VBMI(const KeyAlphaRun& run) {
   const unsigned char* in = run.in;
   unsigned char* out = run.out;
   const unsigned char* matte = run.matte;
-  __m512i table[4];
-  for (int k = 0; k < 4; ++k) table[k] = _mm512_loadu_si512(run.weights + 64 * k);
+  ByteTableRegisters table;
+  LoadByteTable_AVX512VBMI(run.weights, table);
   const __mmask64 alphaLanes = 0x8888888888888888ull;
   const __m512i rounding = _mm512_set1_epi32(127), reciprocal = _mm512_set1_epi32(0x8081);
   // Weight 16 * k + j to the low byte of lane j, the other bytes zeroed.
@@ -144,9 +144,7 @@ KV_TARGET_AVX512VBMI size_t KeyAlphas_AVX512VBMI(const KeyAlphaRun& run) {
   size_t i = 0;
   for (; i + 64 <= run.matted; i += 64) {
     const __m512i values = _mm512_loadu_si512(matte + i);
-    const __m512i low = _mm512_permutex2var_epi8(table[0], values, table[1]);
-    const __m512i high = _mm512_permutex2var_epi8(table[2], values, table[3]);
-    const __m512i w = _mm512_mask_blend_epi8(_mm512_movepi8_mask(values), low, high);
+    const __m512i w = LookUpBytes_AVX512VBMI(values, table);
     for (int k = 0; k < 4; ++k) {
       const __m512i p = _mm512_loadu_si512(in + (i + 16 * k) * kBytesPerPixel);
       const __m512i weight = _mm512_maskz_permutexvar_epi8(lowBytes, spread[k], w);
