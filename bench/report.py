@@ -281,23 +281,25 @@ def render(context, rows, args):
     met = missed = 0
     missed_names = []
 
-    def judge(description, name, limit, strict, value):
+    def judge(columns, name, limit, strict, value):
+        """One target's row: its leading columns, limit, measured value and verdict."""
         nonlocal met, missed
+        lead = " | ".join(columns)
+        bound = f"{'<' if strict else '≤'} {limit}×"
         if value is None:
-            out.append(f"| {description} | {name} | {'<' if strict else '≤'} {limit}× | – | not measured |")
+            out.append(f"| {lead} | {bound} | – | not measured |")
             return
         ok = value < limit if strict else value <= limit
         met += ok
         missed += not ok
         if not ok:
             missed_names.append(name)
-        out.append(f"| {description} | {name} | {'<' if strict else '≤'} {limit}× | {value:.2f}× | "
-                   f"{'met' if ok else '**not met**'} |")
+        out.append(f"| {lead} | {bound} | {value:.2f}× | {'met' if ok else '**not met**'} |")
 
     for label, (description, limit, strict) in TARGETS.items():
         for row in ordered:
             if row.label == label and row.size == TARGET_SIZE and row.cores == TARGET_CORES:
-                judge(description, row.stage, limit, strict, ratio(memcpy, row))
+                judge([description, row.stage], row.stage, limit, strict, ratio(memcpy, row))
     out.append("")
     out.append(f"Relative targets ({TARGET_SIZE}, {TARGET_CORES} cores, ratio of one benchmark's time to the "
                "summed time of others in the same run):")
@@ -308,17 +310,7 @@ def render(context, rows, args):
         row = rows.get(f"{name}/{TARGET_SIZE}/cores:{TARGET_CORES}")
         bases = [rows.get(f"{r}/{TARGET_SIZE}/cores:{TARGET_CORES}") for r in references]
         value = row.ms / sum(b.ms for b in bases) if row and all(bases) else None
-        against = " + ".join(references)
-        if value is None:
-            out.append(f"| {description} | {name} | {against} | ≤ {limit}× | – | not measured |")
-            continue
-        ok = value <= limit
-        met += ok
-        missed += not ok
-        if not ok:
-            missed_names.append(name)
-        out.append(f"| {description} | {name} | {against} | ≤ {limit}× | {value:.2f}× | "
-                   f"{'met' if ok else '**not met**'} |")
+        judge([description, name, " + ".join(references)], name, limit, False, value)
     out.append("")
     out.append(f"Targets met: {met} of {met + missed}."
                + (" Not met: " + ", ".join(missed_names) + "." if missed_names else ""))
