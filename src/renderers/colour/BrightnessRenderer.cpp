@@ -83,16 +83,13 @@ void BrightnessRenderer::Setup(KVAbstractImage*) {
   // A NaN brightness gives the most negative offset; i + offset cannot
   // overflow for i >= 0.
   for (int i = 0; i < 256; ++i) m_table[i] = static_cast<unsigned char>(ClampToByte(i + offset));
-  ByteTables formula;
-  TabulateKernel<BrightnessArguments>(Brightness_SSE2, Arguments(), m_vectorTables, formula);
-  for (unsigned int k = 0; k < kBytesPerPixel; ++k) m_formulaBytes[k] = formula.byte[k];
+  TabulateKernel<BrightnessArguments>(Brightness_SSE2, Arguments(), m_vectorTables, m_formulaBytes);
   m_kernel = ChooseKernel(kBrightnessRungs, m_extensions.sse2);
   m_tablesKernel = ChooseByteTablesKernel();
 }
 
 BrightnessArguments BrightnessRenderer::Arguments() const {
-  return BrightnessArguments{m_table, m_channels, m_brightness, m_tablesKernel,
-                             ByteTables{{m_formulaBytes[0], m_formulaBytes[1], m_formulaBytes[2], m_formulaBytes[3]}}};
+  return BrightnessArguments{m_table, m_channels, m_brightness, m_tablesKernel, TablesOf(m_formulaBytes)};
 }
 
 int BrightnessRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,

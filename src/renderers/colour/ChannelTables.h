@@ -204,7 +204,7 @@ inline PixelKernel<ByteTables> ChooseByteTablesKernel() {
 // registers.
 template <class Arguments>
 void TabulateKernel(PixelKernel<Arguments> kernel, const Arguments& arguments, unsigned char (&entries)[4][256],
-                    ByteTables& tables) {
+                    const unsigned char* (&tables)[4]) {
   alignas(16) unsigned char ramp[256 * kBytesPerPixel], mapped[256 * kBytesPerPixel];
   for (unsigned int i = 0; i < 256; ++i) std::memset(ramp + i * kBytesPerPixel, static_cast<int>(i), kBytesPerPixel);
   kernel(PixelRun{ramp, mapped, 256, true}, arguments);
@@ -214,12 +214,17 @@ void TabulateKernel(PixelKernel<Arguments> kernel, const Arguments& arguments, u
       entries[k][i] = mapped[i * kBytesPerPixel + k];
       kept = kept && entries[k][i] == i;
     }
-    tables.byte[k] = kept ? nullptr : entries[k];
+    tables[k] = kept ? nullptr : entries[k];
     // Bytes mapped alike share one table, and so one lookup.
-    for (unsigned int j = 0; j < k && tables.byte[k] != nullptr; ++j) {
-      if (tables.byte[j] != nullptr && std::memcmp(entries[j], entries[k], 256) == 0) tables.byte[k] = tables.byte[j];
+    for (unsigned int j = 0; j < k && tables[k] != nullptr; ++j) {
+      if (tables[j] != nullptr && std::memcmp(entries[j], entries[k], 256) == 0) tables[k] = tables[j];
     }
   }
+}
+
+// A stage's four table pointers as the byte-table kernels take them.
+inline ByteTables TablesOf(const unsigned char* const (&tables)[4]) {
+  return ByteTables{{tables[0], tables[1], tables[2], tables[3]}};
 }
 
 // The widest path of a stage whose vector formula is tabulated

@@ -83,17 +83,14 @@ void ColorBalanceRenderer::Setup(KVAbstractImage*) {
   BuildGainTable(m_red, m_redTable);
   BuildGainTable(m_green, m_greenTable);
   BuildGainTable(m_blue, m_blueTable);
-  ByteTables formula;
-  TabulateKernel<ColorBalanceArguments>(ColorBalance_SSE2, Arguments(), m_vectorTables, formula);
-  for (unsigned int k = 0; k < kBytesPerPixel; ++k) m_formulaBytes[k] = formula.byte[k];
+  TabulateKernel<ColorBalanceArguments>(ColorBalance_SSE2, Arguments(), m_vectorTables, m_formulaBytes);
   m_kernel = ChooseKernel(kColorBalanceRungs, m_extensions.sse2);
   m_tablesKernel = ChooseByteTablesKernel();
 }
 
 ColorBalanceArguments ColorBalanceRenderer::Arguments() const {
-  return ColorBalanceArguments{
-      m_blueTable, m_greenTable, m_redTable, m_blue, m_green, m_red, m_tablesKernel,
-      ByteTables{{m_formulaBytes[0], m_formulaBytes[1], m_formulaBytes[2], m_formulaBytes[3]}}};
+  return ColorBalanceArguments{m_blueTable, m_greenTable, m_redTable, m_blue, m_green, m_red, m_tablesKernel,
+                               TablesOf(m_formulaBytes)};
 }
 
 int ColorBalanceRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,

@@ -92,16 +92,13 @@ void ContrastRenderer::Setup(KVAbstractImage*) {
     const int product = static_cast<int>(static_cast<uint32_t>(j) * static_cast<uint32_t>(c));
     m_table[i] = static_cast<unsigned char>(ClampToByte(product / 256 + kPivot));
   }
-  ByteTables formula;
-  TabulateKernel<ContrastArguments>(Contrast_SSE2, Arguments(), m_vectorTables, formula);
-  for (unsigned int k = 0; k < kBytesPerPixel; ++k) m_formulaBytes[k] = formula.byte[k];
+  TabulateKernel<ContrastArguments>(Contrast_SSE2, Arguments(), m_vectorTables, m_formulaBytes);
   m_kernel = ChooseKernel(kContrastRungs, m_extensions.sse2);
   m_tablesKernel = ChooseByteTablesKernel();
 }
 
 ContrastArguments ContrastRenderer::Arguments() const {
-  return ContrastArguments{m_table, m_channels, m_contrast, m_tablesKernel,
-                           ByteTables{{m_formulaBytes[0], m_formulaBytes[1], m_formulaBytes[2], m_formulaBytes[3]}}};
+  return ContrastArguments{m_table, m_channels, m_contrast, m_tablesKernel, TablesOf(m_formulaBytes)};
 }
 
 int ContrastRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,

@@ -67,15 +67,12 @@ OpacityRenderer::OpacityRenderer(double opacity, const kvtl::CPUExtensions& exte
 }
 
 void OpacityRenderer::Setup(KVAbstractImage*) {
-  ByteTables formula;
-  TabulateKernel<OpacityArguments>(Opacity_SSE2, Arguments(), m_vectorTables, formula);
-  for (unsigned int k = 0; k < kBytesPerPixel; ++k) m_formulaBytes[k] = formula.byte[k];
+  TabulateKernel<OpacityArguments>(Opacity_SSE2, Arguments(), m_vectorTables, m_formulaBytes);
   m_kernel = ChooseKernel(kOpacityRungs, m_extensions.sse2);
 }
 
 OpacityArguments OpacityRenderer::Arguments() const {
-  return OpacityArguments{m_opacity,
-                          ByteTables{{m_formulaBytes[0], m_formulaBytes[1], m_formulaBytes[2], m_formulaBytes[3]}}};
+  return OpacityArguments{m_opacity, TablesOf(m_formulaBytes)};
 }
 
 int OpacityRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,

@@ -190,17 +190,13 @@ void SuperContrastRenderer::Setup(KVAbstractImage*) {
     }
     m_table[i] = static_cast<unsigned char>(value);
   }
-  ByteTables formula;
-  TabulateKernel<SuperContrastArguments>(SuperContrast_SSE2, Arguments(), m_vectorTables, formula);
-  for (unsigned int k = 0; k < kBytesPerPixel; ++k) m_formulaBytes[k] = formula.byte[k];
+  TabulateKernel<SuperContrastArguments>(SuperContrast_SSE2, Arguments(), m_vectorTables, m_formulaBytes);
   m_kernel = ChooseKernel(kSuperContrastRungs, m_extensions.sse2);
   m_tablesKernel = ChooseByteTablesKernel();
 }
 
 SuperContrastArguments SuperContrastRenderer::Arguments() const {
-  return SuperContrastArguments{
-      m_table, m_channels, m_low, m_high,
-      ByteTables{{m_formulaBytes[0], m_formulaBytes[1], m_formulaBytes[2], m_formulaBytes[3]}}};
+  return SuperContrastArguments{m_table, m_channels, m_low, m_high, TablesOf(m_formulaBytes)};
 }
 
 int SuperContrastRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
