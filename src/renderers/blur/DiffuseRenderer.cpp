@@ -3,8 +3,6 @@
 
 #include <immintrin.h>
 
-#include <algorithm>
-
 #include "compositing/BlendOperations.h"
 #include "renderers/blur/FocusBlur.h"
 #include "support/ByteLookup.h"
@@ -90,19 +88,16 @@ DiffuseRenderer::DiffuseRenderer(unsigned int radius_, double amount_, double bl
     : amount(amount_),
       factor(factor_),
       nestedBlur(new NestedColourBlur(tables_, factor_, radius_, blurParameter_)) {
-  FillBlendOpacities(opacityOfAlpha, amount);
-  for (int alpha = 0; alpha < 256; ++alpha) opacityBytes[alpha] = static_cast<unsigned char>(opacityOfAlpha[alpha]);
+  FillBlendOpacities(opacityOfAlpha, opacityBytes, amount);
   kernel = Diffuse_Plain;
 }
 
 void DiffuseRenderer::Setup(KVAbstractImage* image) {
   nestedBlur->RunIntoCopy(blurredImage, image, WholeImageBlurRect(image, factor), kDiffuseSites);
-  const bool opacitiesAreBytes = std::all_of(opacityOfAlpha, opacityOfAlpha + 256, [](int opacity) {
-    return opacity >= 0 && opacity <= 255;
-  });
-  kernel = opacitiesAreBytes ? ChooseKernel(KernelRungs<DiffuseKernel>{Diffuse_Plain, nullptr, nullptr, nullptr,
-                                                                       Diffuse_AVX512VBMI})
-                             : Diffuse_Plain;
+  kernel = OpacitiesAreBytes(opacityOfAlpha)
+               ? ChooseKernel(KernelRungs<DiffuseKernel>{Diffuse_Plain, nullptr, nullptr, nullptr,
+                                             Diffuse_AVX512VBMI})
+               : Diffuse_Plain;
 }
 
 int DiffuseRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,

@@ -75,8 +75,16 @@ size_t FocusByteLimit(const KVAbstractImage* source, const KVAbstractImage* dest
   return std::min(CommonByteSize(source, destination), static_cast<size_t>(blurred->BufferByteSize()));
 }
 
-void FillBlendOpacities(int (&opacityOfAlpha)[256], double amount) {
-  for (int alpha = 0; alpha < 256; ++alpha) opacityOfAlpha[alpha] = TruncateToInt(alpha * amount);
+void FillBlendOpacities(int (&opacityOfAlpha)[256], unsigned char (&opacityBytes)[256], double amount) {
+  for (int alpha = 0; alpha < 256; ++alpha) {
+    opacityOfAlpha[alpha] = TruncateToInt(alpha * amount);
+    opacityBytes[alpha] = static_cast<unsigned char>(opacityOfAlpha[alpha]);
+  }
+}
+
+bool OpacitiesAreBytes(const int (&opacityOfAlpha)[256]) {
+  return std::all_of(opacityOfAlpha, opacityOfAlpha + 256,
+                     [](int opacity) { return opacity >= 0 && opacity <= 255; });
 }
 
 }  // namespace image

@@ -66,8 +66,13 @@ class NestedColourBlur {
 size_t FocusByteLimit(const KVAbstractImage* source, const KVAbstractImage* destination,
                       const KVAbstractImage* blurred);
 
-// trunc(alpha x amount) for every alpha: the blend opacity of a blurred alpha.
-void FillBlendOpacities(int (&opacityOfAlpha)[256], double amount);
+// trunc(alpha x amount) for every alpha: the blend opacity of a blurred alpha,
+// and the same truncated to bytes for the widest kernels.
+void FillBlendOpacities(int (&opacityOfAlpha)[256], unsigned char (&opacityBytes)[256], double amount);
+
+// Whether every opacity is a byte (an amount within 0 .. 1), as the widest
+// kernels, which look them up as bytes, need.
+bool OpacitiesAreBytes(const int (&opacityOfAlpha)[256]);
 
 // A focus stage's Render: only 8-bit BGRA images reach its pixel pass.
 template <class Stage>

@@ -3,7 +3,6 @@
 
 #include <immintrin.h>
 
-#include <algorithm>
 #include <cstdint>
 
 #include "compositing/BlendOperations.h"
@@ -207,8 +206,7 @@ SoftFocusRenderer::SoftFocusRenderer(KVBlendMode mode_, unsigned int radius_, do
       rect(rect_),
       tables(tables_),
       nestedBlur(new NestedColourBlur(tables_, factor_, radius_, blurParameter_)) {
-  FillBlendOpacities(opacityOfAlpha, amount);
-  for (int alpha = 0; alpha < 256; ++alpha) opacityBytes[alpha] = static_cast<unsigned char>(opacityOfAlpha[alpha]);
+  FillBlendOpacities(opacityOfAlpha, opacityBytes, amount);
   kernel = SoftFocus_Plain;
 }
 
@@ -216,12 +214,10 @@ SoftFocusRenderer::SoftFocusRenderer(KVBlendMode mode_, unsigned int radius_, do
 // the radius.
 void SoftFocusRenderer::Setup(KVAbstractImage* image) {
   nestedBlur->RunIntoCopy(blurredImage, image, rect, kSoftFocusSites);
-  const bool opacitiesAreBytes = std::all_of(opacityOfAlpha, opacityOfAlpha + 256, [](int opacity) {
-    return opacity >= 0 && opacity <= 255;
-  });
-  kernel = opacitiesAreBytes ? ChooseKernel(KernelRungs<SoftFocusKernel>{SoftFocus_Plain, nullptr, nullptr, nullptr,
-                                                                         SoftFocus_AVX512VBMI})
-                             : SoftFocus_Plain;
+  kernel = OpacitiesAreBytes(opacityOfAlpha)
+               ? ChooseKernel(KernelRungs<SoftFocusKernel>{SoftFocus_Plain, nullptr, nullptr, nullptr,
+                                               SoftFocus_AVX512VBMI})
+               : SoftFocus_Plain;
 }
 
 int SoftFocusRenderer::Render(KVAbstractImage* source, KVAbstractImage* destination, unsigned char threadIndex,
